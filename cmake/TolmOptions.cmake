@@ -1,0 +1,42 @@
+# Everything that a person may choose, and the flags that all of our own code is compiled with.
+option(TOLM_BUILD_TESTS "Build the tests" ON)
+option(TOLM_BUILD_BENCH "Build the measurements" OFF)
+option(TOLM_BUILD_FUZZ "Build the fuzz targets (clang only)" OFF)
+set(TOLM_SANITIZE "" CACHE STRING "Sanitizers for everything, for instance address,undefined or thread")
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_C_STANDARD 11)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_C_VISIBILITY_PRESET hidden)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
+set(CMAKE_ARCHIVE_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
+
+find_program(TOLM_CCACHE ccache)
+if(TOLM_CCACHE)
+  set(CMAKE_C_COMPILER_LAUNCHER ${TOLM_CCACHE})
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${TOLM_CCACHE})
+endif()
+
+find_package(Threads REQUIRED)
+
+# What every target of ours is compiled with. Third-party code gets none of it.
+add_library(tolm_flags INTERFACE)
+target_compile_options(tolm_flags INTERFACE -Wall -Wextra -Wconversion -Wshadow -Werror
+  # Log lines and messages name source files from the project's root, on every machine alike.
+  -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+  # Inherited constructors and designated initialisers trip these without a fault in the code.
+  target_compile_options(tolm_flags INTERFACE -Wno-missing-field-initializers)
+endif()
+target_link_libraries(tolm_flags INTERFACE Threads::Threads)
+
+if(TOLM_SANITIZE)
+  add_compile_options(-fsanitize=${TOLM_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${TOLM_SANITIZE})
+endif()

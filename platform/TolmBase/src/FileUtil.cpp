@@ -1,0 +1,47 @@
+#include "TolmBase/FileUtil.h"
+
+#include <mutex>
+
+#include "TolmBase/StringUtil.h"
+#include "os/ExecutablePath.h"
+
+namespace Tolm::Base::FileUtil {
+namespace {
+
+struct Published {
+  std::mutex mutex;
+  std::string utf8_dir;
+};
+
+Published& GetPublished() {
+  // Never destroyed: threads may still ask while the process exits.
+  static Published& published = *new Published;
+  return published;
+}
+
+}  // namespace
+
+// The systems that are served have UTF-8 as their local code page, so the one directory serves both.
+std::string GetCurExeDir() {
+  return os::ExecutableDirectory();
+}
+
+void InitCurExeDirUtf8(const std::string& utf8_dir) {
+  std::string dir = utf8_dir;
+  // An unknown directory stays unknown: a separator alone would name the root.
+  if (!dir.empty() && dir.back() != '/' && dir.back() != '\\') dir += '/';
+  Published& published = GetPublished();
+  const std::lock_guard lock(published.mutex);
+  published.utf8_dir.swap(dir);
+}
+
+std::string GetCurExeDirUtf8() {
+  Published& published = GetPublished();
+  {
+    const std::lock_guard lock(published.mutex);
+    if (!published.utf8_dir.empty()) return published.utf8_dir;
+  }
+  return StringUtil::Local2UTF8(GetCurExeDir());
+}
+
+}  // namespace Tolm::Base::FileUtil

@@ -1,0 +1,416 @@
+#include "TolmLPCServer/LpcClient.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <exception>
+#include <mutex>
+#include <random>
+#include <utility>
+
+#include "LastError.h"
+#include "TolmBase/LogLine.h"
+#include "os/LocalStream.h"
+#include "wire/IoLoop.h"
+#include "wire/Link.h"
+
+namespace lpcclient {
+namespace {
+
+using TimePoint = lpc::wire::IoLoop::Clock::time_point;
+using Milliseconds = std::chrono::milliseconds;
+
+constexpr char kTag[] = "TolmLPCServer";
+constexpr char kFrameName[] = "frame";
+constexpr int kFlushMs = 1000;
+
+class CallTask final : public Tolm::Base::CTask {
+ public:
+  explicit CallTask(std::function<void()> call) : call_(std::move(call)) {}
+  void Run() override { call_(); }
+
+ private:
+  const std::function<void()> call_;
+};
+
+}  // namespace
+
+//   idle ──due──► connecting ──WELCOME──► open ──► (lost, refused, too slow) ──► idle, due after a pause
+class CLpcClient::Core final : public lpc::wire::LinkOwner, public std::enable_shared_from_this<Core> {
+ public:
+  explicit Core(Settings settings)
+      : settings_(std::move(settings)),
+        transport_(settings_.transport != nullptr ? *settings_.transport : os::SystemTransport()) {}
+
+  int Start();
+  void Stop();
+  bool WaitConnected(int time_out) const;
+  bool IsConnected() const;
+  std::uint64_t NextId(bool waiting) {
+    return next_id_.fetch_add(1, std::memory_order_relaxed) * 2 + (waiting ? 1 : 0);
+  }
+
+  /// Runs `operation` on the open connection and leaves its error.
+  template <typename Operation>
+  bool Attempt(Operation&& operation);
+
+  lpc::Statistics GetStatistics() const;
+  const Settings& settings() const { return settings_; }
+
+  bool OnHandshake(lpc::wire::Link& link, const lpc::wire::FrameHeader& header,
+                   std::string_view payload) override;
+  std::unique_ptr<Tolm::Base::CTask> OnMessage(lpc::wire::Link& link, lpc::wire::InboundMessage&& message,
+                                               std::shared_ptr<const void> lease) override;
+  void OnPong(lpc::wire::Link& /*link*/) override {}
+  void OnLateReply(lpc::wire::Link& /*link*/) override { late_replies_.fetch_add(1); }
+  void OnClosed(lpc::wire::Link& link, int error, const std::string& reason) override;
+
+ private:
+  class MessageTask;
+  enum class State { kNew, kRunning, kStopped };
+
+  TimePoint Housekeeping(TimePoint now);
+  void Connect();
+  void ScheduleAttempt();
+  void Post(std::function<void()> call) { loop_->Post(std::make_unique<CallTask>(std::move(call))); }
+  std::shared_ptr<lpc::wire::Link> OpenLink() const;
+
+  const Settings settings_;
+  os::LocalTransport& transport_;
+  std::shared_ptr<lpc::wire::IoLoop> loop_;  // set by Start
+  std::atomic<std::uint64_t> next_id_{1};
+  std::atomic<std::uint64_t> connections_{0};
+  std::atomic<std::uint64_t> late_replies_{0};
+  std::atomic<std::uint64_t> undelivered_{0};
+
+  mutable std::mutex mutex_;
+  // All below is guarded by mutex_.
+  mutable std::condition_variable changed_;
+  State state_ = State::kNew;
+  std::shared_ptr<lpc::wire::Link> link_;
+  TimePoint attempt_at_ = TimePoint::min();
+  TimePoint handshake_until_ = TimePoint::max();
+  int pause_ms_ = 0;
+  std::minstd_rand jitter_{std::random_device{}()};
+};
+
+class CLpcClient::Core::MessageTask final : public Tolm::Base::CTask {
+ public:
+  MessageTask(std::shared_ptr<Core> core, std::weak_ptr<lpc::wire::Link> link, tag_LPCCallBackData&& data,
+              const InboundInfo& info)
+      : core_(std::move(core)), link_(std::move(link)), data_(std::move(data)), info_(info) {}
+
+  void Run() override {
+    if (core_->settings_.on_message) {
+      core_->settings_.on_message(std::move(data_), info_);
+      return;
+    }
+    core_->undelivered_.fetch_add(1, std::memory_order_relaxed);
+    const auto link = link_.lock();
+    if (link && data_.need_reply) {
+      link->SendNotice(lpc::wire::FrameType::kUndeliverable, data_.msg_id, lpc::kRefused,
+                       "nobody takes messages here");
+    }
+  }
+
+ private:
+  const std::shared_ptr<Core> core_;
+  const std::weak_ptr<lpc::wire::Link> link_;
+  tag_LPCCallBackData data_;
+  const InboundInfo info_;
+};
+
+int CLpcClient::Core::Start() {
+  if (!os::IsEndpointName(settings_.endpoint)) return lpc::kEndpointNameInvalid;
+  if (!lpc::wire::IsPeerId(settings_.id)) return lpc::kRefused;
+  auto poller = transport_.CreatePoller();
+  if (!poller) return lpc::kFailed;
+  const std::weak_ptr<Core> self = weak_from_this();
+  {
+    const std::lock_guard lock(mutex_);
+    if (state_ != State::kNew) return lpc::kFailed;
+    state_ = State::kRunning;
+    pause_ms_ = settings_.reconnect_first_ms;
+    loop_ = std::make_shared<lpc::wire::IoLoop>(
+        std::move(poller), settings_.options, "LpcClient", [self](TimePoint now) {
+          const auto core = self.lock();
+          return core ? core->Housekeeping(now) : TimePoint::max();
+        });
+  }
+  if (!loop_->Start()) return lpc::kFailed;
+  loop_->RunHousekeepingBy(TimePoint::min());
+  return lpc::kOk;
+}
+
+void CLpcClient::Core::Stop() {
+  std::shared_ptr<lpc::wire::Link> link;
+  {
+    const std::lock_guard lock(mutex_);
+    if (state_ == State::kNew) state_ = State::kStopped;
+    if (!loop_) return;
+    state_ = State::kStopped;
+    link = link_;
+    changed_.notify_all();
+  }
+  if (link) {
+    link->WaitUntilSent(kFlushMs);
+    link->SendNotice(lpc::wire::FrameType::kGoodbye, 0, lpc::kOk, "the plugin ends its connection");
+    link->FailSenders(lpc::kPeerGone);
+  }
+  loop_->Stop();
+  {
+    const std::lock_guard lock(mutex_);
+    link = std::exchange(link_, nullptr);
+  }
+  if (link) link->Abandon();
+}
+
+bool CLpcClient::Core::WaitConnected(int time_out) const {
+  std::unique_lock lock(mutex_);
+  changed_.wait_for(lock, Milliseconds(std::max(0, time_out)),
+                    [this] { return state_ == State::kStopped || (link_ && link_->IsOpen()); });
+  return state_ == State::kRunning && link_ && link_->IsOpen();
+}
+
+bool CLpcClient::Core::IsConnected() const { return OpenLink() != nullptr; }
+
+std::shared_ptr<lpc::wire::Link> CLpcClient::Core::OpenLink() const {
+  const std::lock_guard lock(mutex_);
+  return state_ == State::kRunning && link_ && link_->IsOpen() ? link_ : nullptr;
+}
+
+// --- the connection ---
+
+TimePoint CLpcClient::Core::Housekeeping(TimePoint now) {
+  bool connect = false;
+  TimePoint next = TimePoint::max();
+  std::shared_ptr<lpc::wire::Link> too_slow;
+  std::shared_ptr<lpc::wire::Link> open;
+  {
+    const std::lock_guard lock(mutex_);
+    if (state_ != State::kRunning) return next;
+    if (!link_) {
+      connect = now >= attempt_at_;
+      if (!connect) next = attempt_at_;
+    } else if (link_->IsOpen()) {
+      open = link_;
+    } else if (now >= handshake_until_) {
+      too_slow = link_;
+    } else {
+      next = handshake_until_;
+    }
+  }
+  if (connect) Connect();
+  if (too_slow) too_slow->CutOff(lpc::kTimeOut, "the frame did not answer the handshake");
+  if (open) {
+    const TimePoint deadline = open->StallDeadline();
+    if (now < deadline) return deadline;
+    open->CutOff(lpc::kTimeOut, "the frame took nothing of what was sent to it");
+  }
+  return next;
+}
+
+void CLpcClient::Core::Connect() {
+  auto connected = transport_.Connect(settings_.endpoint);
+  if (!connected.value) {
+    ScheduleAttempt();
+    const int error = connected.error == os::EndpointError::kNobodyListens ? lpc::kNoSuchPeer : lpc::kEndpointFailed;
+    Post([self = shared_from_this(), error, text = connected.message] {
+      if (self->settings_.on_connect_failed) self->settings_.on_connect_failed(error, text);
+    });
+    return;
+  }
+  const auto link = std::make_shared<lpc::wire::Link>(std::move(connected.value), loop_, settings_.options, *this);
+  const TimePoint until = lpc::wire::IoLoop::Clock::now() + Milliseconds(settings_.options.handshake_ms);
+  {
+    const std::lock_guard lock(mutex_);
+    if (state_ != State::kRunning) return;
+    link_ = link;
+    handshake_until_ = until;
+  }
+  lpc::wire::Hello hello;
+  hello.id = settings_.id;
+  link->SendControl(lpc::wire::FrameType::kHello, 0, lpc::wire::EncodeHello(hello));
+  loop_->RunHousekeepingBy(until);
+  if (!link->Begin()) OnClosed(*link, lpc::kFailed, "the system has no room for the connection");
+}
+
+// The pause doubles up to the cap; jitter keeps many plugins from coming back at the same moment.
+void CLpcClient::Core::ScheduleAttempt() {
+  TimePoint at;
+  {
+    const std::lock_guard lock(mutex_);
+    const int spread = std::max(1, pause_ms_ / 2);
+    const int pause = pause_ms_ - spread / 2 + static_cast<int>(jitter_() % static_cast<unsigned>(spread));
+    pause_ms_ = std::min(settings_.reconnect_cap_ms, pause_ms_ * 2);
+    at = attempt_at_ = lpc::wire::IoLoop::Clock::now() + Milliseconds(pause);
+  }
+  loop_->RunHousekeepingBy(at);
+}
+
+bool CLpcClient::Core::OnHandshake(lpc::wire::Link& link, const lpc::wire::FrameHeader& header,
+                                   std::string_view payload) {
+  if (!link.IsOpen() && header.type == lpc::wire::FrameType::kRefuse) {
+    lpc::wire::Notice notice;
+    const bool said_why = lpc::wire::DecodeNotice(notice, payload);
+    link.CutOff(said_why ? notice.code : static_cast<int>(lpc::kRefused),
+                said_why ? "refused: " + notice.reason : "refused without a reason");
+    return false;
+  }
+  lpc::wire::Welcome welcome;
+  if (link.IsOpen() || header.type != lpc::wire::FrameType::kWelcome ||
+      !lpc::wire::DecodeWelcome(welcome, payload) || welcome.version != lpc::wire::kProtocolVersion) {
+    link.CutOff(lpc::kProtocol, "the other side does not speak this protocol");
+    return false;
+  }
+  {
+    const std::lock_guard lock(mutex_);
+    link.Open(kFrameName);
+    pause_ms_ = settings_.reconnect_first_ms;
+    handshake_until_ = TimePoint::max();
+    changed_.notify_all();
+  }
+  connections_.fetch_add(1, std::memory_order_relaxed);
+  Post([self = shared_from_this(), opened = link.shared_from_this()] {
+    try {
+      if (self->settings_.on_connected) self->settings_.on_connected();
+    } catch (...) {
+      opened->Continue();
+      throw;
+    }
+    opened->Continue();
+  });
+  return true;
+}
+
+void CLpcClient::Core::OnClosed(lpc::wire::Link& link, int error, const std::string& reason) {
+  const bool was_open = link.IsOpen();
+  {
+    const std::lock_guard lock(mutex_);
+    if (link_.get() == &link) link_ = nullptr;
+    changed_.notify_all();
+  }
+  TOLM_LOG(Tolm::Base::kLogLevelInfo, kTag, "the connection of [%s] to [%s] ended: %s", settings_.id.c_str(),
+           settings_.endpoint.c_str(), reason.c_str());
+  ScheduleAttempt();
+  Post([self = shared_from_this(), was_open, error, reason] {
+    const auto& told = was_open ? self->settings_.on_disconnected : self->settings_.on_connect_failed;
+    if (told) told(error, reason);
+  });
+}
+
+std::unique_ptr<Tolm::Base::CTask> CLpcClient::Core::OnMessage(lpc::wire::Link& link,
+                                                               lpc::wire::InboundMessage&& message,
+                                                               std::shared_ptr<const void> lease) {
+  tag_LPCCallBackData data;
+  data.msg_id = message.id;
+  data.is_reply = message.type == lpc::wire::FrameType::kReply;
+  data.need_reply = message.type == lpc::wire::FrameType::kRequest;
+  data.src_id = std::move(message.src_id);
+  data.dst_id = std::move(message.dst_id);
+  data.params = std::move(message.params);
+  data.body = std::move(message.body);
+  data.lease = std::move(lease);
+  InboundInfo info;
+  info.sender_waits = (message.flags & lpc::wire::kFlagWaiting) != 0;
+  info.time_out_ms = static_cast<int>(std::min<std::uint32_t>(message.time_out_ms, INT32_MAX));
+  return std::make_unique<MessageTask>(shared_from_this(), link.weak_from_this(), std::move(data), info);
+}
+
+template <typename Operation>
+bool CLpcClient::Core::Attempt(Operation&& operation) {
+  try {
+    const auto link = OpenLink();
+    return lpc::Conclude(link ? operation(*link) : static_cast<int>(lpc::kNotConnected));
+  } catch (const std::exception& error) {
+    TOLM_LOG(Tolm::Base::kLogLevelError, kTag, "sending failed: %s", error.what());
+    return lpc::Conclude(lpc::kFailed);
+  }
+}
+
+lpc::Statistics CLpcClient::Core::GetStatistics() const {
+  lpc::Statistics statistics;
+  statistics.peers = IsConnected() ? 1 : 0;
+  statistics.connections = connections_.load(std::memory_order_relaxed);
+  statistics.late_replies = late_replies_.load(std::memory_order_relaxed);
+  statistics.undelivered = undelivered_.load(std::memory_order_relaxed);
+  return statistics;
+}
+
+// --- the interface ---
+
+namespace {
+
+template <typename Record>
+lpc::wire::OutgoingMessage Outgoing(lpc::wire::FrameType type, std::uint64_t id, const std::string& own_id,
+                                    Record& record) {
+  lpc::wire::OutgoingMessage message;
+  message.type = type;
+  message.id = id;
+  message.dst_id = record.dst_id;
+  message.src_id = own_id;
+  message.params = &record.params;
+  message.body = record.body;
+  message.body_owner = &record.body;
+  return message;
+}
+
+}  // namespace
+
+CLpcClient::CLpcClient(Settings settings) : core_(std::make_shared<Core>(std::move(settings))) {}
+
+CLpcClient::~CLpcClient() { core_->Stop(); }
+
+bool CLpcClient::Start() { return lpc::Conclude(core_->Start()); }
+
+bool CLpcClient::WaitConnected(int time_out) const { return core_->WaitConnected(time_out); }
+
+bool CLpcClient::IsConnected() const { return core_->IsConnected(); }
+
+void CLpcClient::Stop() { core_->Stop(); }
+
+std::uint64_t CLpcClient::Send(tag_LPCRequestData&& request) {
+  const std::uint64_t id = core_->NextId(false);
+  const auto message = Outgoing(lpc::wire::FrameType::kRequest, id, core_->settings().id, request);
+  return core_->Attempt([&](lpc::wire::Link& link) { return link.Send(message); }) ? id : 0;
+}
+
+bool CLpcClient::Send(tag_LPCResponseData& response, tag_LPCRequestData&& request, int time_out) {
+  auto message =
+      Outgoing(lpc::wire::FrameType::kRequest, core_->NextId(true), core_->settings().id, request);
+  message.flags = lpc::wire::kFlagWaiting;
+  message.time_out_ms = static_cast<std::uint32_t>(std::max(0, time_out));
+  return core_->Attempt([&](lpc::wire::Link& link) {
+    lpc::wire::InboundMessage reply;
+    const int error = link.SendAndWait(message, time_out, reply);
+    if (error != lpc::kOk) return error;
+    response.src_id = std::move(reply.src_id);
+    response.params = std::move(reply.params);
+    response.body = std::move(reply.body);
+    return error;
+  });
+}
+
+bool CLpcClient::Reply(tag_LPCReplyData&& reply) {
+  const auto message = Outgoing(lpc::wire::FrameType::kReply, reply.msg_id, core_->settings().id, reply);
+  return core_->Attempt([&](lpc::wire::Link& link) { return link.Send(message); });
+}
+
+bool CLpcClient::Notify(tag_LPCNotifyData&& notify) {
+  const auto message = Outgoing(lpc::wire::FrameType::kNotify, 0, core_->settings().id, notify);
+  return core_->Attempt([&](lpc::wire::Link& link) { return link.Send(message); });
+}
+
+bool CLpcClient::Reject(std::uint64_t msg_id, const std::string& reason) {
+  return core_->Attempt([&](lpc::wire::Link& link) {
+    link.SendNotice(lpc::wire::FrameType::kUndeliverable, msg_id, lpc::kRefused, reason);
+    return static_cast<int>(lpc::kOk);
+  });
+}
+
+lpc::Statistics CLpcClient::GetStatistics() const { return core_->GetStatistics(); }
+
+int GetLPCLastError() { return lpc::LastError(); }
+
+}  // namespace lpcclient

@@ -1,0 +1,219 @@
+// The one endpoint of the process.
+
+#include "TolmLPCServer/LpcServer.h"
+
+#include <condition_variable>
+#include <exception>
+#include <memory>
+#include <mutex>
+#include <utility>
+
+#include "LastError.h"
+#include "TolmBase/LogLine.h"
+#include "server/ServerCore.h"
+
+namespace lpcserver {
+namespace {
+
+constexpr char kTag[] = "TolmLPCServer";
+
+struct Process {
+  std::mutex mutex;
+  // All below is guarded by mutex, which is never held during a callback, a send or a wait for threads.
+  bool initialised = false;
+  lpc::Options options;
+  InvokeCallBack callback = nullptr;
+  void* user = nullptr;
+  std::shared_ptr<lpc::ServerCore> core;  // what sends go through
+  std::string name;
+  std::shared_ptr<lpc::ServerCore> changing;  // an endpoint that some thread is starting or stopping
+  std::condition_variable changed;
+  lpc::Statistics past;  // of endpoints that have been stopped
+};
+
+// Never destroyed: a process may exit while its plugins talk.
+Process& State() {
+  static Process& state = *new Process;
+  return state;
+}
+
+bool Deliver(const tag_LPCCallBackData& data) {
+  InvokeCallBack callback = nullptr;
+  void* user = nullptr;
+  {
+    const std::lock_guard lock(State().mutex);
+    callback = State().callback;
+    user = State().user;
+  }
+  if (callback == nullptr) return false;
+  callback(data, user);
+  return true;
+}
+
+// False when the calling thread is itself what the other one waits for.
+bool WaitWhileChanging(std::unique_lock<std::mutex>& lock) {
+  Process& state = State();
+  if (state.changing && state.changing->IsOwnThread()) return false;
+  state.changed.wait(lock, [&state] { return !state.changing; });
+  return true;
+}
+
+void AddTo(lpc::Statistics& sum, const lpc::Statistics& part) {
+  sum.connections += part.connections;
+  sum.refused += part.refused;
+  sum.cut_off += part.cut_off;
+  sum.late_replies += part.late_replies;
+  sum.undelivered += part.undelivered;
+}
+
+// The endpoint to send through, or null with the reason left as the last error.
+std::shared_ptr<lpc::ServerCore> Core() {
+  const std::lock_guard lock(State().mutex);
+  if (!State().core) lpc::Conclude(State().initialised ? lpc::kNoSuchPeer : lpc::kNotInitialised);
+  return State().core;
+}
+
+// Sends are the hosts' calls: what goes wrong in them ends here.
+template <typename Operation>
+bool Attempt(Operation&& operation) {
+  try {
+    const auto core = Core();
+    return core && lpc::Conclude(operation(*core));
+  } catch (const std::exception& error) {
+    TOLM_LOG(Tolm::Base::kLogLevelError, kTag, "sending failed: %s", error.what());
+    return lpc::Conclude(lpc::kFailed);
+  }
+}
+
+std::uint64_t SendRequest(const tag_LPCRequestData& request, std::string* body_owner) {
+  std::uint64_t id = 0;
+  Attempt([&](lpc::ServerCore& core) {
+    int error = lpc::kOk;
+    id = core.Send(request, body_owner, error);
+    return error;
+  });
+  return id;
+}
+
+}  // namespace
+
+bool Init() {
+  const std::lock_guard lock(State().mutex);
+  State().initialised = true;
+  return lpc::Conclude(lpc::kOk);
+}
+
+bool Uninit() {
+  StopListen();
+  const std::lock_guard lock(State().mutex);
+  State().initialised = false;
+  State().callback = nullptr;
+  return lpc::Conclude(lpc::kOk);
+}
+
+void SetOptions(const lpc::Options& options) {
+  const std::lock_guard lock(State().mutex);
+  State().options = options;
+}
+
+bool SetInvokeCallBack(InvokeCallBack callback, void* user) {
+  const std::lock_guard lock(State().mutex);
+  if (!State().initialised && callback != nullptr) return lpc::Conclude(lpc::kNotInitialised);
+  State().callback = callback;
+  State().user = user;
+  return lpc::Conclude(lpc::kOk);
+}
+
+bool StartListen(const std::string& name) {
+  Process& state = State();
+  std::unique_lock lock(state.mutex);
+  if (!WaitWhileChanging(lock)) return lpc::Conclude(lpc::kAlreadyListening);
+  if (!state.initialised) return lpc::Conclude(lpc::kNotInitialised);
+  if (state.core) return lpc::Conclude(state.name == name ? lpc::kOk : lpc::kAlreadyListening);
+  int error = lpc::kFailed;
+  try {
+    const auto core = std::make_shared<lpc::ServerCore>(os::SystemTransport(), state.options, Deliver);
+    // Before it listens: the first peer's callback may send at once.
+    state.core = core;
+    state.name = name;
+    state.changing = core;
+    lock.unlock();
+    error = core->Start(name);
+    lock.lock();
+  } catch (const std::exception& failure) {
+    if (lock.owns_lock()) lock.unlock();
+    TOLM_LOG(Tolm::Base::kLogLevelError, kTag, "listening failed: %s", failure.what());
+    lock.lock();
+  }
+  if (error != lpc::kOk) state.core = nullptr;
+  state.changing = nullptr;
+  state.changed.notify_all();
+  return lpc::Conclude(error);
+}
+
+bool StopListen() {
+  Process& state = State();
+  std::unique_lock lock(state.mutex);
+  if (WaitWhileChanging(lock) && state.core) {
+    state.changing = std::move(state.core);
+    state.core = nullptr;
+    const auto core = state.changing;
+    lock.unlock();
+    core->Stop();
+    lock.lock();
+    AddTo(state.past, core->GetStatistics());
+    state.changing = nullptr;
+    state.changed.notify_all();
+  }
+  return lpc::Conclude(lpc::kOk);
+}
+
+std::uint64_t Send(const tag_LPCRequestData& request) { return SendRequest(request, nullptr); }
+std::uint64_t Send(tag_LPCRequestData&& request) { return SendRequest(request, &request.body); }
+
+bool Send(tag_LPCResponseData& response, const tag_LPCRequestData& request, std::string url, int time_out) {
+  return Attempt([&](lpc::ServerCore& core) {
+    return core.SendAndWait(response, request, nullptr, url, time_out);
+  });
+}
+
+bool Send(tag_LPCResponseData& response, tag_LPCRequestData&& request, std::string url, int time_out) {
+  return Attempt([&](lpc::ServerCore& core) {
+    return core.SendAndWait(response, request, &request.body, url, time_out);
+  });
+}
+
+bool Reply(const tag_LPCReplyData& reply) {
+  return Attempt([&](lpc::ServerCore& core) { return core.Reply(reply, nullptr); });
+}
+
+bool Reply(tag_LPCReplyData&& reply) {
+  return Attempt([&](lpc::ServerCore& core) { return core.Reply(reply, &reply.body); });
+}
+
+bool Notify(const tag_LPCNotifyData& notify) {
+  return Attempt([&](lpc::ServerCore& core) { return core.Notify(notify, nullptr); });
+}
+
+bool Notify(tag_LPCNotifyData&& notify) {
+  return Attempt([&](lpc::ServerCore& core) { return core.Notify(notify, &notify.body); });
+}
+
+int GetLPCLastError() { return lpc::LastError(); }
+
+lpc::Statistics GetStatistics() {
+  std::shared_ptr<lpc::ServerCore> core;
+  lpc::Statistics total;
+  {
+    const std::lock_guard lock(State().mutex);
+    core = State().core;
+    total = State().past;
+  }
+  if (!core) return total;
+  const lpc::Statistics now = core->GetStatistics();
+  AddTo(total, now);
+  total.peers = now.peers;
+  return total;
+}
+
+}  // namespace lpcserver

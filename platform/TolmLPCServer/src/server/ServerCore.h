@@ -1,0 +1,106 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "TolmLPCServer/LpcOptions.h"
+#include "TolmLPCServer/LpcRecords.h"
+#include "os/LocalStream.h"
+#include "server/PeerTable.h"
+#include "wire/IoLoop.h"
+#include "wire/Link.h"
+
+namespace lpc {
+
+/// One listening endpoint, from StartListen to StopListen, with its peers. lpcserver puts the one
+/// endpoint of the process in front of it; tests make their own, over any transport.
+///
+/// What happens to a connection:
+///
+///   accepted ──► half open ──HELLO──► checked ──► id free ──► WELCOME, "connected", read on
+///                    │                   │            └─ id taken: the holder is pinged; if it answers
+///                    │                   │               the newcomer is refused, else the holder goes
+///                    └─ time is up       └─ refused with a reason
+class ServerCore final : public wire::LinkOwner, public std::enable_shared_from_this<ServerCore> {
+ public:
+  /// `deliver` is called for every inbound record on threads of the loop; false says that nobody was
+  /// there to take it.
+  using Deliver = std::function<bool(const tag_LPCCallBackData& data)>;
+
+  ServerCore(os::LocalTransport& transport, const Options& options, Deliver deliver);
+  ~ServerCore();
+
+  /// kOk or the error.
+  int Start(const std::string& name);
+  /// As lpcserver::StopListen. The core cannot be started again.
+  void Stop();
+  bool IsOwnThread() const { return loop_ != nullptr && loop_->IsOwnThread(); }
+
+  /// The id of the request, or 0 with the reason in `error`.
+  std::uint64_t Send(const tag_LPCRequestData& request, std::string* body_owner, int& error);
+  int SendAndWait(tag_LPCResponseData& response, const tag_LPCRequestData& request, std::string* body_owner,
+                  const std::string& url, int time_out);
+  int Reply(const tag_LPCReplyData& reply, std::string* body_owner);
+  int Notify(const tag_LPCNotifyData& notify, std::string* body_owner);
+
+  Statistics GetStatistics() const;
+
+  // wire::LinkOwner
+  bool OnHandshake(wire::Link& link, const wire::FrameHeader& header, std::string_view payload) override;
+  std::unique_ptr<Tolm::Base::CTask> OnMessage(wire::Link& link, wire::InboundMessage&& message,
+                                               std::shared_ptr<const void> lease) override;
+  void OnPong(wire::Link& link) override;
+  void OnLateReply(wire::Link& link) override;
+  void OnClosed(wire::Link& link, int error, const std::string& reason) override;
+
+ private:
+  class Acceptor;
+  class DeliverTask;
+  class ConnectedTask;
+  using TimePoint = wire::IoLoop::Clock::time_point;
+
+  // A connection without a place in the table yet.
+  struct HalfOpen {
+    std::shared_ptr<wire::Link> link;
+    TimePoint deadline;
+    std::string id;                    // once it said HELLO
+    std::weak_ptr<wire::Link> holder;  // who has this id
+  };
+
+  void AcceptAll();
+  void Accept(std::unique_ptr<os::Stream> stream);
+  void TryToAdmit(const std::shared_ptr<wire::Link>& link, const std::string& id);
+  void Admit(const std::shared_ptr<wire::Link>& link, const std::string& id);
+  void Refuse(wire::Link& link, int error, const std::string& reason);
+  TimePoint Housekeeping(TimePoint now);
+  void ListenFailed(int system_error);
+  void PostEvent(const std::string& id, const char* status);
+  std::uint64_t NextId(bool waiting);
+
+  os::LocalTransport& transport_;
+  const Options options_;
+  const Deliver deliver_;
+  std::shared_ptr<wire::IoLoop> loop_;       // set by Start
+  std::shared_ptr<Acceptor> acceptor_;       // set by Start
+  PeerTable peers_;
+
+  std::atomic<std::uint64_t> next_id_{1};
+  std::atomic<bool> stopping_{false};
+  std::atomic<std::uint64_t> connections_{0};
+  std::atomic<std::uint64_t> refused_{0};
+  std::atomic<std::uint64_t> cut_off_{0};
+  std::atomic<std::uint64_t> late_replies_{0};
+  std::atomic<std::uint64_t> undelivered_{0};
+
+  std::mutex half_open_mutex_;
+  std::map<const wire::Link*, HalfOpen> half_open_;
+  TimePoint accept_again_ = TimePoint::max();  // after a shortage; guarded by half_open_mutex_
+};
+
+}  // namespace lpc

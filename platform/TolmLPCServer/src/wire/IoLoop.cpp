@@ -1,0 +1,261 @@
+#include "wire/IoLoop.h"
+
+#include <algorithm>
+#include <exception>
+#include <system_error>
+#include <utility>
+
+#include "TolmBase/LogLine.h"
+#include "os/ThreadName.h"
+
+namespace lpc::wire {
+namespace {
+
+constexpr char kTag[] = "TolmLPCServer";
+constexpr auto kLookInterval = std::chrono::milliseconds(1);
+// After so many looks at an empty queue nobody looks any more.
+constexpr int kQuietLooks = 50;
+// Threads that are kept once they were needed; more end when they are not needed any more.
+constexpr std::size_t kKeptThreads = 8;
+
+thread_local const IoLoop* own_loop = nullptr;
+thread_local bool in_callback = false;
+
+int MillisecondsUntil(IoLoop::Clock::time_point deadline, IoLoop::Clock::time_point now) {
+  constexpr std::int64_t kLongest = 60'000;
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - now).count();
+  return static_cast<int>(std::clamp<std::int64_t>(left, 0, kLongest));
+}
+
+}  // namespace
+
+IoLoop::IoLoop(std::unique_ptr<os::Poller> poller, const Options& options, const char* thread_name,
+               Housekeeping housekeeping)
+    : poller_(std::move(poller)),
+      options_(options),
+      thread_name_(thread_name),
+      housekeeping_(std::move(housekeeping)) {}
+
+IoLoop::~IoLoop() = default;
+
+bool IoLoop::IsOwnThread() const { return own_loop == this; }
+
+bool IoLoop::Start() {
+  const std::lock_guard lock(mutex_);
+  for (int i = 0; i < std::max(2, options_.min_threads); ++i) {
+    if (!StartThreadLocked()) break;
+  }
+  return threads_ > 0;
+}
+
+bool IoLoop::StartThreadLocked() {
+  JoinEndedLocked();
+  try {
+    // The thread keeps the loop alive: it may outlast a Stop that was called on it.
+    std::thread thread([self = shared_from_this()] { self->ThreadMain(); });
+    const auto id = thread.get_id();
+    handles_.emplace(id, std::move(thread));
+  } catch (const std::system_error&) {
+    return false;  // nothing is lost: the others do its work
+  }
+  ++threads_;
+  ++free_;
+  return true;
+}
+
+// These threads have done everything that needs the lock, so joining them takes no time.
+void IoLoop::JoinEndedLocked() {
+  for (std::thread& thread : ended_) thread.join();
+  ended_.clear();
+}
+
+void IoLoop::Stop() {
+  std::deque<Work> dropped;  // destroyed unlocked
+  std::unique_lock lock(mutex_);
+  stopping_ = true;
+  dropped.swap(queue_);
+  const bool own = IsOwnThread();
+  if (own) {
+    ++stoppers_;
+    thread_ended_.notify_all();
+  }
+  poller_->Wake(static_cast<unsigned>(threads_));
+  thread_ended_.wait(lock, [this] { return threads_ == stoppers_; });
+  if (own) --stoppers_;
+  JoinEndedLocked();
+  // What is left is inside Stop itself, and ends when its callback does.
+  for (auto& [id, thread] : handles_) thread.detach();
+  handles_.clear();
+}
+
+std::uint64_t IoLoop::Register(std::weak_ptr<IoHandler> handler) {
+  const std::lock_guard lock(mutex_);
+  handlers_.emplace(++last_token_, std::move(handler));
+  return last_token_;
+}
+
+void IoLoop::Unregister(os::Pollable& source, std::uint64_t token) {
+  poller_->Remove(source);
+  const std::lock_guard lock(mutex_);
+  handlers_.erase(token);
+}
+
+// A thread of the loop that is not in a callback looks at the queue before it waits.
+bool IoLoop::TakesWorkNext() const { return IsOwnThread() && !in_callback; }
+
+void IoLoop::Post(Work work) {
+  const std::lock_guard lock(mutex_);
+  if (stopping_) return;
+  queue_.push_back(std::move(work));
+  if (!TakesWorkNext()) poller_->Wake(1);
+}
+
+void IoLoop::Post(std::vector<Work>& work) {
+  if (work.empty()) return;
+  {
+    const std::lock_guard lock(mutex_);
+    if (stopping_) return;
+    for (Work& one : work) queue_.push_back(std::move(one));
+    if (!TakesWorkNext()) poller_->Wake(1);
+  }
+  work.clear();
+}
+
+void IoLoop::RunHousekeepingBy(Clock::time_point deadline) {
+  const std::lock_guard lock(mutex_);
+  if (deadline >= next_housekeeping_) return;
+  next_housekeeping_ = deadline;
+  EnsureTimekeeperLocked();
+}
+
+std::size_t IoLoop::ThreadCount() const {
+  const std::lock_guard lock(mutex_);
+  return threads_;
+}
+
+// A look at a queue that only one thread works on.
+void IoLoop::LookWhetherStuckLocked(Clock::time_point now) {
+  if (!watching_ || now < next_look_) return;
+  next_look_ = now + kLookInterval;
+  if (queue_.empty()) {
+    stuck_ = false;
+    if (++quiet_looks_ >= kQuietLooks) watching_ = false;
+  } else {
+    quiet_looks_ = 0;
+    if (taken_ == taken_at_last_look_) stuck_ = true;
+  }
+  taken_at_last_look_ = taken_;
+}
+
+void IoLoop::WatchLocked() {
+  if (watching_) return;
+  watching_ = true;
+  quiet_looks_ = 0;
+  taken_at_last_look_ = taken_;
+  next_look_ = Clock::now() + kLookInterval;
+}
+
+IoLoop::Clock::time_point IoLoop::NextDeadlineLocked() const {
+  return watching_ ? std::min(next_housekeeping_, next_look_) : next_housekeeping_;
+}
+
+// For a thread that is about to be busy: somebody else has to look at the clock.
+void IoLoop::EnsureTimekeeperLocked() {
+  if (NextDeadlineLocked() < timekeeper_until_) poller_->Wake(1);
+}
+
+// Called by a thread that is counted as free.
+IoLoop::Work IoLoop::TakeWorkLocked() {
+  if (queue_.empty()) return nullptr;
+  if (free_ <= 1) {
+    // The last one that is not in a callback: it stays, unless somebody can take its place.
+    const bool may_start = stuck_ || threads_ == 1;
+    const bool started = may_start && threads_ < static_cast<std::size_t>(std::max(2, options_.max_threads)) &&
+                         StartThreadLocked();
+    if (!started) {
+      WatchLocked();
+      return nullptr;
+    }
+  }
+  Work work = std::move(queue_.front());
+  queue_.pop_front();
+  ++taken_;
+  --free_;
+  if (!queue_.empty()) {
+    WatchLocked();
+    if (stuck_) poller_->Wake(1);
+  }
+  EnsureTimekeeperLocked();
+  return work;
+}
+
+void IoLoop::RunHousekeeping(std::unique_lock<std::mutex>& lock) {
+  housekeeping_runs_ = true;
+  next_housekeeping_ = Clock::time_point::max();
+  lock.unlock();
+  const Clock::time_point next = housekeeping_(Clock::now());
+  lock.lock();
+  housekeeping_runs_ = false;
+  // It may have been asked for meanwhile.
+  next_housekeeping_ = std::min(next_housekeeping_, next);
+}
+
+void IoLoop::ThreadMain() {
+  os::SetThreadName(thread_name_.c_str());
+  own_loop = this;
+  std::unique_lock lock(mutex_);
+  while (!stopping_) {
+    const Clock::time_point now = Clock::now();
+    if (!housekeeping_runs_ && now >= next_housekeeping_) {
+      RunHousekeeping(lock);
+      continue;
+    }
+    LookWhetherStuckLocked(now);
+    if (Work work = TakeWorkLocked()) {
+      lock.unlock();
+      in_callback = true;
+      try {
+        work->Run();
+      } catch (const std::exception& error) {
+        TOLM_LOG(Tolm::Base::kLogLevelError, kTag, "a callback failed: %s", error.what());
+      } catch (...) {
+        TOLM_LOG(Tolm::Base::kLogLevelError, kTag, "a callback failed");
+      }
+      work.reset();
+      in_callback = false;
+      lock.lock();
+      ++free_;
+      if (free_ > kKeptThreads && free_ > static_cast<std::size_t>(options_.min_threads)) break;
+      continue;
+    }
+    // One thread waits until the next deadline, the others for as long as it takes.
+    const Clock::time_point deadline = NextDeadlineLocked();
+    const bool timekeeper = deadline < timekeeper_until_;
+    if (timekeeper) timekeeper_until_ = deadline;
+    lock.unlock();
+    const auto ready = poller_->Wait(timekeeper ? MillisecondsUntil(deadline, now) : -1);
+    lock.lock();
+    if (timekeeper && timekeeper_until_ == deadline) timekeeper_until_ = Clock::time_point::max();
+    if (!ready) continue;
+    const auto found = handlers_.find(ready->token);
+    auto handler = found == handlers_.end() ? nullptr : found->second.lock();
+    if (!handler) continue;
+    lock.unlock();
+    try {
+      handler->OnReady(ready->readable, ready->writable);
+    } catch (const std::exception& error) {
+      TOLM_LOG(Tolm::Base::kLogLevelError, kTag, "a connection could not be served: %s", error.what());
+    }
+    handler.reset();  // perhaps the last one who held it
+    lock.lock();
+  }
+  --free_;
+  --threads_;
+  if (const auto own = handles_.find(std::this_thread::get_id()); own != handles_.end()) {
+    ended_.push_back(std::move(own->second));
+    handles_.erase(own);
+  }
+  thread_ended_.notify_all();
+}
+
+}  // namespace lpc::wire

@@ -1,0 +1,131 @@
+#pragma once
+
+// The threads of one end of the transport: they wait for traffic, read it, and run what follows from it.
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "TolmBase/Task.h"
+#include "TolmLPCServer/LpcOptions.h"
+#include "os/LocalStream.h"
+
+namespace lpc::wire {
+
+/// What a readiness of a stream or a listener is for.
+class IoHandler {
+ public:
+  /// On one thread of the loop; must not block and must not call user code.
+  virtual void OnReady(bool readable, bool writable) = 0;
+
+ protected:
+  ~IoHandler() = default;
+};
+
+/// All threads wait in the poller, and the system wakes one of them for each readiness. That thread
+/// reads, and then runs the callbacks itself, without a hand-over; the others go on waiting. What makes
+/// this safe for callbacks that block:
+///
+///   thread 1            thread 2                thread 3
+///   waits               waits                   -
+///   reads a message     waits
+///   callback, blocks    waits
+///                       reads a reply, wakes its waiter
+///                       reads a message
+///                       last one that waits: must not run callbacks  ──► is started, and waits
+///                       callback, blocks        waits
+///
+/// A thread runs a callback only while another one is not in a callback. What is left in the queue by
+/// a thread that runs callbacks one after the other is looked at every millisecond: when nothing has
+/// been taken out meanwhile, that thread is stuck, and more threads help.
+class IoLoop : public std::enable_shared_from_this<IoLoop> {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  /// Runs now and then on one thread of the loop (never on two at once), and says when to run again;
+  /// Clock::time_point::max() for "not until asked for". Must not block and must not call user code.
+  using Housekeeping = std::function<Clock::time_point(Clock::time_point now)>;
+
+  IoLoop(std::unique_ptr<os::Poller> poller, const Options& options, const char* thread_name,
+         Housekeeping housekeeping);
+  ~IoLoop();
+  IoLoop(const IoLoop&) = delete;
+  IoLoop& operator=(const IoLoop&) = delete;
+
+  /// False when not a single thread can be made.
+  bool Start();
+  /// Runs no more callbacks, destroys what is queued, and waits for the threads, but for those that are
+  /// themselves inside Stop. May be called several times, from any thread.
+  void Stop();
+  bool IsOwnThread() const;
+
+  /// Gives a token for Arm; what becomes ready under it goes to `handler` for as long as that lives.
+  std::uint64_t Register(std::weak_ptr<IoHandler> handler);
+  /// Nothing of `source` is watched any more and the token means nobody.
+  void Unregister(os::Pollable& source, std::uint64_t token);
+  /// As os::Poller::Arm.
+  bool Arm(os::Pollable& source, std::uint64_t token, unsigned interest) {
+    return poller_->Arm(source, token, interest);
+  }
+
+  /// Queues work that may block and may call user code.
+  void Post(std::unique_ptr<Tolm::Base::CTask> work);
+  void Post(std::vector<std::unique_ptr<Tolm::Base::CTask>>& work);
+  /// Housekeeping is to run at `deadline` or before.
+  void RunHousekeepingBy(Clock::time_point deadline);
+
+  /// Threads that exist now, for tests.
+  std::size_t ThreadCount() const;
+
+ private:
+  using Work = std::unique_ptr<Tolm::Base::CTask>;
+
+  void ThreadMain();
+  bool TakesWorkNext() const;
+  bool StartThreadLocked();
+  Work TakeWorkLocked();
+  void JoinEndedLocked();
+  void WatchLocked();
+  Clock::time_point NextDeadlineLocked() const;
+  void EnsureTimekeeperLocked();
+  void RunHousekeeping(std::unique_lock<std::mutex>& lock);
+  void LookWhetherStuckLocked(Clock::time_point now);
+
+  const std::unique_ptr<os::Poller> poller_;
+  const Options options_;
+  const std::string thread_name_;
+  const Housekeeping housekeeping_;
+
+  mutable std::mutex mutex_;
+  // All below is guarded by mutex_.
+  std::condition_variable thread_ended_;
+  bool stopping_ = false;
+  std::unordered_map<std::uint64_t, std::weak_ptr<IoHandler>> handlers_;
+  std::uint64_t last_token_ = 0;
+  std::deque<Work> queue_;
+  std::uint64_t taken_ = 0;          // works taken out of the queue so far
+  std::size_t threads_ = 0;          // that have not ended
+  std::size_t free_ = 0;             // of these, not inside a callback
+  std::size_t stoppers_ = 0;         // of these, inside Stop
+  std::unordered_map<std::thread::id, std::thread> handles_;
+  std::vector<std::thread> ended_;  // to be joined
+
+  Clock::time_point timekeeper_until_ = Clock::time_point::max();  // when a waiting thread looks again
+  bool watching_ = false;        // the queue is looked at every millisecond
+  bool stuck_ = false;           // callbacks block: threads are added as they are needed
+  std::uint64_t taken_at_last_look_ = 0;
+  int quiet_looks_ = 0;
+  Clock::time_point next_look_;
+  Clock::time_point next_housekeeping_ = Clock::time_point::max();
+  bool housekeeping_runs_ = false;
+};
+
+}  // namespace lpc::wire

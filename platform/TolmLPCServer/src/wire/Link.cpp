@@ -1,0 +1,386 @@
+#include "wire/Link.h"
+
+#include <algorithm>
+#include <exception>
+#include <utility>
+
+#include "TolmBase/LogLine.h"
+
+namespace lpc::wire {
+namespace {
+
+constexpr char kTag[] = "TolmLPCServer";
+constexpr std::size_t kReadBuffer = 64u << 10;
+// A thread in charge gives others a chance after this much.
+constexpr std::size_t kReadTurn = 1u << 20;
+// What a message costs beside its bytes.
+constexpr std::size_t kMessageOverhead = 256;
+
+// Ids of requests for which a thread waits are odd, so that a reply that comes too late is told from one
+// that belongs to an asynchronous request. Only the requester reads this out of the id.
+constexpr bool IsWaitingId(std::uint64_t id) { return (id & 1) != 0; }
+
+char* ReadBuffer() {
+  thread_local std::unique_ptr<char[]> buffer(new char[kReadBuffer]);
+  return buffer.get();
+}
+
+}  // namespace
+
+// Counts a message as worked on until the last copy of its record is gone.
+class Link::Lease {
+ public:
+  Lease(std::weak_ptr<Link> link, std::size_t bytes) : link_(std::move(link)), bytes_(bytes) {}
+  ~Lease() {
+    if (const auto link = link_.lock()) link->ReturnLease(bytes_);
+  }
+  Lease(const Lease&) = delete;
+  Lease& operator=(const Lease&) = delete;
+
+ private:
+  const std::weak_ptr<Link> link_;
+  const std::size_t bytes_;
+};
+
+// What one turn of reading finds.
+class Link::Sink final : public FrameSink {
+ public:
+  explicit Sink(Link& link) : link_(link) {}
+  void OnControlFrame(const FrameHeader& header, std::string_view payload) override {
+    link_.HandleControl(header, payload, *this);
+  }
+  void OnMessage(InboundMessage&& message) override { link_.HandleMessage(std::move(message), *this); }
+
+  std::vector<std::unique_ptr<Tolm::Base::CTask>> work;
+  bool hold = false;  // the owner wants to be asked before anything more is read
+  bool goodbye = false;
+  int error = kPeerGone;
+  std::string reason = "the connection was closed";
+
+ private:
+  Link& link_;
+};
+
+Link::Link(std::unique_ptr<os::Stream> stream, std::shared_ptr<IoLoop> loop, const Options& options, LinkOwner& owner)
+    : stream_(std::move(stream)),
+      loop_(std::move(loop)),
+      options_(options),
+      owner_(owner),
+      identity_(stream_->Peer()),
+      queue_(*stream_, options_),
+      reader_(options_) {}
+
+Link::~Link() { pending_.FailAll(kPeerGone); }
+
+bool Link::Begin() {
+  token_ = loop_->Register(weak_from_this());
+  const std::lock_guard lock(mutex_);
+  in_charge_ = false;
+  return ArmLocked();
+}
+
+void Link::Continue() { Work(true, false); }
+
+void Link::Open(std::string peer_name) {
+  peer_name_ = std::move(peer_name);
+  reader_.AcceptMessages();
+  open_.store(true, std::memory_order_release);
+}
+
+// --- sending ---
+
+int Link::Send(const OutgoingMessage& message) {
+  if (const int error = CheckLimits(message, options_); error != kOk) return error;
+  switch (queue_.Send(message)) {
+    case SendQueue::Outcome::kSent:
+    case SendQueue::Outcome::kQueued:
+      return kOk;
+    case SendQueue::Outcome::kBlocked:
+      AskForWritability();
+      return kOk;
+    case SendQueue::Outcome::kFull:
+      return kQueueFull;
+    case SendQueue::Outcome::kBroken:
+      break;
+  }
+  CutOff(kPeerGone, "it could not be written to");
+  return kPeerGone;
+}
+
+int Link::SendAndWait(const OutgoingMessage& request, int time_out_ms, InboundMessage& reply) {
+  const auto deadline =
+      std::chrono::steady_clock::now() + std::chrono::milliseconds(std::max(0, time_out_ms));
+  const auto waiter = Waiter::ForThisThread();
+  if (!pending_.Add(request.id, waiter)) return kPeerGone;
+  bool resume = false;
+  {
+    // A peer that is not read from must be, now that somebody waits for its answer.
+    const std::lock_guard lock(mutex_);
+    resume = std::exchange(paused_, false) && !in_charge_ && !gone_;
+    if (resume) ArmLocked();
+  }
+  int error = Send(request);
+  if (error == kOk) error = waiter->WaitUntil(deadline);
+  if (error == kOk) {
+    reply = std::move(waiter->reply());
+    return kOk;
+  }
+  pending_.Remove(request.id);
+  if (error == kTimeOut) SendControl(FrameType::kCancel, request.id);
+  return error;
+}
+
+void Link::SendControl(FrameType type, std::uint64_t message_id, const std::string& payload) {
+  if (queue_.SendControl(type, message_id, payload) == SendQueue::Outcome::kBlocked) AskForWritability();
+}
+
+void Link::SendNotice(FrameType type, std::uint64_t message_id, int code, const std::string& reason) {
+  SendControl(type, message_id, EncodeNotice({static_cast<std::uint16_t>(code), reason}));
+}
+
+void Link::AskForWritability() {
+  {
+    const std::lock_guard lock(mutex_);
+    want_write_ = true;
+    if (!in_charge_ && !gone_) ArmLocked();
+  }
+  // A peer that stays like this is cut off.
+  loop_->RunHousekeepingBy(IoLoop::Clock::now() + std::chrono::milliseconds(options_.stall_ms));
+}
+
+void Link::Flush() {
+  if (queue_.Resume() == SendQueue::Outcome::kBlocked) {
+    const std::lock_guard lock(mutex_);
+    want_write_ = true;
+  }
+}
+
+IoLoop::Clock::time_point Link::StallDeadline() const {
+  const auto since = queue_.BlockedSince();
+  return since ? *since + std::chrono::milliseconds(options_.stall_ms) : IoLoop::Clock::time_point::max();
+}
+
+// --- reading ---
+
+bool Link::ArmLocked() {
+  const unsigned interest = (paused_ ? 0u : os::Poller::kRead) | (want_write_ ? os::Poller::kWrite : 0u);
+  return loop_->Arm(*stream_, token_, interest);
+}
+
+bool Link::TakeCharge(bool readable, bool writable) {
+  const std::lock_guard lock(mutex_);
+  if (gone_) return false;
+  if (in_charge_) {
+    noted_readable_ |= readable;
+    noted_writable_ |= writable;
+    return false;
+  }
+  in_charge_ = true;
+  return true;
+}
+
+void Link::OnReady(bool readable, bool writable) {
+  if (TakeCharge(readable, writable)) Work(readable, writable);
+}
+
+// By the thread in charge.
+void Link::Work(bool readable, bool writable) {
+  const auto self = shared_from_this();
+  Sink sink(*this);
+  for (;;) {
+    if (writable) {
+      {
+        const std::lock_guard lock(mutex_);
+        want_write_ = false;
+      }
+      Flush();
+    }
+    const bool alive = !readable || ReadOrFail(sink);
+    if (sink.hold) return;  // still in charge, until Continue
+    if (!alive) {
+      loop_->Post(sink.work);
+      CloseInCharge(sink.error, sink.reason);
+      return;
+    }
+    const bool may_read = MayReadMore();
+    {
+      const std::lock_guard lock(mutex_);
+      readable = std::exchange(noted_readable_, false);
+      writable = std::exchange(noted_writable_, false);
+      if (!readable && !writable) {
+        // Asked again under the lock: whoever gives back the bytes, or begins to wait, looks at
+        // paused_ under it afterwards.
+        paused_ = !may_read && pending_.empty() &&
+                  inbound_bytes_.load(std::memory_order_relaxed) >= options_.max_inbound_bytes / 2;
+        in_charge_ = false;
+        ArmLocked();
+        break;
+      }
+    }
+  }
+  loop_->Post(sink.work);
+}
+
+// Memory may be short for what a peer sends; that is this peer's loss alone.
+bool Link::ReadOrFail(Sink& sink) {
+  try {
+    return ReadSome(sink);
+  } catch (const std::exception& error) {
+    sink.error = kFailed;
+    sink.reason = std::string("reading from it failed: ") + error.what();
+    return false;
+  }
+}
+
+// False when the connection has ended; sink has the reason.
+bool Link::ReadSome(Sink& sink) {
+  for (std::size_t total = 0; total < kReadTurn;) {
+    char* const buffer = ReadBuffer();
+    const bool handshake = !IsOpen();
+    const FrameReader::Place place = handshake ? FrameReader::Place{} : reader_.DirectPlace();
+    const std::size_t room = handshake ? std::min(reader_.NeededForFrame(), kReadBuffer) : kReadBuffer;
+    const os::MutableBuffer buffers[2] = {{place.data, place.size}, {buffer, room}};
+    const bool direct = place.size > 0;
+    const os::IoResult result = stream_->Read(direct ? buffers : buffers + 1, direct ? 2 : 1);
+    if (result.status != os::IoStatus::kDone) {
+      reader_.CommitDirect(0, sink);
+      return result.status == os::IoStatus::kWouldBlock;
+    }
+    const std::size_t in_place = std::min(result.bytes, place.size);
+    reader_.CommitDirect(in_place, sink);
+    if (!reader_.Feed({buffer, result.bytes - in_place}, sink)) return SayGoodbye(sink);
+    if (sink.goodbye) return false;
+    if (sink.hold) return true;
+    total += result.bytes;
+    // What was not filled was all there was; the poller says when there is more.
+    if (!handshake && result.bytes < place.size + room) return true;
+  }
+  return true;
+}
+
+// The peer broke the rules: it is told, and goes.
+bool Link::SayGoodbye(Sink& sink) {
+  sink.error = reader_.violation_code();
+  sink.reason = reader_.violation();
+  SendNotice(FrameType::kGoodbye, 0, sink.error, sink.reason);
+  return false;
+}
+
+void Link::HandleControl(const FrameHeader& header, std::string_view payload, Sink& sink) {
+  switch (header.type) {
+    case FrameType::kPing:
+      SendControl(FrameType::kPong);
+      return;
+    case FrameType::kPong:
+      owner_.OnPong(*this);
+      return;
+    case FrameType::kCancel:
+      return;  // the reply will be dropped over there; nothing here knows how to end a callback
+    case FrameType::kUndeliverable:
+      pending_.Fail(header.message_id, kRefused);
+      return;
+    case FrameType::kGoodbye: {
+      Notice notice;
+      if (DecodeNotice(notice, payload)) {
+        sink.error = notice.code == kOk ? static_cast<int>(kPeerGone) : notice.code;
+        sink.reason = "the other side said: " + notice.reason;
+      }
+      sink.goodbye = true;
+      return;
+    }
+    default:
+      if (owner_.OnHandshake(*this, header, payload)) sink.hold = true;
+      return;
+  }
+}
+
+void Link::HandleMessage(InboundMessage&& message, Sink& sink) {
+  if (message.type == FrameType::kReply) {
+    if (pending_.Complete(std::move(message))) return;
+    if (IsWaitingId(message.id)) {
+      owner_.OnLateReply(*this);
+      return;
+    }
+  }
+  std::size_t bytes = message.body.size() + kMessageOverhead;
+  for (const auto& [key, value] : message.params) bytes += key.size() + value.size();
+  inbound_bytes_.fetch_add(bytes, std::memory_order_relaxed);
+  auto lease = std::make_shared<const Lease>(weak_from_this(), bytes);
+  if (auto work = owner_.OnMessage(*this, std::move(message), std::move(lease))) {
+    sink.work.push_back(std::move(work));
+  }
+}
+
+bool Link::MayReadMore() {
+  const std::size_t bytes = inbound_bytes_.load(std::memory_order_relaxed);
+  if (bytes <= options_.max_inbound_bytes) return true;
+  if (bytes > 4 * options_.max_inbound_bytes) {
+    CutOff(kQueueFull, "it sends more than is worked on: " + std::to_string(bytes) + " bytes");
+    return true;
+  }
+  // Replies come on the same connection: while somebody waits for one, it is read on.
+  if (!pending_.empty()) return true;
+  TOLM_LOG(Tolm::Base::kLogLevelWarning, kTag, "peer [%s] sends faster than its messages are worked on: "
+           "not read from until less than %zu bytes are left", peer_name_.c_str(),
+           options_.max_inbound_bytes / 2);
+  return false;
+}
+
+void Link::ReturnLease(std::size_t bytes) {
+  const std::size_t before = inbound_bytes_.fetch_sub(bytes, std::memory_order_relaxed);
+  const std::size_t half = options_.max_inbound_bytes / 2;
+  if (before < half || before - bytes >= half) return;
+  const std::lock_guard lock(mutex_);
+  if (std::exchange(paused_, false) && !in_charge_ && !gone_) ArmLocked();
+}
+
+// --- the end ---
+
+void Link::CutOff(int error, const std::string& reason) {
+  {
+    const std::lock_guard lock(mutex_);
+    if (close_reason_.empty()) {
+      close_error_ = error;
+      close_reason_ = reason;
+    }
+  }
+  stream_->Shutdown();  // the poller tells a thread, which closes
+}
+
+void Link::CloseInCharge(int error, const std::string& reason) {
+  int first_error = error;
+  std::string first_reason = reason;
+  {
+    const std::lock_guard lock(mutex_);
+    gone_ = true;
+    if (!close_reason_.empty()) {
+      first_error = close_error_;
+      first_reason = close_reason_;
+    }
+  }
+  loop_->Unregister(*stream_, token_);
+  FailSenders(kPeerGone);
+  stream_->Shutdown();
+  owner_.OnClosed(*this, first_error, first_reason);
+}
+
+void Link::FailSenders(int error) {
+  queue_.Close();
+  pending_.FailAll(error);
+}
+
+void Link::WaitUntilSent(int milliseconds) {
+  queue_.WaitUntilSent(std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds));
+}
+
+void Link::Abandon() {
+  {
+    const std::lock_guard lock(mutex_);
+    gone_ = true;
+  }
+  loop_->Unregister(*stream_, token_);
+  FailSenders(kPeerGone);
+  stream_->Shutdown();
+}
+
+}  // namespace lpc::wire

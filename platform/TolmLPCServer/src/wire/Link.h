@@ -1,0 +1,136 @@
+#pragma once
+
+// One connection, the same at both ends: reading, sending, waiting for replies, and its end.
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "TolmBase/Task.h"
+#include "TolmLPCServer/LpcError.h"
+#include "TolmLPCServer/LpcOptions.h"
+#include "TolmLPCServer/LpcRecords.h"
+#include "os/LocalStream.h"
+#include "wire/Frame.h"
+#include "wire/FrameReader.h"
+#include "wire/IoLoop.h"
+#include "wire/Message.h"
+#include "wire/PendingReplies.h"
+#include "wire/SendQueue.h"
+
+namespace lpc::wire {
+
+class Link;
+
+/// What a Link tells its end. Called on threads of the loop, for one link by one thread at a time; must
+/// not block and must not call user code (which goes to IoLoop::Post).
+class LinkOwner {
+ public:
+  /// A handshake frame. Returning true keeps the link from being read until Link::Continue.
+  virtual bool OnHandshake(Link& link, const FrameHeader& header, std::string_view payload) = 0;
+  /// A message for this end: a request, a notification, or a reply that no thread waits for. Makes the
+  /// work that will deliver it, or nothing.
+  virtual std::unique_ptr<Tolm::Base::CTask> OnMessage(Link& link, InboundMessage&& message,
+                                                       std::shared_ptr<const void> lease) = 0;
+  virtual void OnPong(Link& link) = 0;
+  virtual void OnLateReply(Link& link) = 0;
+  /// The connection has ended; nothing is called for this link any more. `error` is kPeerGone, or what
+  /// was done wrong.
+  virtual void OnClosed(Link& link, int error, const std::string& reason) = 0;
+
+ protected:
+  ~LinkOwner() = default;
+};
+
+/// Whoever may read is decided by the poller, which gives a readiness to one thread; that thread is "in
+/// charge" until it asks for the next one. A readiness that arrives all the same meanwhile (a sender asked
+/// for writability) is noted and handled by the thread in charge.
+class Link final : public IoHandler, public std::enable_shared_from_this<Link> {
+ public:
+  /// `owner` must outlive the loop's threads.
+  Link(std::unique_ptr<os::Stream> stream, std::shared_ptr<IoLoop> loop, const Options& options, LinkOwner& owner);
+  ~Link();
+
+  /// Begins to read. False when the poller has no room.
+  bool Begin();
+  /// After OnHandshake returned true: reads on. To be called once, from any thread.
+  void Continue();
+  /// The handshake is done: messages may come and go. `peer_name` is for log lines.
+  void Open(std::string peer_name);
+  bool IsOpen() const { return open_.load(std::memory_order_acquire); }
+
+  /// kOk, kMessageTooLarge, kQueueFull or kPeerGone.
+  int Send(const OutgoingMessage& message);
+  /// Sends a request and waits. kOk with the reply in `reply`, or the error.
+  int SendAndWait(const OutgoingMessage& request, int time_out_ms, InboundMessage& reply);
+  void SendControl(FrameType type, std::uint64_t message_id = 0, const std::string& payload = {});
+  void SendNotice(FrameType type, std::uint64_t message_id, int code, const std::string& reason);
+
+  /// Ends the connection: OnClosed follows on a thread of the loop. Any thread, any number of times.
+  void CutOff(int error, const std::string& reason);
+  /// Fails whoever waits for a reply, now and later, and refuses to send; for an end that stops.
+  void FailSenders(int error);
+  /// Waits until everything that was sent is on its way, for at most `milliseconds`.
+  void WaitUntilSent(int milliseconds);
+  /// When the loop has stopped: ends the connection without telling the owner.
+  void Abandon();
+
+  os::PeerIdentity identity() const { return identity_; }
+  const std::string& peer_name() const { return peer_name_; }
+  /// When the peer is to be cut off if it takes nothing until then; max() while it takes what it gets.
+  IoLoop::Clock::time_point StallDeadline() const;
+
+  void OnReady(bool readable, bool writable) override;
+
+ private:
+  class Lease;
+  class Sink;
+
+  bool TakeCharge(bool readable, bool writable);
+  void Work(bool readable, bool writable);
+  bool ReadOrFail(Sink& sink);
+  bool ReadSome(Sink& sink);
+  bool SayGoodbye(Sink& sink);
+  void HandleControl(const FrameHeader& header, std::string_view payload, Sink& sink);
+  void HandleMessage(InboundMessage&& message, Sink& sink);
+  void Flush();
+  void AskForWritability();
+  bool ArmLocked();
+  void CloseInCharge(int error, const std::string& reason);
+  bool MayReadMore();
+  void ReturnLease(std::size_t bytes);
+
+  const std::unique_ptr<os::Stream> stream_;
+  const std::shared_ptr<IoLoop> loop_;
+  const Options options_;
+  LinkOwner& owner_;
+  const os::PeerIdentity identity_;
+  SendQueue queue_;
+  PendingReplies pending_;
+  std::atomic<bool> open_{false};
+  std::string peer_name_;  // set before open_
+
+  std::uint64_t token_ = 0;  // set by Begin
+
+  FrameReader reader_;  // of the thread in charge
+
+  std::atomic<std::size_t> inbound_bytes_{0};  // delivered, and still worked on
+
+  mutable std::mutex mutex_;
+  // All below is guarded by mutex_.
+  bool in_charge_ = true;  // a thread is; at first the one that made the link
+  bool noted_readable_ = false;
+  bool noted_writable_ = false;
+  bool want_write_ = false;
+  bool paused_ = false;  // not read from: too much of what it sent is worked on
+  bool gone_ = false;    // no readiness is asked for any more
+  int close_error_ = kPeerGone;
+  std::string close_reason_;
+};
+
+}  // namespace lpc::wire

@@ -1,0 +1,71 @@
+#include "wire/Message.h"
+
+#include <limits>
+
+#include "TolmLPCServer/LpcError.h"
+#include "wire/Bytes.h"
+
+namespace lpc::wire {
+namespace {
+
+std::uint64_t MetaSize(const OutgoingMessage& message) {
+  std::uint64_t size = 2 + message.dst_id.size() + 2 + message.src_id.size() + 4;
+  for (const auto& [key, value] : *message.params) size += 4 + key.size() + 4 + value.size();
+  return size;
+}
+
+}  // namespace
+
+int CheckLimits(const OutgoingMessage& message, const Options& options) {
+  constexpr std::size_t kMaxId = std::numeric_limits<std::uint16_t>::max();
+  if (message.params->size() > options.max_params || message.dst_id.size() > kMaxId ||
+      message.src_id.size() > kMaxId ||
+      kPrefixSize + MetaSize(message) + message.body.size() > options.max_message_bytes) {
+    return kMessageTooLarge;
+  }
+  return kOk;
+}
+
+std::string EncodeHead(const OutgoingMessage& message, std::size_t room) {
+  const std::uint64_t meta_size = MetaSize(message);
+  std::string head(room + kPrefixSize + meta_size, '\0');
+  ByteWriter writer(head.data() + room);
+  writer.Number(static_cast<std::uint32_t>(meta_size));
+  writer.Number(static_cast<std::uint32_t>(message.body.size()));
+  writer.Number(message.time_out_ms);
+  writer.Text<std::uint16_t>(message.dst_id);
+  writer.Text<std::uint16_t>(message.src_id);
+  writer.Number(static_cast<std::uint32_t>(message.params->size()));
+  for (const auto& [key, value] : *message.params) {
+    writer.Text<std::uint32_t>(key);
+    writer.Text<std::uint32_t>(value);
+  }
+  return head;
+}
+
+MessagePrefix DecodePrefix(const char* bytes) {
+  ByteReader reader({bytes, kPrefixSize});
+  MessagePrefix prefix;
+  prefix.meta_size = reader.Number<std::uint32_t>();
+  prefix.body_size = reader.Number<std::uint32_t>();
+  prefix.time_out_ms = reader.Number<std::uint32_t>();
+  return prefix;
+}
+
+bool DecodeMeta(InboundMessage& message, std::string_view meta, std::size_t max_params) {
+  ByteReader reader(meta);
+  message.dst_id = reader.Text<std::uint16_t>();
+  message.src_id = reader.Text<std::uint16_t>();
+  const auto count = reader.Number<std::uint32_t>();
+  if (!reader.ok() || count > max_params) return false;
+  for (std::uint32_t i = 0; i < count; ++i) {
+    const std::string_view key = reader.Text<std::uint32_t>();
+    const std::string_view value = reader.Text<std::uint32_t>();
+    if (!reader.ok()) return false;
+    // Maps arrive in order, so the end is where the next one belongs.
+    message.params.emplace_hint(message.params.end(), key, value);
+  }
+  return reader.at_end();
+}
+
+}  // namespace lpc::wire

@@ -1,0 +1,64 @@
+#pragma once
+
+// What travels in the frames of one message: a prefix of fixed size, the ids and params, the body.
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "TolmLPCServer/LpcOptions.h"
+#include "TolmLPCServer/LpcRecords.h"
+#include "wire/Frame.h"
+
+namespace lpc::wire {
+
+inline constexpr std::size_t kPrefixSize = 12;
+
+struct MessagePrefix {
+  std::uint32_t meta_size = 0;    // ids and params
+  std::uint32_t body_size = 0;
+  std::uint32_t time_out_ms = 0;  // how long the requester waits; 0: it does not say
+  /// Bytes of the whole message.
+  std::uint64_t total() const { return kPrefixSize + std::uint64_t{meta_size} + body_size; }
+};
+
+/// A message on its way out; the texts outlive the call that it is given to.
+struct OutgoingMessage {
+  FrameType type = FrameType::kNotify;
+  std::uint8_t flags = 0;
+  std::uint64_t id = 0;
+  std::uint32_t time_out_ms = 0;
+  std::string_view dst_id;
+  std::string_view src_id;
+  const LpcParams* params = nullptr;
+  std::string_view body;
+  /// When set, holds the bytes of `body` and may be emptied to keep them.
+  std::string* body_owner = nullptr;
+};
+
+/// A message that has arrived.
+struct InboundMessage {
+  FrameType type = FrameType::kNotify;
+  std::uint8_t flags = 0;
+  std::uint64_t id = 0;
+  std::uint32_t time_out_ms = 0;
+  std::string dst_id;
+  std::string src_id;
+  LpcParams params;
+  std::string body;
+};
+
+/// Whether the message is within the limits: kOk or kMessageTooLarge.
+int CheckLimits(const OutgoingMessage& message, const Options& options);
+
+/// The message's prefix and meta section, behind `room` free bytes.
+std::string EncodeHead(const OutgoingMessage& message, std::size_t room);
+
+MessagePrefix DecodePrefix(const char* bytes);
+
+/// Reads the meta section into ids and params. False when it is not exactly one, or has more than
+/// `max_params` entries; of two entries with the same key the first counts.
+bool DecodeMeta(InboundMessage& message, std::string_view meta, std::size_t max_params);
+
+}  // namespace lpc::wire

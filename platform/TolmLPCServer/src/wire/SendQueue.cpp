@@ -1,0 +1,273 @@
+#include "wire/SendQueue.h"
+
+#include <algorithm>
+#include <array>
+#include <utility>
+
+namespace lpc::wire {
+namespace {
+
+// One system call gathers at most this many pieces, which also bounds the messages taken along at once.
+constexpr std::size_t kMaxPieces = 48;
+
+}  // namespace
+
+// One message, or one control frame, and how much of it has been written. The header of the frame that
+// is under way stands in front of the head, in room kept for it.
+class SendQueue::Item {
+ public:
+  explicit Item(const OutgoingMessage& message)
+      : head_(EncodeHead(message, kHeaderSize)),
+        body_(message.body),
+        body_owner_(message.body_owner),
+        payload_left_(head_.size() - kHeaderSize + body_.size()),
+        chunked_(payload_left_ > kChunkPayload) {
+    header_.type = message.type;
+    header_.flags = message.flags;
+    header_.message_id = message.id;
+    BeginFrame();
+  }
+
+  Item(FrameType type, std::uint64_t message_id, const std::string& payload)
+      : head_(std::string(kHeaderSize, '\0') + payload), payload_left_(payload.size()), chunked_(false) {
+    header_.type = type;
+    header_.message_id = message_id;
+    BeginFrame();
+  }
+
+  std::size_t size() const { return head_.size() + body_.size(); }
+  bool chunked() const { return chunked_; }
+  bool done() const { return header_left_ == 0 && frame_left_ == 0 && payload_left_ == 0; }
+  /// Whether more frames follow the one that is under way.
+  bool has_more_frames() const { return payload_left_ > 0; }
+  bool at_frame_start() const { return header_left_ == kHeaderSize; }
+
+  /// Which of the messages in chunks this is; before anything of it is written.
+  void SetStream(std::uint16_t stream) {
+    header_.stream = stream;
+    header_bytes_ = EncodeHeader(header_);
+  }
+
+  /// Makes the bytes its own, so that the sender may go. Not to be moved afterwards.
+  void Own() {
+    if (body_.empty()) return;
+    if (body_owner_ != nullptr) {
+      owned_ = std::move(*body_owner_);
+    } else {
+      owned_.assign(body_);
+    }
+    body_ = owned_;
+    body_owner_ = nullptr;
+  }
+
+  /// The pieces of the current frame that have not been written.
+  std::size_t Pieces(os::ConstBuffer* pieces) {
+    std::size_t count = 0;
+    const auto add = [&](const char* data, std::size_t size) {
+      if (size > 0) pieces[count++] = {data, size};
+    };
+    std::size_t left = frame_left_;
+    // In the first frame header and head are neighbours.
+    if (position_ < head_.size() && header_left_ > 0 && position_ == kHeaderSize) {
+      const std::size_t part = std::min(left, head_.size() - kHeaderSize);
+      std::copy_n(header_bytes_.data(), kHeaderSize, head_.data());
+      add(head_.data() + (kHeaderSize - header_left_), header_left_ + part);
+      left -= part;
+      add(body_.data(), left);
+      return count;
+    }
+    add(header_bytes_.data() + (kHeaderSize - header_left_), header_left_);
+    if (position_ < head_.size()) {
+      const std::size_t part = std::min(left, head_.size() - position_);
+      add(head_.data() + position_, part);
+      left -= part;
+      add(body_.data(), left);
+    } else {
+      add(body_.data() + (position_ - head_.size()), left);
+    }
+    return count;
+  }
+
+  /// `bytes` more have been written, all of the current frame; gives what is left of them.
+  std::size_t Advance(std::size_t bytes) {
+    const std::size_t of_header = std::min(bytes, header_left_);
+    header_left_ -= of_header;
+    bytes -= of_header;
+    const std::size_t of_frame = std::min(bytes, frame_left_);
+    frame_left_ -= of_frame;
+    position_ += of_frame;
+    bytes -= of_frame;
+    if (header_left_ == 0 && frame_left_ == 0 && payload_left_ > 0) {
+      header_.type = FrameType::kChunk;
+      BeginFrame();
+    }
+    return bytes;
+  }
+
+ private:
+  void BeginFrame() {
+    frame_left_ = std::min(payload_left_, kChunkPayload);
+    payload_left_ -= frame_left_;
+    header_.payload_size = static_cast<std::uint32_t>(frame_left_);
+    header_.flags = static_cast<std::uint8_t>((header_.flags & ~kFlagMore) | (payload_left_ > 0 ? kFlagMore : 0));
+    header_bytes_ = EncodeHeader(header_);
+    header_left_ = kHeaderSize;
+  }
+
+  std::string head_;  // room for a header, then the message's head
+  std::string_view body_;
+  std::string* body_owner_ = nullptr;
+  std::string owned_;
+  FrameHeader header_;
+  HeaderBytes header_bytes_{};
+  std::size_t header_left_ = 0;               // of the current frame's header
+  std::size_t frame_left_ = 0;                // of the current frame's payload
+  std::size_t payload_left_ = 0;              // of the message, behind the current frame
+  std::size_t position_ = kHeaderSize;        // in head and body together
+  bool chunked_;
+};
+
+SendQueue::SendQueue(os::Stream& stream, const Options& options) : stream_(stream), options_(options) {}
+
+SendQueue::~SendQueue() = default;
+
+SendQueue::Outcome SendQueue::Send(const OutgoingMessage& message) {
+  Item item(message);
+  bool direct = false;
+  {
+    const std::lock_guard lock(mutex_);
+    if (closed_) return Outcome::kBroken;
+    if (item.chunked()) {
+      // 0 means "whole". A number comes round again when its message is long through: so many large
+      // messages do not fit into the queue.
+      if (++last_stream_ == 0) ++last_stream_;
+      item.SetStream(last_stream_);
+    }
+    direct = !writing_ && !blocked_ && items_.empty();
+    if (direct) writing_ = true;
+  }
+  if (direct) return WriteDirectly(item);
+  auto kept = std::make_unique<Item>(std::move(item));
+  kept->Own();
+  return Enqueue(std::move(kept), true);
+}
+
+SendQueue::Outcome SendQueue::SendControl(FrameType type, std::uint64_t message_id, const std::string& payload) {
+  return Enqueue(std::make_unique<Item>(type, message_id, payload), false);
+}
+
+SendQueue::Outcome SendQueue::Enqueue(std::unique_ptr<Item> item, bool bounded) {
+  std::unique_lock lock(mutex_);
+  if (closed_) return Outcome::kBroken;
+  const std::size_t size = item->size();
+  if (bounded && !items_.empty() && queued_bytes_ + size > options_.max_queue_bytes) return Outcome::kFull;
+  queued_bytes_ += size;
+  items_.push_back(std::move(item));
+  if (writing_ || blocked_) return Outcome::kQueued;
+  writing_ = true;
+  return Write(lock);
+}
+
+SendQueue::Outcome SendQueue::WriteDirectly(Item& item) {
+  for (;;) {
+    std::array<os::ConstBuffer, 4> pieces;
+    const auto result = stream_.Write(pieces.data(), item.Pieces(pieces.data()));
+    if (result.status == os::IoStatus::kDone) item.Advance(result.bytes);
+    const bool broken = result.status == os::IoStatus::kClosed || result.status == os::IoStatus::kFailed;
+    if (result.status == os::IoStatus::kDone && !item.done() && !item.at_frame_start()) continue;
+
+    std::unique_lock lock(mutex_);
+    if (closed_ || broken) return StopWritingLocked(Outcome::kBroken);
+    if (!item.done()) {
+      // The stream is full, or others wait for their turn between two chunks.
+      if (result.status == os::IoStatus::kDone && items_.empty()) continue;
+      auto rest = std::make_unique<Item>(std::move(item));
+      rest->Own();
+      queued_bytes_ += rest->size();
+      if (result.status == os::IoStatus::kDone) {
+        items_.push_back(std::move(rest));
+      } else {
+        items_.push_front(std::move(rest));
+      }
+    }
+    if (items_.empty()) return StopWritingLocked(Outcome::kSent);
+    return Write(lock);
+  }
+}
+
+// Called with writing_ set by this thread, and gives it up.
+SendQueue::Outcome SendQueue::Write(std::unique_lock<std::mutex>& lock) {
+  while (!closed_) {
+    // A large message that has just finished a frame lets the others go first.
+    if (items_.size() > 1 && items_.front()->chunked() && items_.front()->at_frame_start()) {
+      items_.push_back(std::move(items_.front()));
+      items_.pop_front();
+    }
+    std::array<os::ConstBuffer, kMaxPieces + 4> pieces;
+    std::size_t count = 0;
+    for (const auto& item : items_) {
+      count += item->Pieces(pieces.data() + count);
+      if (item->has_more_frames() || count > kMaxPieces) break;
+    }
+    lock.unlock();
+    const auto result = stream_.Write(pieces.data(), count);
+    lock.lock();
+    if (result.status == os::IoStatus::kWouldBlock) {
+      if (closed_) break;
+      writing_ = false;
+      blocked_ = true;
+      blocked_since_ = std::chrono::steady_clock::now();
+      return Outcome::kBlocked;
+    }
+    if (result.status != os::IoStatus::kDone) break;
+    std::size_t bytes = result.bytes;
+    while (bytes > 0 && !items_.empty()) {
+      bytes = items_.front()->Advance(bytes);
+      if (!items_.front()->done()) break;
+      queued_bytes_ -= items_.front()->size();
+      items_.pop_front();
+    }
+    if (items_.empty()) return StopWritingLocked(Outcome::kSent);
+  }
+  return StopWritingLocked(Outcome::kBroken);
+}
+
+SendQueue::Outcome SendQueue::StopWritingLocked(Outcome outcome) {
+  writing_ = false;
+  if (waiters_ > 0) idle_.notify_all();
+  return outcome;
+}
+
+void SendQueue::WaitUntilSent(std::chrono::steady_clock::time_point deadline) {
+  std::unique_lock lock(mutex_);
+  ++waiters_;
+  idle_.wait_until(lock, deadline, [this] { return closed_ || (items_.empty() && !writing_); });
+  --waiters_;
+}
+
+SendQueue::Outcome SendQueue::Resume() {
+  std::unique_lock lock(mutex_);
+  if (closed_) return Outcome::kBroken;
+  if (!blocked_) return Outcome::kQueued;
+  blocked_ = false;
+  writing_ = true;
+  return Write(lock);
+}
+
+void SendQueue::Close() {
+  std::deque<std::unique_ptr<Item>> dropped;
+  const std::lock_guard lock(mutex_);
+  closed_ = true;
+  blocked_ = false;
+  idle_.notify_all();
+  // A thread that writes uses the items; they go with the queue then.
+  if (!writing_) dropped.swap(items_);
+}
+
+std::optional<std::chrono::steady_clock::time_point> SendQueue::BlockedSince() const {
+  const std::lock_guard lock(mutex_);
+  if (!blocked_) return std::nullopt;
+  return blocked_since_;
+}
+
+}  // namespace lpc::wire

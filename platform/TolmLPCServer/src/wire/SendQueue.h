@@ -1,0 +1,79 @@
+#pragma once
+
+// What is to be written to one connection: on the sender's thread while the connection takes it, by the
+// I/O threads when it does not.
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "TolmLPCServer/LpcOptions.h"
+#include "os/LocalStream.h"
+#include "wire/Frame.h"
+#include "wire/Message.h"
+
+namespace lpc::wire {
+
+/// At any time at most one thread writes: whoever finds nobody writing. Others leave their messages in
+/// the queue, and the writer takes them along, several in one system call. A large message goes out in
+/// chunks, between which others get their turn.
+///
+/// No lock is held while the stream is written to. All operations may be called from any thread.
+class SendQueue {
+ public:
+  SendQueue(os::Stream& stream, const Options& options);
+  ~SendQueue();
+  SendQueue(const SendQueue&) = delete;
+  SendQueue& operator=(const SendQueue&) = delete;
+
+  enum class Outcome {
+    kSent,     ///< the stream has taken everything that there was
+    kQueued,   ///< another thread writes and will take it along
+    kBlocked,  ///< the stream takes no more now: call Resume when it is writable again
+    kFull,     ///< refused: too much is queued already
+    kBroken,   ///< refused: the connection is no more
+  };
+
+  Outcome Send(const OutgoingMessage& message);
+  /// A frame with a short payload; never refused for want of room.
+  Outcome SendControl(FrameType type, std::uint64_t message_id, const std::string& payload);
+  /// The stream is writable again. kSent, kBlocked or kBroken; kQueued when there was nothing to resume.
+  Outcome Resume();
+
+  /// Drops what is queued and refuses what comes; what a thread writes just now may still go out.
+  void Close();
+  /// Waits until everything has been taken by the stream, the connection broke, or `deadline` has come.
+  void WaitUntilSent(std::chrono::steady_clock::time_point deadline);
+  /// Since when the stream has taken nothing although something is to be written.
+  std::optional<std::chrono::steady_clock::time_point> BlockedSince() const;
+
+ private:
+  class Item;
+
+  Outcome Enqueue(std::unique_ptr<Item> item, bool bounded);
+  Outcome Write(std::unique_lock<std::mutex>& lock);
+  Outcome WriteDirectly(Item& item);
+  Outcome StopWritingLocked(Outcome outcome);
+
+  os::Stream& stream_;
+  const Options& options_;
+
+  mutable std::mutex mutex_;
+  // All below is guarded by mutex_; the items at the front are changed by the writer alone.
+  std::deque<std::unique_ptr<Item>> items_;
+  std::size_t queued_bytes_ = 0;
+  bool writing_ = false;  // a thread writes
+  bool blocked_ = false;  // nobody writes, since the stream takes nothing
+  bool closed_ = false;
+  std::condition_variable idle_;
+  int waiters_ = 0;
+  std::uint16_t last_stream_ = 0;  // of the messages in chunks
+  std::chrono::steady_clock::time_point blocked_since_;
+};
+
+}  // namespace lpc::wire

@@ -1,0 +1,191 @@
+// Names of endpoints: where their sockets lie, who holds them, and what a killed holder left behind.
+//
+// <name>.sock is the socket, <name>.lock is locked (flock) by the process that listens for as long as it
+// lives; the system frees the lock of a killed process. Whoever holds the lock may replace the socket.
+
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+#include "Descriptor.h"
+#include "UnixStream.h"
+#include "os/LocalStream.h"
+
+namespace os {
+namespace {
+
+constexpr std::size_t kMaxNameLength = 64;
+constexpr int kBacklog = 256;
+
+std::string Folder() {
+  const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+  if (runtime != nullptr && runtime[0] == '/') return std::string(runtime) + "/tolm-lpc";
+  const char* temporary = std::getenv("TMPDIR");
+  if (temporary == nullptr || temporary[0] != '/') temporary = "/tmp";
+  return std::string(temporary) + "/tolm-lpc-" + std::to_string(::geteuid());
+}
+
+// Why `folder` may not be used, or nothing. The temporary directory is everybody's: a folder that
+// somebody else made there, or may enter, must not hold our sockets.
+std::string FolderFault(const std::string& folder) {
+  struct stat status {};
+  if (::lstat(folder.c_str(), &status) != 0) return SystemMessage("looking at " + folder);
+  if (!S_ISDIR(status.st_mode)) return folder + " is not a directory";
+  if (status.st_uid != ::geteuid()) return folder + " belongs to another user";
+  if ((status.st_mode & 077) != 0) return folder + " may be entered by other users";
+  return {};
+}
+
+EndpointResult<sockaddr_un> Address(const std::string& name) {
+  if (!IsEndpointName(name)) {
+    return {nullptr, EndpointError::kNameInvalid,
+            "an endpoint name is 1 to 64 letters, digits, '.', '_' or '-' and does not begin with '.'"};
+  }
+  const std::string path = Folder() + "/" + name + ".sock";
+  auto address = std::make_unique<sockaddr_un>();
+  if (path.size() >= sizeof address->sun_path) {
+    return {nullptr, EndpointError::kNameInvalid, path + " is too long for a socket"};
+  }
+  address->sun_family = AF_UNIX;
+  std::memcpy(address->sun_path, path.c_str(), path.size() + 1);
+  return {std::move(address), EndpointError::kNone, {}};
+}
+
+template <typename T>
+EndpointResult<T> Fail(EndpointError error, std::string message) {
+  return {nullptr, error, std::move(message)};
+}
+
+// The lock file, locked, or nothing. A holder removes its file when it ends, so the file that was
+// opened may not be the one that lies there by the time it is locked.
+EndpointResult<Descriptor> Lock(const std::string& path) {
+  for (;;) {
+    Descriptor lock(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    if (!lock) return Fail<Descriptor>(EndpointError::kFailed, SystemMessage("opening " + path));
+    if (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
+      return errno == EWOULDBLOCK
+                 ? Fail<Descriptor>(EndpointError::kInUse, path + " is held by a living process")
+                 : Fail<Descriptor>(EndpointError::kFailed, SystemMessage("locking " + path));
+    }
+    struct stat opened {};
+    struct stat there {};
+    if (::fstat(lock.get(), &opened) == 0 && ::stat(path.c_str(), &there) == 0 &&
+        opened.st_ino == there.st_ino && opened.st_dev == there.st_dev) {
+      return {std::make_unique<Descriptor>(std::move(lock)), EndpointError::kNone, {}};
+    }
+  }
+}
+
+class UnixListener final : public Listener {
+ public:
+  UnixListener(Descriptor socket, Descriptor lock, std::string socket_path, std::string lock_path)
+      : Listener(socket.get()),
+        socket_(std::move(socket)),
+        lock_(std::move(lock)),
+        socket_path_(std::move(socket_path)),
+        lock_path_(std::move(lock_path)) {}
+
+  ~UnixListener() override {
+    ::unlink(socket_path_.c_str());
+    ::unlink(lock_path_.c_str());
+  }
+
+  Accepted Accept() override {
+    Descriptor peer(::accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    if (peer) return {std::make_unique<UnixStream>(std::move(peer)), IoStatus::kDone, false, 0};
+    const int error = errno;
+    switch (error) {
+      case EAGAIN:
+      case EINTR:
+      case ECONNABORTED:
+        return {nullptr, IoStatus::kWouldBlock, false, error};
+      case EMFILE:
+      case ENFILE:
+      case ENOBUFS:
+      case ENOMEM:
+        return {nullptr, IoStatus::kFailed, true, error};
+      default:
+        return {nullptr, IoStatus::kFailed, false, error};
+    }
+  }
+
+ private:
+  const Descriptor socket_;
+  const Descriptor lock_;  // freed last: a successor may begin only when the files are gone
+  const std::string socket_path_;
+  const std::string lock_path_;
+};
+
+class UnixTransport final : public LocalTransport {
+ public:
+  EndpointResult<Listener> Listen(const std::string& name) override {
+    const auto address = Address(name);
+    if (!address.value) return Fail<Listener>(address.error, address.message);
+    const std::string folder = Folder();
+    if (::mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) {
+      return Fail<Listener>(EndpointError::kFailed, SystemMessage("making " + folder));
+    }
+    if (const std::string fault = FolderFault(folder); !fault.empty()) {
+      return Fail<Listener>(EndpointError::kFailed, fault);
+    }
+    const std::string socket_path = address.value->sun_path;
+    const std::string lock_path = folder + "/" + name + ".lock";
+    auto lock = Lock(lock_path);
+    if (!lock.value) return Fail<Listener>(lock.error, lock.message);
+    // The lock is ours, so nobody alive listens there: what lies there was left by a killed process.
+    if (::unlink(socket_path.c_str()) != 0 && errno != ENOENT) {
+      return Fail<Listener>(EndpointError::kFailed, SystemMessage("replacing " + socket_path));
+    }
+    Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!socket) return Fail<Listener>(EndpointError::kFailed, SystemMessage("making a socket"));
+    const auto* generic = reinterpret_cast<const sockaddr*>(address.value.get());
+    if (::bind(socket.get(), generic, sizeof(sockaddr_un)) != 0 ||
+        ::chmod(socket_path.c_str(), 0600) != 0 || ::listen(socket.get(), kBacklog) != 0) {
+      return Fail<Listener>(EndpointError::kFailed, SystemMessage("listening on " + socket_path));
+    }
+    return {std::make_unique<UnixListener>(std::move(socket), std::move(*lock.value), socket_path, lock_path),
+            EndpointError::kNone,
+            {}};
+  }
+
+  EndpointResult<Stream> Connect(const std::string& name) override {
+    const auto address = Address(name);
+    if (!address.value) return Fail<Stream>(address.error, address.message);
+    const std::string path = address.value->sun_path;
+    Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!socket) return Fail<Stream>(EndpointError::kFailed, SystemMessage("making a socket"));
+    const auto* generic = reinterpret_cast<const sockaddr*>(address.value.get());
+    if (::connect(socket.get(), generic, sizeof(sockaddr_un)) != 0) {
+      const int error = errno;
+      const auto kind = error == ENOENT || error == ECONNREFUSED ? EndpointError::kNobodyListens
+                        : error == EAGAIN                        ? EndpointError::kBusy
+                                                                 : EndpointError::kFailed;
+      return Fail<Stream>(kind, SystemMessage("connecting to " + path, error));
+    }
+    return {std::make_unique<UnixStream>(std::move(socket)), EndpointError::kNone, {}};
+  }
+
+  std::unique_ptr<Poller> CreatePoller() override { return CreateEpollPoller(); }
+};
+
+}  // namespace
+
+bool IsEndpointName(const std::string& name) {
+  if (name.empty() || name.size() > kMaxNameLength || name.front() == '.') return false;
+  for (const char c : name) {
+    const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
+    if (!plain && c != '.' && c != '_' && c != '-') return false;
+  }
+  return true;
+}
+
+LocalTransport& SystemTransport() {
+  static UnixTransport& transport = *new UnixTransport;
+  return transport;
+}
+
+}  // namespace os

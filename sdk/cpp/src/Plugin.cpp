@@ -1,0 +1,106 @@
+#include "TolmPlugin/Plugin.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "MessageRecords.h"
+#include "PluginCore.h"
+#include "common/Constants.h"
+
+namespace TolmPlugin {
+
+Plugin::Plugin(std::string id, std::string description)
+    : core_(std::make_shared<Core>(std::move(id), std::move(description))) {}
+
+Plugin::~Plugin() { core_->Stop(); }
+
+Plugin& Plugin::Serve(const std::string& url, Handler handler, int time_out_ms) {
+  core_->urls.Add(url, std::move(handler), time_out_ms);
+  return *this;
+}
+
+Plugin& Plugin::UseHeaders(std::vector<std::string> names) {
+  core_->header_names = std::move(names);
+  return *this;
+}
+
+Plugin& Plugin::OnInit(std::function<void()> hook) {
+  core_->on_init = std::move(hook);
+  return *this;
+}
+
+Plugin& Plugin::OnUninit(std::function<void()> hook) {
+  core_->on_uninit = std::move(hook);
+  return *this;
+}
+
+Plugin& Plugin::OnReady(std::function<void()> hook) {
+  core_->on_ready = std::move(hook);
+  return *this;
+}
+
+Plugin& Plugin::OnLost(std::function<void(const std::string& reason)> hook) {
+  core_->on_lost = std::move(hook);
+  return *this;
+}
+
+Plugin& Plugin::OnAnswer(AnswerHandler handler) {
+  core_->on_answer = std::move(handler);
+  return *this;
+}
+
+bool Plugin::Start(const std::string& endpoint) { return core_->Start(endpoint); }
+
+bool Plugin::WaitReady(int time_out_ms) const { return core_->WaitReady(time_out_ms); }
+
+void Plugin::WaitEnd() const { core_->WaitEnd(); }
+
+void Plugin::Stop() { core_->Stop(); }
+
+const std::string& Plugin::id() const { return core_->id; }
+
+int Plugin::LastError() { return lpcclient::GetLPCLastError(); }
+
+namespace {
+
+/// The frame waits for another plugin's answer for as long as this param says.
+constexpr char kKeyTimeout[] = "timeout";
+
+template <typename Record>
+Record ToFrame(const Message& message) {
+  Record record;
+  record.dst_id = TolmLPCFrame::kMainCompnentID;
+  record.params = ToParams(message);
+  record.body = message.body;
+  return record;
+}
+
+}  // namespace
+
+bool Plugin::Call(Message& answer, const Message& request, int time_out_ms) {
+  if (!core_->client) return false;
+  auto record = ToFrame<tag_LPCRequestData>(request);
+  record.params.emplace(kKeyTimeout, std::to_string(std::max(0, time_out_ms)));
+  tag_LPCResponseData response;
+  if (!core_->client->Send(response, std::move(record), time_out_ms)) return false;
+  answer = ToMessage(response.params, std::move(response.body));
+  return true;
+}
+
+std::uint64_t Plugin::CallLater(const Message& request) {
+  return core_->client ? core_->client->Send(ToFrame<tag_LPCRequestData>(request)) : 0;
+}
+
+bool Plugin::Notify(const Message& message) {
+  return core_->client && core_->client->Notify(ToFrame<tag_LPCNotifyData>(message));
+}
+
+bool Plugin::Push(const std::string& tag, const Message& message) {
+  if (!core_->client) return false;
+  auto record = ToFrame<tag_LPCNotifyData>(message);
+  record.params.erase(TolmLPCFrame::kKeyUrl);
+  record.params.emplace(TolmLPCFrame::kKeyPushMsgTag, tag);
+  return core_->client->Notify(std::move(record));
+}
+
+}  // namespace TolmPlugin

@@ -1,0 +1,260 @@
+#include "PluginCore.h"
+
+#include <algorithm>
+#include <chrono>
+#include <exception>
+
+#include "MessageRecords.h"
+#include "TolmBase/GuidUtil.h"
+#include "TolmBase/LogLine.h"
+#include "TolmProto/RapidJsonProto.h"
+#include "common/Constants.h"
+
+namespace TolmPlugin {
+namespace {
+
+constexpr char kTag[] = "TolmPlugin";
+constexpr char kRegisterUrl[] = "/QOMI/Vantrel/Integration/V1/Register";
+/// The url of answers to requests for which nobody waits, by which they reach the host's callback.
+constexpr char kMessagesUrl[] = "/QOMI/Vantrel/Integration/V1/Messages";
+
+std::string MethodBody(const char* method) {
+  proto::CRapidJsonProto body;
+  body.set_v("/method", method);
+  return body.get_str(0);
+}
+
+}  // namespace
+
+bool Plugin::Core::Start(const std::string& endpoint) {
+  if (client) return false;
+  own_url_ = OwnUrl(id);
+  lpcclient::Settings settings;
+  settings.id = id;
+  settings.endpoint = endpoint;
+  // The client is stopped before this object goes.
+  settings.on_connected = [this] { Connected(); };
+  settings.on_disconnected = [this](int, const std::string& reason) { Disconnected(reason); };
+  settings.on_connect_failed = on_connect_failed;
+  settings.on_message = [this](tag_LPCCallBackData&& data, const lpcclient::InboundInfo& info) {
+    Received(std::move(data), info);
+  };
+  client = std::make_unique<lpcclient::CLpcClient>(std::move(settings));
+  if (!client->Start()) return false;
+  registrar_ = std::thread([this] { RegisterAgainAndAgain(); });
+  return true;
+}
+
+bool Plugin::Core::WaitReady(int time_out_ms) const {
+  std::unique_lock lock(mutex_);
+  changed_.wait_for(lock, std::chrono::milliseconds(std::max(0, time_out_ms)),
+                    [this] { return ready_ || stopping_; });
+  return ready_ && !stopping_;
+}
+
+void Plugin::Core::WaitEnd() const {
+  std::unique_lock lock(mutex_);
+  changed_.wait(lock, [this] { return ended_ || stopping_; });
+}
+
+void Plugin::Core::RequestEnd() {
+  const std::lock_guard lock(mutex_);
+  ended_ = true;
+  changed_.notify_all();
+}
+
+void Plugin::Core::Stop() {
+  std::thread registrar;
+  {
+    const std::lock_guard lock(mutex_);
+    stopping_ = true;
+    changed_.notify_all();
+    if (registrar_.joinable()) registrar = std::move(registrar_);
+  }
+  if (client) client->Stop();
+  if (!registrar.joinable()) return;
+  if (registrar.get_id() == std::this_thread::get_id()) {
+    registrar.detach();  // a hook called Stop; the thread ends when the hook returns
+  } else {
+    registrar.join();
+  }
+}
+
+// --- the connection, and the registration on it ---
+
+void Plugin::Core::Connected() {
+  const std::lock_guard lock(mutex_);
+  ++connection_;
+  connected_ = true;
+  confirmed_ = false;
+  changed_.notify_all();
+}
+
+void Plugin::Core::Disconnected(const std::string& reason) {
+  {
+    const std::lock_guard lock(mutex_);
+    connected_ = false;
+    ready_ = false;
+    changed_.notify_all();
+  }
+  if (on_lost) on_lost(reason);
+}
+
+void Plugin::Core::RegisterAgainAndAgain() {
+  const auto began = std::chrono::steady_clock::now();
+  try {
+    if (on_init) on_init();
+  } catch (const std::exception& error) {
+    TOLM_LOG(Tolm::Base::kLogLevelError, kTag, "the init hook failed, so the plugin is never ready: %s",
+             error.what());
+    return;
+  }
+  const auto cost = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - began);
+
+  proto::CRapidJsonProto init_finish;
+  init_finish.set_v("/method", "InitFinish");
+  init_finish.set_v("/Data/InitCostTime", static_cast<int>(cost.count()));
+  const std::string init_finish_body = init_finish.get_str(0);
+
+  int done = 0;  // the latest connection that was registered
+  for (;;) {
+    int connection = 0;
+    {
+      std::unique_lock lock(mutex_);
+      changed_.wait(lock, [&] { return stopping_ || (connected_ && connection_ != done); });
+      if (stopping_) return;
+      connection = connection_;
+    }
+    done = connection;
+    if (!RegisterAndConfirm(connection)) continue;
+    tag_LPCNotifyData finished;
+    finished.dst_id = TolmLPCFrame::kMainCompnentID;
+    finished.body = init_finish_body;
+    if (!client->Notify(std::move(finished))) continue;
+    {
+      const std::lock_guard lock(mutex_);
+      if (!StillLocked(connection)) continue;
+      ready_ = true;
+      changed_.notify_all();
+    }
+    try {
+      if (on_ready) on_ready();
+    } catch (const std::exception& error) {
+      TOLM_LOG(Tolm::Base::kLogLevelError, kTag, "the ready hook failed: %s", error.what());
+    }
+  }
+}
+
+// The frame handles two messages of one plugin in any order. A notification to a url of this plugin's
+// own comes back only when the registration before it is in force; one that overtakes it goes to the
+// host, which is why the first one waits a little.
+bool Plugin::Core::RegisterAndConfirm(int connection) {
+  tag_LPCNotifyData registration;
+  registration.dst_id = TolmLPCFrame::kMainCompnentID;
+  registration.params[TolmLPCFrame::kKeyUrl] = kRegisterUrl;
+  registration.body = RegistrationBody(urls, own_url_, header_names);
+  const std::string nonce = Tolm::Base::GuidUtil::CreateGuid();
+  {
+    const std::lock_guard lock(mutex_);
+    awaited_nonce_ = nonce;
+    confirmed_ = false;
+  }
+  if (!client->Notify(std::move(registration))) return false;
+
+  constexpr auto kFirstPause = std::chrono::milliseconds(3);
+  constexpr auto kLongestPause = std::chrono::milliseconds(500);
+  for (auto pause = kFirstPause;; pause = std::min(2 * pause, kLongestPause)) {
+    {
+      std::unique_lock lock(mutex_);
+      changed_.wait_for(lock, pause, [&] { return confirmed_ || !StillLocked(connection); });
+      if (!StillLocked(connection)) return false;
+      if (confirmed_) return true;
+    }
+    tag_LPCNotifyData question;
+    question.dst_id = TolmLPCFrame::kMainCompnentID;
+    question.params[TolmLPCFrame::kKeyUrl] = own_url_;
+    question.body = nonce;
+    if (!client->Notify(std::move(question))) return false;
+  }
+}
+
+// --- what arrives ---
+
+void Plugin::Core::Received(tag_LPCCallBackData&& data, const lpcclient::InboundInfo& info) {
+  if (data.is_reply) {
+    if (on_answer) on_answer(data.msg_id, ToMessage(data.params, std::move(data.body)));
+    return;
+  }
+  const auto url = data.params.find(TolmLPCFrame::kKeyUrl);
+  if (url == data.params.end() || url->second.empty()) {
+    MethodReceived(data.body);
+    return;
+  }
+  if (url->second == own_url_) {
+    const std::lock_guard lock(mutex_);
+    if (data.body == awaited_nonce_) confirmed_ = true;
+    changed_.notify_all();
+    return;
+  }
+  Serve(std::move(data), info);
+}
+
+void Plugin::Core::Serve(tag_LPCCallBackData&& data, const lpcclient::InboundInfo& info) {
+  tag_LPCReplyData reply;
+  reply.msg_id = data.msg_id;
+  reply.dst_id = data.src_id;
+  const bool wants_answer = data.need_reply;
+  const Request request = ToRequest(std::move(data), info);
+  const Handler* const handler = urls.Find(request.message.url);
+  if (handler == nullptr) {
+    TOLM_LOG(Tolm::Base::kLogLevelWarning, kTag, "nothing serves url [%s]", request.message.url.c_str());
+    if (wants_answer) client->Reject(reply.msg_id, "this plugin does not serve " + request.message.url);
+    return;
+  }
+  try {
+    Message answer = (*handler)(request);
+    if (!wants_answer) return;
+    if (!info.sender_waits) answer.url = kMessagesUrl;
+    reply.params = ToParams(answer);
+    reply.body = std::move(answer.body);
+  } catch (const std::exception& error) {
+    TOLM_LOG(Tolm::Base::kLogLevelError, kTag, "the handler of url [%s] failed: %s",
+             request.message.url.c_str(), error.what());
+    if (wants_answer) client->Reject(reply.msg_id, std::string("the handler failed: ") + error.what());
+    return;
+  }
+  if (!client->Reply(std::move(reply))) {
+    TOLM_LOG(Tolm::Base::kLogLevelWarning, kTag, "the answer for url [%s] could not be sent: %s",
+             request.message.url.c_str(), lpc::ErrorText(lpcclient::GetLPCLastError()));
+  }
+}
+
+void Plugin::Core::MethodReceived(const std::string& body) {
+  proto::CRapidJsonProto message;
+  message.set_str(body);
+  const std::string method = message.get_v("/method", "");
+  if (method == "Uninit") {
+    Uninit();
+  } else {
+    TOLM_LOG(Tolm::Base::kLogLevelWarning, kTag, "unknown method [%s]", method.c_str());
+  }
+}
+
+void Plugin::Core::Uninit() {
+  {
+    const std::lock_guard lock(mutex_);
+    if (std::exchange(uniniting_, true)) return;  // asked again; the answer is on its way
+  }
+  try {
+    if (on_uninit) on_uninit();
+  } catch (const std::exception& error) {
+    TOLM_LOG(Tolm::Base::kLogLevelError, kTag, "the uninit hook failed: %s", error.what());
+  }
+  tag_LPCNotifyData finished;
+  finished.dst_id = TolmLPCFrame::kMainCompnentID;
+  finished.body = MethodBody("UninitFinish");
+  client->Notify(std::move(finished));
+  RequestEnd();
+}
+
+}  // namespace TolmPlugin

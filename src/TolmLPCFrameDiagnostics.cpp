@@ -1,0 +1,75 @@
+#include "TolmLPCFrameDiagnostics.h"
+
+#include <mutex>
+#include <utility>
+
+#include "TolmBase/LogLine.h"
+#include "TolmBase/Singleton.h"
+#include "common/CaughtException.h"
+#include "common/Constants.h"
+
+namespace TolmLPCFrame {
+
+using Tolm::Base::kLogLevelError;
+
+namespace {
+
+/// What the host chose. The base library is told level and sink at once, so both are kept here.
+struct Choices {
+  std::mutex mutex;
+  // All below is guarded by mutex.
+  LogSink sink = nullptr;
+  void* sink_user = nullptr;
+  std::string file;
+  std::size_t file_max_bytes = 0;
+  std::size_t file_max_files = 0;
+  int level = kLogInformation;
+};
+
+Choices& GetChoices() {
+  return Tolm::Base::CSingleton<Choices>::Instance();
+}
+
+}  // namespace
+
+void SetLogSink(LogSink sink, void* user) try {
+  Choices& choices = GetChoices();
+  const std::lock_guard lock(choices.mutex);
+  choices.sink = sink;
+  choices.sink_user = user;
+  Tolm::Base::SetLogCallback(sink, user, choices.level);
+} catch (...) {
+  TOLM_LOG(kLogLevelError, kTagError, "failed: %s", CaughtExceptionText());
+}
+
+void SetLogLevel(int level) try {
+  Choices& choices = GetChoices();
+  const std::lock_guard lock(choices.mutex);
+  choices.level = level;
+  if (choices.sink != nullptr) Tolm::Base::SetLogCallback(choices.sink, choices.sink_user, level);
+  if (!choices.file.empty()) {
+    Tolm::Base::SetLogFile(choices.file, choices.file_max_bytes, choices.file_max_files, level);
+  }
+} catch (...) {
+  TOLM_LOG(kLogLevelError, kTagError, "failed: %s", CaughtExceptionText());
+}
+
+void SetLogStderrLevel(int level) try { Tolm::Base::SetLogStderrLevel(level); } catch (...) {
+  TOLM_LOG(kLogLevelError, kTagError, "failed: %s", CaughtExceptionText());
+}
+
+bool SetLogFile(const std::string& path, std::size_t max_bytes, std::size_t max_files) try {
+  Choices& choices = GetChoices();
+  const std::lock_guard lock(choices.mutex);
+  std::string file = path;
+  if (!Tolm::Base::SetLogFile(path, max_bytes, max_files, choices.level)) return false;
+  choices.file = std::move(file);
+  choices.file_max_bytes = max_bytes;
+  choices.file_max_files = max_files;
+  return true;
+} catch (...) {
+  TOLM_LOG(kLogLevelError, kTagError, "failed: %s", CaughtExceptionText());
+  return false;
+}
+
+}  // namespace TolmLPCFrame

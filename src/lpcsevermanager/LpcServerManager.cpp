@@ -1,0 +1,189 @@
+#include "lpcsevermanager/LpcServerManager.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <string_view>
+#include <utility>
+
+#include "InitLogical.h"
+#include "TolmBase/LogLine.h"
+#include "TolmLPCServer/LpcServer.h"
+#include "common/CaughtException.h"
+#include "common/Constants.h"
+#include "common/DataConvert.h"
+#include "lpcintegratemodule/LPCIntegrate.h"
+
+namespace TolmLPCFrame {
+
+using Tolm::Base::kLogLevelError;
+using Tolm::Base::kLogLevelInfo;
+using Tolm::Base::kLogLevelTrace;
+
+namespace {
+
+CLpcServerManager& Manager() {
+  return Tolm::Base::CSingleton<CLpcServerManager>::Instance();
+}
+
+/// What the last "<name>=..." of `query` holds; empty without one.
+std::string_view QueryParameter(std::string_view query, std::string_view name) {
+  std::string_view value;
+  while (!query.empty()) {
+    const std::string_view piece = query.substr(0, query.find('&'));
+    query.remove_prefix(std::min(piece.size() + 1, query.size()));
+    const std::size_t equals = piece.find('=');
+    if (equals != std::string_view::npos && piece.substr(0, equals) == name) value = piece.substr(equals + 1);
+  }
+  return value;
+}
+
+std::string_view ParamOrEmpty(const LpcParams& params, const char* key) {
+  const auto found = params.find(key);
+  return found != params.end() ? std::string_view(found->second) : std::string_view();
+}
+
+}  // namespace
+
+bool CLpcServerManager::LpcInit(const std::string& lpc_server_name) {
+  if (!lpcserver::Init()) {
+    TOLM_LOG(kLogLevelError, kTagError, "lpcserver::Init failed,errorcode=%d", lpcserver::GetLPCLastError());
+    return false;
+  }
+  if (!LpcStartListen(lpc_server_name)) {
+    TOLM_LOG(kLogLevelError, kTagError, "LpcStartListen failed,lpc_server_name=%s", lpc_server_name.c_str());
+    return false;
+  }
+  return true;
+}
+
+bool CLpcServerManager::LpcStartListen(const std::string& lpc_server_name) {
+  if (!lpcserver::SetInvokeCallBack(LPCServerCallback, this)) {
+    TOLM_LOG(kLogLevelError, kTagError,
+             "[CDrexNetWorkManager::StartLPCServer] SetInvokeCallBack failed, error code = %d",
+             lpcserver::GetLPCLastError());
+    return false;
+  }
+  if (!lpcserver::StartListen(lpc_server_name)) {
+    TOLM_LOG(kLogLevelError, kTagError,
+             "[CDrexNetWorkManager::StartLPCServer] StartListen failed, error code = %d",
+             lpcserver::GetLPCLastError());
+    return false;
+  }
+  return true;
+}
+
+bool CLpcServerManager::LpcUnint() {
+  SetCallBack(nullptr, nullptr);
+  if (!LpcStopListen()) {
+    TOLM_LOG(kLogLevelError, kTagError, "LpcStopListen failed");
+    return false;
+  }
+  if (!lpcserver::Uninit()) {
+    TOLM_LOG(kLogLevelError, kTagError, "lpcserver::Uninit failed,errorcode=%d",
+             lpcserver::GetLPCLastError());
+    return false;
+  }
+  return true;
+}
+
+bool CLpcServerManager::LpcStopListen() {
+  lpcserver::SetInvokeCallBack(nullptr, this);
+  if (!lpcserver::StopListen()) {
+    TOLM_LOG(kLogLevelError, kTagError, "lpcserver::StopListen() failed,errorcode=%d",
+             lpcserver::GetLPCLastError());
+    return false;
+  }
+  return true;
+}
+
+void CLpcServerManager::SetCallBack(LpcMsgCallBack callback, void* user) {
+  const std::lock_guard lock(callback_mutex_);
+  callback_ = callback;
+  callback_user_ = user;
+}
+
+bool CLpcServerManager::CallLpcCallBack(const FrameCallBackData& fcd) {
+  LpcMsgCallBack callback = nullptr;
+  void* user = nullptr;
+  {
+    const std::lock_guard lock(callback_mutex_);
+    callback = callback_;
+    user = callback_user_;
+  }
+  if (callback == nullptr) {
+    TOLM_LOG(kLogLevelError, kTagError,
+             "The caller has not called the RegisterLpcMsgCallback interface to set callback_.");
+    return false;
+  }
+  const LPCData& data = fcd.lpc_data;
+  TOLM_LOG(kLogLevelTrace, kTagTrace,
+           "CallLpcCallBack LpcMsgType[%d], msg_type[%d], dst_id =[%s],dst_type =[%d],src_id =[%s],url =[%s],"
+           "method =[%s],push_msg_tag =[%s],body=[%s]",
+           fcd.LpcMsgType, data.msg_type, data.dst_id.c_str(), data.dst_type, data.src_id.c_str(),
+           MaskSidInUrl(data.url).c_str(), data.method.c_str(), data.push_msg_tag.c_str(), data.body.c_str());
+  try {
+    return callback(fcd, user);
+  } catch (...) {
+    TOLM_LOG(kLogLevelError, kTagError, "the host's callback threw: %s", CaughtExceptionText());
+    return false;
+  }
+}
+
+bool CLpcServerManager::LPCServerCallback(const tag_LPCCallBackData& data, void* /*user*/) try {
+  const std::string_view whole_url = ParamOrEmpty(data.params, kKeyUrl);
+  std::string url(whole_url.substr(0, whole_url.find('?')));
+  TOLM_LOG(kLogLevelInfo, kTagTrace, "[LPCServer Callback], url=[%s], msg_id[%lu], src_id[%s]", url.c_str(),
+           static_cast<unsigned long>(data.msg_id), data.src_id.c_str());
+  if (!url.empty()) {
+    const std::string_view query = whole_url.substr(std::min(url.size() + 1, whole_url.size()));
+    Tolm::Base::CSingleton<CMessageLoopForNetCallBack>::Instance().PostTask(
+        new CURLCallBackTask(std::move(url), std::string(QueryParameter(query, kKeyMT)), data));
+  } else if (!ParamOrEmpty(data.params, kKeyPushMsgTag).empty()) {
+    FrameCallBackData fcd;
+    fcd.LpcMsgType = kLpcMsgPush;
+    LPCCallBackDataToLPCData(fcd.lpc_data, data);
+    Manager().CallLpcCallBack(fcd);
+  } else {
+    Tolm::Base::CSingleton<CMessageLoopForNetCallBack>::Instance().PostTask(new CMethodCallBackTask(data));
+  }
+  return true;
+} catch (...) {
+  TOLM_LOG(kLogLevelError, kTagError, "an inbound message is lost: %s", CaughtExceptionText());
+  return true;
+}
+
+std::uint64_t CLpcServerManager::SendRequest(tag_LPCRequestData&& request) {
+  return lpcserver::Send(std::move(request));
+}
+
+bool CLpcServerManager::SendAndWait(tag_LPCResponseData& response, tag_LPCRequestData&& request,
+                                    const std::string& url, int time_out) {
+  return lpcserver::Send(response, std::move(request), url, time_out);
+}
+
+bool CLpcServerManager::Reply(tag_LPCReplyData&& reply) {
+  return lpcserver::Reply(std::move(reply));
+}
+
+bool CLpcServerManager::Notify(tag_LPCNotifyData&& notify) {
+  return lpcserver::Notify(std::move(notify));
+}
+
+int CLpcServerManager::GetLastError() {
+  return lpcserver::GetLPCLastError();
+}
+
+CURLCallBackTask::CURLCallBackTask(std::string url, std::string mt, const tag_LPCCallBackData& data)
+    : url_(std::move(url)), mt_(std::move(mt)), data_(data) {}
+
+void CURLCallBackTask::Run() {
+  CLPCIntegrate::GetInstance().URLCallBackEIT(url_, mt_, std::move(data_));
+}
+
+CMethodCallBackTask::CMethodCallBackTask(const tag_LPCCallBackData& data) : data_(data) {}
+
+void CMethodCallBackTask::Run() {
+  CLPCIntegrate::GetInstance().MethodCallBackEIT(std::move(data_));
+}
+
+}  // namespace TolmLPCFrame

@@ -1,0 +1,74 @@
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+#include <string>
+
+#include "TolmBase/Singleton.h"
+#include "TolmBase/Task.h"
+#include "TolmLPCFrame.h"
+#include "TolmLPCServer/LpcRecords.h"
+
+namespace TolmLPCFrame {
+
+/// The frame's only contact with the transport: brings the endpoint up and down, sorts every inbound
+/// message, and is the one place where the host's callback is called. One instance in the process:
+/// Tolm::Base::CSingleton<CLpcServerManager>::Instance().
+class CLpcServerManager {
+ public:
+  bool LpcInit(const std::string& lpc_server_name);
+  bool LpcStartListen(const std::string& lpc_server_name);
+  bool LpcUnint();
+  bool LpcStopListen();
+
+  /// Replaces the host's callback and its user pointer; null removes it.
+  void SetCallBack(LpcMsgCallBack callback, void* user);
+
+  /// Calls the host's callback and gives its result; false without one, and when it throws.
+  bool CallLpcCallBack(const FrameCallBackData& fcd);
+
+  /// The transport's inbound callback: pushes go to the host on this thread, everything else becomes a
+  /// task of CMessageLoopForNetCallBack. Always true.
+  static bool LPCServerCallback(const tag_LPCCallBackData& data, void* user);
+
+  /// The transport's operations, forwarded.
+  std::uint64_t SendRequest(tag_LPCRequestData&& request);
+  bool SendAndWait(tag_LPCResponseData& response, tag_LPCRequestData&& request, const std::string& url,
+                   int time_out);
+  bool Reply(tag_LPCReplyData&& reply);
+  bool Notify(tag_LPCNotifyData&& notify);
+  int GetLastError();
+
+ private:
+  friend class Tolm::Base::CSingleton<CLpcServerManager>;
+  CLpcServerManager() = default;
+
+  /// Held only while the pair is copied or replaced, never during a call.
+  std::mutex callback_mutex_;
+  LpcMsgCallBack callback_ = nullptr;
+  void* callback_user_ = nullptr;
+};
+
+/// A message with a url, on its way to CLPCIntegrate::URLCallBackEIT.
+class CURLCallBackTask : public Tolm::Base::CTask {
+ public:
+  CURLCallBackTask(std::string url, std::string mt, const tag_LPCCallBackData& data);
+  void Run() override;
+
+ private:
+  std::string url_;  ///< query removed
+  std::string mt_;
+  tag_LPCCallBackData data_;
+};
+
+/// A message without url and push tag, on its way to CLPCIntegrate::MethodCallBackEIT.
+class CMethodCallBackTask : public Tolm::Base::CTask {
+ public:
+  explicit CMethodCallBackTask(const tag_LPCCallBackData& data);
+  void Run() override;
+
+ private:
+  tag_LPCCallBackData data_;
+};
+
+}  // namespace TolmLPCFrame

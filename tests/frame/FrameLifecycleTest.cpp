@@ -1,0 +1,544 @@
+#include <algorithm>
+#include <atomic>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "FrameScript.h"
+#include "InitLogical.h"
+#include "TolmBase/FileUtil.h"
+#include "TolmBase/StringUtil.h"
+
+namespace tolm::test {
+namespace {
+
+using namespace TolmLPCFrame;
+using Tolm::Base::CMessageLoopDyThreadPool;
+using Tolm::Base::CSingleton;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::StartsWith;
+
+template <typename Pool>
+CMessageLoopDyThreadPool& The() {
+  return CSingleton<Pool>::Instance();
+}
+
+std::vector<CMessageLoopDyThreadPool*> AllPools() {
+  return {&The<CMessageLoopForNetCallBack>(), &The<CMessageLoopForMainFrameWork>(),
+          &The<CMessageLoopForPlugins>(), &The<CMessageLoopForWebSocket>()};
+}
+
+std::vector<std::size_t> ThreadsOfPools() {
+  std::vector<std::size_t> counts;
+  for (const CMessageLoopDyThreadPool* pool : AllPools()) counts.push_back(pool->ThreadCount());
+  return counts;
+}
+
+class FrameLifecycle : public FrameTest {
+ protected:
+  static PlatformInfo Platform() {
+    PlatformInfo info = Plugins({"A"}, 7);
+    info.frame_full_path = "/opt/host/host";
+    info.str_edition_config = "12";
+    return info;
+  }
+
+  static std::string Directory() {
+    return Tolm::Base::StringUtil::Local2UTF8(Tolm::Base::FileUtil::GetCurExeDir());
+  }
+
+  /// A start that fails as scripted, and what it leaves behind.
+  void ExpectNothingStarted() {
+    EXPECT_EQ(Start(Platform()), -8);
+    EXPECT_THAT(Journal::Of("pool."), IsEmpty());
+    EXPECT_THAT(Journal::Of("guard."), IsEmpty());
+    EXPECT_THAT(ThreadsOfPools(), ElementsAre(0, 0, 0, 0));
+    EXPECT_THAT(LinesOf("CLPCIntegrate::Init"), IsEmpty());
+    EXPECT_THAT(LinesOf("::TolmLPCFrameInit"),
+                ElementsAre(Info("TolmLPCFrameInit",
+                                 "TolmLPCFrameInit Begin lpc_server_name=[endpoint],frame_full_path="
+                                 "[/opt/host/host],frame_type[7],str_edition_config[12]")));
+    EXPECT_EQ(TolmLPCFrameUnInit(), -8);
+    EXPECT_THAT(Journal::Of("lpc.StopListen"), IsEmpty());
+  }
+};
+
+// Starting.
+
+TEST_F(FrameLifecycle, AStartBringsUpTransportThenPoolsThenGuardThenRegistry) {
+  EXPECT_EQ(Start(Platform()), 0);
+  EXPECT_TRUE(HappenedInOrder(
+      {"log TolmLPCFrameInit Begin lpc_server_name=[endpoint],frame_full_path=[/opt/host/host],frame_type[7],"
+       "str_edition_config[12]",
+       "lpc.Init", "lpc.SetInvokeCallBack on", "lpc.StartListen endpoint", "pool.Start NetCallBack 2 30 0",
+       "pool.Start MainFrameWork 2 30 0", "pool.Start Plugins 2 30 0", "pool.Start WebSocket 2 10 5",
+       "guard.InitManager 7", "log *****[/opt/host/host]", "log Start SetPluginData",
+       "log TolmLPCFrameInit End, utf8_exe_dir = " + Directory()}));
+  EXPECT_EQ(Journal::Of("pool.Start").size(), 4u);
+  EXPECT_EQ(Journal::Of("guard.").size(), 1u);
+}
+
+TEST_F(FrameLifecycle, AStartLogsItsBeginAndItsEnd) {
+  Start(Platform());
+  EXPECT_THAT(LinesOf("::TolmLPCFrameInit"),
+              ElementsAre(Info("TolmLPCFrameInit",
+                               "TolmLPCFrameInit Begin lpc_server_name=[endpoint],frame_full_path="
+                               "[/opt/host/host],frame_type[7],str_edition_config[12]"),
+                          Info("TolmLPCFrameInit", "TolmLPCFrameInit End, utf8_exe_dir = " + Directory())));
+  EXPECT_THAT(LinesOf("::InitLogical"), IsEmpty());
+}
+
+TEST_F(FrameLifecycle, TheEditionTextIsLoggedAsItsLeadingNumber) {
+  const auto logged = [this](const std::string& edition) {
+    PlatformInfo info;
+    info.str_edition_config = edition;
+    FromNowOn();
+    Start(info);
+    const std::string text = LinesOf("::TolmLPCFrameInit").at(0).text;
+    return text.substr(text.rfind('['));
+  };
+  EXPECT_EQ(logged("2024 pro"), "[2024]");
+  EXPECT_EQ(logged("0"), "[0]");
+  EXPECT_EQ(logged(""), "[0]");
+  EXPECT_EQ(logged("pro 2024"), "[0]");
+  EXPECT_EQ(logged("-3"), "[-3]");
+  EXPECT_THAT(logged("99999999999999999999"), StartsWith("["));
+}
+
+TEST_F(FrameLifecycle, AStartPublishesTheExecutablesDirectory) {
+  Tolm::Base::FileUtil::InitCurExeDirUtf8("/somewhere/else/");
+  Start();
+  EXPECT_EQ(Tolm::Base::FileUtil::GetCurExeDirUtf8(), Directory());
+}
+
+TEST_F(FrameLifecycle, ThePoolsRunBeforeTheGuardsEndpointIsOpened) {
+  std::vector<std::size_t> while_listening;
+  std::vector<std::size_t> when_opening;
+  transport_.start_listen = [&](const std::string&) { return while_listening = ThreadsOfPools(), true; };
+  guard_.init_manager = [&](std::int32_t) { return when_opening = ThreadsOfPools(), true; };
+  Start();
+  EXPECT_THAT(while_listening, ElementsAre(0, 0, 0, 0));
+  EXPECT_THAT(when_opening, ElementsAre(2, 2, 2, 2));
+}
+
+TEST_F(FrameLifecycle, AGuardEndpointThatDoesNotOpenIsTolerated) {
+  guard_.init_manager = false;
+  EXPECT_EQ(Start(Plugins({"A"})), 0);
+  EXPECT_THAT(LinesOf("CLPCIntegrate::Init"), ElementsAre(Info("CLPCIntegrate::Init", "*****[]")));
+  EXPECT_EQ(TolmLPCFrameUnInit(), 0);
+}
+
+TEST_F(FrameLifecycle, AMessageThatArrivesBeforeThePoolsRunIsHandledOnceTheyDo) {
+  transport_.start_listen = [&](const std::string&) {
+    EXPECT_TRUE(transport_.Deliver(Message().From("A").Url("/early")));
+    return true;
+  };
+  Start();
+  EXPECT_TRUE(WaitFor([&] { return host_.Count(kLpcMsgLpcData) == 1; }));
+}
+
+TEST_F(FrameLifecycle, AMessageThatArrivesBeforeThePoolsOfASecondLifeRunIsHandledOnceTheyDo) {
+  Start();
+  EXPECT_EQ(TolmLPCFrameUnInit(), 0);
+  transport_.start_listen = [&](const std::string&) {
+    EXPECT_TRUE(transport_.Deliver(Message().From("A").Url("/early")));
+    return true;
+  };
+  Start();
+  EXPECT_TRUE(WaitFor([&] { return host_.Count(kLpcMsgLpcData) == 1; }));
+}
+
+TEST_F(FrameLifecycle, ASecondStartRepeatsTheWholeStart) {
+  Start(Platform());
+  FromNowOn();
+  EXPECT_EQ(TolmLPCFrameInit("endpoint", Platform()), 0);
+  EXPECT_TRUE(HappenedInOrder({"lpc.Init", "lpc.SetInvokeCallBack on", "lpc.StartListen endpoint",
+                               "pool.Start NetCallBack 2 30 0", "pool.Start MainFrameWork 2 30 0",
+                               "pool.Start Plugins 2 30 0", "pool.Start WebSocket 2 10 5",
+                               "guard.InitManager 7", "log *****[/opt/host/host]"}));
+  EXPECT_FALSE(log_.Has(Info("TolmLPCFrameInit", "TolmLPCFrameInit alreadly init")));
+  EXPECT_THAT(ThreadsOfPools(), ElementsAre(2, 2, 2, 2));
+}
+
+TEST_F(FrameLifecycle, ASecondStartUnderAnotherNameFailsAsTheTransportDoesAndTheFrameStaysUp) {
+  Start(Platform());
+  transport_.start_listen = false;
+  EXPECT_EQ(TolmLPCFrameInit("another", Platform()), -8);
+  EXPECT_EQ(TolmLPCFrameUnInit(), 0);
+}
+
+TEST_F(FrameLifecycle, StartsFromManyThreadsComeOneAfterAnother) {
+  std::atomic<int> inside{0};
+  std::atomic<int> most_inside{0};
+  transport_.init = [&] {
+    most_inside = std::max(most_inside.load(), ++inside);
+    return true;
+  };
+  guard_.init_manager = [&](std::int32_t) {
+    --inside;
+    return true;
+  };
+  {
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < 8; ++i) threads.emplace_back([] { TolmLPCFrameInit("endpoint", {}); });
+  }
+  EXPECT_EQ(most_inside, 1);
+  EXPECT_EQ(Journal::Count("lpc.StartListen endpoint"), 8u);
+}
+
+// A transport that fails at the start.
+
+TEST_F(FrameLifecycle, ATransportThatDoesNotInitialiseEndsTheStart) {
+  transport_.init = false;
+  transport_.last_error = 14;
+  ExpectNothingStarted();
+  EXPECT_THAT(Journal::Of("lpc."), ElementsAre("lpc.Init"));
+  EXPECT_TRUE(HappenedInOrder({"log lpcserver::Init failed,errorcode=14", "log LpcInit failed"}));
+  EXPECT_TRUE(log_.Has(Error("CLpcServerManager::LpcInit", "lpcserver::Init failed,errorcode=14")));
+  EXPECT_TRUE(log_.Has(Error("InitLogical", "LpcInit failed")));
+}
+
+TEST_F(FrameLifecycle, ATransportThatTakesNoCallbackEndsTheStart) {
+  transport_.set_invoke_callback = false;
+  transport_.last_error = 1;
+  ExpectNothingStarted();
+  EXPECT_THAT(Journal::Of("lpc."), ElementsAre("lpc.Init", "lpc.SetInvokeCallBack on"));
+  EXPECT_TRUE(HappenedInOrder(
+      {"log [CDrexNetWorkManager::StartLPCServer] SetInvokeCallBack failed, error code = 1",
+       "log LpcStartListen failed,lpc_server_name=endpoint", "log LpcInit failed"}));
+  EXPECT_TRUE(log_.Has(Error("CLpcServerManager::LpcStartListen",
+                             "[CDrexNetWorkManager::StartLPCServer] SetInvokeCallBack failed, error code = 1")));
+  EXPECT_TRUE(
+      log_.Has(Error("CLpcServerManager::LpcInit", "LpcStartListen failed,lpc_server_name=endpoint")));
+}
+
+TEST_F(FrameLifecycle, ATransportThatDoesNotListenEndsTheStartAndKeepsTheInboundCallback) {
+  transport_.start_listen = false;
+  transport_.last_error = 3;
+  ExpectNothingStarted();
+  EXPECT_THAT(Journal::Of("lpc."),
+              ElementsAre("lpc.Init", "lpc.SetInvokeCallBack on", "lpc.StartListen endpoint"));
+  EXPECT_TRUE(transport_.HasCallback());
+  EXPECT_TRUE(HappenedInOrder({"log [CDrexNetWorkManager::StartLPCServer] StartListen failed, error code = 3",
+                               "log LpcStartListen failed,lpc_server_name=endpoint", "log LpcInit failed"}));
+  EXPECT_TRUE(log_.Has(Error("CLpcServerManager::LpcStartListen",
+                             "[CDrexNetWorkManager::StartLPCServer] StartListen failed, error code = 3")));
+}
+
+TEST_F(FrameLifecycle, AStartAfterAFailedOneSucceeds) {
+  transport_.start_listen = false;
+  EXPECT_EQ(Start(), -8);
+  transport_.start_listen = true;
+  EXPECT_EQ(Start(), 0);
+  EXPECT_EQ(TolmLPCFrameUnInit(), 0);
+}
+
+TEST_F(FrameLifecycle, ATransportThatThrowsAtTheStartMakesItFail) {
+  transport_.init = []() -> bool { throw std::runtime_error("scripted"); };
+  EXPECT_NO_THROW(EXPECT_EQ(Start(), -8));
+  transport_.init = true;
+  EXPECT_EQ(Start(), 0);
+}
+
+// Stopping.
+
+TEST_F(FrameLifecycle, AStopWithoutAStartFailsAndTouchesNothing) {
+  EXPECT_EQ(TolmLPCFrameUnInit(), -8);
+  EXPECT_THAT(log_.Lines(), ElementsAre(Info("TolmLPCFrameUnInit", "TolmLPCFrameUnInit begin"),
+                                        Info("UninitLogical", "Start UninitLogical"),
+                                        Error("TolmLPCFrameUnInit", "LpcUnint UninitLogical failed")));
+  EXPECT_THAT(Journal::Of("lpc."), IsEmpty());
+  EXPECT_THAT(Journal::Of("pool."), IsEmpty());
+  EXPECT_THAT(Journal::Of("guard."), IsEmpty());
+}
+
+TEST_F(FrameLifecycle, TheFrameCountsAsStartedOnlyOnceTheRegistryIsInitialised) {
+  int result = 0;
+  guard_.init_agent = [&] { result = TolmLPCFrameUnInit(); };
+  Start(Plugins({}, 1));
+  EXPECT_EQ(result, -8);
+  EXPECT_EQ(TolmLPCFrameUnInit(), 0);
+}
+
+TEST_F(FrameLifecycle, AStopTakesDownRegistryThenPoolsInReverseThenGuardThenTransport) {
+  Start(Platform());
+  FromNowOn();
+  EXPECT_EQ(TolmLPCFrameUnInit(), 0);
+  EXPECT_THAT(Journal::Entries(),
+              ElementsAre("log TolmLPCFrameUnInit begin", "log Start UninitLogical",
+                          "guard.SetProcessGuardStateList A=false", "log All LPC plugins have uninited finish",
+                          "guard.NotifyFrameUninit", "pool.Stop WebSocket false", "pool.Stop Plugins false",
+                          "pool.Stop MainFrameWork false", "pool.Stop NetCallBack false",
+                          "guard.UninitManager", "lpc.SetInvokeCallBack off", "lpc.StopListen", "lpc.Uninit",
+                          "log Finish UninitLogical", "log TolmLPCFrameUnInit End"));
+  EXPECT_THAT(LinesOf("::TolmLPCFrameUnInit"),
+              ElementsAre(Info("TolmLPCFrameUnInit", "TolmLPCFrameUnInit begin"),
+                          Info("TolmLPCFrameUnInit", "TolmLPCFrameUnInit End")));
+  EXPECT_THAT(LinesOf("::UninitLogical"), ElementsAre(Info("UninitLogical", "Start UninitLogical"),
+                                                      Info("UninitLogical", "Finish UninitLogical")));
+}
+
+TEST_F(FrameLifecycle, ThePoolsHaveEndedBeforeTheGuardsEndpointIsClosed) {
+  std::vector<std::size_t> when_closing;
+  guard_.uninit_manager = [&] { when_closing = ThreadsOfPools(); };
+  Start();
+  TolmLPCFrameUnInit();
+  EXPECT_THAT(when_closing, ElementsAre(0, 0, 0, 0));
+}
+
+TEST_F(FrameLifecycle, TheFrameCountsAsStartedForEverSoASecondStopRunsAgain) {
+  Start(Platform());
+  EXPECT_EQ(TolmLPCFrameUnInit(), 0);
+  FromNowOn();
+  EXPECT_EQ(TolmLPCFrameUnInit(), 0);
+  EXPECT_TRUE(HappenedInOrder({"log Start UninitLogical", "guard.SetProcessGuardStateList A=false",
+                               "pool.Stop WebSocket false", "pool.Stop NetCallBack false",
+                               "guard.UninitManager", "lpc.StopListen", "lpc.Uninit",
+                               "log Finish UninitLogical"}));
+}
+
+TEST_F(FrameLifecycle, ATransportThatDoesNotStopListeningIsLoggedAndNotReleased) {
+  Start();
+  transport_.stop_listen = false;
+  transport_.last_error = 14;
+  FromNowOn();
+  EXPECT_EQ(TolmLPCFrameUnInit(), 0);
+  EXPECT_EQ(Journal::Count("lpc.Uninit"), 0u);
+  EXPECT_TRUE(HappenedInOrder({"log lpcserver::StopListen() failed,errorcode=14", "log LpcStopListen failed",
+                               "log Finish UninitLogical"}));
+  EXPECT_TRUE(log_.Has(
+      Error("CLpcServerManager::LpcStopListen", "lpcserver::StopListen() failed,errorcode=14")));
+  EXPECT_TRUE(log_.Has(Error("CLpcServerManager::LpcUnint", "LpcStopListen failed")));
+}
+
+TEST_F(FrameLifecycle, ATransportThatIsNotReleasedIsOnlyLogged) {
+  Start();
+  transport_.uninit = false;
+  transport_.last_error = 9;
+  EXPECT_EQ(TolmLPCFrameUnInit(), 0);
+  EXPECT_TRUE(log_.Has(Error("CLpcServerManager::LpcUnint", "lpcserver::Uninit failed,errorcode=9")));
+}
+
+TEST_F(FrameLifecycle, ACallbackThatIsNotRemovedDoesNotKeepTheTransportUp) {
+  Start();
+  transport_.set_invoke_callback = false;
+  FromNowOn();
+  EXPECT_EQ(TolmLPCFrameUnInit(), 0);
+  EXPECT_TRUE(HappenedInOrder({"lpc.SetInvokeCallBack off", "lpc.StopListen", "lpc.Uninit"}));
+}
+
+TEST_F(FrameLifecycle, ATransportThatThrowsAtTheStopLetsNoExceptionOut) {
+  Start();
+  transport_.stop_listen = []() -> bool { throw std::runtime_error("scripted"); };
+  EXPECT_NO_THROW(TolmLPCFrameUnInit());
+}
+
+TEST_F(FrameLifecycle, AStopDoesNotWaitForAStartThatIsUnderWay) {
+  Start();
+  Gate gate;
+  transport_.init = [&] {
+    gate.Wait();
+    return true;
+  };
+  std::jthread second_start([] { TolmLPCFrameInit("endpoint", {}); });
+  ASSERT_TRUE(WaitFor([&] { return gate.Waiting() == 1; }));
+  EXPECT_EQ(TolmLPCFrameUnInit(), 0);
+  EXPECT_EQ(gate.Waiting(), 1);
+  gate.Open();
+}
+
+// What is under way when the frame stops.
+
+TEST_F(FrameLifecycle, AStopWaitsForACallbackThatRuns) {
+  Start();
+  Gate gate;
+  host_.answer = [&](const FrameCallBackData&) {
+    gate.Wait();
+    return true;
+  };
+  transport_.Deliver(Message().From("A").Url("/x"));
+  ASSERT_TRUE(WaitFor([&] { return gate.Waiting() == 1; }));
+  std::atomic<bool> stopped{false};
+  std::jthread stop([&] {
+    TolmLPCFrameUnInit();
+    stopped = true;
+  });
+  ASSERT_TRUE(WaitFor([&] { return Journal::Count("pool.Stop MainFrameWork false") == 1; }));
+  EXPECT_FALSE(stopped);
+  EXPECT_EQ(Journal::Count("lpc.StopListen"), 0u);
+  gate.Open();
+  EXPECT_TRUE(WaitFor([&] { return stopped.load(); }));
+}
+
+TEST_F(FrameLifecycle, NoCallbackComesOnceTheStopHasReturned) {
+  Start();
+  TolmLPCFrameUnInit();
+  FromNowOn();
+  EXPECT_FALSE(transport_.Deliver(Message().From("A").Push("tag")));
+  // A transport thread that was late would still hold the function.
+  EXPECT_TRUE(CLpcServerManager::LPCServerCallback(Message().From("A").Push("tag"), nullptr));
+  EXPECT_TRUE(CLpcServerManager::LPCServerCallback(Message().From("A").Url("/x"), nullptr));
+  EXPECT_TRUE(CLpcServerManager::LPCServerCallback(InitFinish("A"), nullptr));
+  EXPECT_EQ(host_.Count(), 0u);
+  EXPECT_THAT(ThreadsOfPools(), ElementsAre(0, 0, 0, 0));
+}
+
+TEST_F(FrameLifecycle, WhileTheTransportIsTakenDownPushesEndAtTheHostOnlyUntilTheCallbackIsRemoved) {
+  Start();
+  guard_.uninit_manager = [&] { transport_.Deliver(Message().From("before").Push("tag")); };
+  transport_.stop_listen = [&] {
+    CLpcServerManager::LPCServerCallback(Message().From("after").Push("tag"), nullptr);
+    return true;
+  };
+  TolmLPCFrameUnInit();
+  EXPECT_EQ(host_.Only().lpc_data.src_id, "before");
+}
+
+TEST_F(FrameLifecycle, MessagesThatWaitInAPoolAtTheStopAreNotDelivered) {
+  Start();
+  Gate gate;
+  host_.answer = [&](const FrameCallBackData&) {
+    gate.Wait();
+    return true;
+  };
+  for (int i = 0; i < 40; ++i) transport_.Deliver(Message().From("A").Url("/first"));
+  ASSERT_TRUE(WaitFor([&] {
+    return gate.Waiting() == 30 && The<CMessageLoopForMainFrameWork>().QueuedCount() == 10;
+  }));
+  std::jthread stop([] { TolmLPCFrameUnInit(); });
+  ASSERT_TRUE(WaitFor([] { return The<CMessageLoopForMainFrameWork>().QueuedCount() == 0; }));
+  gate.Open();
+  stop.join();
+  EXPECT_EQ(host_.Count(), 30u);
+
+  // Nor are they in a second life.
+  transport_.start_listen = [&](const std::string&) { return true; };
+  host_.Clear();
+  Start();
+  transport_.Deliver(Message().From("A").Url("/second"));
+  ASSERT_TRUE(WaitFor([&] { return host_.Count() != 0; }));
+  EXPECT_EQ(TolmLPCFrameUnInit(), 0);
+  EXPECT_EQ(host_.Only().lpc_data.url, "/second");
+}
+
+TEST_F(FrameLifecycle, AMessageBetweenTwoLivesIsForgotten) {
+  Start();
+  TolmLPCFrameUnInit();
+  CLpcServerManager::LPCServerCallback(Message().From("A").Url("/between"), nullptr);
+  CLpcServerManager::LPCServerCallback(InitFinish("A"), nullptr);
+  Start();
+  transport_.Deliver(Message().From("A").Url("/second"));
+  ASSERT_TRUE(WaitFor([&] { return host_.Count() != 0; }));
+  EXPECT_EQ(TolmLPCFrameUnInit(), 0);
+  EXPECT_EQ(host_.Only().lpc_data.url, "/second");
+}
+
+TEST_F(FrameLifecycle, WhatAMessageHoldsIsGivenBackAlsoWhenItIsNotDelivered) {
+  Start();
+  TolmLPCFrameUnInit();
+  auto lease = std::make_shared<int>(0);
+  tag_LPCCallBackData record = Message().From("A").Url("/x").Record();
+  record.lease = lease;
+  CLpcServerManager::LPCServerCallback(record, nullptr);
+  record.lease.reset();
+  EXPECT_EQ(lease.use_count(), 1);
+}
+
+TEST_F(FrameLifecycle, WhatAMessageHoldsIsGivenBackOnceTheHostHasHadIt) {
+  Start();
+  auto lease = std::make_shared<int>(0);
+  tag_LPCCallBackData record = Message().From("A").Url("/x").Record();
+  record.lease = lease;
+  transport_.Deliver(record);
+  record.lease.reset();
+  EXPECT_TRUE(WaitFor([&] { return host_.Count() == 1 && lease.use_count() == 1; }));
+}
+
+// The thin operations.
+
+TEST_F(FrameLifecycle, RegisteringTheCallbackLogsAndReplacesThePair) {
+  Host other;
+  RegisterLpcMsgCallback(&Host::Receive, &other);
+  RegisterLpcMsgCallback(&Host::Receive, &host_);
+  EXPECT_THAT(log_.Lines(), ElementsAre(Info("RegisterLpcMsgCallback", "RegisterLpcMsgCallback yet"),
+                                        Info("RegisterLpcMsgCallback", "RegisterLpcMsgCallback yet")));
+  FrameCallBackData data;
+  data.LpcMsgType = kLpcMsgPush;
+  EXPECT_TRUE(Manager().CallLpcCallBack(data));
+  EXPECT_EQ(host_.Count(), 1u);
+  EXPECT_EQ(other.Count(), 0u);
+}
+
+TEST_F(FrameLifecycle, RegisteringUrlsLogsEachInOrder) {
+  RegisterUrl({"/b", "/a", "/b"});
+  EXPECT_THAT(log_.Lines(),
+              ElementsAre(Info("RegisterUrl", "Up RegisterUrl url[/b]"), Info("RegisterUrl", "Up RegisterUrl url[/a]"),
+                          Info("RegisterUrl", "Up RegisterUrl url[/b]")));
+}
+
+TEST_F(FrameLifecycle, RegisteringNoUrlLogsNothing) {
+  RegisterUrl({});
+  EXPECT_THAT(log_.Lines(), IsEmpty());
+}
+
+TEST_F(FrameLifecycle, ThatPluginsMayStartIsLoggedAndToldTheGuardUnchanged) {
+  TolmLPCFrameNotifyStartPlugins("--x \"y z\" %s");
+  EXPECT_THAT(Journal::Entries(),
+              ElementsAre("log TolmLPCFrameNotifyStartPlugins plugin_cmdline[--x \"y z\" %s]",
+                          "guard.NotifyFrameInitedFinished --x \"y z\" %s"));
+  EXPECT_THAT(log_.Lines(), ElementsAre(Info("TolmLPCFrameNotifyStartPlugins",
+                                             "TolmLPCFrameNotifyStartPlugins plugin_cmdline[--x \"y z\" %s]")));
+}
+
+TEST_F(FrameLifecycle, AListedPluginIsStartedThroughTheGuardUnderItsOwnId) {
+  PlatformInfo info;
+  info.plugin_map["key"].plugin_id = "id";
+  List(info);
+  FromNowOn();
+  TolmLPCFrameStartPlugin("key");
+  EXPECT_THAT(Journal::Entries(), ElementsAre("log TolmLPCFrameStartPlugin plugin_id[key]",
+                                              "guard.ControlGuardProcess id start"));
+  EXPECT_THAT(log_.Lines(),
+              ElementsAre(Info("TolmLPCFrameStartPlugin", "TolmLPCFrameStartPlugin plugin_id[key]")));
+}
+
+TEST_F(FrameLifecycle, AnUnlistedPluginIsNotStarted) {
+  TolmLPCFrameStartPlugin("nobody");
+  EXPECT_THAT(Journal::Of("guard."), IsEmpty());
+  EXPECT_THAT(log_.Lines(),
+              ElementsAre(Info("TolmLPCFrameStartPlugin", "TolmLPCFrameStartPlugin plugin_id[nobody]"),
+                          Error("CLPCIntegrate::GetPluginInfoByID", "find plugin_data failed, [nobody]")));
+}
+
+TEST_F(FrameLifecycle, TheLastErrorIsTheTransports) {
+  transport_.last_error = 6;
+  EXPECT_EQ(GetLPCLastError(), 6);
+  EXPECT_THAT(log_.Lines(), IsEmpty());
+}
+
+TEST_F(FrameLifecycle, SubscribingLeavesItsArgumentAndSendsNothing) {
+  LPCData data;
+  data.msg_type = 5;
+  data.url = "/x";
+  data.http_headers["a"] = "b";
+  data.body = "body";
+  const LPCData before = data;
+  SubscribeNotify(data);
+  EXPECT_TRUE(data == before);
+  EXPECT_THAT(Journal::Entries(), IsEmpty());
+}
+
+TEST_F(FrameLifecycle, BeforeTheStartEveryQuestionHasAnEmptyAnswer) {
+  int time_out = 77;
+  EXPECT_FALSE(IsPluginURL(time_out, "/x"));
+  EXPECT_EQ(time_out, 77);
+  std::vector<std::string> headers = {"old"};
+  GetHttpHeaders(headers);
+  EXPECT_THAT(headers, IsEmpty());
+}
+
+}  // namespace
+}  // namespace tolm::test

@@ -1,0 +1,67 @@
+#include "RegistryInside.h"
+
+#include <map>
+#include <mutex>
+
+namespace tolm::test {
+namespace {
+
+using TolmLPCFrame::CLPCIntegrate;
+using TolmLPCFrame::Guarded;
+
+// A private member may be named in an explicit instantiation; each tag takes a pointer out of there.
+template <typename Value>
+using Member = Value CLPCIntegrate::*;
+
+struct Timeouts {
+  using Type = Member<Guarded<std::map<std::string, std::int32_t>>>;
+  friend Type Reach(Timeouts);
+};
+struct HostUrls {
+  using Type = Member<Guarded<std::vector<std::string>>>;
+  friend Type Reach(HostUrls);
+};
+struct FrameType {
+  using Type = Member<Guarded<std::int32_t>>;
+  friend Type Reach(FrameType);
+};
+struct Uniniting {
+  using Type = Member<std::vector<std::string>>;
+  friend Type Reach(Uniniting);
+};
+struct UninitingMutex {
+  using Type = Member<std::mutex>;
+  friend Type Reach(UninitingMutex);
+};
+
+template <typename Tag, typename Tag::Type kMember>
+struct Open {
+  friend typename Tag::Type Reach(Tag) { return kMember; }
+};
+
+template struct Open<Timeouts, &CLPCIntegrate::map_url_timeout_>;
+template struct Open<HostUrls, &CLPCIntegrate::vec_register_url_>;
+template struct Open<FrameType, &CLPCIntegrate::frame_type_>;
+template struct Open<Uniniting, &CLPCIntegrate::vec_uniniting_plugin_>;
+template struct Open<UninitingMutex, &CLPCIntegrate::uniniting_mutex_>;
+
+}  // namespace
+
+void ForgetTimeout(CLPCIntegrate& registry, const std::string& lower_case_url) {
+  (registry.*Reach(Timeouts())).Write([&](auto& timeouts) { timeouts.erase(lower_case_url); });
+}
+
+std::vector<std::string> UrlsOfHost(const CLPCIntegrate& registry) {
+  return (registry.*Reach(HostUrls())).Read([](const auto& urls) { return urls; });
+}
+
+std::int32_t TypeOfFrame(const CLPCIntegrate& registry) {
+  return (registry.*Reach(FrameType())).Read([](std::int32_t type) { return type; });
+}
+
+std::vector<std::string> StillUniniting(CLPCIntegrate& registry) {
+  const std::lock_guard lock(registry.*Reach(UninitingMutex()));
+  return registry.*Reach(Uniniting());
+}
+
+}  // namespace tolm::test

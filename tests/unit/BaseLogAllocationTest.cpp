@@ -1,0 +1,72 @@
+// Counts what the whole program allocates with new, on each thread.
+
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <cstdlib>
+#include <new>
+#include <string>
+
+#include "TolmBase/LogLine.h"
+
+namespace {
+
+thread_local std::size_t t_allocations = 0;
+
+}  // namespace
+
+void* operator new(std::size_t size) {
+  ++t_allocations;
+  if (void* const memory = std::malloc(size != 0 ? size : 1)) return memory;
+  throw std::bad_alloc();
+}
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+  ++t_allocations;
+  return std::malloc(size != 0 ? size : 1);
+}
+void operator delete(void* memory) noexcept { std::free(memory); }
+void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+
+namespace {
+
+using namespace Tolm::Base;
+
+std::size_t g_received = 0;
+
+class LogAllocation : public testing::Test {
+ protected:
+  LogAllocation() {
+    SetLogStderrLevel(kLogLevelOff);
+    SetLogCallback([](int, const char*, const char*, void*) { ++g_received; }, nullptr, kLogLevelInfo);
+    // The first line makes what is made once.
+    TOLM_LOG(3, "tag", "first");
+    g_received = 0;
+    t_allocations = 0;
+  }
+  ~LogAllocation() override {
+    SetLogCallback(nullptr, nullptr, kLogLevelOff);
+    SetLogStderrLevel(kLogLevelError);
+  }
+};
+
+TEST_F(LogAllocation, AShortLineNeedsNone) {
+  TOLM_LOG(3, "tag", "url=[%s], msg_id=[%d]", "/some/url", 7);
+  EXPECT_EQ(t_allocations, 0U);
+  EXPECT_EQ(g_received, 1U);
+}
+
+TEST_F(LogAllocation, ALongLineNeedsOne) {
+  const std::string body(10'000, 'b');
+  t_allocations = 0;
+  TOLM_LOG(3, "tag", "body=[%s]", body.c_str());
+  EXPECT_EQ(t_allocations, 1U);
+  EXPECT_EQ(g_received, 1U);
+}
+
+TEST_F(LogAllocation, ALineThatNobodyWantsNeedsNoneForItsArgumentsEither) {
+  TOLM_LOG(2, "tag", "%s", std::string(10'000, 'm').c_str());
+  EXPECT_EQ(t_allocations, 0U);
+  EXPECT_EQ(g_received, 0U);
+}
+
+}  // namespace
