@@ -76,6 +76,12 @@ class MemoryStream final : public Stream, public Source {
     return total > 0 ? IoResult{IoStatus::kDone, total} : IoResult{IoStatus::kWouldBlock};
   }
 
+  bool WaitReadable(int timeout_ms) override {
+    std::unique_lock lock(world_->mutex);
+    return world_->changed.wait_for(lock, std::chrono::milliseconds(timeout_ms),
+                                    [this] { return ReadableLocked(); });
+  }
+
   void Shutdown() noexcept override {
     const std::lock_guard lock(world_->mutex);
     in_->closed = true;

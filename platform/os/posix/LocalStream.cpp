@@ -1,6 +1,7 @@
 #include "os/LocalStream.h"
 
 #include <array>
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -105,6 +106,11 @@ IoResult UnixStream::Write(const ConstBuffer* buffers, std::size_t count) {
   message.msg_iovlen = FillVector(vector, buffers, count);
   const ssize_t sent = ::sendmsg(socket_.get(), &message, MSG_DONTWAIT | MSG_NOSIGNAL);
   return sent >= 0 ? IoResult{IoStatus::kDone, static_cast<std::size_t>(sent)} : Failure(errno);
+}
+
+bool UnixStream::WaitReadable(int timeout_ms) {
+  pollfd watched{socket_.get(), POLLIN, 0};
+  return ::poll(&watched, 1, timeout_ms) != 0;
 }
 
 void UnixStream::Shutdown() noexcept { ::shutdown(socket_.get(), SHUT_RDWR); }

@@ -14,6 +14,7 @@ class UnixStream final : public Stream {
   explicit UnixStream(Descriptor socket) : Stream(socket.get()), socket_(std::move(socket)) {}
   IoResult Read(const MutableBuffer* buffers, std::size_t count) override;
   IoResult Write(const ConstBuffer* buffers, std::size_t count) override;
+  bool WaitReadable(int timeout_ms) override;
   void Shutdown() noexcept override;
   PeerIdentity Peer() const override;
 

@@ -19,7 +19,7 @@ class CMessageLoopDyThreadPool : CNoncopyable {
  public:
   /// `name` (at most 15 bytes count) is what the pool's threads are called in a debugger.
   explicit CMessageLoopDyThreadPool(const char* name = "TolmPool");
-  /// As Stop(false).
+  /// As Stop(false), also on one of the pool's own threads. No other call may be under way.
   virtual ~CMessageLoopDyThreadPool();
 
   /// Starts `min_threads` threads, and runs what was queued. Later a thread is added whenever a task is

@@ -157,6 +157,7 @@ void CLpcClient::Core::Stop() {
     link->WaitUntilSent(kFlushMs);
     link->SendNotice(lpc::wire::FrameType::kGoodbye, 0, lpc::kOk, "the plugin ends its connection");
     link->FailSenders(lpc::kPeerGone);
+    link->CutOff(lpc::kPeerGone, "this end stops");
   }
   loop_->Stop();
   {

@@ -144,6 +144,7 @@ void ServerCore::Stop() {
   for (const auto& link : peers_.All()) {
     link->SendNotice(wire::FrameType::kGoodbye, 0, kOk, "the frame stops");
     link->FailSenders(kPeerGone);
+    link->CutOff(kPeerGone, "this end stops");
   }
   loop_->Stop();
   for (const auto& link : peers_.Clear()) link->Abandon();

@@ -76,10 +76,10 @@ bool Link::Begin() {
   token_ = loop_->Register(weak_from_this());
   const std::lock_guard lock(mutex_);
   in_charge_ = false;
-  return ArmLocked();
+  return loop_->Arm(*stream_, token_, os::Poller::kRead);
 }
 
-void Link::Continue() { Work(true, false); }
+void Link::Continue() { Work(); }
 
 void Link::Open(std::string peer_name) {
   peer_name_ = std::move(peer_name);
@@ -108,19 +108,21 @@ int Link::Send(const OutgoingMessage& message) {
 }
 
 int Link::SendAndWait(const OutgoingMessage& request, int time_out_ms, InboundMessage& reply) {
-  const auto deadline =
-      std::chrono::steady_clock::now() + std::chrono::milliseconds(std::max(0, time_out_ms));
+  const auto deadline = IoLoop::Clock::now() + std::chrono::milliseconds(std::max(0, time_out_ms));
   const auto waiter = Waiter::ForThisThread();
   if (!pending_.Add(request.id, waiter)) return kPeerGone;
-  bool resume = false;
+  bool leads = false;
   {
-    // A peer that is not read from must be, now that somebody waits for its answer.
     const std::lock_guard lock(mutex_);
-    resume = std::exchange(paused_, false) && !in_charge_ && !gone_;
-    if (resume) ArmLocked();
+    // A peer that is not read from must be, now that somebody waits for its answer.
+    paused_ = false;
+    leads = !in_charge_ && !gone_;
+    in_charge_ |= leads;
+    if (leads) ArmLocked();
   }
   int error = Send(request);
-  if (error == kOk) error = waiter->WaitUntil(deadline);
+  if (leads && error != kOk) GiveUpCharge();
+  if (error == kOk) error = leads ? Lead(*waiter, deadline) : waiter->WaitUntil(deadline);
   if (error == kOk) {
     reply = std::move(waiter->reply());
     return kOk;
@@ -128,6 +130,27 @@ int Link::SendAndWait(const OutgoingMessage& request, int time_out_ms, InboundMe
   pending_.Remove(request.id);
   if (error == kTimeOut) SendControl(FrameType::kCancel, request.id);
   return error;
+}
+
+// Reads for everybody until the own reply is there or time is over.
+int Link::Lead(Waiter& waiter, IoLoop::Clock::time_point deadline) {
+  for (;;) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - IoLoop::Clock::now()).count();
+    const bool readable = stream_->WaitReadable(static_cast<int>(std::max<std::int64_t>(0, left)));
+    Sink sink(*this);
+    const bool alive = !readable || ReadOrFail(sink);
+    // Callbacks belong to the loop's threads: the host may hold a lock here that a callback wants.
+    loop_->Post(sink.work);
+    if (!alive) {
+      CloseInCharge(sink.error, sink.reason);
+      return waiter.WaitUntil(deadline);  // over already: all waiters have failed
+    }
+    CutOffIfFlooding();
+    if (waiter.IsDone() || IoLoop::Clock::now() >= deadline) {
+      GiveUpCharge();
+      return waiter.WaitUntil(deadline);
+    }
+  }
 }
 
 void Link::SendControl(FrameType type, std::uint64_t message_id, const std::string& payload) {
@@ -142,17 +165,10 @@ void Link::AskForWritability() {
   {
     const std::lock_guard lock(mutex_);
     want_write_ = true;
-    if (!in_charge_ && !gone_) ArmLocked();
+    ArmLocked();
   }
   // A peer that stays like this is cut off.
   loop_->RunHousekeepingBy(IoLoop::Clock::now() + std::chrono::milliseconds(options_.stall_ms));
-}
-
-void Link::Flush() {
-  if (queue_.Resume() == SendQueue::Outcome::kBlocked) {
-    const std::lock_guard lock(mutex_);
-    want_write_ = true;
-  }
 }
 
 IoLoop::Clock::time_point Link::StallDeadline() const {
@@ -162,62 +178,64 @@ IoLoop::Clock::time_point Link::StallDeadline() const {
 
 // --- reading ---
 
-bool Link::ArmLocked() {
-  const unsigned interest = (paused_ ? 0u : os::Poller::kRead) | (want_write_ ? os::Poller::kWrite : 0u);
-  return loop_->Arm(*stream_, token_, interest);
+// Asks for everything that is wanted now: a readiness given out has used up what was asked for before.
+void Link::ArmLocked() {
+  if (gone_) return;
+  const bool want_read = !in_charge_ && !paused_;
+  const unsigned interest = (want_read ? os::Poller::kRead : 0u) | (want_write_ ? os::Poller::kWrite : 0u);
+  loop_->Arm(*stream_, token_, interest);
 }
 
-bool Link::TakeCharge(bool readable, bool writable) {
+bool Link::TakeCharge() {
   const std::lock_guard lock(mutex_);
-  if (gone_) return false;
-  if (in_charge_) {
-    noted_readable_ |= readable;
-    noted_writable_ |= writable;
-    return false;
-  }
+  if (gone_ || in_charge_) return false;
   in_charge_ = true;
   return true;
 }
 
+void Link::GiveUpCharge() {
+  const bool may_read = MayReadMore();
+  const std::lock_guard lock(mutex_);
+  // Asked again under the lock: whoever gives back bytes, or begins to wait, looks at paused_ under it
+  // afterwards.
+  paused_ = !may_read && pending_.empty() &&
+            inbound_bytes_.load(std::memory_order_relaxed) >= options_.max_inbound_bytes / 2;
+  in_charge_ = false;
+  ArmLocked();
+}
+
 void Link::OnReady(bool readable, bool writable) {
-  if (TakeCharge(readable, writable)) Work(readable, writable);
+  if (writable) {
+    {
+      const std::lock_guard lock(mutex_);
+      want_write_ = false;
+    }
+    if (queue_.Resume() == SendQueue::Outcome::kBlocked) {
+      const std::lock_guard lock(mutex_);
+      want_write_ = true;
+    }
+  }
+  if (readable && TakeCharge()) {
+    Work();
+    return;
+  }
+  const std::lock_guard lock(mutex_);
+  if (!in_charge_ || want_write_) ArmLocked();
 }
 
 // By the thread in charge.
-void Link::Work(bool readable, bool writable) {
+void Link::Work() {
   const auto self = shared_from_this();
   Sink sink(*this);
-  for (;;) {
-    if (writable) {
-      {
-        const std::lock_guard lock(mutex_);
-        want_write_ = false;
-      }
-      Flush();
-    }
-    const bool alive = !readable || ReadOrFail(sink);
-    if (sink.hold) return;  // still in charge, until Continue
-    if (!alive) {
-      loop_->Post(sink.work);
-      CloseInCharge(sink.error, sink.reason);
-      return;
-    }
-    const bool may_read = MayReadMore();
-    {
-      const std::lock_guard lock(mutex_);
-      readable = std::exchange(noted_readable_, false);
-      writable = std::exchange(noted_writable_, false);
-      if (!readable && !writable) {
-        // Asked again under the lock: whoever gives back the bytes, or begins to wait, looks at
-        // paused_ under it afterwards.
-        paused_ = !may_read && pending_.empty() &&
-                  inbound_bytes_.load(std::memory_order_relaxed) >= options_.max_inbound_bytes / 2;
-        in_charge_ = false;
-        ArmLocked();
-        break;
-      }
-    }
+  const bool alive = ReadOrFail(sink);
+  if (sink.hold) return;  // still in charge, until Continue
+  if (!alive) {
+    loop_->Post(sink.work);
+    CloseInCharge(sink.error, sink.reason);
+    return;
   }
+  CutOffIfFlooding();
+  GiveUpCharge();
   loop_->Post(sink.work);
 }
 
@@ -311,18 +329,21 @@ void Link::HandleMessage(InboundMessage&& message, Sink& sink) {
   }
 }
 
-bool Link::MayReadMore() {
+// A peer that goes on although it is not read from any more but for replies is not worth waiting for.
+void Link::CutOffIfFlooding() {
   const std::size_t bytes = inbound_bytes_.load(std::memory_order_relaxed);
-  if (bytes <= options_.max_inbound_bytes) return true;
-  if (bytes > 4 * options_.max_inbound_bytes) {
-    CutOff(kQueueFull, "it sends more than is worked on: " + std::to_string(bytes) + " bytes");
-    return true;
-  }
+  if (bytes <= 4 * options_.max_inbound_bytes) return;
+  CutOff(kQueueFull, "it sends more than is worked on: " + std::to_string(bytes) + " bytes");
+}
+
+bool Link::MayReadMore() {
+  if (inbound_bytes_.load(std::memory_order_relaxed) <= options_.max_inbound_bytes) return true;
   // Replies come on the same connection: while somebody waits for one, it is read on.
   if (!pending_.empty()) return true;
-  TOLM_LOG(Tolm::Base::kLogLevelWarning, kTag, "peer [%s] sends faster than its messages are worked on: "
-           "not read from until less than %zu bytes are left", peer_name_.c_str(),
-           options_.max_inbound_bytes / 2);
+  TOLM_LOG(Tolm::Base::kLogLevelWarning, kTag,
+           "peer [%s] sends faster than its messages are worked on: not read from until less than %zu bytes "
+           "are left",
+           peer_name_.c_str(), options_.max_inbound_bytes / 2);
   return false;
 }
 
@@ -331,7 +352,7 @@ void Link::ReturnLease(std::size_t bytes) {
   const std::size_t half = options_.max_inbound_bytes / 2;
   if (before < half || before - bytes >= half) return;
   const std::lock_guard lock(mutex_);
-  if (std::exchange(paused_, false) && !in_charge_ && !gone_) ArmLocked();
+  if (std::exchange(paused_, false) && !in_charge_) ArmLocked();
 }
 
 // --- the end ---

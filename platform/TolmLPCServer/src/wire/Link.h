@@ -47,9 +47,16 @@ class LinkOwner {
   ~LinkOwner() = default;
 };
 
-/// Whoever may read is decided by the poller, which gives a readiness to one thread; that thread is "in
-/// charge" until it asks for the next one. A readiness that arrives all the same meanwhile (a sender asked
-/// for writability) is noted and handled by the thread in charge.
+/// One thread at a time is "in charge", which means that it may read. Usually that is the thread to which
+/// the poller gave the readiness. A sender that waits for its reply takes charge itself when nobody has it,
+/// and then waits on the stream alone: the reply wakes it without passing through another thread.
+///
+///   caller                              loop thread
+///   takes charge, sends, waits          waits in the poller, not for this stream
+///   reads; its own reply: done          -
+///           somebody else's: wakes them -
+///           a message: ──────────────►  runs the callback
+///   gives charge back ───────────────►  waits for this stream again
 class Link final : public IoHandler, public std::enable_shared_from_this<Link> {
  public:
   /// `owner` must outlive the loop's threads.
@@ -91,17 +98,19 @@ class Link final : public IoHandler, public std::enable_shared_from_this<Link> {
   class Lease;
   class Sink;
 
-  bool TakeCharge(bool readable, bool writable);
-  void Work(bool readable, bool writable);
+  bool TakeCharge();
+  void GiveUpCharge();
+  void Work();
+  int Lead(Waiter& waiter, IoLoop::Clock::time_point deadline);
   bool ReadOrFail(Sink& sink);
   bool ReadSome(Sink& sink);
   bool SayGoodbye(Sink& sink);
   void HandleControl(const FrameHeader& header, std::string_view payload, Sink& sink);
   void HandleMessage(InboundMessage&& message, Sink& sink);
-  void Flush();
   void AskForWritability();
-  bool ArmLocked();
+  void ArmLocked();
   void CloseInCharge(int error, const std::string& reason);
+  void CutOffIfFlooding();
   bool MayReadMore();
   void ReturnLease(std::size_t bytes);
 
@@ -124,8 +133,6 @@ class Link final : public IoHandler, public std::enable_shared_from_this<Link> {
   mutable std::mutex mutex_;
   // All below is guarded by mutex_.
   bool in_charge_ = true;  // a thread is; at first the one that made the link
-  bool noted_readable_ = false;
-  bool noted_writable_ = false;
   bool want_write_ = false;
   bool paused_ = false;  // not read from: too much of what it sent is worked on
   bool gone_ = false;    // no readiness is asked for any more

@@ -31,6 +31,11 @@ void Waiter::Fail(int error) {
   done_.notify_one();
 }
 
+bool Waiter::IsDone() const {
+  const std::lock_guard lock(mutex_);
+  return is_done_;
+}
+
 std::shared_ptr<Waiter> Waiter::ForThisThread() {
   thread_local std::shared_ptr<Waiter> kept;
   // Somebody who completed it late may hold it still; it is theirs then.

@@ -20,6 +20,7 @@ class Waiter {
   int WaitUntil(std::chrono::steady_clock::time_point deadline);
   void Complete(InboundMessage&& reply);
   void Fail(int error);
+  bool IsDone() const;
   /// The reply, after WaitUntil gave kOk.
   InboundMessage& reply() { return reply_; }
 
@@ -28,7 +29,7 @@ class Waiter {
   static std::shared_ptr<Waiter> ForThisThread();
 
  private:
-  std::mutex mutex_;
+  mutable std::mutex mutex_;
   std::condition_variable done_;
   bool is_done_ = false;
   int error_ = 0;

@@ -67,7 +67,7 @@ class Pollable {
 };
 
 /// One end of a byte stream. Read is used by one thread at a time, and so is Write; the two may run
-/// side by side. Nothing here blocks.
+/// side by side. Nothing but WaitReadable blocks.
 class Stream : public Pollable {
  public:
   using Pollable::Pollable;
@@ -75,6 +75,9 @@ class Stream : public Pollable {
   virtual IoResult Read(const MutableBuffer* buffers, std::size_t count) = 0;
   /// Takes as much of the buffers, in order, as fits.
   virtual IoResult Write(const ConstBuffer* buffers, std::size_t count) = 0;
+  /// Waits until Read would not say kWouldBlock, for at most `timeout_ms`; false when that time is over.
+  /// For the one thread that reads; a poller must not be asked for kRead of this stream meanwhile.
+  virtual bool WaitReadable(int timeout_ms) = 0;
   /// Ends both directions: what arrived is still read, then both ends see kClosed, and a poller that
   /// watches either end reports it as readable. May be called from any thread, any number of times.
   virtual void Shutdown() noexcept = 0;
