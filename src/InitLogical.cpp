@@ -16,8 +16,8 @@ namespace {
 
 /// Set by the first start that succeeds, and never cleared: a stop may be repeated.
 std::atomic<bool> g_logical_init{false};
-/// Whether the pools are in use at the moment.
-std::atomic<bool> g_pools_started{false};
+/// Whether the pools were stopped and not started again since.
+std::atomic<bool> g_pools_stopped{false};
 
 void ReopenPools() {
   CSingleton<CMessageLoopForNetCallBack>::Instance().Reopen();
@@ -43,17 +43,16 @@ void StopPools() {
 }  // namespace
 
 bool InitLogical(const std::string& lpc_server_name, const PlatformInfo& info) {
-  // Messages may arrive as soon as the transport listens, before the pools have threads. Pools that an
-  // earlier stop has closed would destroy them; running ones are not touched by this.
-  ReopenPools();
-  auto& transport = CSingleton<CLpcServerManager>::Instance();
-  if (!transport.LpcInit(lpc_server_name)) {
+  // Messages may arrive as soon as the transport listens, before the pools have threads. New pools keep
+  // them until then; pools that an earlier stop has closed would destroy them.
+  const bool reopens = g_pools_stopped;
+  if (reopens) ReopenPools();
+  if (!CSingleton<CLpcServerManager>::Instance().LpcInit(lpc_server_name)) {
     TOLM_LOG(Tolm::Base::kLogLevelError, kTagError, "LpcInit failed");
-    // The frame may be running all the while, under another name; its pools are left alone then.
-    if (!g_pools_started) StopPools();
+    if (reopens) StopPools();
     return false;
   }
-  g_pools_started = true;
+  g_pools_stopped = false;
   StartPools();
   CSingleton<CTolmGuardConnectManager>::Instance().InitManager(info.frame_type);
   CLPCIntegrate::GetInstance().Init(info);
@@ -65,7 +64,7 @@ bool UninitLogical() {
   TOLM_LOG(Tolm::Base::kLogLevelInfo, kTagInfo, "Start UninitLogical");
   if (!g_logical_init) return false;
   CLPCIntegrate::GetInstance().UnInit();
-  g_pools_started = false;
+  g_pools_stopped = true;
   StopPools();
   CSingleton<CTolmGuardConnectManager>::Instance().UninitManager();
   CSingleton<CLpcServerManager>::Instance().LpcUnint();

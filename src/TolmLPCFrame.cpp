@@ -17,9 +17,6 @@
 #include "lpcintegratemodule/LPCIntegrate.h"
 #include "lpcsevermanager/LpcServerManager.h"
 
-// Every exported function ends in a handler, since no exception may reach the host.
-#define TOLM_LOG_CAUGHT() TOLM_LOG(kLogLevelError, kTagError, "failed: %s", CaughtExceptionText())
-
 namespace TolmLPCFrame {
 
 using Tolm::Base::kLogLevelError;
@@ -48,6 +45,8 @@ unsigned long ForLog(std::uint64_t msg_id) {
 
 }  // namespace
 
+// Every function that can throw is one try block, since no exception may reach the host.
+
 int TolmLPCFrameInit(const std::string& lpc_server_name, const PlatformInfo& info) try {
   auto& state = Tolm::Base::CSingleton<InitState>::Instance();
   const boost::unique_lock<boost::shared_mutex> lock(state.mutex);
@@ -66,7 +65,7 @@ int TolmLPCFrameInit(const std::string& lpc_server_name, const PlatformInfo& inf
   TOLM_LOG(kLogLevelInfo, kTagInfo, "TolmLPCFrameInit End, utf8_exe_dir = %s", utf8_exe_dir.c_str());
   return kFrameOk;
 } catch (...) {
-  TOLM_LOG_CAUGHT();
+  TOLM_LOG_CAUGHT("the call failed");
   return kFrameFailed;
 }
 
@@ -79,7 +78,7 @@ int TolmLPCFrameUnInit() try {
   TOLM_LOG(kLogLevelInfo, kTagInfo, "TolmLPCFrameUnInit End");
   return kFrameOk;
 } catch (...) {
-  TOLM_LOG_CAUGHT();
+  TOLM_LOG_CAUGHT("the call failed");
   return kFrameFailed;
 }
 
@@ -87,7 +86,7 @@ void RegisterLpcMsgCallback(LpcMsgCallBack callback, void* user) try {
   TOLM_LOG(kLogLevelInfo, kTagInfo, "RegisterLpcMsgCallback yet");
   Transport().SetCallBack(callback, user);
 } catch (...) {
-  TOLM_LOG_CAUGHT();
+  TOLM_LOG_CAUGHT("the call failed");
 }
 
 void RegisterUrl(const std::vector<std::string>& urls) try {
@@ -95,20 +94,20 @@ void RegisterUrl(const std::vector<std::string>& urls) try {
     TOLM_LOG(kLogLevelInfo, kTagInfo, "Up RegisterUrl url[%s]", url.c_str());
   CLPCIntegrate::GetInstance().RegisterUrl(urls);
 } catch (...) {
-  TOLM_LOG_CAUGHT();
+  TOLM_LOG_CAUGHT("the call failed");
 }
 
 bool IsPluginURL(int& time_out, const std::string& url) try {
   return CLPCIntegrate::GetInstance().IsUrlFromPlugin(time_out, url);
 } catch (...) {
-  TOLM_LOG_CAUGHT();
+  TOLM_LOG_CAUGHT("the call failed");
   return false;
 }
 
 void GetHttpHeaders(std::vector<std::string>& out) try {
   CLPCIntegrate::GetInstance().GetHttpHeaders(out);
 } catch (...) {
-  TOLM_LOG_CAUGHT();
+  TOLM_LOG_CAUGHT("the call failed");
 }
 
 bool SyncSend(LPCData& response, const LPCData& request, int time_out) try {
@@ -140,7 +139,7 @@ bool SyncSend(LPCData& response, const LPCData& request, int time_out) try {
   ResponseDataToLPCData(response, std::move(received));
   return true;
 } catch (...) {
-  TOLM_LOG_CAUGHT();
+  TOLM_LOG_CAUGHT("the call failed");
   return false;
 }
 
@@ -193,7 +192,7 @@ bool AsyncSend(std::uint64_t& msg_id, const LPCData& data) try {
       return false;
   }
 } catch (...) {
-  TOLM_LOG_CAUGHT();
+  TOLM_LOG_CAUGHT("the call failed");
   return false;
 }
 
@@ -202,14 +201,14 @@ void TolmLPCFrameNotifyStartPlugins(const std::string& plugin_cmdline) try {
            plugin_cmdline.c_str());
   CLPCIntegrate::GetInstance().NotifyStartPlugins(plugin_cmdline);
 } catch (...) {
-  TOLM_LOG_CAUGHT();
+  TOLM_LOG_CAUGHT("the call failed");
 }
 
 void TolmLPCFrameStartPlugin(const std::string& plugin_id) try {
   TOLM_LOG(kLogLevelInfo, kTagInfo, "TolmLPCFrameStartPlugin plugin_id[%s]", plugin_id.c_str());
   CLPCIntegrate::GetInstance().StartPlugin(plugin_id);
 } catch (...) {
-  TOLM_LOG_CAUGHT();
+  TOLM_LOG_CAUGHT("the call failed");
 }
 
 int GetLPCLastError() {

@@ -3,14 +3,11 @@
 #include <mutex>
 #include <utility>
 
-#include "TolmBase/LogLine.h"
+#include "TolmBase/Log.h"
 #include "TolmBase/Singleton.h"
 #include "common/CaughtException.h"
-#include "common/Constants.h"
 
 namespace TolmLPCFrame {
-
-using Tolm::Base::kLogLevelError;
 
 namespace {
 
@@ -39,7 +36,7 @@ void SetLogSink(LogSink sink, void* user) try {
   choices.sink_user = user;
   Tolm::Base::SetLogCallback(sink, user, choices.level);
 } catch (...) {
-  TOLM_LOG(kLogLevelError, kTagError, "failed: %s", CaughtExceptionText());
+  TOLM_LOG_CAUGHT("the call failed");
 }
 
 void SetLogLevel(int level) try {
@@ -51,11 +48,11 @@ void SetLogLevel(int level) try {
     Tolm::Base::SetLogFile(choices.file, choices.file_max_bytes, choices.file_max_files, level);
   }
 } catch (...) {
-  TOLM_LOG(kLogLevelError, kTagError, "failed: %s", CaughtExceptionText());
+  TOLM_LOG_CAUGHT("the call failed");
 }
 
 void SetLogStderrLevel(int level) try { Tolm::Base::SetLogStderrLevel(level); } catch (...) {
-  TOLM_LOG(kLogLevelError, kTagError, "failed: %s", CaughtExceptionText());
+  TOLM_LOG_CAUGHT("the call failed");
 }
 
 bool SetLogFile(const std::string& path, std::size_t max_bytes, std::size_t max_files) try {
@@ -68,7 +65,7 @@ bool SetLogFile(const std::string& path, std::size_t max_bytes, std::size_t max_
   choices.file_max_files = max_files;
   return true;
 } catch (...) {
-  TOLM_LOG(kLogLevelError, kTagError, "failed: %s", CaughtExceptionText());
+  TOLM_LOG_CAUGHT("the call failed");
   return false;
 }
 

@@ -14,7 +14,7 @@ namespace TolmLPCFrame {
 namespace {
 
 constexpr std::size_t kGuidBytes = 32;
-constexpr std::string_view kSidName = "sid=";
+constexpr std::string_view kSidName = "sid";
 constexpr std::size_t kSidBytes = 32;
 
 constexpr char LowerAscii(char c) {
@@ -68,16 +68,14 @@ std::string_view WithoutQuery(std::string_view url) {
   return url.substr(0, url.find('?'));
 }
 
-/// Whether `text` begins with a session id's name and its digits.
-bool BeginsWithSid(std::string_view text) {
-  if (text.size() < kSidName.size() + kSidBytes) return false;
-  for (std::size_t i = 0; i < kSidName.size(); ++i) {
-    if (LowerAscii(text[i]) != kSidName[i]) return false;
-  }
-  for (const char c : text.substr(kSidName.size(), kSidBytes)) {
-    if (!IsHexDigit(c)) return false;
-  }
-  return true;
+/// Whether the "=" at `equals` stands between a session id's name and its digits.
+bool IsSidAt(std::string_view url, std::size_t equals) {
+  if (equals < kSidName.size() || url.size() - equals <= kSidBytes) return false;
+  const std::string_view name = url.substr(equals - kSidName.size(), kSidName.size());
+  const std::string_view digits = url.substr(equals + 1, kSidBytes);
+  return std::equal(name.begin(), name.end(), kSidName.begin(),
+                    [](char c, char lower) { return LowerAscii(c) == lower; }) &&
+         std::all_of(digits.begin(), digits.end(), IsHexDigit);
 }
 
 }  // namespace
@@ -100,19 +98,17 @@ std::string UrlLookupKey(const std::string& url) {
 std::string MaskSidInUrl(const std::string& url) {
   std::string masked;
   masked.reserve(url.size());
-  std::string_view rest = url;
-  while (!rest.empty()) {
-    if (!BeginsWithSid(rest)) {
-      masked += rest.front();
-      rest.remove_prefix(1);
-      continue;
-    }
-    masked += rest.substr(0, kSidName.size());
-    masked += Tolm::Base::StringUtil::MaskForLog(std::string(rest.substr(kSidName.size(), kSidBytes)),
+  std::size_t done = 0;
+  for (std::size_t equals = url.find('='); equals != std::string::npos; equals = url.find('=', equals + 1)) {
+    if (!IsSidAt(url, equals)) continue;
+    const std::size_t digits = equals + 1;
+    masked.append(url, done, digits - done);
+    masked += Tolm::Base::StringUtil::MaskForLog(url.substr(digits, kSidBytes),
                                                  Tolm::Base::StringUtil::kMaskModeSessionId,
                                                  Tolm::Base::StringUtil::kCodePageUtf8);
-    rest.remove_prefix(kSidName.size() + kSidBytes);
+    done = digits + kSidBytes;
   }
+  masked.append(url, done);
   return masked;
 }
 

@@ -124,7 +124,7 @@ bool CLpcServerManager::CallLpcCallBack(const FrameCallBackData& fcd) {
   try {
     return callback(fcd, user);
   } catch (...) {
-    TOLM_LOG(kLogLevelError, kTagError, "the host's callback threw: %s", CaughtExceptionText());
+    TOLM_LOG_CAUGHT("the host's callback threw");
     return false;
   }
 }
@@ -148,7 +148,7 @@ bool CLpcServerManager::LPCServerCallback(const tag_LPCCallBackData& data, void*
   }
   return true;
 } catch (...) {
-  TOLM_LOG(kLogLevelError, kTagError, "an inbound message is lost: %s", CaughtExceptionText());
+  TOLM_LOG_CAUGHT("an inbound message is lost");
   return true;
 }
 

@@ -17,12 +17,12 @@ namespace tolm::test {
 namespace {
 
 using namespace TolmLPCFrame;
-using Tolm::Base::Encrypt::Base64Decode;
-using Tolm::Base::Encrypt::Base64Encode;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::Pair;
 using ::testing::SizeIs;
+using Tolm::Base::Encrypt::Base64Decode;
+using Tolm::Base::Encrypt::Base64Encode;
 
 const std::string kAnyBytes("\0\xff\xc3(\r\n\x80 end\0", 12);
 
@@ -124,11 +124,13 @@ TEST_F(FrameConvert, OnlyMinusOneMeansThatADestinationTypeIsUnset) {
 
 TEST_F(FrameConvert, AKeyThatIsThereAlreadyKeepsItsValue) {
   tag_LPCNotifyData out;
-  out.params = {{"url", "old"}, {"dstType", "old"}, {"httpHeaders", "old"}, {"httpMime", "old"}, {"x", "old"}};
+  out.params = {
+      {"url", "old"}, {"dstType", "old"}, {"httpHeaders", "old"}, {"httpMime", "old"}, {"x", "old"}};
   EXPECT_TRUE(LPCDataToNotifyData(out, FullData()));
-  EXPECT_THAT(out.params, ElementsAre(Pair("dstType", "old"), Pair("httpHeaders", "old"), Pair("httpMime", "old"),
-                                      Pair("method", "GET"), Pair("pushMsgTag", "tag"), Pair("schema", "https"),
-                                      Pair("url", "old"), Pair("x", "old")));
+  EXPECT_THAT(out.params,
+              ElementsAre(Pair("dstType", "old"), Pair("httpHeaders", "old"), Pair("httpMime", "old"),
+                          Pair("method", "GET"), Pair("pushMsgTag", "tag"), Pair("schema", "https"),
+                          Pair("url", "old"), Pair("x", "old")));
 }
 
 TEST_F(FrameConvert, BytesOfAnyValueTravelInTextsAndBody) {
@@ -136,7 +138,8 @@ TEST_F(FrameConvert, BytesOfAnyValueTravelInTextsAndBody) {
   data.url = data.method = data.push_msg_tag = data.schema = kAnyBytes;
   tag_LPCRequestData out;
   EXPECT_TRUE(LPCDataToRequestData(out, data));
-  for (const char* key : {"url", "method", "pushMsgTag", "schema"}) EXPECT_EQ(out.params[key], kAnyBytes) << key;
+  for (const char* key : {"url", "method", "pushMsgTag", "schema"})
+    EXPECT_EQ(out.params[key], kAnyBytes) << key;
 }
 
 // The documents.
@@ -160,7 +163,8 @@ TEST_F(FrameConvert, APartsContentIsEncodedOnceInsideAndOnceMoreWithTheDocument)
   tag_LPCRequestData out;
   ASSERT_TRUE(LPCDataToRequestData(out, data));
   const std::string document = Base64Decode(out.params.at("httpMime"));
-  EXPECT_NE(document.find("\"bodyData\":\t\"" + Base64Encode(kAnyBytes) + "\""), std::string::npos) << document;
+  EXPECT_NE(document.find("\"bodyData\":\t\"" + Base64Encode(kAnyBytes) + "\""), std::string::npos)
+      << document;
 }
 
 TEST_F(FrameConvert, DocumentsComeBackAsTheyWent) {
@@ -248,7 +252,7 @@ TEST_F(FrameConvert, ADocumentIsPrintedWholeOrTheConversionFailsWhereverMemoryEn
     g_allocations_left = limit;
     tag_LPCRequestData out;
     success = LPCDataToRequestData(out, FullData());
-    if (success) EXPECT_EQ(out.params, whole.params);
+    EXPECT_TRUE(!success || out.params == whole.params);
   }
   cJSON_InitHooks(nullptr);
   EXPECT_TRUE(success);
@@ -420,16 +424,33 @@ std::string Pattern(const std::string& url) {
 TEST_F(FrameConvert, NumbersBecomeAnIdInTheUrlPattern) {
   EXPECT_EQ(Pattern("/a/123/b"), "/a/<ID>/b");
   EXPECT_EQ(Pattern("/x/42/"), "/x/<ID>");
-  for (const char* number : {"0", "007", "-7", "+5", "-0", "-2", " 5", "9223372036854775807", "-9223372036854775808",
-                             "0000000000000000000000000000001"}) {
+  for (const char* number : {"0", "007", "-7", "+5", "-0", "-2", " 5", "9223372036854775807",
+                             "-9223372036854775808", "0000000000000000000000000000001"}) {
     EXPECT_EQ(Pattern("/x/" + std::string(number)), "/x/<ID>") << number;
   }
 }
 
 TEST_F(FrameConvert, WhatIsNoNumberStaysInTheUrlPattern) {
-  for (const char* text : {"-1", "-01", "-0001", "12a", "a12", "-", "+", "--7", "+-7", "1.5", "1e3", "0x10", "1,000",
-                           "5 ", "9223372036854775808", "-9223372036854775809", "99999999999999999999999", "<ID>",
-                           "?5", "5?x=1"}) {
+  for (const char* text : {"-1",
+                           "-01",
+                           "-0001",
+                           "12a",
+                           "a12",
+                           "-",
+                           "+",
+                           "--7",
+                           "+-7",
+                           "1.5",
+                           "1e3",
+                           "0x10",
+                           "1,000",
+                           "5 ",
+                           "9223372036854775808",
+                           "-9223372036854775809",
+                           "99999999999999999999999",
+                           "<ID>",
+                           "?5",
+                           "5?x=1"}) {
     EXPECT_EQ(Pattern("/x/" + std::string(text)), "/x/" + std::string(text)) << text;
   }
 }
@@ -489,8 +510,9 @@ TEST_F(FrameConvert, EverySessionIdOfAUrlIsMasked) {
 
 TEST_F(FrameConvert, Only32HexDigitsAreASessionId) {
   const std::string sid = kSid;
-  for (const std::string& url : {std::string(), std::string("/a?b=c"), std::string("SID="), "SID=" + sid.substr(1),
-                                 "SID=g" + sid.substr(1), "SID =" + sid, "SD=" + sid, "SID%3D" + sid}) {
+  for (const std::string& url :
+       {std::string(), std::string("/a?b=c"), std::string("SID="), "SID=" + sid.substr(1),
+        "SID=g" + sid.substr(1), "SID =" + sid, "SD=" + sid, "SID%3D" + sid}) {
     EXPECT_EQ(MaskSidInUrl(url), url);
   }
   EXPECT_EQ(MaskSidInUrl("SID=" + sid + "0"), std::string("SID=") + kMaskedSid + "0");

@@ -47,7 +47,8 @@ TEST_F(FrameMethods, AnInitFinishIsLoggedThenToldTheHostAndThenTheGuard) {
                           PluginFrame("Plugin Init end. [A] consume_time[12]"),
                           Line(3, "platform.ServiceManage", "CLPCIntegrate::MethodCallBackEIT",
                                "[A] Init OK. Take up Time is [12 ms].\n")));
-  EXPECT_TRUE(HappenedInOrder({"log [A] Init OK. Take up Time is [12 ms].\n", "host 4 A", "guard.NotifyState"}));
+  EXPECT_TRUE(
+      HappenedInOrder({"log [A] Init OK. Take up Time is [12 ms].\n", "host 4 A", "guard.NotifyState"}));
   EXPECT_TRUE(Registry().GetPluginInitState("A"));
 }
 
@@ -201,7 +202,8 @@ TEST_F(FrameMethods, AnyOtherMethodIsInvalid) {
                            R"({"method":"Uninit"})", R"({"method":"closeConnection"})", "[]", "null"}) {
     FromNowOn();
     Method(Message().From("A").Body(body).Param("method", "InitFinish"));
-    EXPECT_THAT(log_.Lines(), ElementsAre(Error("CLPCIntegrate::MethodCallBackEIT", "method is invalid"))) << body;
+    EXPECT_THAT(log_.Lines(), ElementsAre(Error("CLPCIntegrate::MethodCallBackEIT", "method is invalid")))
+        << body;
     EXPECT_THAT(Journal::Entries(), SizeIs(1)) << body;
   }
 }
@@ -243,8 +245,12 @@ TEST_F(FrameMethods, ADisconnectionIsStoredLoggedAndToldTheHost) {
 TEST_F(FrameMethods, AStatusReachesTheHostAsTheMessageWithTheComponentAsItsSource) {
   const auto told = [this](const std::string& status) {
     FromNowOn();
-    Method(Message().From("transport").Param("schema", "s").WantsReply(4).Body(
-        R"({"method":"connectionStatusChanged","componentID":"A","status":")" + status + R"("})"));
+    Method(
+        Message()
+            .From("transport")
+            .Param("schema", "s")
+            .WantsReply(4)
+            .Body(R"({"method":"connectionStatusChanged","componentID":"A","status":")" + status + R"("})"));
     return host_.Only();
   };
   LPCData expected;

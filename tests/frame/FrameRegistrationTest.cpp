@@ -87,7 +87,8 @@ TEST_F(FrameRegistration, AWholeRegistrationIsStoredAndLoggedUrlByUrlAndThenHead
 }
 
 TEST_F(FrameRegistration, TheFrameAnswersNothing) {
-  tag_LPCCallBackData record = Registration("A", R"({"RegisterInfo":{"SupportUrlList":[{"Url":"/x"}]}})").Record();
+  tag_LPCCallBackData record =
+      Registration("A", R"({"RegisterInfo":{"SupportUrlList":[{"Url":"/x"}]}})").Record();
   record.need_reply = true;
   record.msg_id = 5;
   Registry().PluginURLRegister(record);
@@ -97,8 +98,8 @@ TEST_F(FrameRegistration, TheFrameAnswersNothing) {
 }
 
 TEST_F(FrameRegistration, ATimeOutIsNeverBelow5000) {
-  for (const char* time_out :
-       {"0", "-7", "1", "4999", "5000", "-2147483648", "null", "\"9000\"", "true", "[6000]", "2147483648", "1e30"}) {
+  for (const char* time_out : {"0", "-7", "1", "4999", "5000", "-2147483648", "null", "\"9000\"", "true",
+                               "[6000]", "2147483648", "1e30"}) {
     RegisterUrls("A", R"({"Url":"/x","Timeout":)" + std::string(time_out) + "}");
     EXPECT_EQ(TimeOutOf("/x"), 5000) << time_out;
   }
@@ -160,7 +161,8 @@ TEST_F(FrameRegistration, TheSourceOfTheMessageIsThePluginWhateverItIs) {
 }
 
 TEST_F(FrameRegistration, EntriesWithoutAUrlAreSkippedWithoutALine) {
-  RegisterUrls("A", R"(null,7,"/text",[{"Url":"/nested"}],{},{"Url":""},{"Url":5},{"Url":null},{"url":"/case"},
+  RegisterUrls("A",
+               R"(null,7,"/text",[{"Url":"/nested"}],{},{"Url":""},{"Url":5},{"Url":null},{"url":"/case"},
                        {"Timeout":6000},{"Url":"/good","Timeout":7000})");
   EXPECT_THAT(log_.Lines(), ElementsAre(UrlLine("/good", 7000, "A"), TaskLine("/good", "", "A")));
   EXPECT_EQ(TimeOutOf("/good"), 7000);

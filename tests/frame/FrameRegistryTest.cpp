@@ -48,13 +48,15 @@ TEST_F(FrameRegistry, InitLogsThePathAndThenEveryPluginTwiceInKeyOrder) {
   info.plugin_map["b"].plugin_id = "B";
   info.plugin_map["a"].plugin_id = "A";
   List(info);
-  EXPECT_THAT(log_.Lines(),
-              ElementsAre(Info("CLPCIntegrate::Init", "*****[/opt/host]"),
-                          Trace("CLPCIntegrate::SetPluginData", "Start SetPluginData"),
-                          Trace("CLPCIntegrate::SetPluginData", "Set map_plugin_data_, key[a], plugin_id[A]"),
-                          Trace("CLPCIntegrate::SetPluginData", "Set map_plugin_data_, key[b], plugin_id[B]"),
-                          Trace("CLPCIntegrate::SetPluginData", "Set map_plugin_init_status_, key[a], plugin_id[A]"),
-                          Trace("CLPCIntegrate::SetPluginData", "Set map_plugin_init_status_, key[b], plugin_id[B]")));
+  EXPECT_THAT(
+      log_.Lines(),
+      ElementsAre(
+          Info("CLPCIntegrate::Init", "*****[/opt/host]"),
+          Trace("CLPCIntegrate::SetPluginData", "Start SetPluginData"),
+          Trace("CLPCIntegrate::SetPluginData", "Set map_plugin_data_, key[a], plugin_id[A]"),
+          Trace("CLPCIntegrate::SetPluginData", "Set map_plugin_data_, key[b], plugin_id[B]"),
+          Trace("CLPCIntegrate::SetPluginData", "Set map_plugin_init_status_, key[a], plugin_id[A]"),
+          Trace("CLPCIntegrate::SetPluginData", "Set map_plugin_init_status_, key[b], plugin_id[B]")));
   EXPECT_EQ(Registry().GetFrameFullPath(), "/opt/host");
   EXPECT_THAT(Registry().GetPluginInitStates(), ElementsAre(Pair("a", false), Pair("b", false)));
 }
@@ -112,8 +114,10 @@ TEST_F(FrameRegistry, ASecondListReplacesThePluginsAndKeepsTheFlags) {
   EXPECT_TRUE(Registry().GetPluginInfoByID(out, "A"));
   EXPECT_FALSE(Registry().GetPluginInfoByID(out, "B"));
   EXPECT_TRUE(Registry().GetPluginInfoByID(out, "C"));
-  EXPECT_THAT(Registry().GetPluginInitStates(), ElementsAre(Pair("A", true), Pair("B", false), Pair("C", false)));
-  EXPECT_EQ(log_.CountOf(Trace("CLPCIntegrate::SetPluginData", "Set map_plugin_init_status_, key[A], plugin_id[A]")),
+  EXPECT_THAT(Registry().GetPluginInitStates(),
+              ElementsAre(Pair("A", true), Pair("B", false), Pair("C", false)));
+  EXPECT_EQ(log_.CountOf(
+                Trace("CLPCIntegrate::SetPluginData", "Set map_plugin_init_status_, key[A], plugin_id[A]")),
             2u);
 }
 
@@ -143,9 +147,10 @@ TEST_F(FrameRegistry, SettingAFlagLogsItAndTellsTheHost) {
   FromNowOn();
   Registry().SetPluginInitState(true, "A");
   EXPECT_TRUE(Registry().GetPluginInitState("A"));
-  EXPECT_THAT(LinesOf("::SetPluginInitState"),
-              ElementsAre(Info("CLPCIntegrate::SetPluginInitState", "plugin_id[A], is Set Plugin initState [1]"),
-                          Info("CLPCIntegrate::SetPluginInitState", "SetPluginInitState, init_state[4]")));
+  EXPECT_THAT(
+      LinesOf("::SetPluginInitState"),
+      ElementsAre(Info("CLPCIntegrate::SetPluginInitState", "plugin_id[A], is Set Plugin initState [1]"),
+                  Info("CLPCIntegrate::SetPluginInitState", "SetPluginInitState, init_state[4]")));
   EXPECT_TRUE(HappenedInOrder({"log plugin_id[A], is Set Plugin initState [1]",
                                "log SetPluginInitState, init_state[4]", "host 4 A"}));
   LPCData expected;
@@ -169,9 +174,10 @@ TEST_F(FrameRegistry, ClearingAFlagTellsTheHostThatThePluginUninitialised) {
   FromNowOn();
   Registry().SetPluginInitState(false, "A");
   EXPECT_FALSE(Registry().GetPluginInitState("A"));
-  EXPECT_THAT(LinesOf("::SetPluginInitState"),
-              ElementsAre(Info("CLPCIntegrate::SetPluginInitState", "plugin_id[A], is Set Plugin initState [0]"),
-                          Info("CLPCIntegrate::SetPluginInitState", "SetPluginInitState, init_state[5]")));
+  EXPECT_THAT(
+      LinesOf("::SetPluginInitState"),
+      ElementsAre(Info("CLPCIntegrate::SetPluginInitState", "plugin_id[A], is Set Plugin initState [0]"),
+                  Info("CLPCIntegrate::SetPluginInitState", "SetPluginInitState, init_state[5]")));
   EXPECT_EQ(host_.Only().LpcMsgType, 5);
 }
 
@@ -273,8 +279,8 @@ TEST_F(FrameRegistry, AServedUrlGivesItsTimeOutAndLogsIt) {
   std::int32_t time_out = 0;
   EXPECT_TRUE(Registry().IsUrlFromPlugin(time_out, "/X?y"));
   EXPECT_EQ(time_out, 6500);
-  EXPECT_THAT(log_.Lines(),
-              ElementsAre(Trace("CLPCIntegrate::IsUrlFromPlugin", "IsUrlFromPlugin Find URL, time_out=[6500]")));
+  EXPECT_THAT(log_.Lines(), ElementsAre(Trace("CLPCIntegrate::IsUrlFromPlugin",
+                                              "IsUrlFromPlugin Find URL, time_out=[6500]")));
 }
 
 TEST_F(FrameRegistry, AServedUrlWithoutATimeOutGives5000) {
@@ -317,7 +323,8 @@ TEST_F(FrameRegistry, TheHostsOwnUrlsAreNoPluginUrls) {
 }
 
 TEST_F(FrameRegistry, HeaderNamesReplaceWhatTheCallerHad) {
-  Registry().PluginURLRegister(Registration("A", R"({"RegisterInfo":{"SupportHttpHeaderList":["X-b","X-a"]}})"));
+  Registry().PluginURLRegister(
+      Registration("A", R"({"RegisterInfo":{"SupportHttpHeaderList":["X-b","X-a"]}})"));
   std::vector<std::string> headers = {"old"};
   GetHttpHeaders(headers);
   EXPECT_THAT(headers, ElementsAre("X-b", "X-a"));

@@ -4,11 +4,15 @@
 #include <tuple>
 #include <utility>
 
+#include "InitLogical.h"
+#include "RegistryInside.h"
+
 namespace TolmLPCFrame {
 
 bool operator==(const MimePart& a, const MimePart& b) {
   const auto fields = [](const MimePart& p) {
-    return std::tie(p.content_type, p.disposition, p.name, p.file_name, p.encoding, p.description, p.body_data);
+    return std::tie(p.content_type, p.disposition, p.name, p.file_name, p.encoding, p.description,
+                    p.body_data);
   };
   return fields(a) == fields(b);
 }
@@ -27,6 +31,15 @@ namespace tolm::test {
 namespace {
 
 constexpr char kRegisterUrl[] = "/QOMI/Vantrel/Integration/V1/Register";
+
+bool g_was_started = false;
+
+template <typename Pool>
+void ForgetTasks() {
+  Pool& pool = Tolm::Base::CSingleton<Pool>::Instance();
+  pool.Stop(false);
+  pool.Reopen();
+}
 
 Message ConnectionEvent(const std::string& id, const std::string& status) {
   return Message().From(id).Body(R"({"method":"connectionStatusChanged","status":")" + status +
@@ -129,15 +142,21 @@ Message& Message::Answers(std::uint64_t id) {
   return *this;
 }
 
-Message Connected(const std::string& id) { return ConnectionEvent(id, "connected"); }
+Message Connected(const std::string& id) {
+  return ConnectionEvent(id, "connected");
+}
 
-Message Disconnected(const std::string& id) { return ConnectionEvent(id, "disconnected"); }
+Message Disconnected(const std::string& id) {
+  return ConnectionEvent(id, "disconnected");
+}
 
 Message InitFinish(const std::string& id) {
   return Message().From(id).Body(R"({"method":"InitFinish","Data":{"InitCostTime":12}})");
 }
 
-Message UninitFinish(const std::string& id) { return Message().From(id).Body(R"({"method":"UninitFinish"})"); }
+Message UninitFinish(const std::string& id) {
+  return Message().From(id).Body(R"({"method":"UninitFinish"})");
+}
 
 Message Registration(const std::string& id, const std::string& body) {
   return Message().From(id).Url(kRegisterUrl).Body(body);
@@ -150,12 +169,12 @@ PlatformInfo Plugins(std::initializer_list<std::string> ids, std::int32_t frame_
   return info;
 }
 
-FrameTest::FrameTest()
-    : log_(1, [](const LogLine& line) { Journal::Note("log " + line.text); }) {
+FrameTest::FrameTest() : log_(1, [](const LogLine& line) { Journal::Note("log " + line.text); }) {
   Journal::Clear();
   transport_.Reset();
   guard_.Reset();
   clock_.Reset();
+  ForgetEverything(Registry());
 }
 
 void FrameTest::TearDown() {
@@ -164,26 +183,40 @@ void FrameTest::TearDown() {
   guard_.Reset();
   clock_.Reset();
   host_.answer = true;
-  TolmLPCFrame::TolmLPCFrameUnInit();
+  if (TolmLPCFrame::TolmLPCFrameUnInit() == 0) g_was_started = true;
   Manager().SetCallBack(nullptr, nullptr);
+  transport_.SetInvokeCallBack(nullptr, nullptr);
+  // What a case posted without starting the pools is not for the next one.
+  ForgetTasks<TolmLPCFrame::CMessageLoopForNetCallBack>();
+  ForgetTasks<TolmLPCFrame::CMessageLoopForMainFrameWork>();
+  ForgetTasks<TolmLPCFrame::CMessageLoopForPlugins>();
+  ForgetTasks<TolmLPCFrame::CMessageLoopForWebSocket>();
 
   for (const LogLine& line : log_.Lines()) {
     EXPECT_TRUE(line.function.starts_with("Tolm") && !line.file.empty() && line.line > 0) << line.whole;
   }
 }
 
+bool FrameTest::WasStartedByAnEarlierCase() {
+  return g_was_started;
+}
+
 TolmLPCFrame::CLpcServerManager& FrameTest::Manager() {
   return Tolm::Base::CSingleton<TolmLPCFrame::CLpcServerManager>::Instance();
 }
 
-void FrameTest::RegisterHost() { TolmLPCFrame::RegisterLpcMsgCallback(&Host::Receive, &host_); }
+void FrameTest::RegisterHost() {
+  TolmLPCFrame::RegisterLpcMsgCallback(&Host::Receive, &host_);
+}
 
 int FrameTest::Start(const PlatformInfo& info) {
   RegisterHost();
   return TolmLPCFrame::TolmLPCFrameInit("endpoint", info);
 }
 
-void FrameTest::List(const PlatformInfo& info) { Registry().Init(info); }
+void FrameTest::List(const PlatformInfo& info) {
+  Registry().Init(info);
+}
 
 void FrameTest::Serve(const std::string& id, const std::string& url, int time_out) {
   Registry().PluginURLRegister(Registration(id, R"({"RegisterInfo":{"SupportUrlList":[{"Url":")" + url +

@@ -112,6 +112,10 @@ class FrameTest : public ::testing::Test {
   FrameTest();
   void TearDown() override;
 
+  /// Whether the frame was started by an earlier case in this process; what is to be seen before a first
+  /// start cannot be seen then. Cases that ctest runs have a process of their own.
+  static bool WasStartedByAnEarlierCase();
+
   static TolmLPCFrame::CLPCIntegrate& Registry() { return TolmLPCFrame::CLPCIntegrate::GetInstance(); }
   static TolmLPCFrame::CLpcServerManager& Manager();
 

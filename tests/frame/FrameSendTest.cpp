@@ -94,17 +94,20 @@ TEST_F(FrameSend, ASynchronousSendPassesAnyTimeOutThrough) {
 TEST_F(FrameSend, ASynchronousSendLogsWhatItSends) {
   EXPECT_TRUE(Sync(Request("Ready", "/Any"), -1));
   EXPECT_THAT(log_.Lines(),
-              ElementsAre(Trace("SyncSend", "[SyncSend] msg_type[0],src_id[0],dst_id[Ready],url[/Any],method[GET], "
-                                            "time_out[-1]")));
+              ElementsAre(Trace("SyncSend",
+                                "[SyncSend] msg_type[0],src_id[0],dst_id[Ready],url[/Any],method[GET], "
+                                "time_out[-1]")));
 }
 
 TEST_F(FrameSend, ASynchronousSendFindsThePluginByUrl) {
   EXPECT_TRUE(Sync(Request("", "/READY?x=1")));
   EXPECT_EQ(transport_.WaitingSends()[0].request.dst_id, "Ready");
-  EXPECT_THAT(log_.Lines(),
-              ElementsAre(Trace("SyncSend", "[SyncSend] msg_type[0],src_id[0],dst_id[],url[/READY?x=1],method[GET], "
-                                            "time_out[100]"),
-                          Trace("SyncSend", "[SyncSend] Find DstIdByUrl success, dst_id[Ready], url=[/READY?x=1]")));
+  EXPECT_THAT(
+      log_.Lines(),
+      ElementsAre(Trace("SyncSend",
+                        "[SyncSend] msg_type[0],src_id[0],dst_id[],url[/READY?x=1],method[GET], "
+                        "time_out[100]"),
+                  Trace("SyncSend", "[SyncSend] Find DstIdByUrl success, dst_id[Ready], url=[/READY?x=1]")));
 }
 
 TEST_F(FrameSend, ASynchronousSendToAUrlThatNobodyServesFails) {
@@ -125,8 +128,9 @@ TEST_F(FrameSend, ASynchronousSendToAFoundPluginThatHasNotInitialisedFailsWithou
   EXPECT_FALSE(Sync(Request("", "/lazy")));
   ExpectNothingSent();
   EXPECT_THAT(LinesOf("::SyncSend"),
-              ElementsAre(Trace("SyncSend", "[SyncSend] msg_type[0],src_id[0],dst_id[],url[/lazy],method[GET], "
-                                            "time_out[100]"),
+              ElementsAre(Trace("SyncSend",
+                                "[SyncSend] msg_type[0],src_id[0],dst_id[],url[/lazy],method[GET], "
+                                "time_out[100]"),
                           Trace("SyncSend", "[SyncSend] Find DstIdByUrl success, dst_id[Lazy], url=[/lazy]"),
                           Error("SyncSend", "GetPluginInitState failed, dst_id[Lazy] has not inited")));
 }
@@ -148,15 +152,16 @@ TEST_F(FrameSend, ASynchronousSendIsARequestWhateverItsType) {
   for (const WaitingSend& sent : transport_.WaitingSends()) {
     EXPECT_EQ(sent.request.params.count("dstType"), 0u);
   }
-  EXPECT_TRUE(log_.Has(Trace(
-      "SyncSend", "[SyncSend] msg_type[-1],src_id[0],dst_id[Ready],url[],method[GET], time_out[100]")));
+  EXPECT_TRUE(log_.Has(
+      Trace("SyncSend", "[SyncSend] msg_type[-1],src_id[0],dst_id[Ready],url[],method[GET], time_out[100]")));
 }
 
 TEST_F(FrameSend, TheAnswerIsConvertedAsAReplyOfWhoeverAnswered) {
   transport_.send_and_wait = [](tag_LPCResponseData& response, const WaitingSend&) {
     response.src_id = "Answerer";
     response.body = std::string("an\0swer", 7);
-    response.params = {{"url", "/u"}, {"method", "m"}, {"schema", "s"}, {"pushMsgTag", "t"}, {"dstType", "9"}};
+    response.params = {
+        {"url", "/u"}, {"method", "m"}, {"schema", "s"}, {"pushMsgTag", "t"}, {"dstType", "9"}};
     return true;
   };
   response_.dst_id = "kept";
@@ -215,6 +220,7 @@ TEST_F(FrameSend, ASynchronousSendSurvivesATransportThatThrows) {
   response_.body = "before";
   EXPECT_NO_THROW(EXPECT_FALSE(Sync(Request("Ready"))));
   EXPECT_EQ(response_.body, "before");
+  EXPECT_EQ(log_.Lines().back().level, 5);
 }
 
 // AsyncSend of a request.
@@ -228,8 +234,9 @@ TEST_F(FrameSend, AnAsynchronousRequestIsSentAndItsIdGiven) {
   EXPECT_EQ(transport_.Requests()[0].body, "body");
   EXPECT_THAT(transport_.Requests()[0].params, ElementsAre(Pair("method", "GET"), Pair("url", "/x")));
   EXPECT_THAT(log_.Lines(),
-              ElementsAre(Trace("AsyncSend", "AsyncSend msg_type=[0],src_id=[0],dst_id=[Ready],url=[/x],method=[GET], "
-                                             "msg_id=[0]")));
+              ElementsAre(Trace("AsyncSend",
+                                "AsyncSend msg_type=[0],src_id=[0],dst_id=[Ready],url=[/x],method=[GET], "
+                                "msg_id=[0]")));
 }
 
 TEST_F(FrameSend, AnAsynchronousRequestFindsThePluginByUrlWithoutALine) {
@@ -258,8 +265,9 @@ TEST_F(FrameSend, AnAsynchronousRequestToAUrlThatNobodyServesFailsAndLeavesTheId
   EXPECT_EQ(id_, kUntouched);
   ExpectNothingSent();
   EXPECT_THAT(log_.Lines(),
-              ElementsAre(Trace("AsyncSend", "AsyncSend msg_type=[0],src_id=[0],dst_id=[],url=[/nobody],method=[GET], "
-                                             "msg_id=[9]"),
+              ElementsAre(Trace("AsyncSend",
+                                "AsyncSend msg_type=[0],src_id=[0],dst_id=[],url=[/nobody],method=[GET], "
+                                "msg_id=[9]"),
                           Error("AsyncSend", "dst_id is empty, url =[/nobody], msg_id = 9.")));
 }
 
@@ -292,8 +300,9 @@ TEST_F(FrameSend, AReplyCarriesTheIdOfItsRequest) {
   EXPECT_EQ(transport_.Replies()[0].body, "body");
   EXPECT_THAT(transport_.Replies()[0].params, ElementsAre(Pair("method", "GET"), Pair("url", "/x")));
   EXPECT_THAT(log_.Lines(),
-              ElementsAre(Trace("AsyncSend", "AsyncSend msg_type=[1],src_id=[0],dst_id=[Lazy],url=[/x],method=[GET], "
-                                             "msg_id=[31]"),
+              ElementsAre(Trace("AsyncSend",
+                                "AsyncSend msg_type=[1],src_id=[0],dst_id=[Lazy],url=[/x],method=[GET], "
+                                "msg_id=[31]"),
                           Trace("AsyncSend", "[Reply] Start, dst_id[Lazy], msg_id[31]")));
 }
 
@@ -334,7 +343,8 @@ TEST_F(FrameSend, AReplyWhoseDocumentsCannotBePrintedFailsAndLeavesTheId) {
   EXPECT_FALSE(Async(data));
   EXPECT_EQ(id_, kUntouched);
   ExpectNothingSent();
-  EXPECT_EQ(log_.Lines().back(), Error("AsyncSend", "AsyncSend LPCDataToReplyData failed, dst_id[A], msg_id[31]"));
+  EXPECT_EQ(log_.Lines().back(),
+            Error("AsyncSend", "AsyncSend LPCDataToReplyData failed, dst_id[A], msg_id[31]"));
 }
 
 // AsyncSend of a notification.
@@ -350,8 +360,9 @@ TEST_F(FrameSend, ANotificationCarriesItsDestinationType) {
   EXPECT_THAT(transport_.Notifications()[0].params,
               ElementsAre(Pair("dstType", "0"), Pair("method", "GET"), Pair("url", "/x")));
   EXPECT_THAT(log_.Lines(),
-              ElementsAre(Trace("AsyncSend", "AsyncSend msg_type=[2],src_id=[0],dst_id=[Lazy],url=[/x],method=[GET], "
-                                             "msg_id=[0]")));
+              ElementsAre(Trace("AsyncSend",
+                                "AsyncSend msg_type=[2],src_id=[0],dst_id=[Lazy],url=[/x],method=[GET], "
+                                "msg_id=[0]")));
 }
 
 TEST_F(FrameSend, ANotificationFindsThePluginByUrl) {
@@ -404,14 +415,15 @@ TEST_F(FrameSend, NoLineOfASynchronousSendShowsASessionId) {
   const std::string masked = std::string("SID=") + kMaskedSid;
   Sync(Request("", "/ready?" + sid));
   Sync(Request("", "/nobody?" + sid));
-  EXPECT_THAT(log_.Lines(),
-              ElementsAre(Trace("SyncSend", "[SyncSend] msg_type[0],src_id[0],dst_id[],url[/ready?" + masked +
-                                                "],method[GET], time_out[100]"),
-                          Trace("SyncSend", "[SyncSend] Find DstIdByUrl success, dst_id[Ready], url=[/ready?" +
-                                                masked + "]"),
-                          Trace("SyncSend", "[SyncSend] msg_type[0],src_id[0],dst_id[],url[/nobody?" + masked +
-                                                "],method[GET], time_out[100]"),
-                          Error("SyncSend", "FindDstIdByUrl failed, url=[/nobody?" + masked + "]")));
+  EXPECT_THAT(
+      log_.Lines(),
+      ElementsAre(
+          Trace("SyncSend", "[SyncSend] msg_type[0],src_id[0],dst_id[],url[/ready?" + masked +
+                                "],method[GET], time_out[100]"),
+          Trace("SyncSend", "[SyncSend] Find DstIdByUrl success, dst_id[Ready], url=[/ready?" + masked + "]"),
+          Trace("SyncSend", "[SyncSend] msg_type[0],src_id[0],dst_id[],url[/nobody?" + masked +
+                                "],method[GET], time_out[100]"),
+          Error("SyncSend", "FindDstIdByUrl failed, url=[/nobody?" + masked + "]")));
   EXPECT_EQ(transport_.WaitingSends()[0].url, "/ready?" + sid);
   EXPECT_EQ(transport_.WaitingSends()[0].request.params.at("url"), "/ready?" + sid);
 }
@@ -435,6 +447,8 @@ TEST_F(FrameSend, AnAsynchronousSendSurvivesATransportThatThrows) {
   EXPECT_NO_THROW(EXPECT_FALSE(Async(Request("Ready"))));
   EXPECT_NO_THROW(EXPECT_FALSE(Async(Reply("Ready", 1))));
   EXPECT_NO_THROW(EXPECT_FALSE(Async(Notification("Ready"))));
+  EXPECT_THAT(log_.Lines(), SizeIs(7));
+  EXPECT_EQ(log_.Lines().back().level, 5);
 }
 
 TEST_F(FrameSend, WhatNobodyWantsLoggedIsNotMasked) {

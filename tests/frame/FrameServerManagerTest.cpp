@@ -19,7 +19,9 @@ using ::testing::SizeIs;
 class FrameServerManager : public FrameTest {
  protected:
   /// Plays one inbound record without a transport and without pools that run.
-  static bool Receive(const Message& message) { return CLpcServerManager::LPCServerCallback(message, nullptr); }
+  static bool Receive(const Message& message) {
+    return CLpcServerManager::LPCServerCallback(message, nullptr);
+  }
 
   /// The line of the task that a url message became, as "url|MT".
   std::string UrlAndMT(const std::string& url) {
@@ -46,7 +48,8 @@ class FrameServerManager : public FrameTest {
 
 TEST_F(FrameServerManager, InitialisingPreparesInstallsAndListens) {
   EXPECT_TRUE(Manager().LpcInit("name"));
-  EXPECT_THAT(Journal::Entries(), ElementsAre("lpc.Init", "lpc.SetInvokeCallBack on", "lpc.StartListen name"));
+  EXPECT_THAT(Journal::Entries(),
+              ElementsAre("lpc.Init", "lpc.SetInvokeCallBack on", "lpc.StartListen name"));
   EXPECT_THAT(transport_.CallbackUsers(), ElementsAre(&Manager()));
 }
 
@@ -61,10 +64,11 @@ TEST_F(FrameServerManager, InitialisingFailsWithTheFirstOperationThatFails) {
   FromNowOn();
   transport_.set_invoke_callback = false;
   EXPECT_FALSE(Manager().LpcInit("name"));
-  EXPECT_THAT(log_.Lines(),
-              ElementsAre(Error("CLpcServerManager::LpcStartListen",
-                                "[CDrexNetWorkManager::StartLPCServer] SetInvokeCallBack failed, error code = 5"),
-                          Error("CLpcServerManager::LpcInit", "LpcStartListen failed,lpc_server_name=name")));
+  EXPECT_THAT(
+      log_.Lines(),
+      ElementsAre(Error("CLpcServerManager::LpcStartListen",
+                        "[CDrexNetWorkManager::StartLPCServer] SetInvokeCallBack failed, error code = 5"),
+                  Error("CLpcServerManager::LpcInit", "LpcStartListen failed,lpc_server_name=name")));
   FromNowOn();
   transport_.init = false;
   EXPECT_FALSE(Manager().LpcInit("name"));
@@ -115,10 +119,10 @@ TEST_F(FrameServerManager, AMessageWithNeitherUrlNorTagBecomesAMethodTaskWhateve
   EXPECT_TRUE(Receive(Message().From("A").Param("method", "GET")));
   EXPECT_TRUE(Receive(Message().From("A").Url("").Push("")));
   EXPECT_TRUE(Receive(InitFinish("A")));
-  EXPECT_THAT(Journal::Of("pool."), ElementsAre("pool.Post NetCallBack CMethodCallBackTask",
-                                                "pool.Post NetCallBack CMethodCallBackTask",
-                                                "pool.Post NetCallBack CMethodCallBackTask",
-                                                "pool.Post NetCallBack CMethodCallBackTask"));
+  EXPECT_THAT(
+      Journal::Of("pool."),
+      ElementsAre("pool.Post NetCallBack CMethodCallBackTask", "pool.Post NetCallBack CMethodCallBackTask",
+                  "pool.Post NetCallBack CMethodCallBackTask", "pool.Post NetCallBack CMethodCallBackTask"));
 }
 
 TEST_F(FrameServerManager, AUrlThatIsOnlyAQueryCountsAsNone) {
@@ -249,12 +253,13 @@ TEST_F(FrameServerManager, ACallLogsEveryFieldAndTheWholeBodyButNoSessionId) {
   data.lpc_data.push_msg_tag = "T";
   data.lpc_data.body = std::string(100000, 'b');
   EXPECT_TRUE(Manager().CallLpcCallBack(data));
-  EXPECT_THAT(log_.Lines(),
-              ElementsAre(Trace("CLpcServerManager::CallLpcCallBack",
-                                std::string("CallLpcCallBack LpcMsgType[3], msg_type[2], dst_id =[D],dst_type =[4],"
-                                            "src_id =[S],url =[/u?SID=") +
-                                    kMaskedSid + "],method =[M],push_msg_tag =[T],body=[" +
-                                    std::string(100000, 'b') + "]")));
+  EXPECT_THAT(
+      log_.Lines(),
+      ElementsAre(Trace("CLpcServerManager::CallLpcCallBack",
+                        std::string("CallLpcCallBack LpcMsgType[3], msg_type[2], dst_id =[D],dst_type =[4],"
+                                    "src_id =[S],url =[/u?SID=") +
+                            kMaskedSid + "],method =[M],push_msg_tag =[T],body=[" + std::string(100000, 'b') +
+                            "]")));
   EXPECT_TRUE(host_.Only().lpc_data == data.lpc_data);
   EXPECT_EQ(Journal::Entries().back(), "host 3 S");
 }
@@ -313,20 +318,22 @@ TEST_F(FrameServerManager, TheHostIsCalledWithNoLockHeld) {
 
 TEST_F(FrameServerManager, TheHostIsCalledOnSeveralThreadsAtOnce) {
   Start();
-  std::atomic<int> inside{0};
-  std::atomic<bool> together{true};
+  std::atomic<int> came{0};
+  std::atomic<int> met{0};
+  std::atomic<int> left{0};
   host_.answer = [&](const FrameCallBackData&) {
-    ++inside;
-    if (!WaitFor([&] { return inside == 3; })) together = false;
+    ++came;
+    if (WaitFor([&] { return came == 3; })) ++met;
+    ++left;
     return true;
   };
-  std::jthread one([&] { transport_.Deliver(Message().From("A").Push("tag")); });
-  std::jthread two([&] { transport_.Deliver(Message().From("B").Push("tag")); });
-  transport_.Deliver(Message().From("C").Url("/x"));
-  one.join();
-  two.join();
-  EXPECT_TRUE(WaitFor([&] { return inside == 3; }));
-  EXPECT_TRUE(together);
+  {
+    std::jthread one([&] { transport_.Deliver(Message().From("A").Push("tag")); });
+    std::jthread two([&] { transport_.Deliver(Message().From("B").Push("tag")); });
+    transport_.Deliver(Message().From("C").Url("/x"));
+  }
+  EXPECT_TRUE(WaitFor([&] { return left == 3; }));
+  EXPECT_EQ(met, 3);
 }
 
 TEST_F(FrameServerManager, WhatNobodyWantsLoggedIsNotMaskedForTheHostEither) {

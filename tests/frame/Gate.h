@@ -10,7 +10,10 @@ namespace tolm::test {
 /// test fails instead of hanging.
 class Gate {
  public:
-  ~Gate() { Open(); }
+  ~Gate() {
+    Open();
+    WaitFor([this] { return waiting_ == 0; });
+  }
   void Open() { open_ = true; }
   void Wait() {
     ++waiting_;

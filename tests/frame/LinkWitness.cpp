@@ -19,15 +19,6 @@ using Tolm::Base::CMessageLoopDyThreadPool;
 using Tolm::Base::CSingleton;
 using Tolm::Base::CTask;
 
-bool RealStart(CMessageLoopDyThreadPool* pool, int min_threads, int max_threads, int idle_seconds) asm(
-    "__real__ZN4Tolm4Base24CMessageLoopDyThreadPool5StartEiii");
-bool RealStop(CMessageLoopDyThreadPool* pool, bool drain) asm(
-    "__real__ZN4Tolm4Base24CMessageLoopDyThreadPool4StopEb");
-bool RealPostTask(CMessageLoopDyThreadPool* pool, CTask* task) asm(
-    "__real__ZN4Tolm4Base24CMessageLoopDyThreadPool8PostTaskEPNS0_5CTaskE");
-std::string RealMaskSidInUrl(const std::string& url) asm(
-    "__real__ZN12TolmLPCFrame12MaskSidInUrlERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE");
-
 std::string NameOf(const CMessageLoopDyThreadPool* pool) {
   if (pool == &CSingleton<TolmLPCFrame::CMessageLoopForNetCallBack>::Instance()) return "NetCallBack";
   if (pool == &CSingleton<TolmLPCFrame::CMessageLoopForMainFrameWork>::Instance()) return "MainFrameWork";
@@ -45,13 +36,23 @@ std::string NameOf(const CTask* task) {
 
 }  // namespace
 
+// The real functions.
+bool RealStart(CMessageLoopDyThreadPool* pool, int min_threads, int max_threads,
+               int idle_seconds) asm("__real__ZN4Tolm4Base24CMessageLoopDyThreadPool5StartEiii");
+bool RealStop(CMessageLoopDyThreadPool* pool,
+              bool drain) asm("__real__ZN4Tolm4Base24CMessageLoopDyThreadPool4StopEb");
+bool RealPostTask(CMessageLoopDyThreadPool* pool,
+                  CTask* task) asm("__real__ZN4Tolm4Base24CMessageLoopDyThreadPool8PostTaskEPNS0_5CTaskE");
+std::string RealMaskSidInUrl(const std::string& url) asm(
+    "__real__ZN12TolmLPCFrame12MaskSidInUrlERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE");
+
 // What the frame's calls are led to.
-bool NotedStart(CMessageLoopDyThreadPool* pool, int min_threads, int max_threads, int idle_seconds) asm(
-    "__wrap__ZN4Tolm4Base24CMessageLoopDyThreadPool5StartEiii");
-bool NotedStop(CMessageLoopDyThreadPool* pool, bool drain) asm(
-    "__wrap__ZN4Tolm4Base24CMessageLoopDyThreadPool4StopEb");
-bool NotedPostTask(CMessageLoopDyThreadPool* pool, CTask* task) asm(
-    "__wrap__ZN4Tolm4Base24CMessageLoopDyThreadPool8PostTaskEPNS0_5CTaskE");
+bool NotedStart(CMessageLoopDyThreadPool* pool, int min_threads, int max_threads,
+                int idle_seconds) asm("__wrap__ZN4Tolm4Base24CMessageLoopDyThreadPool5StartEiii");
+bool NotedStop(CMessageLoopDyThreadPool* pool,
+               bool drain) asm("__wrap__ZN4Tolm4Base24CMessageLoopDyThreadPool4StopEb");
+bool NotedPostTask(CMessageLoopDyThreadPool* pool,
+                   CTask* task) asm("__wrap__ZN4Tolm4Base24CMessageLoopDyThreadPool8PostTaskEPNS0_5CTaskE");
 std::string CountedMaskSidInUrl(const std::string& url) asm(
     "__wrap__ZN12TolmLPCFrame12MaskSidInUrlERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE");
 

@@ -2,6 +2,7 @@
 
 #include <map>
 #include <mutex>
+#include <utility>
 
 namespace tolm::test {
 namespace {
@@ -9,7 +10,7 @@ namespace {
 using TolmLPCFrame::CLPCIntegrate;
 using TolmLPCFrame::Guarded;
 
-// A private member may be named in an explicit instantiation; each tag takes a pointer out of there.
+// A private member may be named in an explicit instantiation; a tag takes a pointer out of there.
 template <typename Value>
 using Member = Value CLPCIntegrate::*;
 
@@ -45,7 +46,32 @@ template struct Open<FrameType, &CLPCIntegrate::frame_type_>;
 template struct Open<Uniniting, &CLPCIntegrate::vec_uniniting_plugin_>;
 template struct Open<UninitingMutex, &CLPCIntegrate::uniniting_mutex_>;
 
+void ClearTables(CLPCIntegrate& registry);
+
+template <auto... kTables>
+struct Clear {
+  friend void ClearTables(CLPCIntegrate& registry) {
+    ((registry.*kTables).Write([](auto& table) { table = {}; }), ...);
+  }
+};
+
+template struct Clear<&CLPCIntegrate::init_states_, &CLPCIntegrate::map_plugin_data_,
+                      &CLPCIntegrate::map_url_plugin_id_, &CLPCIntegrate::map_url_timeout_,
+                      &CLPCIntegrate::vec_http_header_, &CLPCIntegrate::vec_register_url_,
+                      &CLPCIntegrate::frame_full_path_>;
+
 }  // namespace
+
+void ForgetEverything(CLPCIntegrate& registry) {
+  // The first case of a process is to find what the constructor made.
+  static bool is_fresh = true;
+  if (!std::exchange(is_fresh, false)) {
+    ClearTables(registry);
+    (registry.*Reach(FrameType())).Write([](std::int32_t& type) { type = 2; });
+    const std::lock_guard lock(registry.*Reach(UninitingMutex()));
+    (registry.*Reach(Uniniting())).clear();
+  }
+}
 
 void ForgetTimeout(CLPCIntegrate& registry, const std::string& lower_case_url) {
   (registry.*Reach(Timeouts())).Write([&](auto& timeouts) { timeouts.erase(lower_case_url); });

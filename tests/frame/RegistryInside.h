@@ -10,6 +10,8 @@ namespace tolm::test {
 
 // What the registry holds and no operation of it shows.
 
+/// Makes the registry as it was before anything happened in this process.
+void ForgetEverything(TolmLPCFrame::CLPCIntegrate& registry);
 /// Makes the registry forget the time-out of one url, as if its registration stood halfway.
 void ForgetTimeout(TolmLPCFrame::CLPCIntegrate& registry, const std::string& lower_case_url);
 /// The urls that the host registered as its own.

@@ -17,8 +17,7 @@ class Scripted<Result(Arguments...)> {
   using Function = std::function<Result(Arguments...)>;
 
   template <typename F>
-    requires std::is_invocable_v<F&, Arguments...>
-  Scripted& operator=(F function) {
+  requires std::is_invocable_v<F&, Arguments...> Scripted& operator=(F function) {
     const std::lock_guard lock(mutex_);
     function_ = std::move(function);
     return *this;
@@ -26,8 +25,8 @@ class Scripted<Result(Arguments...)> {
 
   /// The same answer to every call.
   template <typename Value>
-    requires(!std::is_invocable_v<Value&, Arguments...> && !std::is_void_v<Result>)
-  Scripted& operator=(Value answer) {
+  requires(!std::is_invocable_v<Value&, Arguments...> && !std::is_void_v<Result>) Scripted& operator=(
+      Value answer) {
     return *this = [answer](Arguments...) -> Result { return static_cast<Result>(answer); };
   }
 

@@ -25,6 +25,10 @@ void ScriptedClock::Sleep(int milliseconds) {
 
 }  // namespace tolm::test
 
-std::int64_t KRT_GetTimeTick64() { return tolm::test::ScriptedClock::Get().Tick(); }
+std::int64_t KRT_GetTimeTick64() {
+  return tolm::test::ScriptedClock::Get().Tick();
+}
 
-void KRT_Sleep(int milliseconds) { tolm::test::ScriptedClock::Get().Sleep(milliseconds); }
+void KRT_Sleep(int milliseconds) {
+  tolm::test::ScriptedClock::Get().Sleep(milliseconds);
+}

@@ -16,6 +16,8 @@ void ScriptedGuard::Reset() {
   uninit_manager = [] {};
   init_agent = [] {};
   notify_state = [] {};
+  notify_frame_inited_finished = [] {};
+  control_guard_process = [] {};
   set_process_guard_state_list = true;
   notify_frame_uninit = true;
 }
@@ -37,10 +39,13 @@ void CLPCCommunicateWithTolmGuard::InitTolmAgent(const std::string& main_process
   ScriptedGuard::Get().init_agent();
 }
 
-void CLPCCommunicateWithTolmGuard::UnInitTolmAgent() { Journal::Note("guard.UnInitTolmAgent"); }
+void CLPCCommunicateWithTolmGuard::UnInitTolmAgent() {
+  Journal::Note("guard.UnInitTolmAgent");
+}
 
 void CLPCCommunicateWithTolmGuard::NotifyFrameInitedFinished(const std::string& cmdline) {
   Journal::Note("guard.NotifyFrameInitedFinished " + cmdline);
+  ScriptedGuard::Get().notify_frame_inited_finished();
 }
 
 void CLPCCommunicateWithTolmGuard::NotifyState() {
@@ -50,6 +55,7 @@ void CLPCCommunicateWithTolmGuard::NotifyState() {
 
 void CLPCCommunicateWithTolmGuard::ControlGuardProcess(const std::string& process_name, bool start) {
   Journal::Note("guard.ControlGuardProcess " + process_name + (start ? " start" : " stop"));
+  ScriptedGuard::Get().control_guard_process();
 }
 
 bool CLPCCommunicateWithTolmGuard::SetProcessGuardStateList(const std::map<std::string, bool>& states) {

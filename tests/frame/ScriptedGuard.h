@@ -20,6 +20,8 @@ class ScriptedGuard {
   Scripted<void()> uninit_manager;
   Scripted<void()> init_agent;
   Scripted<void()> notify_state;
+  Scripted<void()> notify_frame_inited_finished;
+  Scripted<void()> control_guard_process;
   Scripted<bool(const std::map<std::string, bool>&)> set_process_guard_state_list;
   Scripted<bool()> notify_frame_uninit;
 

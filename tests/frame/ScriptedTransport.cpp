@@ -46,11 +46,21 @@ void ScriptedTransport::Reset() {
   callback_users_.clear();
 }
 
-std::vector<tag_LPCRequestData> ScriptedTransport::Requests() const { return Copy(mutex_, requests_); }
-std::vector<WaitingSend> ScriptedTransport::WaitingSends() const { return Copy(mutex_, waiting_sends_); }
-std::vector<tag_LPCReplyData> ScriptedTransport::Replies() const { return Copy(mutex_, replies_); }
-std::vector<tag_LPCNotifyData> ScriptedTransport::Notifications() const { return Copy(mutex_, notifications_); }
-std::vector<void*> ScriptedTransport::CallbackUsers() const { return Copy(mutex_, callback_users_); }
+std::vector<tag_LPCRequestData> ScriptedTransport::Requests() const {
+  return Copy(mutex_, requests_);
+}
+std::vector<WaitingSend> ScriptedTransport::WaitingSends() const {
+  return Copy(mutex_, waiting_sends_);
+}
+std::vector<tag_LPCReplyData> ScriptedTransport::Replies() const {
+  return Copy(mutex_, replies_);
+}
+std::vector<tag_LPCNotifyData> ScriptedTransport::Notifications() const {
+  return Copy(mutex_, notifications_);
+}
+std::vector<void*> ScriptedTransport::CallbackUsers() const {
+  return Copy(mutex_, callback_users_);
+}
 
 bool ScriptedTransport::HasCallback() const {
   const std::lock_guard lock(mutex_);
@@ -152,7 +162,9 @@ bool Uninit() {
   return ScriptedTransport::Get().uninit();
 }
 
-void SetOptions(const lpc::Options&) { Journal::Note("lpc.SetOptions"); }
+void SetOptions(const lpc::Options&) {
+  Journal::Note("lpc.SetOptions");
+}
 
 bool SetInvokeCallBack(InvokeCallBack callback, void* user) {
   return ScriptedTransport::Get().SetInvokeCallBack(callback, user);
@@ -163,11 +175,17 @@ bool StartListen(const std::string& name) {
   return ScriptedTransport::Get().start_listen(name);
 }
 
-bool StopListen() { return ScriptedTransport::Get().StopListen(); }
+bool StopListen() {
+  return ScriptedTransport::Get().StopListen();
+}
 
-std::uint64_t Send(const tag_LPCRequestData& request) { return ScriptedTransport::Get().Send(request); }
+std::uint64_t Send(const tag_LPCRequestData& request) {
+  return ScriptedTransport::Get().Send(request);
+}
 
-std::uint64_t Send(tag_LPCRequestData&& request) { return ScriptedTransport::Get().Send(request); }
+std::uint64_t Send(tag_LPCRequestData&& request) {
+  return ScriptedTransport::Get().Send(request);
+}
 
 bool Send(tag_LPCResponseData& response, const tag_LPCRequestData& request, std::string url, int time_out) {
   return ScriptedTransport::Get().Send(response, {request, std::move(url), time_out});
@@ -177,16 +195,28 @@ bool Send(tag_LPCResponseData& response, tag_LPCRequestData&& request, std::stri
   return ScriptedTransport::Get().Send(response, {std::move(request), std::move(url), time_out});
 }
 
-bool Reply(const tag_LPCReplyData& reply) { return ScriptedTransport::Get().Reply(reply); }
+bool Reply(const tag_LPCReplyData& reply) {
+  return ScriptedTransport::Get().Reply(reply);
+}
 
-bool Reply(tag_LPCReplyData&& reply) { return ScriptedTransport::Get().Reply(reply); }
+bool Reply(tag_LPCReplyData&& reply) {
+  return ScriptedTransport::Get().Reply(reply);
+}
 
-bool Notify(const tag_LPCNotifyData& notify) { return ScriptedTransport::Get().Notify(notify); }
+bool Notify(const tag_LPCNotifyData& notify) {
+  return ScriptedTransport::Get().Notify(notify);
+}
 
-bool Notify(tag_LPCNotifyData&& notify) { return ScriptedTransport::Get().Notify(notify); }
+bool Notify(tag_LPCNotifyData&& notify) {
+  return ScriptedTransport::Get().Notify(notify);
+}
 
-int GetLPCLastError() { return ScriptedTransport::Get().last_error(); }
+int GetLPCLastError() {
+  return ScriptedTransport::Get().last_error();
+}
 
-lpc::Statistics GetStatistics() { return {}; }
+lpc::Statistics GetStatistics() {
+  return {};
+}
 
 }  // namespace lpcserver

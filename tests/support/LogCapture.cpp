@@ -28,8 +28,8 @@ bool operator==(const LogLine& a, const LogLine& b) {
 }
 
 std::ostream& operator<<(std::ostream& out, const LogLine& line) {
-  return out << line.level << ' ' << line.tag << " [" << line.function << ']' << line.text << " (" << line.file
-             << ':' << line.line << ')';
+  return out << line.level << ' ' << line.tag << " [" << line.function << ']' << line.text << " ("
+             << line.file << ':' << line.line << ')';
 }
 
 LogLine ParseLogLine(int level, std::string_view tag, std::string_view whole) {
@@ -74,7 +74,9 @@ LogCapture::~LogCapture() {
   TheCurrent().capture = nullptr;
 }
 
-void LogCapture::SetLevel(int level) { Tolm::Base::SetLogCallback(&LogCapture::Receive, nullptr, level); }
+void LogCapture::SetLevel(int level) {
+  Tolm::Base::SetLogCallback(&LogCapture::Receive, nullptr, level);
+}
 
 std::vector<LogLine> LogCapture::Lines() const {
   const std::lock_guard lock(mutex_);

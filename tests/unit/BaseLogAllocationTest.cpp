@@ -15,17 +15,33 @@ thread_local std::size_t t_allocations = 0;
 
 }  // namespace
 
-void* operator new(std::size_t size) {
-  ++t_allocations;
-  if (void* const memory = std::malloc(size != 0 ? size : 1)) return memory;
-  throw std::bad_alloc();
-}
+// The array forms too: a sanitizer's own do not come through the single ones.
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
   ++t_allocations;
   return std::malloc(size != 0 ? size : 1);
 }
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+void* operator new(std::size_t size) {
+  if (void* const memory = operator new(size, std::nothrow)) return memory;
+  throw std::bad_alloc();
+}
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
+  return operator new(size, std::nothrow);
+}
+void* operator new[](std::size_t size) {
+  return operator new(size);
+}
+void operator delete(void* memory) noexcept {
+  std::free(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept {
+  std::free(memory);
+}
+void operator delete[](void* memory) noexcept {
+  std::free(memory);
+}
+void operator delete[](void* memory, std::size_t) noexcept {
+  std::free(memory);
+}
 
 namespace {
 

@@ -14,7 +14,9 @@ using tolm::test::LogCapture;
 
 namespace line_test {
 
-void Log() { TOLM_LOG(3, "tag", "text"); }
+void Log() {
+  TOLM_LOG(3, "tag", "text");
+}
 
 namespace inner {
 
@@ -90,10 +92,6 @@ class Widget {
     TOLM_LOG(3, "tag", "text");
     return value;
   }
-  int operator[](int value) {
-    TOLM_LOG(3, "tag", "text");
-    return value;
-  }
   explicit operator bool() const {
     TOLM_LOG(3, "tag", "text");
     return true;
@@ -110,7 +108,9 @@ struct Box {
 
 namespace {
 
-void Unnamed(int) { TOLM_LOG(3, "tag", "text"); }
+void Unnamed(int) {
+  TOLM_LOG(3, "tag", "text");
+}
 
 struct UnnamedStruct {
   std::vector<UnnamedStruct> Member(int) {
@@ -153,7 +153,8 @@ TEST(LogLine, IsFunctionThenTextThenFileAndLine) {
   EXPECT_EQ(logged.text, "value=[7], seven");
   EXPECT_EQ(logged.file, __FILE__);
   EXPECT_EQ(logged.line, line);
-  EXPECT_EQ(logged.whole, "[" + logged.function + "]value=[7], seven[" + __FILE__ + "(" + std::to_string(line) + ")]");
+  EXPECT_EQ(logged.whole,
+            "[" + logged.function + "]value=[7], seven[" + __FILE__ + "(" + std::to_string(line) + ")]");
 }
 
 TEST(LogLine, NamesAFunctionOfANamespace) {
@@ -185,8 +186,8 @@ TEST(LogLine, LeavesTheReturnTypeOut) {
             }),
             (Names{"line_test::inner::Widget::ReturnsItself", "line_test::inner::Widget::ReturnsTemplate",
                    "line_test::inner::Widget::ReturnsReference", "line_test::inner::Widget::ReturnsPointer",
-                   "line_test::inner::Widget::ReturnsFunctionPointer", "line_test::inner::Widget::ReturnsArray",
-                   "line_test::inner::Widget::ReturnsExpression"}));
+                   "line_test::inner::Widget::ReturnsFunctionPointer",
+                   "line_test::inner::Widget::ReturnsArray", "line_test::inner::Widget::ReturnsExpression"}));
 }
 
 TEST(LogLine, NamesALambdaAfterTheFunctionThatHoldsIt) {
@@ -218,21 +219,20 @@ TEST(LogLine, NamesOperators) {
               EXPECT_FALSE(widget < widget);
               widget.operator->();
               widget(1);
-              widget[1];
               EXPECT_TRUE(static_cast<bool>(widget));
               Widget::cooperator();
             }),
             (Names{"line_test::inner::Widget::operator<", "line_test::inner::Widget::operator->",
-                   "line_test::inner::Widget::operator()", "line_test::inner::Widget::operator[]",
-                   "line_test::inner::Widget::operator bool", "line_test::inner::Widget::cooperator"}));
+                   "line_test::inner::Widget::operator()", "line_test::inner::Widget::operator bool",
+                   "line_test::inner::Widget::cooperator"}));
 }
 
 TEST(LogLine, NamesUnnamedNamespacesAsTheCompilerDoes) {
   const Names names = FunctionsLoggedBy([] { line_test::CallUnnamed(); });
-  EXPECT_TRUE(names == (Names{"line_test::{anonymous}::Unnamed",
-                              "line_test::{anonymous}::UnnamedStruct::Member"}) ||
-              names == (Names{"line_test::(anonymous namespace)::Unnamed",
-                              "line_test::(anonymous namespace)::UnnamedStruct::Member"}))
+  EXPECT_TRUE(
+      names == (Names{"line_test::{anonymous}::Unnamed", "line_test::{anonymous}::UnnamedStruct::Member"}) ||
+      names == (Names{"line_test::(anonymous namespace)::Unnamed",
+                      "line_test::(anonymous namespace)::UnnamedStruct::Member"}))
       << testing::PrintToString(names);
 }
 
@@ -254,6 +254,7 @@ TEST(QualifiedFunctionName, KnowsTheDescriptionsOfBothCompilers) {
       {"bool A::operator<(const A&) const", "A::operator<"},
       {"A& A::operator>>(int)", "A::operator>>"},
       {"void A::operator()(int)", "A::operator()"},
+      {"int A::operator[](int)", "A::operator[]"},
       {"A::operator std::vector<int>() const", "A::operator std::vector<int>"},
       {"void operators::f()", "operators::f"},
       {"<lambda(auto:1)> [with auto:1 = int]", "<lambda(auto:1)>"},
@@ -268,7 +269,9 @@ TEST(QualifiedFunctionName, KnowsTheDescriptionsOfBothCompilers) {
 
 int g_evaluated = 0;
 
-int Evaluated() { return ++g_evaluated; }
+int Evaluated() {
+  return ++g_evaluated;
+}
 
 TEST(LogLine, EvaluatesNoArgumentWhenNobodyWantsTheLevel) {
   LogCapture capture(4);

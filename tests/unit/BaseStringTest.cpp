@@ -42,7 +42,9 @@ TEST(StringUtil, StringReplaceDoesNotSearchItsReplacements) {
   EXPECT_EQ(StringReplace("aaaa", "aaa", "a"), "aa");
 }
 
-TEST(StringUtil, StringReplaceOfTheEmptyTextChangesNothing) { EXPECT_EQ(StringReplace("abc", "", "x"), "abc"); }
+TEST(StringUtil, StringReplaceOfTheEmptyTextChangesNothing) {
+  EXPECT_EQ(StringReplace("abc", "", "x"), "abc");
+}
 
 TEST(StringUtil, StrFmtGivesWhatPrintfGives) {
   EXPECT_EQ(str_fmt("plain"), "plain");
@@ -77,7 +79,9 @@ TEST_F(Masking, HidesInUnknownModesAndCodePagesToo) {
   EXPECT_EQ(MaskForLog("abc", kMaskModeSessionId, 0), "***");
 }
 
-TEST_F(Masking, LeavesTheEmptyTextEmpty) { EXPECT_EQ(MaskForLog("", kMaskModeSessionId, kCodePageUtf8), ""); }
+TEST_F(Masking, LeavesTheEmptyTextEmpty) {
+  EXPECT_EQ(MaskForLog("", kMaskModeSessionId, kCodePageUtf8), "");
+}
 
 TEST_F(Masking, LeavesTheTextWhenItIsSwitchedOff) {
   SetLogMasking(false);

@@ -33,8 +33,8 @@ struct Settings {
 
   /// An inbound message. On threads of the client, several at a time; may block and may send.
   std::function<void(tag_LPCCallBackData&& data, const InboundInfo& info)> on_message;
-  /// A connection stands. Nothing of that connection is read until it returns, so it must not wait for
-  /// a reply.
+  /// A connection stands. No message of that connection is delivered until it returns; it may send and
+  /// wait for replies.
   std::function<void()> on_connected;
   /// The connection is gone; `error` says why. One for each on_connected, but for the last when Stop
   /// ends it.

@@ -58,13 +58,13 @@ class CLpcClient::Core final : public lpc::wire::LinkOwner, public std::enable_s
   lpc::Statistics GetStatistics() const;
   const Settings& settings() const { return settings_; }
 
-  bool OnHandshake(lpc::wire::Link& link, const lpc::wire::FrameHeader& header,
-                   std::string_view payload) override;
+  lpc::wire::HandshakeStep OnHandshake(lpc::wire::Link& link, const lpc::wire::FrameHeader& header,
+                                       std::string_view payload) override;
   std::unique_ptr<Tolm::Base::CTask> OnMessage(lpc::wire::Link& link, lpc::wire::InboundMessage&& message,
                                                std::shared_ptr<const void> lease) override;
   void OnPong(lpc::wire::Link& /*link*/) override {}
   void OnLateReply(lpc::wire::Link& /*link*/) override { late_replies_.fetch_add(1); }
-  void OnClosed(lpc::wire::Link& link, int error, const std::string& reason) override;
+  void OnClosed(lpc::wire::Link& link, bool was_open, int error, const std::string& reason) override;
 
  private:
   class MessageTask;
@@ -72,7 +72,8 @@ class CLpcClient::Core final : public lpc::wire::LinkOwner, public std::enable_s
 
   TimePoint Housekeeping(TimePoint now);
   void Connect();
-  void ScheduleAttempt();
+  void ScheduleAttempt(const lpc::wire::Link* ended);
+  void AttemptFailed(int error, const std::string& reason);
   void Post(std::function<void()> call) { loop_->Post(std::make_unique<CallTask>(std::move(call))); }
   std::shared_ptr<lpc::wire::Link> OpenLink() const;
 
@@ -215,11 +216,14 @@ TimePoint CLpcClient::Core::Housekeeping(TimePoint now) {
 void CLpcClient::Core::Connect() {
   auto connected = transport_.Connect(settings_.endpoint);
   if (!connected.value) {
-    ScheduleAttempt();
-    const int error = connected.error == os::EndpointError::kNobodyListens ? lpc::kNoSuchPeer : lpc::kEndpointFailed;
-    Post([self = shared_from_this(), error, text = connected.message] {
-      if (self->settings_.on_connect_failed) self->settings_.on_connect_failed(error, text);
-    });
+    AttemptFailed(
+        connected.error == os::EndpointError::kNobodyListens ? lpc::kNoSuchPeer : lpc::kEndpointFailed,
+        connected.message);
+    return;
+  }
+  // In a folder for everybody somebody else could have made our endpoint before the frame did.
+  if (!connected.value->Peer().same_user) {
+    AttemptFailed(lpc::kRefused, "the endpoint belongs to another user");
     return;
   }
   const auto link = std::make_shared<lpc::wire::Link>(std::move(connected.value), loop_, settings_.options, *this);
@@ -234,14 +238,23 @@ void CLpcClient::Core::Connect() {
   hello.id = settings_.id;
   link->SendControl(lpc::wire::FrameType::kHello, 0, lpc::wire::EncodeHello(hello));
   loop_->RunHousekeepingBy(until);
-  if (!link->Begin()) OnClosed(*link, lpc::kFailed, "the system has no room for the connection");
+  if (!link->Begin()) OnClosed(*link, false, lpc::kFailed, "the system has no room for the connection");
+}
+
+void CLpcClient::Core::AttemptFailed(int error, const std::string& reason) {
+  ScheduleAttempt(nullptr);
+  Post([self = shared_from_this(), error, reason] {
+    if (self->settings_.on_connect_failed) self->settings_.on_connect_failed(error, reason);
+  });
 }
 
 // The pause doubles up to the cap; jitter keeps many plugins from coming back at the same moment.
-void CLpcClient::Core::ScheduleAttempt() {
+void CLpcClient::Core::ScheduleAttempt(const lpc::wire::Link* ended) {
   TimePoint at;
   {
     const std::lock_guard lock(mutex_);
+    if (ended != nullptr && link_.get() == ended) link_ = nullptr;
+    changed_.notify_all();
     const int spread = std::max(1, pause_ms_ / 2);
     const int pause = pause_ms_ - spread / 2 + static_cast<int>(jitter_() % static_cast<unsigned>(spread));
     pause_ms_ = std::min(settings_.reconnect_cap_ms, pause_ms_ * 2);
@@ -250,24 +263,25 @@ void CLpcClient::Core::ScheduleAttempt() {
   loop_->RunHousekeepingBy(at);
 }
 
-bool CLpcClient::Core::OnHandshake(lpc::wire::Link& link, const lpc::wire::FrameHeader& header,
-                                   std::string_view payload) {
+lpc::wire::HandshakeStep CLpcClient::Core::OnHandshake(lpc::wire::Link& link,
+                                                       const lpc::wire::FrameHeader& header,
+                                                       std::string_view payload) {
   if (!link.IsOpen() && header.type == lpc::wire::FrameType::kRefuse) {
     lpc::wire::Notice notice;
     const bool said_why = lpc::wire::DecodeNotice(notice, payload);
     link.CutOff(said_why ? notice.code : static_cast<int>(lpc::kRefused),
                 said_why ? "refused: " + notice.reason : "refused without a reason");
-    return false;
+    return lpc::wire::HandshakeStep::kClose;
   }
   lpc::wire::Welcome welcome;
   if (link.IsOpen() || header.type != lpc::wire::FrameType::kWelcome ||
       !lpc::wire::DecodeWelcome(welcome, payload) || welcome.version != lpc::wire::kProtocolVersion) {
     link.CutOff(lpc::kProtocol, "the other side does not speak this protocol");
-    return false;
+    return lpc::wire::HandshakeStep::kClose;
   }
   {
     const std::lock_guard lock(mutex_);
-    link.Open(kFrameName);
+    link.Open(kFrameName, welcome.max_message_bytes);
     pause_ms_ = settings_.reconnect_first_ms;
     handshake_until_ = TimePoint::max();
     changed_.notify_all();
@@ -277,28 +291,28 @@ bool CLpcClient::Core::OnHandshake(lpc::wire::Link& link, const lpc::wire::Frame
     try {
       if (self->settings_.on_connected) self->settings_.on_connected();
     } catch (...) {
-      opened->Continue();
+      opened->StartDelivery();
       throw;
     }
-    opened->Continue();
+    opened->StartDelivery();
   });
-  return true;
+  return lpc::wire::HandshakeStep::kReadOn;
 }
 
-void CLpcClient::Core::OnClosed(lpc::wire::Link& link, int error, const std::string& reason) {
-  const bool was_open = link.IsOpen();
-  {
-    const std::lock_guard lock(mutex_);
-    if (link_.get() == &link) link_ = nullptr;
-    changed_.notify_all();
-  }
+void CLpcClient::Core::OnClosed(lpc::wire::Link& link, bool was_open, int error, const std::string& reason) {
   TOLM_LOG(Tolm::Base::kLogLevelInfo, kTag, "the connection of [%s] to [%s] ended: %s", settings_.id.c_str(),
            settings_.endpoint.c_str(), reason.c_str());
-  ScheduleAttempt();
-  Post([self = shared_from_this(), was_open, error, reason] {
+  ScheduleAttempt(&link);
+  // Behind on_connected, if there was one, and the messages.
+  auto tell = std::make_unique<CallTask>([self = shared_from_this(), was_open, error, reason] {
     const auto& told = was_open ? self->settings_.on_disconnected : self->settings_.on_connect_failed;
     if (told) told(error, reason);
   });
+  if (was_open) {
+    link.Deliver(std::move(tell));
+  } else {
+    loop_->Post(std::move(tell));
+  }
 }
 
 std::unique_ptr<Tolm::Base::CTask> CLpcClient::Core::OnMessage(lpc::wire::Link& link,

@@ -1,5 +1,6 @@
 #include "server/PeerTable.h"
 
+#include <algorithm>
 #include <mutex>
 #include <utility>
 
@@ -46,9 +47,10 @@ std::vector<std::shared_ptr<wire::Link>> PeerTable::Clear() {
   return all;
 }
 
-std::size_t PeerTable::size() const {
+std::size_t PeerTable::CountOpen() const {
   const std::shared_lock lock(mutex_);
-  return links_.size();
+  return static_cast<std::size_t>(
+      std::count_if(links_.begin(), links_.end(), [](const auto& entry) { return entry.second->IsOpen(); }));
 }
 
 }  // namespace lpc

@@ -22,7 +22,8 @@ class PeerTable {
   std::shared_ptr<wire::Link> Find(const std::string& id) const;
   std::vector<std::shared_ptr<wire::Link>> All() const;
   std::vector<std::shared_ptr<wire::Link>> Clear();
-  std::size_t size() const;
+  /// How many of them are open.
+  std::size_t CountOpen() const;
 
  private:
   mutable std::shared_mutex mutex_;

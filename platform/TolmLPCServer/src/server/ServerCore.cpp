@@ -1,6 +1,7 @@
 #include "server/ServerCore.h"
 
 #include <algorithm>
+#include <exception>
 #include <utility>
 
 #include "TolmBase/LogLine.h"
@@ -70,25 +71,26 @@ class ServerCore::DeliverTask final : public Tolm::Base::CTask {
   const tag_LPCCallBackData data_;
 };
 
-// The "connected" event, and what must come after it: reading.
-class ServerCore::ConnectedTask final : public Tolm::Base::CTask {
+// A "connected" or "disconnected" event, and what has to wait until it has been delivered.
+class ServerCore::StatusTask final : public Tolm::Base::CTask {
  public:
-  ConnectedTask(std::shared_ptr<ServerCore> core, std::shared_ptr<wire::Link> link, tag_LPCCallBackData&& data)
-      : core_(std::move(core)), link_(std::move(link)), data_(std::move(data)) {}
+  StatusTask(std::shared_ptr<ServerCore> core, tag_LPCCallBackData&& data, std::function<void()> afterwards)
+      : core_(std::move(core)), data_(std::move(data)), afterwards_(std::move(afterwards)) {}
   void Run() override {
+    std::exception_ptr failure;
     try {
       if (!core_->deliver_(data_)) core_->undelivered_.fetch_add(1, std::memory_order_relaxed);
     } catch (...) {
-      link_->Continue();
-      throw;
+      failure = std::current_exception();
     }
-    link_->Continue();
+    afterwards_();
+    if (failure) std::rethrow_exception(failure);
   }
 
  private:
   const std::shared_ptr<ServerCore> core_;
-  const std::shared_ptr<wire::Link> link_;
   const tag_LPCCallBackData data_;
+  const std::function<void()> afterwards_;
 };
 
 namespace {
@@ -128,6 +130,7 @@ int ServerCore::Start(const std::string& name) {
     const auto core = self.lock();
     return core ? core->Housekeeping(now) : TimePoint::max();
   });
+  started_.store(true, std::memory_order_release);
   acceptor_ = std::make_shared<Acceptor>(self, std::move(listening.value));
   acceptor_->token = loop_->Register(acceptor_);
   if (!loop_->Start() || !loop_->Arm(*acceptor_->listener, acceptor_->token, os::Poller::kRead)) {
@@ -140,6 +143,7 @@ int ServerCore::Start(const std::string& name) {
 
 void ServerCore::Stop() {
   stopping_.store(true);
+  if (!loop_) return;
   // First whoever waits for an answer: they may be callbacks that the loop waits for.
   for (const auto& link : peers_.All()) {
     link->SendNotice(wire::FrameType::kGoodbye, 0, kOk, "the frame stops");
@@ -149,13 +153,14 @@ void ServerCore::Stop() {
   loop_->Stop();
   for (const auto& link : peers_.Clear()) link->Abandon();
   std::map<const wire::Link*, HalfOpen> half_open;
+  std::shared_ptr<Acceptor> acceptor;  // of the first of several that stop
   {
     const std::lock_guard lock(half_open_mutex_);
     half_open.swap(half_open_);
+    acceptor.swap(acceptor_);
   }
   for (const auto& [key, entry] : half_open) entry.link->Abandon();
-  loop_->Unregister(*acceptor_->listener, acceptor_->token);
-  acceptor_.reset();
+  if (acceptor) loop_->Unregister(*acceptor->listener, acceptor->token);
 }
 
 // --- connections ---
@@ -198,7 +203,7 @@ void ServerCore::Accept(std::unique_ptr<os::Stream> stream) {
   {
     const std::lock_guard lock(half_open_mutex_);
     room = half_open_.size() < options_.max_half_open && !stopping_.load();
-    if (room) half_open_[link.get()] = {link, deadline, {}, {}};
+    if (room) half_open_[link.get()] = {link, deadline, {}, {}, false};
   }
   if (!room) {
     Refuse(*link, kQueueFull, "too many connections have not finished their handshake");
@@ -213,6 +218,16 @@ void ServerCore::Accept(std::unique_ptr<os::Stream> stream) {
 }
 
 void ServerCore::Refuse(wire::Link& link, int error, const std::string& reason) {
+  {
+    const std::lock_guard lock(half_open_mutex_);
+    const auto entry = half_open_.find(&link);
+    if (entry != half_open_.end() && std::exchange(entry->second.refused, true)) return;
+  }
+  TellRefused(link, error, reason);
+}
+
+// Whoever marks an entry as refused does this, once.
+void ServerCore::TellRefused(wire::Link& link, int error, const std::string& reason) {
   refused_.fetch_add(1, std::memory_order_relaxed);
   TOLM_LOG(Tolm::Base::kLogLevelWarning, kTag, "refused the connection of process %ld: %s",
            link.identity().process_id, reason.c_str());
@@ -220,91 +235,104 @@ void ServerCore::Refuse(wire::Link& link, int error, const std::string& reason) 
   link.CutOff(error, reason);
 }
 
-bool ServerCore::OnHandshake(wire::Link& link, const wire::FrameHeader& header, std::string_view payload) {
-  if (link.IsOpen() || header.type != wire::FrameType::kHello) {
-    Refuse(link, kProtocol, "a frame out of place, type " + std::to_string(static_cast<int>(header.type)));
-    return false;
+wire::HandshakeStep ServerCore::OnHandshake(wire::Link& link, const wire::FrameHeader& header,
+                                            std::string_view payload) {
+  if (link.IsOpen()) {
+    const std::string reason = "a frame of type " + std::to_string(static_cast<int>(header.type)) +
+                               " after the handshake";
+    link.SendNotice(wire::FrameType::kGoodbye, 0, kProtocol, reason);
+    link.CutOff(kProtocol, reason);
+    return wire::HandshakeStep::kClose;
+  }
+  if (header.type != wire::FrameType::kHello) {
+    Refuse(link, kProtocol, "its first frame is of type " + std::to_string(static_cast<int>(header.type)));
+    return wire::HandshakeStep::kClose;
   }
   wire::Hello hello;
   if (!wire::DecodeHello(hello, payload)) {
     Refuse(link, kProtocol, "its first frame is not a HELLO of this protocol");
-    return false;
+    return wire::HandshakeStep::kClose;
   }
   if (hello.lowest_version > wire::kProtocolVersion || hello.highest_version < wire::kProtocolVersion) {
     Refuse(link, kProtocol, "it speaks versions " + std::to_string(hello.lowest_version) + " to " +
                                 std::to_string(hello.highest_version) + ", this end speaks " +
                                 std::to_string(wire::kProtocolVersion));
-    return false;
+    return wire::HandshakeStep::kClose;
   }
   if (!wire::IsPeerId(hello.id)) {
     Refuse(link, kRefused, "its id is empty, reserved, too long or holds control characters");
-    return false;
+    return wire::HandshakeStep::kClose;
   }
   {
     const std::lock_guard lock(half_open_mutex_);
-    half_open_[&link].link = link.shared_from_this();
-    half_open_[&link].id = hello.id;
+    const auto entry = half_open_.find(&link);
+    // Too late, or this end stops.
+    if (entry == half_open_.end() || entry->second.refused) return wire::HandshakeStep::kClose;
+    entry->second.id = hello.id;
   }
-  TryToAdmit(link.shared_from_this(), hello.id);
-  return true;
+  return TryToAdmit(link.shared_from_this(), hello.id) ? wire::HandshakeStep::kReadOn
+                                                       : wire::HandshakeStep::kHold;
 }
 
 // Nobody takes over a living peer's name: who holds it has to prove that it lives, and this is tried
-// again when the holder has gone, or at the latest when its time is up.
-void ServerCore::TryToAdmit(const std::shared_ptr<wire::Link>& link, const std::string& id) {
-  std::shared_ptr<wire::Link> holder;
-  if (peers_.Add(id, link, holder)) {
-    Admit(link, id);
-    return;
-  }
-  if (holder == link) return;  // another thread has just admitted it
+// again when the holder has gone, or at the latest when its time is up. Says whether the link is now open.
+bool ServerCore::TryToAdmit(const std::shared_ptr<wire::Link>& link, const std::string& id) {
   const auto deadline = wire::IoLoop::Clock::now() + std::chrono::milliseconds(options_.ping_ms);
+  std::shared_ptr<wire::Link> holder;
   {
+    // One lock around both tables, so that a holder that goes now either leaves the id free here, or
+    // finds in Forget that somebody waits for it.
     const std::lock_guard lock(half_open_mutex_);
     const auto entry = half_open_.find(link.get());
-    if (entry == half_open_.end()) return;  // refused meanwhile
-    entry->second.holder = holder;
-    entry->second.deadline = deadline;
+    if (entry == half_open_.end() || entry->second.refused) return false;  // decided meanwhile
+    if (peers_.Add(id, link, holder)) {
+      half_open_.erase(entry);
+    } else {
+      entry->second.holder = holder;
+      entry->second.deadline = deadline;
+    }
+  }
+  if (!holder) {
+    Admit(link, id);
+    return true;
   }
   holder->SendControl(wire::FrameType::kPing);
   loop_->RunHousekeepingBy(deadline);
-  // The holder may have gone before it was noted here that somebody waits for that.
-  if (peers_.Add(id, link, holder)) Admit(link, id);
+  return false;
 }
 
 // The id is this link's in the table already.
 void ServerCore::Admit(const std::shared_ptr<wire::Link>& link, const std::string& id) {
-  {
-    const std::lock_guard lock(half_open_mutex_);
-    half_open_.erase(link.get());
-  }
   wire::Welcome welcome;
   welcome.max_message_bytes = options_.max_message_bytes;
   link->SendControl(wire::FrameType::kWelcome, 0, wire::EncodeWelcome(welcome));
-  link->Open(id);
+  link->Open(id, options_.max_message_bytes);
   connections_.fetch_add(1, std::memory_order_relaxed);
   TOLM_LOG(Tolm::Base::kLogLevelInfo, kTag, "peer [%s] connected, process %ld", id.c_str(),
            link->identity().process_id);
-  loop_->Post(std::make_unique<ConnectedTask>(shared_from_this(), link, StatusEvent(id, "connected")));
+  loop_->Post(std::make_unique<StatusTask>(shared_from_this(), StatusEvent(id, "connected"),
+                                           [link] { link->StartDelivery(); }));
+  // A Stop that is under way may have looked for waiters before this peer was in the table.
+  if (stopping_.load()) link->FailSenders(kPeerGone);
 }
 
-void ServerCore::OnPong(wire::Link& link) {
-  std::vector<std::shared_ptr<wire::Link>> refused;
+void ServerCore::OnPong(wire::Link& link) { RefuseForHolder(link); }
+
+// The holder of an id lives: whoever asked for that id is refused.
+void ServerCore::RefuseForHolder(const wire::Link& holder) {
+  std::vector<std::shared_ptr<wire::Link>> newcomers;
   std::string id;
   {
     const std::lock_guard lock(half_open_mutex_);
-    for (auto entry = half_open_.begin(); entry != half_open_.end();) {
-      if (!entry->second.id.empty() && entry->second.holder.lock().get() == &link) {
-        refused.push_back(entry->second.link);
-        id = entry->second.id;
-        entry = half_open_.erase(entry);
-      } else {
-        ++entry;
-      }
+    for (auto& [key, entry] : half_open_) {
+      if (entry.refused || entry.id.empty() || entry.holder.lock().get() != &holder) continue;
+      entry.refused = true;
+      newcomers.push_back(entry.link);
+      id = entry.id;
     }
   }
-  for (const auto& newcomer : refused) {
-    Refuse(*newcomer, kRefused, "the id [" + id + "] is in use");
+  for (const auto& newcomer : newcomers) {
+    TellRefused(*newcomer, kRefused, "the id [" + id + "] is in use");
     newcomer->Continue();
   }
 }
@@ -315,37 +343,46 @@ void ServerCore::OnLateReply(wire::Link& link) {
            link.peer_name().c_str());
 }
 
-void ServerCore::OnClosed(wire::Link& link, int error, const std::string& reason) {
-  {
-    const std::lock_guard lock(half_open_mutex_);
-    half_open_.erase(&link);
-  }
-  if (!link.IsOpen()) {
+void ServerCore::OnClosed(wire::Link& link, bool was_open, int error, const std::string& reason) {
+  if (!was_open) {
+    bool broke_the_rules = false;
+    {
+      const std::lock_guard lock(half_open_mutex_);
+      const auto entry = half_open_.find(&link);
+      if (entry != half_open_.end()) {
+        broke_the_rules = !entry->second.refused && error != kPeerGone;
+        half_open_.erase(entry);
+      }
+    }
+    if (broke_the_rules) refused_.fetch_add(1, std::memory_order_relaxed);
     TOLM_LOG(Tolm::Base::kLogLevelInfo, kTag, "a connection ended in its handshake, process %ld: %s",
              link.identity().process_id, reason.c_str());
     return;
   }
-  const std::string id = link.peer_name();
+  const std::string& id = link.peer_name();
   if (error != kPeerGone) cut_off_.fetch_add(1, std::memory_order_relaxed);
   TOLM_LOG(error == kPeerGone ? Tolm::Base::kLogLevelInfo : Tolm::Base::kLogLevelWarning, kTag,
            "peer [%s] disconnected, process %ld: %s", id.c_str(), link.identity().process_id, reason.c_str());
-  peers_.Remove(id, link);
-  PostEvent(id, "disconnected");
+  // The id stays taken until the event has been delivered: who has it next comes after that in the eyes
+  // of the host, too.
+  link.Deliver(std::make_unique<StatusTask>(shared_from_this(), StatusEvent(id, "disconnected"),
+                                            [this, gone = link.shared_from_this()] { Forget(*gone); }));
+}
 
-  // Whoever wanted this id may have it now, first come first served by the table.
+// Whoever waits for this link's id may have it now, first come first served by the table.
+void ServerCore::Forget(const wire::Link& link) {
+  const std::string& id = link.peer_name();
+  peers_.Remove(id, link);
   std::vector<std::shared_ptr<wire::Link>> waiting;
   {
     const std::lock_guard lock(half_open_mutex_);
     for (const auto& [key, entry] : half_open_) {
-      if (entry.id == id) waiting.push_back(entry.link);
+      if (entry.id == id && !entry.refused) waiting.push_back(entry.link);
     }
   }
-  for (const auto& newcomer : waiting) TryToAdmit(newcomer, id);
-}
-
-void ServerCore::PostEvent(const std::string& id, const char* status) {
-  loop_->Post(std::make_unique<DeliverTask>(shared_from_this(), std::weak_ptr<wire::Link>(),
-                                            StatusEvent(id, status)));
+  for (const auto& newcomer : waiting) {
+    if (TryToAdmit(newcomer, id)) newcomer->Continue();
+  }
 }
 
 void ServerCore::ListenFailed(int system_error) {
@@ -370,23 +407,29 @@ ServerCore::TimePoint ServerCore::Housekeeping(TimePoint now) {
     if (accept) accept_again_ = TimePoint::max();
     next = accept_again_;
     for (auto& [key, entry] : half_open_) {
+      if (entry.refused) continue;
       if (now >= entry.deadline) {
-        entry.deadline = now + std::chrono::milliseconds(options_.ping_ms);
         if (entry.id.empty()) {
+          entry.refused = true;
           too_slow.push_back(entry.link);
-        } else {
-          contenders.push_back(entry);
+          continue;
         }
+        entry.deadline = now + std::chrono::milliseconds(options_.ping_ms);
+        contenders.push_back(entry);
       }
       next = std::min(next, entry.deadline);
     }
   }
-  for (const auto& link : too_slow) Refuse(*link, kTimeOut, "its handshake took too long");
+  for (const auto& link : too_slow) TellRefused(*link, kTimeOut, "its handshake took too long");
   for (const HalfOpen& contender : contenders) {
-    if (const auto holder = contender.holder.lock()) {
-      holder->CutOff(kTimeOut, "it did not answer a ping, and another process asks for its id");
+    const auto holder = contender.holder.lock();
+    if (holder && holder->IsPaused()) {
+      // It may have answered, but nobody listens to it: it gets the benefit of the doubt.
+      RefuseForHolder(*holder);
+      continue;
     }
-    TryToAdmit(contender.link, contender.id);
+    if (holder) holder->CutOff(kTimeOut, "it did not answer a ping, and another process asks for its id");
+    if (TryToAdmit(contender.link, contender.id)) contender.link->Continue();
   }
   for (const auto& link : peers_.All()) {
     const TimePoint deadline = link->StallDeadline();
@@ -494,7 +537,7 @@ int ServerCore::Notify(const tag_LPCNotifyData& notify, std::string* body_owner)
 
 Statistics ServerCore::GetStatistics() const {
   Statistics statistics;
-  statistics.peers = peers_.size();
+  statistics.peers = peers_.CountOpen();
   statistics.connections = connections_.load(std::memory_order_relaxed);
   statistics.refused = refused_.load(std::memory_order_relaxed);
   statistics.cut_off = cut_off_.load(std::memory_order_relaxed);

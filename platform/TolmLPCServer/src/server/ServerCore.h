@@ -25,7 +25,8 @@ namespace lpc {
 ///
 ///   accepted ──► half open ──HELLO──► checked ──► id free ──► WELCOME, "connected", read on
 ///                    │                   │            └─ id taken: the holder is pinged; if it answers
-///                    │                   │               the newcomer is refused, else the holder goes
+///                    │                   │               the newcomer is refused, else the holder goes,
+///                    │                   │               and the id is free when that has been delivered
 ///                    └─ time is up       └─ refused with a reason
 class ServerCore final : public wire::LinkOwner, public std::enable_shared_from_this<ServerCore> {
  public:
@@ -40,7 +41,7 @@ class ServerCore final : public wire::LinkOwner, public std::enable_shared_from_
   int Start(const std::string& name);
   /// As lpcserver::StopListen. The core cannot be started again.
   void Stop();
-  bool IsOwnThread() const { return loop_ != nullptr && loop_->IsOwnThread(); }
+  bool IsOwnThread() const { return started_.load(std::memory_order_acquire) && loop_->IsOwnThread(); }
 
   /// The id of the request, or 0 with the reason in `error`.
   std::uint64_t Send(const tag_LPCRequestData& request, std::string* body_owner, int& error);
@@ -52,17 +53,18 @@ class ServerCore final : public wire::LinkOwner, public std::enable_shared_from_
   Statistics GetStatistics() const;
 
   // wire::LinkOwner
-  bool OnHandshake(wire::Link& link, const wire::FrameHeader& header, std::string_view payload) override;
+  wire::HandshakeStep OnHandshake(wire::Link& link, const wire::FrameHeader& header,
+                                  std::string_view payload) override;
   std::unique_ptr<Tolm::Base::CTask> OnMessage(wire::Link& link, wire::InboundMessage&& message,
                                                std::shared_ptr<const void> lease) override;
   void OnPong(wire::Link& link) override;
   void OnLateReply(wire::Link& link) override;
-  void OnClosed(wire::Link& link, int error, const std::string& reason) override;
+  void OnClosed(wire::Link& link, bool was_open, int error, const std::string& reason) override;
 
  private:
   class Acceptor;
   class DeliverTask;
-  class ConnectedTask;
+  class StatusTask;
   using TimePoint = wire::IoLoop::Clock::time_point;
 
   // A connection without a place in the table yet.
@@ -71,16 +73,19 @@ class ServerCore final : public wire::LinkOwner, public std::enable_shared_from_
     TimePoint deadline;
     std::string id;                    // once it said HELLO
     std::weak_ptr<wire::Link> holder;  // who has this id
+    bool refused = false;              // and about to end
   };
 
   void AcceptAll();
   void Accept(std::unique_ptr<os::Stream> stream);
-  void TryToAdmit(const std::shared_ptr<wire::Link>& link, const std::string& id);
+  bool TryToAdmit(const std::shared_ptr<wire::Link>& link, const std::string& id);
   void Admit(const std::shared_ptr<wire::Link>& link, const std::string& id);
   void Refuse(wire::Link& link, int error, const std::string& reason);
+  void TellRefused(wire::Link& link, int error, const std::string& reason);
   TimePoint Housekeeping(TimePoint now);
   void ListenFailed(int system_error);
-  void PostEvent(const std::string& id, const char* status);
+  void Forget(const wire::Link& link);
+  void RefuseForHolder(const wire::Link& holder);
   std::uint64_t NextId(bool waiting);
 
   os::LocalTransport& transport_;
@@ -91,6 +96,7 @@ class ServerCore final : public wire::LinkOwner, public std::enable_shared_from_
   PeerTable peers_;
 
   std::atomic<std::uint64_t> next_id_{1};
+  std::atomic<bool> started_{false};   // loop_ is there
   std::atomic<bool> stopping_{false};
   std::atomic<std::uint64_t> connections_{0};
   std::atomic<std::uint64_t> refused_{0};

@@ -12,6 +12,11 @@ constexpr std::uint32_t kMagic = 0x43504C54;
 constexpr std::size_t kMaxIdSize = 255;
 constexpr std::size_t kMaxReasonSize = 512;
 
+constexpr bool IsControl(char c) {
+  const auto byte = static_cast<unsigned char>(c);
+  return byte < 0x20 || byte == 0x7F;
+}
+
 }  // namespace
 
 HeaderBytes EncodeHeader(const FrameHeader& header) {
@@ -92,15 +97,14 @@ bool DecodeNotice(Notice& notice, std::string_view payload) {
   ByteReader reader(payload);
   notice.code = reader.Number<std::uint16_t>();
   notice.reason = reader.Text<std::uint16_t>();
+  // It ends up in log lines, which it must not be able to forge.
+  std::replace_if(notice.reason.begin(), notice.reason.end(), IsControl, '?');
   return reader.ok();
 }
 
 bool IsPeerId(std::string_view id) {
   return !id.empty() && id.size() <= kMaxIdSize && id != "0" &&
-         std::none_of(id.begin(), id.end(), [](char c) {
-           const auto byte = static_cast<unsigned char>(c);
-           return byte < 0x20 || byte == 0x7F;
-         });
+         std::none_of(id.begin(), id.end(), IsControl);
 }
 
 }  // namespace lpc::wire

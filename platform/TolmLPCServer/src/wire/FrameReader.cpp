@@ -88,13 +88,18 @@ bool FrameReader::TakeSizes() {
   return true;
 }
 
+// Messages of a well-behaved peer share the wire, as many as its queue has room for, beside the one that
+// is on its way already. Whoever begins more and finishes none is stopped here.
+bool FrameReader::Hold(std::size_t bytes) {
+  current_->held += bytes;
+  held_ += bytes;
+  return held_ <= 2 * options_.max_message_bytes + options_.max_queue_bytes ||
+         Violate(kMessageTooLarge, "incomplete messages with " + std::to_string(held_) + " bytes");
+}
+
 bool FrameReader::FeedAssembly(std::string_view bytes) {
+  if (!Hold(bytes.size())) return false;
   Assembly& assembly = *current_;
-  assembly.held += bytes.size();
-  held_ += bytes.size();
-  if (held_ > 2 * options_.max_message_bytes) {
-    return Violate(kMessageTooLarge, "incomplete messages with " + std::to_string(held_) + " bytes");
-  }
   const auto take = [&bytes](std::string& into, std::size_t until) {
     const std::size_t part = std::min(bytes.size(), until - into.size());
     into.append(bytes.substr(0, part));
@@ -133,10 +138,8 @@ void FrameReader::CommitDirect(std::size_t size, FrameSink& sink) {
   std::string& body = current_->message.body;
   body.resize(body.size() - (direct_size_ - size));
   direct_size_ = 0;
-  current_->held += size;
-  held_ += size;
   frame_left_ -= size;
-  if (frame_left_ == 0) EndFrame(sink);
+  if (Hold(size) && frame_left_ == 0) EndFrame(sink);
 }
 
 bool FrameReader::EndFrame(FrameSink& sink) {

@@ -74,6 +74,7 @@ class FrameReader {
   bool FeedPayload(std::string_view& bytes);
   bool FeedAssembly(std::string_view bytes);
   bool TakeSizes();
+  bool Hold(std::size_t bytes);
   bool Violate(int code, std::string what);
 
   const Options& options_;

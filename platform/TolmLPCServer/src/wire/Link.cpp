@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <iterator>
 #include <utility>
 
 #include "TolmBase/LogLine.h"
@@ -15,6 +16,8 @@ constexpr std::size_t kReadBuffer = 64u << 10;
 constexpr std::size_t kReadTurn = 1u << 20;
 // What a message costs beside its bytes.
 constexpr std::size_t kMessageOverhead = 256;
+// What one of its params costs, in the map that it ends up in.
+constexpr std::size_t kParamOverhead = 128;
 
 // Ids of requests for which a thread waits are odd, so that a reply that comes too late is told from one
 // that belongs to an asynchronous request. Only the requester reads this out of the id.
@@ -52,7 +55,7 @@ class Link::Sink final : public FrameSink {
   void OnMessage(InboundMessage&& message) override { link_.HandleMessage(std::move(message), *this); }
 
   std::vector<std::unique_ptr<Tolm::Base::CTask>> work;
-  bool hold = false;  // the owner wants to be asked before anything more is read
+  bool hold = false;  // nothing more is to be read before Continue
   bool goodbye = false;
   int error = kPeerGone;
   std::string reason = "the connection was closed";
@@ -74,15 +77,31 @@ Link::~Link() { pending_.FailAll(kPeerGone); }
 
 bool Link::Begin() {
   token_ = loop_->Register(weak_from_this());
-  const std::lock_guard lock(mutex_);
-  in_charge_ = false;
-  return loop_->Arm(*stream_, token_, os::Poller::kRead);
+  {
+    const std::lock_guard lock(mutex_);
+    in_charge_ = false;
+    if (loop_->Arm(*stream_, token_, os::Poller::kRead)) return true;
+    gone_ = true;
+  }
+  loop_->Unregister(*stream_, token_);
+  return false;
 }
 
-void Link::Continue() { Work(); }
+void Link::Continue() {
+  {
+    const std::lock_guard lock(mutex_);
+    if (!on_hold_) {
+      continued_ = true;
+      return;
+    }
+    on_hold_ = false;
+  }
+  Work();
+}
 
-void Link::Open(std::string peer_name) {
+void Link::Open(std::string peer_name, std::uint64_t max_bytes) {
   peer_name_ = std::move(peer_name);
+  send_limit_ = static_cast<std::size_t>(std::min<std::uint64_t>(max_bytes, options_.max_message_bytes));
   reader_.AcceptMessages();
   open_.store(true, std::memory_order_release);
 }
@@ -90,7 +109,7 @@ void Link::Open(std::string peer_name) {
 // --- sending ---
 
 int Link::Send(const OutgoingMessage& message) {
-  if (const int error = CheckLimits(message, options_); error != kOk) return error;
+  if (const int error = CheckLimits(message, send_limit_, options_.max_params); error != kOk) return error;
   switch (queue_.Send(message)) {
     case SendQueue::Outcome::kSent:
     case SendQueue::Outcome::kQueued:
@@ -127,7 +146,12 @@ int Link::SendAndWait(const OutgoingMessage& request, int time_out_ms, InboundMe
     reply = std::move(waiter->reply());
     return kOk;
   }
-  pending_.Remove(request.id);
+  if (!pending_.Remove(request.id) && error == kTimeOut) {
+    // Somebody has taken it out with a reply in his hands. To go now would lose that reply uncounted.
+    error = waiter->Wait();
+    if (error == kOk) reply = std::move(waiter->reply());
+    return error;
+  }
   if (error == kTimeOut) SendControl(FrameType::kCancel, request.id);
   return error;
 }
@@ -140,7 +164,7 @@ int Link::Lead(Waiter& waiter, IoLoop::Clock::time_point deadline) {
     Sink sink(*this);
     const bool alive = !readable || ReadOrFail(sink);
     // Callbacks belong to the loop's threads: the host may hold a lock here that a callback wants.
-    loop_->Post(sink.work);
+    DeliverAll(sink.work);
     if (!alive) {
       CloseInCharge(sink.error, sink.reason);
       return waiter.WaitUntil(deadline);  // over already: all waiters have failed
@@ -154,7 +178,9 @@ int Link::Lead(Waiter& waiter, IoLoop::Clock::time_point deadline) {
 }
 
 void Link::SendControl(FrameType type, std::uint64_t message_id, const std::string& payload) {
-  if (queue_.SendControl(type, message_id, payload) == SendQueue::Outcome::kBlocked) AskForWritability();
+  const SendQueue::Outcome outcome = queue_.SendControl(type, message_id, payload);
+  if (outcome == SendQueue::Outcome::kBlocked) AskForWritability();
+  if (outcome == SendQueue::Outcome::kFull) CutOff(kQueueFull, "it does not take the answers to what it sends");
 }
 
 void Link::SendNotice(FrameType type, std::uint64_t message_id, int code, const std::string& reason) {
@@ -169,6 +195,11 @@ void Link::AskForWritability() {
   }
   // A peer that stays like this is cut off.
   loop_->RunHousekeepingBy(IoLoop::Clock::now() + std::chrono::milliseconds(options_.stall_ms));
+}
+
+bool Link::IsPaused() const {
+  const std::lock_guard lock(mutex_);
+  return paused_;
 }
 
 IoLoop::Clock::time_point Link::StallDeadline() const {
@@ -227,16 +258,27 @@ void Link::OnReady(bool readable, bool writable) {
 void Link::Work() {
   const auto self = shared_from_this();
   Sink sink(*this);
-  const bool alive = ReadOrFail(sink);
-  if (sink.hold) return;  // still in charge, until Continue
+  bool alive = ReadOrFail(sink);
+  while (sink.hold) {
+    {
+      const std::lock_guard lock(mutex_);
+      if (!std::exchange(continued_, false)) {
+        on_hold_ = true;  // still in charge, until Continue
+        if (want_write_) ArmLocked();
+        return;
+      }
+    }
+    sink.hold = false;
+    alive = ReadOrFail(sink);
+  }
   if (!alive) {
-    loop_->Post(sink.work);
+    DeliverAll(sink.work);
     CloseInCharge(sink.error, sink.reason);
     return;
   }
   CutOffIfFlooding();
   GiveUpCharge();
-  loop_->Post(sink.work);
+  DeliverAll(sink.work);
 }
 
 // Memory may be short for what a peer sends; that is this peer's loss alone.
@@ -253,6 +295,7 @@ bool Link::ReadOrFail(Sink& sink) {
 // False when the connection has ended; sink has the reason.
 bool Link::ReadSome(Sink& sink) {
   for (std::size_t total = 0; total < kReadTurn;) {
+    if (cut_off_.load(std::memory_order_relaxed)) return false;
     char* const buffer = ReadBuffer();
     const bool handshake = !IsOpen();
     const FrameReader::Place place = handshake ? FrameReader::Place{} : reader_.DirectPlace();
@@ -307,8 +350,11 @@ void Link::HandleControl(const FrameHeader& header, std::string_view payload, Si
       return;
     }
     default:
-      if (owner_.OnHandshake(*this, header, payload)) sink.hold = true;
-      return;
+      switch (owner_.OnHandshake(*this, header, payload)) {
+        case HandshakeStep::kReadOn: return;
+        case HandshakeStep::kHold: sink.hold = true; return;
+        case HandshakeStep::kClose: sink.goodbye = true; return;
+      }
   }
 }
 
@@ -321,12 +367,39 @@ void Link::HandleMessage(InboundMessage&& message, Sink& sink) {
     }
   }
   std::size_t bytes = message.body.size() + kMessageOverhead;
-  for (const auto& [key, value] : message.params) bytes += key.size() + value.size();
+  for (const auto& [key, value] : message.params) bytes += key.size() + value.size() + kParamOverhead;
   inbound_bytes_.fetch_add(bytes, std::memory_order_relaxed);
   auto lease = std::make_shared<const Lease>(weak_from_this(), bytes);
   if (auto work = owner_.OnMessage(*this, std::move(message), std::move(lease))) {
     sink.work.push_back(std::move(work));
   }
+}
+
+void Link::DeliverAll(std::vector<std::unique_ptr<Tolm::Base::CTask>>& work) {
+  if (work.empty()) return;
+  if (!delivering_.load(std::memory_order_acquire)) {
+    const std::lock_guard lock(mutex_);
+    if (!delivering_.load(std::memory_order_relaxed)) {
+      std::move(work.begin(), work.end(), std::back_inserter(kept_));
+      work.clear();
+      return;
+    }
+  }
+  loop_->Post(work);
+}
+
+void Link::Deliver(std::unique_ptr<Tolm::Base::CTask> work) {
+  std::vector<std::unique_ptr<Tolm::Base::CTask>> one;
+  one.push_back(std::move(work));
+  DeliverAll(one);
+}
+
+void Link::StartDelivery() {
+  std::vector<std::unique_ptr<Tolm::Base::CTask>> kept;  // destroyed unlocked when the loop takes nothing
+  const std::lock_guard lock(mutex_);
+  kept.swap(kept_);
+  loop_->Post(kept);
+  delivering_.store(true, std::memory_order_release);  // nobody overtakes what was kept
 }
 
 // A peer that goes on although it is not read from any more but for replies is not worth waiting for.
@@ -365,6 +438,8 @@ void Link::CutOff(int error, const std::string& reason) {
       close_reason_ = reason;
     }
   }
+  // The last words of a peer that is merely gone are still read.
+  if (error != kPeerGone) cut_off_.store(true, std::memory_order_relaxed);
   stream_->Shutdown();  // the poller tells a thread, which closes
 }
 
@@ -379,10 +454,11 @@ void Link::CloseInCharge(int error, const std::string& reason) {
       first_reason = close_reason_;
     }
   }
+  const bool was_open = open_.exchange(false, std::memory_order_acq_rel);
   loop_->Unregister(*stream_, token_);
   FailSenders(kPeerGone);
   stream_->Shutdown();
-  owner_.OnClosed(*this, first_error, first_reason);
+  owner_.OnClosed(*this, was_open, first_error, first_reason);
 }
 
 void Link::FailSenders(int error) {
@@ -395,9 +471,11 @@ void Link::WaitUntilSent(int milliseconds) {
 }
 
 void Link::Abandon() {
+  std::vector<std::unique_ptr<Tolm::Base::CTask>> kept;  // destroyed unlocked
   {
     const std::lock_guard lock(mutex_);
     gone_ = true;
+    kept.swap(kept_);
   }
   loop_->Unregister(*stream_, token_);
   FailSenders(kPeerGone);

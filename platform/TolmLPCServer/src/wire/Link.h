@@ -27,21 +27,27 @@ namespace lpc::wire {
 
 class Link;
 
-/// What a Link tells its end. Called on threads of the loop, for one link by one thread at a time; must
-/// not block and must not call user code (which goes to IoLoop::Post).
+/// What becomes of a link after a handshake frame.
+enum class HandshakeStep {
+  kReadOn,
+  kHold,   ///< nothing is read until Link::Continue
+  kClose,  ///< nothing is read any more; OnClosed follows
+};
+
+/// What a Link tells its end. Called on the thread that reads, for one link by one thread at a time; must
+/// not block and must not call user code (which goes to Link::Deliver).
 class LinkOwner {
  public:
-  /// A handshake frame. Returning true keeps the link from being read until Link::Continue.
-  virtual bool OnHandshake(Link& link, const FrameHeader& header, std::string_view payload) = 0;
+  virtual HandshakeStep OnHandshake(Link& link, const FrameHeader& header, std::string_view payload) = 0;
   /// A message for this end: a request, a notification, or a reply that no thread waits for. Makes the
   /// work that will deliver it, or nothing.
   virtual std::unique_ptr<Tolm::Base::CTask> OnMessage(Link& link, InboundMessage&& message,
                                                        std::shared_ptr<const void> lease) = 0;
   virtual void OnPong(Link& link) = 0;
   virtual void OnLateReply(Link& link) = 0;
-  /// The connection has ended; nothing is called for this link any more. `error` is kPeerGone, or what
-  /// was done wrong.
-  virtual void OnClosed(Link& link, int error, const std::string& reason) = 0;
+  /// The connection has ended; nothing is called for this link any more. `was_open` tells whether its
+  /// handshake was over; `error` is kPeerGone, or what was done wrong.
+  virtual void OnClosed(Link& link, bool was_open, int error, const std::string& reason) = 0;
 
  protected:
   ~LinkOwner() = default;
@@ -65,10 +71,17 @@ class Link final : public IoHandler, public std::enable_shared_from_this<Link> {
 
   /// Begins to read. False when the poller has no room.
   bool Begin();
-  /// After OnHandshake returned true: reads on. To be called once, from any thread.
+  /// For a link on hold: reads on. To be called once, from any thread but inside OnHandshake.
   void Continue();
-  /// The handshake is done: messages may come and go. `peer_name` is for log lines.
-  void Open(std::string peer_name);
+  /// The handshake is done: messages of up to `max_bytes`, which is what the peer takes, may be sent.
+  /// Replies are handed to their waiters from now on; everything else is kept until StartDelivery.
+  /// `peer_name` is for log lines.
+  void Open(std::string peer_name, std::uint64_t max_bytes);
+  /// The peer's "connected" event is over: what arrived since Open is delivered, and what comes.
+  void StartDelivery();
+  /// Queues work that belongs to this connection, in its turn behind what arrived before.
+  void Deliver(std::unique_ptr<Tolm::Base::CTask> work);
+  /// Since Open, and until the end of the connection.
   bool IsOpen() const { return open_.load(std::memory_order_acquire); }
 
   /// kOk, kMessageTooLarge, kQueueFull or kPeerGone.
@@ -89,6 +102,8 @@ class Link final : public IoHandler, public std::enable_shared_from_this<Link> {
 
   os::PeerIdentity identity() const { return identity_; }
   const std::string& peer_name() const { return peer_name_; }
+  /// Too much of what the peer sent is worked on, so that nothing it says is heard at the moment.
+  bool IsPaused() const;
   /// When the peer is to be cut off if it takes nothing until then; max() while it takes what it gets.
   IoLoop::Clock::time_point StallDeadline() const;
 
@@ -107,6 +122,7 @@ class Link final : public IoHandler, public std::enable_shared_from_this<Link> {
   bool SayGoodbye(Sink& sink);
   void HandleControl(const FrameHeader& header, std::string_view payload, Sink& sink);
   void HandleMessage(InboundMessage&& message, Sink& sink);
+  void DeliverAll(std::vector<std::unique_ptr<Tolm::Base::CTask>>& work);
   void AskForWritability();
   void ArmLocked();
   void CloseInCharge(int error, const std::string& reason);
@@ -122,7 +138,10 @@ class Link final : public IoHandler, public std::enable_shared_from_this<Link> {
   SendQueue queue_;
   PendingReplies pending_;
   std::atomic<bool> open_{false};
-  std::string peer_name_;  // set before open_
+  std::string peer_name_;       // set before open_
+  std::size_t send_limit_ = 0;  // as well
+  std::atomic<bool> delivering_{false};
+  std::atomic<bool> cut_off_{false};  // for what the peer did: nothing of it is read any more
 
   std::uint64_t token_ = 0;  // set by Begin
 
@@ -136,6 +155,10 @@ class Link final : public IoHandler, public std::enable_shared_from_this<Link> {
   bool want_write_ = false;
   bool paused_ = false;  // not read from: too much of what it sent is worked on
   bool gone_ = false;    // no readiness is asked for any more
+  // Continue may come from another thread before the one in charge has come back from OnHandshake.
+  bool on_hold_ = false;
+  bool continued_ = false;
+  std::vector<std::unique_ptr<Tolm::Base::CTask>> kept_;  // until delivering_
   int close_error_ = kPeerGone;
   std::string close_reason_;
 };

@@ -1,5 +1,6 @@
 #include "wire/Message.h"
 
+#include <algorithm>
 #include <limits>
 
 #include "TolmLPCServer/LpcError.h"
@@ -16,11 +17,13 @@ std::uint64_t MetaSize(const OutgoingMessage& message) {
 
 }  // namespace
 
-int CheckLimits(const OutgoingMessage& message, const Options& options) {
+int CheckLimits(const OutgoingMessage& message, std::size_t max_bytes, std::size_t max_params) {
   constexpr std::size_t kMaxId = std::numeric_limits<std::uint16_t>::max();
-  if (message.params->size() > options.max_params || message.dst_id.size() > kMaxId ||
+  // What the lengths on the wire can say, whatever the options allow.
+  constexpr std::size_t kMaxBytes = std::numeric_limits<std::uint32_t>::max();
+  if (message.params->size() > max_params || message.dst_id.size() > kMaxId ||
       message.src_id.size() > kMaxId ||
-      kPrefixSize + MetaSize(message) + message.body.size() > options.max_message_bytes) {
+      kPrefixSize + MetaSize(message) + message.body.size() > std::min(max_bytes, kMaxBytes)) {
     return kMessageTooLarge;
   }
   return kOk;

@@ -7,7 +7,6 @@
 #include <string>
 #include <string_view>
 
-#include "TolmLPCServer/LpcOptions.h"
 #include "TolmLPCServer/LpcRecords.h"
 #include "wire/Frame.h"
 
@@ -50,7 +49,7 @@ struct InboundMessage {
 };
 
 /// Whether the message is within the limits: kOk or kMessageTooLarge.
-int CheckLimits(const OutgoingMessage& message, const Options& options);
+int CheckLimits(const OutgoingMessage& message, std::size_t max_bytes, std::size_t max_params);
 
 /// The message's prefix and meta section, behind `room` free bytes.
 std::string EncodeHead(const OutgoingMessage& message, std::size_t room);

@@ -13,6 +13,12 @@ int Waiter::WaitUntil(std::chrono::steady_clock::time_point deadline) {
   return error_;
 }
 
+int Waiter::Wait() {
+  std::unique_lock lock(mutex_);
+  done_.wait(lock, [this] { return is_done_; });
+  return error_;
+}
+
 void Waiter::Complete(InboundMessage&& reply) {
   {
     const std::lock_guard lock(mutex_);
@@ -65,7 +71,7 @@ std::shared_ptr<Waiter> PendingReplies::Take(std::uint64_t id) {
   return waiter;
 }
 
-void PendingReplies::Remove(std::uint64_t id) { Take(id); }
+bool PendingReplies::Remove(std::uint64_t id) { return Take(id) != nullptr; }
 
 bool PendingReplies::Complete(InboundMessage&& reply) {
   const auto waiter = Take(reply.id);

@@ -18,6 +18,8 @@ class Waiter {
  public:
   /// Waits until there is a result or `deadline` has passed; kOk, the error it was failed with, or kTimeOut.
   int WaitUntil(std::chrono::steady_clock::time_point deadline);
+  /// As WaitUntil, for a result that is certain to come.
+  int Wait();
   void Complete(InboundMessage&& reply);
   void Fail(int error);
   bool IsDone() const;
@@ -46,7 +48,8 @@ class PendingReplies {
 
   /// False after FailAll.
   bool Add(std::uint64_t id, std::shared_ptr<Waiter> waiter);
-  void Remove(std::uint64_t id);
+  /// False when nobody waits under this id: the result is there, or on its way.
+  bool Remove(std::uint64_t id);
   /// Hands a reply to whoever waits for it; false, with `reply` untouched, when nobody does.
   bool Complete(InboundMessage&& reply);
   bool Fail(std::uint64_t id, int error);

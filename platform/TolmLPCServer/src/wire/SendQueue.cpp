@@ -9,6 +9,9 @@ namespace {
 
 // One system call gathers at most this many pieces, which also bounds the messages taken along at once.
 constexpr std::size_t kMaxPieces = 48;
+// After so many calls a sender has done enough for others, and the I/O threads go on.
+constexpr int kWriteTurn = 32;
+constexpr std::size_t kMaxControlBytes = 1u << 20;
 
 }  // namespace
 
@@ -29,14 +32,19 @@ class SendQueue::Item {
   }
 
   Item(FrameType type, std::uint64_t message_id, const std::string& payload)
-      : head_(std::string(kHeaderSize, '\0') + payload), payload_left_(payload.size()), chunked_(false) {
+      : head_(std::string(kHeaderSize, '\0') + payload),
+        payload_left_(payload.size()),
+        chunked_(false),
+        control_(true) {
     header_.type = type;
     header_.message_id = message_id;
     BeginFrame();
   }
 
-  std::size_t size() const { return head_.size() + body_.size(); }
+  /// What it costs to keep it.
+  std::size_t size() const { return sizeof(Item) + head_.size() + body_.size(); }
   bool chunked() const { return chunked_; }
+  bool control() const { return control_; }
   bool done() const { return header_left_ == 0 && frame_left_ == 0 && payload_left_ == 0; }
   /// Whether more frames follow the one that is under way.
   bool has_more_frames() const { return payload_left_ > 0; }
@@ -125,6 +133,7 @@ class SendQueue::Item {
   std::size_t payload_left_ = 0;              // of the message, behind the current frame
   std::size_t position_ = kHeaderSize;        // in head and body together
   bool chunked_;
+  bool control_ = false;
 };
 
 SendQueue::SendQueue(os::Stream& stream, const Options& options) : stream_(stream), options_(options) {}
@@ -149,19 +158,24 @@ SendQueue::Outcome SendQueue::Send(const OutgoingMessage& message) {
   if (direct) return WriteDirectly(item);
   auto kept = std::make_unique<Item>(std::move(item));
   kept->Own();
-  return Enqueue(std::move(kept), true);
+  return Enqueue(std::move(kept));
 }
 
 SendQueue::Outcome SendQueue::SendControl(FrameType type, std::uint64_t message_id, const std::string& payload) {
-  return Enqueue(std::make_unique<Item>(type, message_id, payload), false);
+  return Enqueue(std::make_unique<Item>(type, message_id, payload));
 }
 
-SendQueue::Outcome SendQueue::Enqueue(std::unique_ptr<Item> item, bool bounded) {
+SendQueue::Outcome SendQueue::Enqueue(std::unique_ptr<Item> item) {
   std::unique_lock lock(mutex_);
   if (closed_) return Outcome::kBroken;
   const std::size_t size = item->size();
-  if (bounded && !items_.empty() && queued_bytes_ + size > options_.max_queue_bytes) return Outcome::kFull;
-  queued_bytes_ += size;
+  if (item->control()) {
+    if (control_bytes_ + size > kMaxControlBytes) return Outcome::kFull;
+    control_bytes_ += size;
+  } else {
+    if (queued_bytes_ > 0 && queued_bytes_ + size > options_.max_queue_bytes) return Outcome::kFull;
+    queued_bytes_ += size;
+  }
   items_.push_back(std::move(item));
   if (writing_ || blocked_) return Outcome::kQueued;
   writing_ = true;
@@ -197,7 +211,8 @@ SendQueue::Outcome SendQueue::WriteDirectly(Item& item) {
 
 // Called with writing_ set by this thread, and gives it up.
 SendQueue::Outcome SendQueue::Write(std::unique_lock<std::mutex>& lock) {
-  while (!closed_) {
+  for (int turn = 0; !closed_; ++turn) {
+    if (turn == kWriteTurn) return BlockLocked();
     // A large message that has just finished a frame lets the others go first.
     if (items_.size() > 1 && items_.front()->chunked() && items_.front()->at_frame_start()) {
       items_.push_back(std::move(items_.front()));
@@ -214,22 +229,27 @@ SendQueue::Outcome SendQueue::Write(std::unique_lock<std::mutex>& lock) {
     lock.lock();
     if (result.status == os::IoStatus::kWouldBlock) {
       if (closed_) break;
-      writing_ = false;
-      blocked_ = true;
-      blocked_since_ = std::chrono::steady_clock::now();
-      return Outcome::kBlocked;
+      return BlockLocked();
     }
     if (result.status != os::IoStatus::kDone) break;
     std::size_t bytes = result.bytes;
     while (bytes > 0 && !items_.empty()) {
       bytes = items_.front()->Advance(bytes);
       if (!items_.front()->done()) break;
-      queued_bytes_ -= items_.front()->size();
+      (items_.front()->control() ? control_bytes_ : queued_bytes_) -= items_.front()->size();
       items_.pop_front();
     }
     if (items_.empty()) return StopWritingLocked(Outcome::kSent);
   }
   return StopWritingLocked(Outcome::kBroken);
+}
+
+// Gives up writing until the stream is writable.
+SendQueue::Outcome SendQueue::BlockLocked() {
+  writing_ = false;
+  blocked_ = true;
+  blocked_since_ = std::chrono::steady_clock::now();
+  return Outcome::kBlocked;
 }
 
 SendQueue::Outcome SendQueue::StopWritingLocked(Outcome outcome) {

@@ -40,7 +40,8 @@ class SendQueue {
   };
 
   Outcome Send(const OutgoingMessage& message);
-  /// A frame with a short payload; never refused for want of room.
+  /// A frame with a short payload. kFull only when very many of these wait, which is a peer's doing that
+  /// asks for answers and does not take them.
   Outcome SendControl(FrameType type, std::uint64_t message_id, const std::string& payload);
   /// The stream is writable again. kSent, kBlocked or kBroken; kQueued when there was nothing to resume.
   Outcome Resume();
@@ -55,9 +56,10 @@ class SendQueue {
  private:
   class Item;
 
-  Outcome Enqueue(std::unique_ptr<Item> item, bool bounded);
+  Outcome Enqueue(std::unique_ptr<Item> item);
   Outcome Write(std::unique_lock<std::mutex>& lock);
   Outcome WriteDirectly(Item& item);
+  Outcome BlockLocked();
   Outcome StopWritingLocked(Outcome outcome);
 
   os::Stream& stream_;
@@ -66,7 +68,8 @@ class SendQueue {
   mutable std::mutex mutex_;
   // All below is guarded by mutex_; the items at the front are changed by the writer alone.
   std::deque<std::unique_ptr<Item>> items_;
-  std::size_t queued_bytes_ = 0;
+  std::size_t queued_bytes_ = 0;   // of messages
+  std::size_t control_bytes_ = 0;  // of control frames
   bool writing_ = false;  // a thread writes
   bool blocked_ = false;  // nobody writes, since the stream takes nothing
   bool closed_ = false;

@@ -33,12 +33,13 @@ using Part = TolmLPCFrame::MimePart;
 
 /// What one side says to the other: a request, a notification, or an answer (which needs no url).
 struct Message {
-  std::string url;
-  std::string method;
-  std::string schema;
-  Headers headers;
-  std::vector<Part> parts;
-  std::string body;  ///< any bytes
+  // All initialised, so that Message{.body = "text"} is no warning.
+  std::string url{};
+  std::string method{};
+  std::string schema{};
+  Headers headers{};
+  std::vector<Part> parts{};
+  std::string body{};  ///< any bytes
 };
 
 /// A message that reached this plugin.

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <TolmLPCFrame.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace tour {
+
+using Clock = std::chrono::steady_clock;
+
+/// What has been observed, in words and in order: what the frame told the host's callback, what its log
+/// said, and what the plugin processes printed. The tour shows nothing else.
+class HostEvents {
+ public:
+  struct Event {
+    std::string text;
+    Clock::time_point at;
+  };
+
+  /// Both for the frame; `user` is the HostEvents object.
+  static bool Callback(const TolmLPCFrame::FrameCallBackData& data, void* user);
+  static void LogSink(int level, const char* tag, const char* text, void* user);
+
+  void Add(const std::string& text);
+  /// Makes every wait end, now and later, until the events are used up.
+  void Interrupt();
+  bool IsInterrupted() const;
+
+  /// The first event with this text that was not taken yet, as soon as there is one; nothing after
+  /// `limit` or an interrupt.
+  std::optional<Event> Take(const std::string& text, std::chrono::milliseconds limit);
+  /// The first event of any text that was not taken yet; waits until there is one, or an interrupt.
+  std::optional<Event> TakeNext();
+  void ForgetAll();
+  /// Everything that nobody has taken.
+  std::vector<Event> Rest() const;
+
+ private:
+  mutable std::mutex mutex_;
+  std::condition_variable changed_;
+  // Both are guarded by mutex_.
+  std::vector<Event> events_;
+  bool interrupted_ = false;
+};
+
+}  // namespace tour

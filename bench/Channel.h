@@ -1,0 +1,59 @@
+#pragma once
+
+// What the measuring process and its children say to each other, over a socket pair.
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+namespace bench {
+
+/// What a child is to do.
+enum class Task : std::uint32_t {
+  // A bare socket's other end. Each is done `count` times.
+  kRawEcho,    ///< read `size` bytes, write them back
+  kRawAnswer,  ///< read `size` bytes, write one
+  kRawSource,  ///< read one byte, write `size`
+  kRawSink,    ///< read `size` bytes; at the very end write one
+  // A plugin. Each is answered when it is done.
+  kConnect,     ///< start to look for the frame
+  kCallHost,    ///< `count` calls of the host with a body of `size`; the answer is how long each took
+  kCallPlugin,  ///< the same, of another plugin through the frame
+  kNotifyHost,  ///< `count` notifications
+  kExpect,      ///< wait until `count` more notifications have been handled
+  kRegister,    ///< register `count` urls beginning with number `size`
+  kIdlePeers,   ///< connect `count` more clients that do nothing
+};
+
+struct Order {
+  Task task = Task::kRawEcho;
+  std::uint32_t size = 0;
+  std::uint64_t count = 0;
+};
+
+/// One end of a socket pair. Every failure but the other side's end is a std::runtime_error.
+class Channel {
+ public:
+  /// Takes over `descriptor`.
+  explicit Channel(int descriptor) : descriptor_(descriptor) {}
+  ~Channel();
+  Channel(const Channel&) = delete;
+  Channel& operator=(const Channel&) = delete;
+
+  void Write(const char* data, std::size_t size);
+  /// Reads all of `size` bytes; false when the other side has ended instead.
+  bool Read(char* data, std::size_t size);
+
+  void Send(const Order& order);
+  std::optional<Order> Receive();
+
+  void Answer(const std::vector<double>& samples = {});
+  /// Waits for at most a minute.
+  std::vector<double> TakeAnswer();
+
+ private:
+  const int descriptor_;
+};
+
+}  // namespace bench

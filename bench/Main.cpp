@@ -1,0 +1,166 @@
+// frame_bench: the frame measured beside the bare socket that it stands on. See --help.
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <exception>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "Measurements.h"
+#include "Process.h"
+#include "RawPeer.h"
+#include "Roles.h"
+#include "Row.h"
+#include "Samples.h"
+#include "Table.h"
+
+namespace bench {
+namespace {
+
+constexpr Measurement kMeasurements[] = {
+    {"raw", "ping-pong of two processes over a bare Unix socket, blocking read and write: the yardstick",
+     MeasureRaw},
+    {"sync", "host -> plugin and back, SyncSend, the plugin echoes the body", MeasureSyncSend},
+    {"tohost", "plugin -> host and back, answered in the host's callback, measured in the plugin",
+     MeasurePluginToHost},
+    {"plugins", "plugin -> frame -> plugin and back, measured in the calling plugin", MeasurePluginToPlugin},
+    {"notify", "notifications until the last has been handled; raw: writes of frames of the same size",
+     MeasureNotifications},
+    {"callers", "calls of 64 B in a second, from threads of the host", MeasureCallers},
+    {"bandwidth", "1 MiB in a message; raw: 1 MiB one way, one byte the other", MeasureBandwidth},
+    {"lookup", "IsPluginURL for any of the registered urls, and for others", MeasureLookUp},
+    {"memory", "resident memory of the host with idle plugins", MeasureMemory},
+    {"start", "TolmLPCFrameInit to the first answered call", MeasureStart},
+    {"log", "a log line that nobody wants", MeasureUnwantedLogLine},
+    {"raw again", "the yardstick once more: has the machine changed its pace?", MeasureRaw},
+};
+
+constexpr int kSecondsForOne = 120;
+
+struct Options {
+  Settings settings;
+  std::vector<std::string> only;
+  std::string json;
+  int core = -2;
+  std::string role;
+  std::string endpoint;
+  std::string id;
+};
+
+int RunRole(const Options& options) {
+  if (options.role == "raw") return RunRawRole();
+  if (options.role == "idle") return RunIdleRole(options.endpoint, options.id);
+  return RunPluginRole(options.endpoint, options.id);
+}
+
+bool IsWanted(const Options& options, const std::string& name) {
+  if (options.only.empty()) return true;
+  return std::find(options.only.begin(), options.only.end(), name) != options.only.end();
+}
+
+std::vector<Row> Measure(const Measurement& measurement, const Settings& settings) {
+  std::stringstream rows_text(RunApart(
+      [&] {
+        std::ostringstream text;
+        for (const Row& row : measurement.make(settings)) text << row;
+        return text.str();
+      },
+      kSecondsForOne));
+  std::vector<Row> rows;
+  for (Row row; rows_text >> row;) rows.push_back(row);
+  return rows;
+}
+
+void SayLoad(const char* when) {
+  std::ifstream file("/proc/loadavg");
+  std::string load;
+  std::getline(file, load);
+  std::printf("load %s: %s\n", when, load.c_str());
+}
+
+void SayHowItIsMeasured(int core) {
+  if (core >= 0) {
+    std::printf(
+        "All processes stay on core %d, so that the figures are of work done and not of waking cores.\n",
+        core);
+  } else {
+    std::printf("The system places the processes as it likes.\n");
+  }
+  std::printf(MayRaisePriority()
+                  ? "They have the highest priority, so that other programs disturb them less.\n"
+                  : "Their priority is the usual one: other programs disturb them.\n");
+  std::printf(
+      "Frame and bare socket take turns, round by round. median and p99 are of all rounds; spread is how far "
+      "the\n"
+      "rounds' medians lie apart; raw is the bare socket with the same bytes; ratio is median to raw "
+      "median.\n");
+}
+
+int RunAll(const Options& options) {
+  const auto begin = Clock::now();
+  EndInOrderOnSignals();
+  const RuntimeFolder folder;
+  const int core = options.core == -2 ? LastCore() : options.core;
+  if (core >= 0) PinTo(core);
+  SayHowItIsMeasured(core);
+  SayLoad("before");
+
+  int failed = 0;
+  int met = 0;
+  int missed = 0;
+  std::string json;
+  for (const Measurement& measurement : kMeasurements) {
+    if (!IsWanted(options, measurement.name)) continue;
+    try {
+      const auto rows = Measure(measurement, options.settings);
+      PrintBlock(measurement.name, measurement.title, rows);
+      for (const Row& row : rows) {
+        if (row.missed != kNone) ++(row.missed == 0 ? met : missed);
+      }
+      json += (json.empty() ? "" : ",\n") + BlockAsJson(measurement.name, rows);
+    } catch (const std::exception& error) {
+      std::printf("\n%s: could not be measured: %s\n", measurement.name, error.what());
+      if (std::string(error.what()) == "interrupted") return 130;
+      ++failed;
+    }
+  }
+  std::printf("\n%d targets met, %d missed; %.0f s\n", met, missed, SecondsSince(begin));
+  SayLoad("after");
+  if (!options.json.empty()) {
+    std::ofstream file(options.json);
+    file << "[\n" << json << "\n]\n";
+    if (!file.flush()) {
+      std::fprintf(stderr, "frame_bench: cannot write %s\n", options.json.c_str());
+      return 1;
+    }
+  }
+  return failed == 0 ? 0 : 1;
+}
+
+}  // namespace
+}  // namespace bench
+
+int main(int argc, char** argv) try {
+  bench::Options options;
+  CLI::App app("Measures the frame beside the bare socket that it stands on.");
+  app.add_flag("--quick", options.settings.quick, "Fewer and shorter rounds");
+  std::vector<std::string> names;
+  for (const auto& measurement : bench::kMeasurements) names.emplace_back(measurement.name);
+  app.add_option("--only", options.only, "Only this measurement; may be given several times")
+      ->check(CLI::IsMember(names));
+  app.add_option("--json", options.json, "Also write the figures into this file");
+  app.add_option("--core", options.core, "The core to stay on; -1: any. Without it, the last one");
+  // For the processes that are measured; not for people.
+  app.add_option("--role", options.role)->group("");
+  app.add_option("--endpoint", options.endpoint)->group("");
+  app.add_option("--id", options.id)->group("");
+  CLI11_PARSE(app, argc, argv);
+  return options.role.empty() ? bench::RunAll(options) : bench::RunRole(options);
+} catch (const std::exception& error) {
+  std::fprintf(stderr, "frame_bench: %s\n", error.what());
+  return 1;
+}

@@ -1,0 +1,60 @@
+#include "Row.h"
+
+#include <algorithm>
+#include <iomanip>
+#include <istream>
+#include <limits>
+#include <ostream>
+#include <utility>
+
+namespace bench {
+
+Row MakeRow(std::string name, std::string unit, const Rounds& rounds) {
+  Row row;
+  row.name = std::move(name);
+  row.unit = std::move(unit);
+  row.median = rounds.Median();
+  row.p99 = rounds.P99();
+  row.spread = rounds.Spread();
+  return row;
+}
+
+Row MakeRow(std::string name, std::string unit, const Rounds& rounds, const Rounds& raw) {
+  Row row = MakeRow(std::move(name), std::move(unit), rounds);
+  row.raw_median = raw.Median();
+  row.raw_p99 = raw.P99();
+  row.raw_spread = raw.Spread();
+  row.ratio = row.median / row.raw_median;
+  return row;
+}
+
+void WantAtMost(Row& row, double value, double limit, std::string target) {
+  row.target = std::move(target);
+  row.missed = std::max(0.0, value / limit - 1);
+}
+
+void WantAtLeast(Row& row, double value, double limit, std::string target) {
+  row.target = std::move(target);
+  row.missed = std::max(0.0, 1 - value / limit);
+}
+
+std::ostream& operator<<(std::ostream& out, const Row& row) {
+  out << std::setprecision(std::numeric_limits<double>::max_digits10);
+  out << std::quoted(row.name) << ' ' << std::quoted(row.unit) << ' ';
+  for (const double value : {row.median, row.p99, row.spread, row.raw_median, row.raw_p99, row.raw_spread,
+                             row.ratio, row.missed}) {
+    out << value << ' ';
+  }
+  return out << std::quoted(row.target) << ' ' << std::quoted(row.note) << '\n';
+}
+
+std::istream& operator>>(std::istream& in, Row& row) {
+  in >> std::quoted(row.name) >> std::quoted(row.unit);
+  for (double* const value : {&row.median, &row.p99, &row.spread, &row.raw_median, &row.raw_p99,
+                              &row.raw_spread, &row.ratio, &row.missed}) {
+    in >> *value;
+  }
+  return in >> std::quoted(row.target) >> std::quoted(row.note);
+}
+
+}  // namespace bench

@@ -1,0 +1,414 @@
+// Peers that break the rules: each is refused or cut off with a reason, and nobody else notices.
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "FrameEnd.h"
+#include "PluginEnd.h"
+#include "RawPeer.h"
+#include "TransportSuite.h"
+#include "support/Wait.h"
+#include "wire/Bytes.h"
+#include "wire/Frame.h"
+#include "wire/Message.h"
+
+namespace tolm::test {
+namespace {
+
+using lpc::wire::FrameType;
+using std::string_literals::operator""s;
+
+// A frame with a plugin that is served before, during and after what the bad peer does.
+class Scene {
+ public:
+  explicit Scene(os::LocalTransport& transport, const lpc::Options& options = {})
+      : transport_(transport), frame(transport, options) {
+    EXPECT_EQ(frame.Listen(), lpc::kOk);
+    bystander_ = std::make_unique<PluginEnd>(transport, "bystander");
+    EXPECT_TRUE(bystander_->Meet(frame));
+  }
+  ~Scene() {
+    EXPECT_TRUE(BystanderIsServed());
+    EXPECT_EQ(frame.StatusesOf("bystander"), std::vector<std::string>{"connected"});
+  }
+  bool BystanderIsServed() {
+    return bystander_->Ask("up") == lpc::kOk && frame.Ask("bystander", "down") == lpc::kOk;
+  }
+  /// The reason after a connection that begins with `bytes`.
+  std::optional<lpc::wire::Notice> Knock(const std::string& bytes) {
+    RawPeer raw(transport_);
+    EXPECT_TRUE(raw.connected());
+    raw.Write(bytes);
+    return raw.ReadReason();
+  }
+
+ private:
+  os::LocalTransport& transport_;
+
+ public:
+  FrameEnd frame;
+
+ private:
+  std::unique_ptr<PluginEnd> bystander_;
+};
+
+std::string HelloPayload(std::uint16_t lowest, std::uint16_t highest, const std::string& id) {
+  lpc::wire::Hello hello;
+  hello.lowest_version = lowest;
+  hello.highest_version = highest;
+  hello.id = id;
+  return lpc::wire::EncodeHello(hello);
+}
+
+std::string StatedSize(std::string frame, std::uint32_t size) {
+  lpc::wire::StoreNumber(frame.data(), size);
+  return frame;
+}
+
+std::string Prefix(std::uint32_t meta, std::uint32_t body) {
+  std::string prefix(lpc::wire::kPrefixSize, '\0');
+  lpc::wire::ByteWriter writer(prefix.data());
+  writer.Number(meta);
+  writer.Number(body);
+  return prefix;
+}
+
+// --- before the handshake is over ---
+
+TEST_P(BadPeers, AHandshakeThatIsNoneIsAnsweredWithAReason) {
+  Scene scene(transport());
+  const std::string good = HelloPayload(1, 1, "raw");
+  std::string other_magic = good;
+  other_magic[0] = 'X';
+  std::string id_beyond_the_end = good;
+  lpc::wire::StoreNumber(id_beyond_the_end.data() + 12, std::uint16_t{900});
+  const std::vector<std::pair<std::string, std::string>> knocks = {
+      {"another magic", FrameBytes(FrameType::kHello, other_magic)},
+      {"no payload", FrameBytes(FrameType::kHello)},
+      {"an id beyond the end", FrameBytes(FrameType::kHello, id_beyond_the_end)},
+      {"only newer versions", FrameBytes(FrameType::kHello, HelloPayload(2, 9, "raw"))},
+      {"only older versions", FrameBytes(FrameType::kHello, HelloPayload(0, 0, "raw"))},
+      {"a request first", FrameBytes(FrameType::kRequest, MessageBytes("x"), 2)},
+      {"a welcome first", FrameBytes(FrameType::kWelcome, lpc::wire::EncodeWelcome({}))},
+      {"a refusal first", FrameBytes(FrameType::kRefuse, lpc::wire::EncodeNotice({1, "no"}))},
+      {"an unknown required type", FrameBytes(static_cast<FrameType>(99), "x")},
+      {"a frame of type 0", FrameBytes(static_cast<FrameType>(0))},
+      {"a HELLO above the limit", FrameBytes(FrameType::kHello, good + std::string(2000, 'x'))},
+      {"4 GiB", StatedSize(FrameBytes(FrameType::kHello, good), 0xFFFFFFFF)},
+      {"another protocol", "GET / HTTP/1.1\r\nHost: localhost\r\n\r\n"},
+  };
+  std::uint64_t refused = 0;
+  for (const auto& [what, bytes] : knocks) {
+    const auto reason = scene.Knock(bytes);
+    EXPECT_TRUE(reason) << what;
+    if (reason) {
+      EXPECT_NE(reason->code, lpc::kOk) << what;
+      EXPECT_FALSE(reason->reason.empty()) << what;
+    }
+    ++refused;
+    EXPECT_TRUE(WaitFor([&] { return scene.frame.statistics().refused == refused; }))
+        << what << ": " << scene.frame.statistics().refused << " instead of " << refused;
+  }
+  EXPECT_EQ(scene.frame.statistics().connections, 1u);
+  EXPECT_EQ(scene.frame.statistics().cut_off, 0u);
+}
+
+TEST_P(BadPeers, AnIdThatMayNotBeIsRefused) {
+  Scene scene(transport());
+  for (const std::string& id : {""s, "0"s, "a\nb"s, "a\0b"s, "\x7f"s, std::string(256, 'a')}) {
+    const auto reason = scene.Knock(HelloBytes(id));
+    ASSERT_TRUE(reason);
+    EXPECT_EQ(reason->code, lpc::kRefused);
+  }
+  EXPECT_EQ(scene.frame.statistics().refused, 6u);
+  RawPeer longest(transport(), scene.frame, std::string(255, 'a'));
+  EXPECT_TRUE(longest.connected());
+}
+
+TEST_P(BadPeers, ANewerHelloIsUnderstood) {
+  Scene scene(transport());
+  lpc::wire::Hello hello;
+  hello.highest_version = 7;
+  hello.capabilities = 0xFFFFFFFF;
+  hello.id = "newer";
+  RawPeer raw(transport());
+  ASSERT_TRUE(
+      raw.Write(FrameBytes(FrameType::kHello, lpc::wire::EncodeHello(hello) + "fields of the future")));
+  const auto answer = raw.Read();
+  ASSERT_TRUE(answer);
+  ASSERT_EQ(answer->type(), FrameType::kWelcome);
+  lpc::wire::Welcome welcome;
+  ASSERT_TRUE(lpc::wire::DecodeWelcome(welcome, answer->payload));
+  EXPECT_EQ(welcome.version, 1u);
+  EXPECT_EQ(welcome.capabilities, 0u);
+  EXPECT_EQ(welcome.max_message_bytes, lpc::Options().max_message_bytes);
+}
+
+// Whoever was refused stays refused, whatever it sent behind.
+TEST_P(BadPeers, ASecondHelloBehindARefusedOneIsNotRead) {
+  Scene scene(transport());
+  RawPeer raw(transport());
+  ASSERT_TRUE(raw.Write(HelloBytes("0") + HelloBytes("second")));
+  const auto answer = raw.Read();
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->type(), FrameType::kRefuse);
+  EXPECT_FALSE(raw.Read());
+  EXPECT_TRUE(scene.BystanderIsServed());
+  EXPECT_TRUE(scene.frame.StatusesOf("second").empty());
+  EXPECT_EQ(scene.frame.statistics().refused, 1u);
+  EXPECT_EQ(scene.frame.statistics().connections, 1u);
+}
+
+TEST_P(BadPeers, ASecondHelloOfAnOpenPeerEndsItsConnection) {
+  Scene scene(transport());
+  RawPeer raw(transport(), scene.frame, "twice");
+  ASSERT_TRUE(raw.connected());
+  ASSERT_TRUE(raw.Write(HelloBytes("thrice") + FrameBytes(FrameType::kNotify, MessageBytes("behind"))));
+  const auto reason = raw.ReadReason();
+  ASSERT_TRUE(reason);
+  EXPECT_EQ(reason->code, lpc::kProtocol);
+  EXPECT_TRUE(scene.frame.WaitStatus("twice", "disconnected"));
+  EXPECT_EQ(scene.frame.statistics().cut_off, 1u);
+  EXPECT_EQ(scene.frame.statistics().refused, 0u);
+}
+
+TEST_P(BadPeers, AHandshakeInPiecesIsAHandshake) {
+  Scene scene(transport());
+  RawPeer raw(transport());
+  for (const char c : HelloBytes("piecewise")) ASSERT_TRUE(raw.Write(std::string(1, c)));
+  const auto answer = raw.Read();
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->type(), FrameType::kWelcome);
+}
+
+TEST_P(BadPeers, WhoLeavesInItsHandshakeIsForgotten) {
+  Scene scene(transport());
+  const std::string hello = HelloBytes("leaving");
+  for (std::size_t size = 0; size < hello.size(); ++size) {
+    RawPeer raw(transport());
+    ASSERT_TRUE(raw.connected());
+    ASSERT_TRUE(raw.Write(hello.substr(0, size)));
+  }
+  EXPECT_TRUE(scene.BystanderIsServed());
+  EXPECT_TRUE(scene.frame.StatusesOf("leaving").empty());
+  EXPECT_EQ(scene.frame.statistics().connections, 1u);
+}
+
+TEST_P(BadPeers, ASilentOrHalfSentHandshakeIsCutOffInTime) {
+  lpc::Options options;
+  options.handshake_ms = 100;
+  Scene scene(transport(), options);
+  RawPeer silent(transport());
+  RawPeer half(transport());
+  RawPeer half_a_header(transport());
+  ASSERT_TRUE(half.Write(HelloBytes("half").substr(0, 25)));
+  ASSERT_TRUE(half_a_header.Write("\x1d"));
+  for (RawPeer* peer : {&silent, &half, &half_a_header}) {
+    const auto reason = peer->ReadReason();
+    ASSERT_TRUE(reason);
+    EXPECT_EQ(reason->code, lpc::kTimeOut);
+  }
+  EXPECT_GE(scene.frame.statistics().refused, 3u);
+}
+
+TEST_P(BadPeers, OnlySoManyMayBeInTheirHandshake) {
+  lpc::Options options;
+  options.max_half_open = 4;
+  options.handshake_ms = kLong;
+  Scene scene(transport(), options);
+  std::vector<std::unique_ptr<RawPeer>> silent;
+  for (int i = 0; i < 4; ++i) {
+    silent.push_back(std::make_unique<RawPeer>(transport()));
+    ASSERT_TRUE(silent.back()->connected());
+  }
+  const auto reason = scene.Knock("");
+  ASSERT_TRUE(reason);
+  EXPECT_EQ(reason->code, lpc::kQueueFull);
+  EXPECT_EQ(scene.frame.statistics().refused, 1u);
+  silent.pop_back();
+  EXPECT_TRUE(WaitFor([&] {
+    RawPeer next(transport());
+    const auto answer = next.Shake("next");
+    return answer && answer->type() == FrameType::kWelcome;
+  }));
+}
+
+// --- after it ---
+
+TEST_P(BadPeers, UnknownOptionalFramesAreSkipped) {
+  Scene scene(transport());
+  RawPeer raw(transport(), scene.frame, "modern");
+  ASSERT_TRUE(raw.connected());
+  std::string bytes;
+  for (const int type : {128, 200, 255}) {
+    for (const std::size_t size : {std::size_t{0}, std::size_t{1}, lpc::wire::kMaxFramePayload}) {
+      bytes += FrameBytes(static_cast<FrameType>(type), std::string(size, 'o'), 7, 0xFF, 0xFFFF);
+    }
+  }
+  ASSERT_TRUE(raw.Write(bytes + FrameBytes(FrameType::kRequest, MessageBytes("understood"), 2)));
+  const auto reply = raw.ReadUntil(FrameType::kReply);
+  ASSERT_TRUE(reply);
+  EXPECT_TRUE(reply->payload.ends_with("understood"));
+}
+
+TEST_P(BadPeers, APingIsAnsweredAndAnUnexpectedPongIsNot) {
+  Scene scene(transport());
+  RawPeer raw(transport(), scene.frame, "pinging");
+  ASSERT_TRUE(raw.connected());
+  ASSERT_TRUE(raw.Write(FrameBytes(FrameType::kPong) + FrameBytes(FrameType::kCancel, {}, 12345) +
+                        FrameBytes(FrameType::kUndeliverable, {}, 12345) + FrameBytes(FrameType::kPing)));
+  const auto answer = raw.Read();
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->type(), FrameType::kPong);
+}
+
+TEST_P(BadPeers, WhoBreaksTheRulesIsToldWhichAndGoes) {
+  lpc::Options options;
+  options.max_message_bytes = 8u << 20;
+  Scene scene(transport(), options);
+  const std::string message = MessageBytes("body");
+  LpcParams many;
+  for (int i = 0; i < 100'000; ++i) many["key " + std::to_string(i)] = "v";
+  const std::string many_params = MessageBytes("x", many);
+  std::string many_frames;
+  for (std::size_t at = 0; at < many_params.size(); at += 1u << 20) {
+    const bool last = at + (1u << 20) >= many_params.size();
+    many_frames +=
+        FrameBytes(at == 0 ? FrameType::kNotify : FrameType::kChunk,
+                   std::string_view(many_params).substr(at, 1u << 20), 0, last ? 0 : lpc::wire::kFlagMore, 1);
+  }
+  const std::string first = FrameBytes(FrameType::kNotify, message.substr(0, 5), 0, lpc::wire::kFlagMore, 3);
+  struct Case {
+    std::string what;
+    std::string bytes;
+    int code;
+  };
+  const std::vector<Case> cases = {
+      {"an unknown required type", FrameBytes(static_cast<FrameType>(127)), lpc::kProtocol},
+      {"a frame of 4 GiB", StatedSize(FrameBytes(FrameType::kNotify), 0xFFFFFFFF), lpc::kMessageTooLarge},
+      {"a frame above the limit", StatedSize(FrameBytes(FrameType::kNotify), (1u << 20) + 1),
+       lpc::kMessageTooLarge},
+      {"an optional frame above the limit",
+       StatedSize(FrameBytes(static_cast<FrameType>(128)), (1u << 20) + 1), lpc::kMessageTooLarge},
+      {"a ping above the limit", FrameBytes(FrameType::kPing, std::string(1025, 'p')), lpc::kMessageTooLarge},
+      {"a body of 4 GiB", FrameBytes(FrameType::kNotify, Prefix(8, 0xFFFFFFFF)), lpc::kMessageTooLarge},
+      {"params of 4 GiB", FrameBytes(FrameType::kNotify, Prefix(0xFFFFFFFF, 0)), lpc::kMessageTooLarge},
+      {"a body just above the limit", FrameBytes(FrameType::kNotify, Prefix(8, (8u << 20) - 19)),
+       lpc::kMessageTooLarge},
+      {"100,000 params", many_frames, lpc::kProtocol},
+      {"no message inside", FrameBytes(FrameType::kNotify), lpc::kProtocol},
+      {"less than it says", FrameBytes(FrameType::kNotify, message.substr(0, message.size() - 1)),
+       lpc::kProtocol},
+      {"more than it says", FrameBytes(FrameType::kNotify, message + "x"), lpc::kProtocol},
+      {"params that do not add up", FrameBytes(FrameType::kNotify, Prefix(3, 0) + "abc"), lpc::kProtocol},
+      {"a chunk of nothing", FrameBytes(FrameType::kChunk, "x", 0, 0, 9), lpc::kProtocol},
+      {"a chunk without a number", FrameBytes(FrameType::kChunk, "x"), lpc::kProtocol},
+      {"more to come without a number", FrameBytes(FrameType::kNotify, "x", 0, lpc::wire::kFlagMore, 0),
+       lpc::kProtocol},
+      {"a number with nothing to come", FrameBytes(FrameType::kNotify, message, 0, 0, 5), lpc::kProtocol},
+      {"a number in use", first + first, lpc::kProtocol},
+      {"an end too early", first + FrameBytes(FrameType::kChunk, message.substr(5, 4), 0, 0, 3),
+       lpc::kProtocol},
+  };
+  std::uint64_t cut_off = 0;
+  for (const Case& bad : cases) {
+    RawPeer raw(transport(), scene.frame, bad.what);
+    ASSERT_TRUE(raw.connected()) << bad.what;
+    raw.Write(bad.bytes);
+    const auto reason = raw.ReadReason();
+    EXPECT_TRUE(reason) << bad.what;
+    if (reason) {
+      EXPECT_EQ(reason->code, bad.code) << bad.what << ": " << reason->reason;
+      EXPECT_FALSE(reason->reason.empty()) << bad.what;
+    }
+    EXPECT_TRUE(scene.frame.WaitStatus(bad.what, "disconnected")) << bad.what;
+    EXPECT_EQ(scene.frame.statistics().cut_off, ++cut_off) << bad.what;
+  }
+  EXPECT_TRUE(scene.BystanderIsServed());
+  for (const auto& record : scene.frame.Messages()) EXPECT_EQ(record.src_id, "bystander");
+}
+
+TEST_P(BadPeers, AMessageOfTheLargestSizeIsTakenAndOneByteMoreIsNot) {
+  lpc::Options options;
+  options.max_message_bytes = 3000;
+  Scene scene(transport(), options);
+  PluginEnd plugin(transport(), "alpha");
+  ASSERT_TRUE(plugin.Meet(scene.frame));
+  const std::size_t room = 3000 - MessageBytes({}, {}, "0", "alpha").size();
+  EXPECT_EQ(plugin.Ask(std::string(room, 'x')), lpc::kOk);
+  EXPECT_EQ(scene.frame.Ask("alpha", std::string(room, 'x')), lpc::kOk);
+  // The frame's limit counts for the plugin as well, which learnt it in the handshake.
+  EXPECT_EQ(plugin.Ask(std::string(room + 1, 'x')), lpc::kMessageTooLarge);
+  EXPECT_EQ(scene.frame.Ask("alpha", std::string(room + 1, 'x')), lpc::kMessageTooLarge);
+  EXPECT_EQ(plugin.Ask("still connected"), lpc::kOk);
+  EXPECT_EQ(scene.frame.StatusesOf("alpha"), std::vector<std::string>{"connected"});
+}
+
+TEST_P(BadPeers, ASenderLearnsAtOnceThatItsMessageIsTooLarge) {
+  Scene scene(transport());
+  PluginEnd plugin(transport(), "alpha");
+  ASSERT_TRUE(plugin.Meet(scene.frame));
+  LpcParams many;
+  for (int i = 0; i < 100'000; ++i) many[std::to_string(i)] = "v";
+  tag_LPCResponseData response;
+  EXPECT_EQ(plugin.Ask({"0", many, "x"}, response), lpc::kMessageTooLarge);
+  EXPECT_EQ(scene.frame.Ask({"alpha", many, "x"}, response), lpc::kMessageTooLarge);
+  const std::string large(256u << 20, 'x');
+  EXPECT_EQ(plugin.Ask(large), lpc::kMessageTooLarge);
+  EXPECT_EQ(scene.frame.Ask("alpha", large), lpc::kMessageTooLarge);
+  EXPECT_EQ(scene.frame.Notify("alpha", large), lpc::kMessageTooLarge);
+  EXPECT_EQ(scene.frame.Request("alpha", large), 0u);
+  EXPECT_EQ(plugin.Ask("still connected"), lpc::kOk);
+}
+
+TEST_P(BadPeers, AReasonWithControlCharactersDoesNotReachTheLogAsTheyAre) {
+  PluginEnd plugin(transport(), "alpha");
+  auto listening = transport().Listen("frame");
+  ASSERT_TRUE(listening.value);
+  std::unique_ptr<os::Stream> stream;
+  ASSERT_TRUE(WaitFor([&] { return (stream = listening.value->Accept().stream) != nullptr; }));
+  const std::string bytes =
+      FrameBytes(FrameType::kRefuse, lpc::wire::EncodeNotice({lpc::kRefused, "line\nforged line\x1b[2J"}));
+  const os::ConstBuffer buffer{bytes.data(), bytes.size()};
+  ASSERT_EQ(stream->Write(&buffer, 1).bytes, bytes.size());
+  ASSERT_TRUE(WaitFor([&] {
+    for (const auto& event : plugin.Events()) {
+      if (event.reason.find("forged") != std::string::npos) return true;
+    }
+    return false;
+  }));
+  for (const auto& event : plugin.Events())
+    EXPECT_EQ(event.reason.find_first_of("\n\x1b"), std::string::npos);
+  stream.reset();
+}
+
+TEST_P(BadPeers, APluginLeavesAFrameThatDoesNotSpeakTheProtocol) {
+  const std::vector<std::string> answers = {
+      "HTTP/1.1 400 Bad Request\r\n\r\n",
+      FrameBytes(FrameType::kWelcome, "x"),
+      FrameBytes(FrameType::kHello, HelloPayload(1, 1, "me too")),
+      FrameBytes(FrameType::kRequest, MessageBytes("x"), 2),
+      FrameBytes(FrameType::kWelcome, lpc::wire::EncodeWelcome({9, 0, 1000})),
+  };
+  for (const std::string& answer : answers) {
+    auto listening = transport().Listen("frame");
+    ASSERT_TRUE(listening.value) << listening.message;
+    PluginEnd plugin(transport(), "alpha", PluginEnd::Echo,
+                     [](lpcclient::Settings& settings) { settings.reconnect_first_ms = kLong; });
+    std::unique_ptr<os::Stream> stream;
+    ASSERT_TRUE(WaitFor([&] { return (stream = listening.value->Accept().stream) != nullptr; }));
+    const os::ConstBuffer buffer{answer.data(), answer.size()};
+    ASSERT_EQ(stream->Write(&buffer, 1).bytes, answer.size());
+    ASSERT_TRUE(WaitFor([&] { return !plugin.Events().empty(); }));
+    EXPECT_EQ(plugin.Events()[0].what, "failed");
+    EXPECT_TRUE(plugin.Events()[0].error == lpc::kProtocol ||
+                plugin.Events()[0].error == lpc::kMessageTooLarge)
+        << plugin.Events()[0].error;
+    plugin.Stop();
+    stream.reset();
+  }
+}
+
+}  // namespace
+}  // namespace tolm::test

@@ -1,0 +1,414 @@
+// How a peer comes and goes, what the frame is told of it, and how a plugin finds its frame again.
+
+#include <dirent.h>
+
+#include <algorithm>
+#include <atomic>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "FrameEnd.h"
+#include "Gate.h"
+#include "PluginEnd.h"
+#include "RawPeer.h"
+#include "TransportSuite.h"
+#include "WrappedTransport.h"
+#include "support/LogCapture.h"
+#include "support/Wait.h"
+#include "wire/Frame.h"
+
+namespace tolm::test {
+namespace {
+
+using lpc::wire::FrameType;
+using Strings = std::vector<std::string>;
+
+long EntriesOf(const char* directory) {
+  DIR* const entries = ::opendir(directory);
+  if (entries == nullptr) return -1;
+  long count = 0;
+  while (::readdir(entries) != nullptr) ++count;
+  ::closedir(entries);
+  return count;
+}
+
+TEST_P(Connecting, OneEventWhenAPeerComesAndOneWhenItGoes) {
+  FrameEnd frame(transport());
+  ASSERT_EQ(frame.Listen(), lpc::kOk);
+  {
+    PluginEnd plugin(transport(), "alpha");
+    ASSERT_TRUE(plugin.Meet(frame));
+    EXPECT_EQ(frame.statistics().peers, 1u);
+    EXPECT_EQ(frame.statistics().connections, 1u);
+  }
+  ASSERT_TRUE(frame.WaitStatus("alpha", "disconnected"));
+  const auto records = frame.Records();
+  ASSERT_EQ(records.size(), 2u);
+  EXPECT_EQ(records[0].body,
+            R"({"method":"connectionStatusChanged","status":"connected","componentID":"alpha"})");
+  EXPECT_EQ(records[1].body,
+            R"({"method":"connectionStatusChanged","status":"disconnected","componentID":"alpha"})");
+  for (const auto& record : records) {
+    EXPECT_EQ(record.src_id, "alpha");
+    EXPECT_EQ(record.dst_id, "0");
+    EXPECT_TRUE(record.params.empty());
+    EXPECT_FALSE(record.is_reply);
+    EXPECT_FALSE(record.need_reply);
+  }
+  EXPECT_TRUE(WaitFor([&] { return frame.statistics().peers == 0; }));
+}
+
+TEST_P(Connecting, AnIdIsEscapedInTheEvents) {
+  FrameEnd frame(transport());
+  ASSERT_EQ(frame.Listen(), lpc::kOk);
+  const std::string id = R"(a"b\c)";
+  PluginEnd plugin(transport(), id);
+  ASSERT_TRUE(plugin.Meet(frame));
+  EXPECT_EQ(frame.Records()[0].src_id, id);
+  EXPECT_EQ(frame.Records()[0].body,
+            R"({"method":"connectionStatusChanged","status":"connected","componentID":"a\"b\\c"})");
+}
+
+TEST_P(Connecting, TheConnectedEventReturnsBeforeAnythingElseOfThePeer) {
+  Gate gate;
+  FrameEnd frame(transport(), {}, [&gate](FrameEnd&, const tag_LPCCallBackData& data) {
+    if (FrameEnd::StatusIn(data) == "connected" && data.src_id == "hasty") gate.Wait();
+  });
+  ASSERT_EQ(frame.Listen(), lpc::kOk);
+  RawPeer hasty(transport());
+  ASSERT_TRUE(hasty.connected());
+  // Everything in one go, without waiting for the welcome, and gone at once.
+  std::string bytes = HelloBytes("hasty");
+  for (int i = 0; i < 10; ++i) bytes += FrameBytes(FrameType::kNotify, MessageBytes(std::to_string(i)));
+  ASSERT_TRUE(hasty.Write(bytes));
+  ASSERT_TRUE(WaitFor([&] { return gate.Waiting() == 1; }));
+  hasty.Close();
+  // Another peer comes, is served, and goes meanwhile; that much time the first one's messages had.
+  {
+    PluginEnd plugin(transport(), "alpha");
+    ASSERT_TRUE(plugin.Meet(frame));
+  }
+  ASSERT_TRUE(frame.WaitStatus("alpha", "disconnected"));
+  EXPECT_EQ(frame.Messages().size(), 0u);
+  EXPECT_EQ(frame.StatusesOf("hasty"), Strings{"connected"});
+  gate.Open();
+  ASSERT_TRUE(frame.WaitStatus("hasty", "disconnected"));
+  EXPECT_TRUE(WaitFor([&] { return frame.Messages().size() == 10; }));
+  EXPECT_EQ(frame.StatusesOf("hasty"), (Strings{"connected", "disconnected"}));
+}
+
+// A plugin that crashed is back before the frame has dealt with its end: in the frame's eyes it still
+// goes first and comes then.
+TEST_P(Connecting, AnIdIsNotConnectedAgainBeforeItsEndIsDealtWith) {
+  Gate gate;
+  std::atomic<int> inside{0};
+  std::atomic<bool> overlapped{false};
+  FrameEnd frame(transport(), {}, [&](FrameEnd&, const tag_LPCCallBackData& data) {
+    if (FrameEnd::StatusIn(data).empty()) return;
+    if (++inside > 1) overlapped = true;
+    if (FrameEnd::StatusIn(data) == "disconnected") gate.Wait();
+    --inside;
+  });
+  ASSERT_EQ(frame.Listen(), lpc::kOk);
+  auto first = std::make_unique<RawPeer>(transport(), frame, "alpha");
+  ASSERT_TRUE(first->connected());
+  first.reset();
+  ASSERT_TRUE(WaitFor([&] { return gate.Waiting() == 1; }));
+  EXPECT_EQ(frame.Ask("alpha", "x"), lpc::kNoSuchPeer);
+  PluginEnd second(transport(), "alpha");
+  EXPECT_FALSE(second.client().WaitConnected(100));
+  EXPECT_EQ(frame.StatusesOf("alpha"), (Strings{"connected", "disconnected"}));
+  gate.Open();
+  ASSERT_TRUE(second.Meet(frame));
+  EXPECT_EQ(frame.StatusesOf("alpha"), (Strings{"connected", "disconnected", "connected"}));
+  EXPECT_FALSE(overlapped);
+  EXPECT_EQ(frame.Ask("alpha", "x"), lpc::kOk);
+}
+
+TEST_P(Connecting, APeerThatComesAndGoesAllTheTimeAlternates) {
+  FrameEnd frame(transport());
+  ASSERT_EQ(frame.Listen(), lpc::kOk);
+  constexpr std::size_t kTimes = 100;
+  for (std::size_t i = 0; i < kTimes; ++i) {
+    // The id may still be the last connection's for a moment.
+    ASSERT_TRUE(WaitFor([&] {
+      RawPeer peer(transport());
+      const auto answer = peer.Shake("alpha");
+      return answer && answer->type() == FrameType::kWelcome;
+    }));
+  }
+  ASSERT_TRUE(WaitFor([&] { return frame.StatusesOf("alpha").size() == 2 * kTimes; }));
+  const auto statuses = frame.StatusesOf("alpha");
+  for (std::size_t i = 0; i < statuses.size(); ++i) {
+    ASSERT_EQ(statuses[i], i % 2 == 0 ? "connected" : "disconnected") << i;
+  }
+}
+
+TEST_P(Connecting, APluginThatWasThereFirstConnectsLater) {
+  PluginEnd plugin(transport(), "alpha");
+  ASSERT_TRUE(plugin.WaitEvent("failed"));
+  EXPECT_EQ(plugin.Events()[0].error, lpc::kNoSuchPeer);
+  EXPECT_FALSE(plugin.Events()[0].reason.empty());
+  EXPECT_EQ(plugin.Ask("x"), lpc::kNotConnected);
+  EXPECT_FALSE(plugin.client().IsConnected());
+  FrameEnd frame(transport());
+  ASSERT_EQ(frame.Listen(), lpc::kOk);
+  ASSERT_TRUE(plugin.Meet(frame));
+  EXPECT_EQ(plugin.Ask("x"), lpc::kOk);
+}
+
+TEST_P(Connecting, APluginComesBackWhenItsFrameDoes) {
+  PluginEnd plugin(transport(), "alpha");
+  for (int i = 0; i < 3; ++i) {
+    FrameEnd frame(transport());
+    ASSERT_EQ(frame.Listen(), lpc::kOk);
+    ASSERT_TRUE(plugin.Meet(frame));
+    EXPECT_EQ(plugin.Ask("x"), lpc::kOk);
+    frame.Stop();
+    ASSERT_TRUE(WaitFor([&] { return !plugin.client().IsConnected(); }));
+  }
+  ASSERT_TRUE(WaitFor([&] {
+    const auto events = plugin.Events();
+    return std::count_if(events.begin(), events.end(),
+                         [](const auto& e) { return e.what == "disconnected"; }) == 3;
+  }));
+  // The two take turns, whatever failed in between.
+  std::string last = "disconnected";
+  for (const auto& event : plugin.Events()) {
+    if (event.what == "failed") continue;
+    EXPECT_NE(event.what, last);
+    last = event.what;
+    if (event.what == "disconnected") {
+      EXPECT_EQ(event.error, lpc::kPeerGone) << event.reason;
+    }
+  }
+  EXPECT_EQ(plugin.client().GetStatistics().connections, 3u);
+}
+
+TEST_P(Connecting, ThePausesBetweenAttemptsGrowUpToTheCap) {
+  PluginEnd plugin(transport(), "alpha", PluginEnd::Echo, [](lpcclient::Settings& settings) {
+    settings.reconnect_first_ms = 20;
+    settings.reconnect_cap_ms = 80;
+  });
+  ASSERT_TRUE(WaitFor([&] { return plugin.Events().size() >= 7; }));
+  const auto events = plugin.Events();
+  // A quarter less for the jitter, and something for the call of the callback.
+  const int at_least[] = {13, 27, 55, 55, 55};
+  for (std::size_t i = 0; i < std::size(at_least); ++i) {
+    const auto pause =
+        std::chrono::duration_cast<std::chrono::milliseconds>(events[i + 2].when - events[i].when);
+    // Two pauses together: a late callback makes one of its neighbours seem short.
+    const int both = at_least[i] + at_least[std::min(i + 1, std::size(at_least) - 1)];
+    EXPECT_GE(pause.count(), both / 2) << i;
+  }
+}
+
+TEST_P(Connecting, AFrameOfAnotherUserIsNotTrusted) {
+  WrappedTransport wrapped(transport());
+  wrapped.truth.connected_same_user = false;
+  FrameEnd frame(transport());
+  ASSERT_EQ(frame.Listen(), lpc::kOk);
+  PluginEnd plugin(wrapped, "alpha");
+  const auto failed = plugin.WaitEvent("failed");
+  ASSERT_TRUE(failed);
+  EXPECT_EQ(failed->error, lpc::kRefused);
+  EXPECT_NE(failed->reason.find("another user"), std::string::npos) << failed->reason;
+  EXPECT_TRUE(frame.Records().empty()) << "it has not even said its id";
+}
+
+TEST_P(Connecting, APeerOfAnotherUserIsRefused) {
+  WrappedTransport wrapped(transport());
+  wrapped.truth.accepted_same_user = false;
+  FrameEnd frame(wrapped);
+  ASSERT_EQ(frame.Listen(), lpc::kOk);
+  RawPeer raw(transport());
+  const auto reason = raw.ReadReason();
+  ASSERT_TRUE(reason);
+  EXPECT_EQ(reason->code, lpc::kRefused);
+  EXPECT_EQ(frame.statistics().refused, 1u);
+  EXPECT_TRUE(frame.Records().empty());
+}
+
+TEST_P(Connecting, AShortageAtAcceptPasses) {
+  WrappedTransport wrapped(transport());
+  wrapped.truth.accept_shortages = 3;
+  LogCapture log(5);
+  FrameEnd frame(wrapped);
+  ASSERT_EQ(frame.Listen(), lpc::kOk);
+  PluginEnd plugin(transport(), "alpha");
+  EXPECT_TRUE(plugin.Meet(frame));
+  EXPECT_EQ(wrapped.truth.accept_shortages, 0);
+}
+
+TEST_P(Connecting, AListenerThatDiesIsReportedAndItsPeersStay) {
+  WrappedTransport wrapped(transport());
+  LogCapture log(5);
+  FrameEnd frame(wrapped);
+  ASSERT_EQ(frame.Listen(), lpc::kOk);
+  PluginEnd plugin(transport(), "alpha");
+  ASSERT_TRUE(plugin.Meet(frame));
+  wrapped.truth.accept_dead = true;
+  RawPeer knocks(transport());
+  ASSERT_TRUE(WaitFor([&] { return frame.Messages().size() == 1; }));
+  const auto event = frame.Messages()[0];
+  EXPECT_EQ(event.body, R"({"method":"serverListenFailed","errorCode":"77","errorModule":"TolmLPCServer"})");
+  EXPECT_FALSE(log.LinesOf("ListenFailed").empty());
+  EXPECT_EQ(plugin.Ask("x"), lpc::kOk);
+}
+
+TEST_P(Connecting, SixtyFourPluginsComeAtOnce) {
+  FrameEnd frame(transport());
+  ASSERT_EQ(frame.Listen(), lpc::kOk);
+  std::vector<std::unique_ptr<PluginEnd>> plugins;
+  for (int i = 0; i < 64; ++i) {
+    plugins.push_back(std::make_unique<PluginEnd>(transport(), "plugin " + std::to_string(i)));
+  }
+  for (auto& plugin : plugins) ASSERT_TRUE(plugin->Meet(frame)) << plugin->id();
+  for (auto& plugin : plugins) {
+    std::string answer;
+    EXPECT_EQ(frame.Ask(plugin->id(), plugin->id(), &answer), lpc::kOk);
+    EXPECT_EQ(answer, plugin->id());
+  }
+  EXPECT_EQ(frame.statistics().peers, 64u);
+  plugins.clear();
+  EXPECT_TRUE(WaitFor([&] { return frame.statistics().peers == 0; }));
+}
+
+TEST_P(Connecting, AThousandConnectionsLeaveNothingBehind) {
+  FrameEnd frame(transport());
+  ASSERT_EQ(frame.Listen(), lpc::kOk);
+  const auto come_and_go = [&](int i) {
+    RawPeer peer(transport());
+    const auto answer = peer.Shake("peer " + std::to_string(i));
+    ASSERT_TRUE(answer);
+    ASSERT_EQ(answer->type(), FrameType::kWelcome);
+  };
+  come_and_go(-1);
+  ASSERT_TRUE(WaitFor([&] { return frame.Records().size() == 2; }));
+  const long descriptors = EntriesOf("/proc/self/fd");
+  for (int i = 0; i < 1000; ++i) come_and_go(i);
+  ASSERT_TRUE(WaitFor([&] { return frame.Records().size() == 2002; }, std::chrono::milliseconds(kLong)));
+  EXPECT_EQ(frame.statistics().connections, 1001u);
+  EXPECT_TRUE(WaitFor([&] { return frame.statistics().peers == 0; }));
+  EXPECT_TRUE(WaitFor([&] { return EntriesOf("/proc/self/fd") == descriptors; }))
+      << EntriesOf("/proc/self/fd") << " instead of " << descriptors;
+}
+
+TEST_P(Connecting, EndsThatAreMadeAndDestroyedLeaveNothingBehind) {
+  const auto once = [&] {
+    FrameEnd frame(transport());
+    ASSERT_EQ(frame.Listen(), lpc::kOk);
+    PluginEnd plugin(transport(), "alpha");
+    ASSERT_TRUE(plugin.Meet(frame));
+    ASSERT_EQ(plugin.Ask("x"), lpc::kOk);
+  };
+  once();
+  const long descriptors = EntriesOf("/proc/self/fd");
+  const long threads = EntriesOf("/proc/self/task");
+  for (int i = 0; i < 30; ++i) once();
+  EXPECT_EQ(EntriesOf("/proc/self/fd"), descriptors);
+  EXPECT_TRUE(WaitFor([&] { return EntriesOf("/proc/self/task") == threads; }))
+      << EntriesOf("/proc/self/task") << " instead of " << threads;
+}
+
+// --- ids ---
+
+TEST_P(Connecting, ALivingPeerKeepsItsId) {
+  lpc::Options options;
+  options.ping_ms = kLong;
+  FrameEnd frame(transport(), options);
+  ASSERT_EQ(frame.Listen(), lpc::kOk);
+  PluginEnd holder(transport(), "alpha");
+  ASSERT_TRUE(holder.Meet(frame));
+  for (int i = 0; i < 5; ++i) {
+    RawPeer other(transport());
+    ASSERT_TRUE(other.Write(HelloBytes("alpha")));
+    const auto reason = other.ReadReason();
+    ASSERT_TRUE(reason);
+    EXPECT_EQ(reason->code, lpc::kRefused);
+    EXPECT_EQ(reason->reason, "the id [alpha] is in use");
+  }
+  EXPECT_EQ(frame.StatusesOf("alpha"), Strings{"connected"});
+  EXPECT_EQ(frame.Ask("alpha", "x"), lpc::kOk);
+  EXPECT_EQ(frame.statistics().refused, 5u);
+}
+
+TEST_P(Connecting, AHolderThatDoesNotAnswerLosesItsId) {
+  lpc::Options options;
+  options.ping_ms = 50;
+  FrameEnd frame(transport(), options);
+  ASSERT_EQ(frame.Listen(), lpc::kOk);
+  RawPeer holder(transport(), frame, "alpha");
+  ASSERT_TRUE(holder.connected());
+  PluginEnd newcomer(transport(), "alpha");
+  ASSERT_TRUE(WaitFor([&] { return frame.StatusesOf("alpha").size() == 3; }));
+  EXPECT_EQ(frame.StatusesOf("alpha"), (Strings{"connected", "disconnected", "connected"}));
+  EXPECT_TRUE(newcomer.WaitConnected());
+  EXPECT_EQ(frame.Ask("alpha", "x"), lpc::kOk);
+  EXPECT_TRUE(holder.ReadUntil(FrameType::kPing));
+  EXPECT_TRUE(holder.WaitEnd());
+  EXPECT_EQ(frame.statistics().cut_off, 1u);
+}
+
+TEST_P(Connecting, AHolderWhoseEventIsStillBeingHandledKeepsItsId) {
+  Gate gate;
+  lpc::Options options;
+  options.ping_ms = 3000;
+  FrameEnd frame(transport(), options, [&gate](FrameEnd&, const tag_LPCCallBackData&) { gate.Wait(); });
+  ASSERT_EQ(frame.Listen(), lpc::kOk);
+  PluginEnd holder(transport(), "alpha");
+  ASSERT_TRUE(WaitFor([&] { return gate.Waiting() == 1; }));
+  RawPeer other(transport());
+  ASSERT_TRUE(other.Write(HelloBytes("alpha")));
+  const auto reason = other.ReadReason();
+  ASSERT_TRUE(reason);
+  EXPECT_EQ(reason->reason, "the id [alpha] is in use");
+  gate.Open();
+  EXPECT_EQ(frame.StatusesOf("alpha"), Strings{"connected"});
+}
+
+TEST_P(Connecting, SeveralWhoWantTheIdOfADeadHolderGetItOneAtATime) {
+  lpc::Options options;
+  options.ping_ms = 200;
+  FrameEnd frame(transport(), options);
+  ASSERT_EQ(frame.Listen(), lpc::kOk);
+  RawPeer holder(transport(), frame, "alpha");
+  std::vector<std::unique_ptr<PluginEnd>> wanting;
+  for (int i = 0; i < 4; ++i) wanting.push_back(std::make_unique<PluginEnd>(transport(), "alpha"));
+  ASSERT_TRUE(WaitFor([&] { return frame.StatusesOf("alpha").size() == 3; }));
+  // Every loser is told sooner or later, and the winner stays.
+  ASSERT_TRUE(WaitFor([&] {
+    return std::count_if(wanting.begin(), wanting.end(), [](const auto& plugin) {
+             const auto events = plugin->Events();
+             return std::any_of(events.begin(), events.end(),
+                                [](const auto& e) { return e.error == lpc::kRefused; });
+           }) == 3;
+  }));
+  EXPECT_EQ(std::count_if(wanting.begin(), wanting.end(),
+                          [](const auto& plugin) { return plugin->client().IsConnected(); }),
+            1);
+  EXPECT_EQ(frame.StatusesOf("alpha").back(), "connected");
+}
+
+TEST_P(Connecting, APluginWithAnImpossibleIdOrEndpointDoesNotStart) {
+  const auto start = [&](const std::string& id, const std::string& endpoint) {
+    lpcclient::Settings settings;
+    settings.id = id;
+    settings.endpoint = endpoint;
+    settings.transport = &transport();
+    lpcclient::CLpcClient client(settings);
+    const bool started = client.Start();
+    return started ? static_cast<int>(lpc::kOk) : lpcclient::GetLPCLastError();
+  };
+  EXPECT_EQ(start("", kEndpoint), lpc::kRefused);
+  EXPECT_EQ(start("0", kEndpoint), lpc::kRefused);
+  EXPECT_EQ(start("a\nb", kEndpoint), lpc::kRefused);
+  EXPECT_EQ(start(std::string(256, 'a'), kEndpoint), lpc::kRefused);
+  EXPECT_EQ(start("alpha", ""), lpc::kEndpointNameInvalid);
+  EXPECT_EQ(start("alpha", "../frame"), lpc::kEndpointNameInvalid);
+  EXPECT_EQ(start(std::string(255, 'a'), kEndpoint), lpc::kOk);
+}
+
+}  // namespace
+}  // namespace tolm::test

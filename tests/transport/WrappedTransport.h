@@ -1,0 +1,116 @@
+#pragma once
+
+// A transport around another one that watches what is asked of it and tells untruths where a test wants
+// them.
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "os/LocalStream.h"
+
+namespace tolm::test {
+
+struct TransportTruth {
+  std::atomic<bool> accepted_same_user{true};   ///< what accepted streams say of their peers
+  std::atomic<bool> connected_same_user{true};  ///< what made connections say of theirs
+  std::atomic<int> accept_shortages{0};         ///< so many of the next accepts fail, and may be tried again
+  std::atomic<bool> accept_dead{false};         ///< the next accept fails for good
+  std::atomic<std::uint64_t> waits{0};          ///< returns of Poller::Wait
+  std::atomic<int> connects{0};                 ///< calls of Connect
+};
+
+class WrappedStream final : public os::Stream {
+ public:
+  WrappedStream(std::unique_ptr<os::Stream> inner, bool same_user)
+      : os::Stream(inner->native()), inner_(std::move(inner)), same_user_(same_user) {}
+  os::IoResult Read(const os::MutableBuffer* buffers, std::size_t count) override {
+    return inner_->Read(buffers, count);
+  }
+  os::IoResult Write(const os::ConstBuffer* buffers, std::size_t count) override {
+    return inner_->Write(buffers, count);
+  }
+  bool WaitReadable(int timeout_ms) override { return inner_->WaitReadable(timeout_ms); }
+  void Shutdown() noexcept override { inner_->Shutdown(); }
+  os::PeerIdentity Peer() const override { return {same_user_, inner_->Peer().process_id}; }
+
+ private:
+  const std::unique_ptr<os::Stream> inner_;
+  const bool same_user_;
+};
+
+class WrappedListener final : public os::Listener {
+ public:
+  WrappedListener(std::unique_ptr<os::Listener> inner, TransportTruth& truth)
+      : os::Listener(inner->native()), inner_(std::move(inner)), truth_(truth) {}
+  Accepted Accept() override {
+    if (truth_.accept_dead) return {nullptr, os::IoStatus::kFailed, false, 77};
+    if (truth_.accept_shortages > 0) {
+      --truth_.accept_shortages;
+      return {nullptr, os::IoStatus::kFailed, true, 24};
+    }
+    Accepted accepted = inner_->Accept();
+    if (accepted.stream) {
+      accepted.stream =
+          std::make_unique<WrappedStream>(std::move(accepted.stream), truth_.accepted_same_user);
+    }
+    return accepted;
+  }
+
+ private:
+  const std::unique_ptr<os::Listener> inner_;
+  TransportTruth& truth_;
+};
+
+class WrappedPoller final : public os::Poller {
+ public:
+  WrappedPoller(std::unique_ptr<os::Poller> inner, TransportTruth& truth)
+      : inner_(std::move(inner)), truth_(truth) {}
+  bool Arm(os::Pollable& source, std::uint64_t token, unsigned interest) override {
+    return inner_->Arm(source, token, interest);
+  }
+  void Remove(os::Pollable& source) override { inner_->Remove(source); }
+  std::optional<os::Readiness> Wait(int timeout_ms) override {
+    const auto ready = inner_->Wait(timeout_ms);
+    ++truth_.waits;
+    return ready;
+  }
+  void Wake(unsigned threads) override { inner_->Wake(threads); }
+
+ private:
+  const std::unique_ptr<os::Poller> inner_;
+  TransportTruth& truth_;
+};
+
+class WrappedTransport final : public os::LocalTransport {
+ public:
+  explicit WrappedTransport(os::LocalTransport& inner) : inner_(inner) {}
+
+  os::EndpointResult<os::Listener> Listen(const std::string& name) override {
+    auto made = inner_.Listen(name);
+    if (made.value) made.value = std::make_unique<WrappedListener>(std::move(made.value), truth);
+    return made;
+  }
+  os::EndpointResult<os::Stream> Connect(const std::string& name) override {
+    ++truth.connects;
+    auto made = inner_.Connect(name);
+    if (made.value)
+      made.value = std::make_unique<WrappedStream>(std::move(made.value), truth.connected_same_user);
+    return made;
+  }
+  std::unique_ptr<os::Poller> CreatePoller() override {
+    return std::make_unique<WrappedPoller>(inner_.CreatePoller(), truth);
+  }
+
+  TransportTruth truth;
+
+ private:
+  os::LocalTransport& inner_;
+};
+
+}  // namespace tolm::test
