@@ -3,6 +3,7 @@
 #include <sched.h>
 #include <chrono>
 #include <stdexcept>
+#include <utility>
 
 #include "TolmLPCServer/LpcError.h"
 #include "Urls.h"
@@ -47,7 +48,7 @@ std::string Host::Call(const std::string& url, const std::string& body) const {
   request.body = body;
   LPCData response;
   if (!TolmLPCFrame::SyncSend(response, request, kCallMs)) throw std::runtime_error("no answer from " + url);
-  return response.body;
+  return std::move(response.body);
 }
 
 void Host::Answer(const LPCData& request) {

@@ -34,6 +34,7 @@ function(tolm_test name)
   target_link_libraries(${name} PRIVATE tolm_flags ${ARG_LIBS} tolm_test_support GTest::gmock GTest::gtest_main)
   gtest_discover_tests(${name}
     TEST_PREFIX ${name}.
+    NO_PRETTY_VALUES
     DISCOVERY_TIMEOUT 60
     PROPERTIES TIMEOUT ${ARG_TIMEOUT} LABELS "${ARG_LABELS}" ${ARG_PROPERTIES})
 endfunction()

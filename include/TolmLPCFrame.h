@@ -101,7 +101,7 @@ struct PluginInfo {
 struct PlatformInfo {
   std::map<std::string, PluginInfo> plugin_map;  ///< key: the plugin id
   std::string frame_full_path;                   ///< full path of the host's executable
-  std::int32_t frame_type = 0;                   ///< 1: the frame also starts and ends the agent
+  std::int32_t frame_type = 0;                   ///< 1: the frame also starts and ends the agent (not yet)
   std::string str_edition_config;                ///< only logged
 };
 
@@ -153,10 +153,11 @@ TOLM_LPCFRAME_API bool SyncSend(LPCData& response, const LPCData& request, int t
 TOLM_LPCFRAME_API bool AsyncSend(std::uint64_t& msg_id, const LPCData& data);
 
 /// Tells the guard that the plugins may be started with `plugin_cmdline`. May block for about fifteen
-/// seconds when no guard answers.
+/// seconds when no guard answers. (This version has no link to a guard yet: the call is only logged.)
 TOLM_LPCFRAME_API void TolmLPCFrameNotifyStartPlugins(const std::string& plugin_cmdline);
 
 /// Asks the guard to start one plugin of the list given at the start; an unknown id is only logged.
+/// (This version has no link to a guard yet: the call is only logged.)
 TOLM_LPCFRAME_API void TolmLPCFrameStartPlugin(const std::string& plugin_id);
 
 /// Why the latest transport operation of the calling thread failed; 0 when it did not fail. The codes

@@ -34,7 +34,7 @@ TOLM_LPCFRAME_API void SetLogLevel(int level);
 TOLM_LPCFRAME_API void SetLogStderrLevel(int level);
 
 /// Logs into the file `path` as well, and rotates it when it would grow beyond `max_bytes`, keeping
-/// `max_files` old ones. An empty path ends it. False when the file cannot be written.
+/// `max_files` old ones. An empty path ends it. False when the file cannot be written or `max_bytes` is 0.
 TOLM_LPCFRAME_API bool SetLogFile(const std::string& path, std::size_t max_bytes, std::size_t max_files);
 
 }  // namespace TolmLPCFrame

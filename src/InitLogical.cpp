@@ -18,6 +18,19 @@ namespace {
 std::atomic<bool> g_logical_init{false};
 /// Whether the pools were stopped and not started again since.
 std::atomic<bool> g_pools_stopped{false};
+/// Whether StartAll runs.
+std::atomic<bool> g_starting{false};
+
+class Starting {
+ public:
+  Starting() { g_starting = true; }
+  ~Starting() {
+    g_starting = false;
+    g_starting.notify_all();
+  }
+  Starting(const Starting&) = delete;
+  Starting& operator=(const Starting&) = delete;
+};
 
 void ReopenPools() {
   CSingleton<CMessageLoopForNetCallBack>::Instance().Reopen();
@@ -40,6 +53,17 @@ void StopPools() {
   CSingleton<CMessageLoopForNetCallBack>::Instance().Stop(false);
 }
 
+bool StartAll(const std::string& lpc_server_name, const PlatformInfo& info) {
+  const Starting starting;
+  if (!CSingleton<CLpcServerManager>::Instance().LpcInit(lpc_server_name)) return false;
+  g_pools_stopped = false;
+  StartPools();
+  CSingleton<CTolmGuardConnectManager>::Instance().InitManager(info.frame_type);
+  CLPCIntegrate::GetInstance().Init(info);
+  g_logical_init = true;
+  return true;
+}
+
 }  // namespace
 
 bool InitLogical(const std::string& lpc_server_name, const PlatformInfo& info) {
@@ -47,17 +71,14 @@ bool InitLogical(const std::string& lpc_server_name, const PlatformInfo& info) {
   // them until then; pools that an earlier stop has closed would destroy them.
   const bool reopens = g_pools_stopped;
   if (reopens) ReopenPools();
-  if (!CSingleton<CLpcServerManager>::Instance().LpcInit(lpc_server_name)) {
-    TOLM_LOG(Tolm::Base::kLogLevelError, kTagError, "LpcInit failed");
-    if (reopens) StopPools();
-    return false;
-  }
-  g_pools_stopped = false;
-  StartPools();
-  CSingleton<CTolmGuardConnectManager>::Instance().InitManager(info.frame_type);
-  CLPCIntegrate::GetInstance().Init(info);
-  g_logical_init = true;
-  return true;
+  if (StartAll(lpc_server_name, info)) return true;
+  TOLM_LOG(Tolm::Base::kLogLevelError, kTagError, "LpcInit failed");
+  if (reopens) StopPools();
+  return false;
+}
+
+void WaitWhileStarting() {
+  g_starting.wait(true);
 }
 
 bool UninitLogical() {

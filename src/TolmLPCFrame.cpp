@@ -28,6 +28,9 @@ namespace {
 /// Given for a message that has no id of its own.
 constexpr std::uint64_t kNoMsgId = std::numeric_limits<std::uint64_t>::max();
 
+/// Not one of the transport's codes.
+constexpr int kUnknownError = -1;
+
 struct InitState {
   boost::shared_mutex mutex;
   /// Nothing sets it: a second start is a repetition and not an error.
@@ -211,8 +214,9 @@ void TolmLPCFrameStartPlugin(const std::string& plugin_id) try {
   TOLM_LOG_CAUGHT("the call failed");
 }
 
-int GetLPCLastError() {
-  return Transport().GetLastError();
+int GetLPCLastError() try { return Transport().GetLastError(); } catch (...) {
+  TOLM_LOG_CAUGHT("the call failed");
+  return kUnknownError;
 }
 
 void SubscribeNotify(LPCData& /*data*/) {}

@@ -8,7 +8,8 @@ namespace TolmLPCFrame {
 
 /// A value behind its own readers-writer mutex. The only ways to it are a function that reads, under the
 /// shared lock, and one that changes, under the exclusive lock; each lock lasts for that call only.
-/// The function must not call out of the frame: no callback, no send, no log line.
+/// The function must not call out of the frame: no callback, no send, no log line. (PluginShutdown.cpp
+/// has the one exception, and its reason.)
 template <typename T>
 class Guarded {
  public:

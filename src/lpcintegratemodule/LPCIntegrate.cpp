@@ -123,16 +123,18 @@ std::map<std::string, bool> CLPCIntegrate::GetPluginInitStates() const {
 
 bool CLPCIntegrate::IsUrlFromPlugin(std::int32_t& time_out, const std::string& url) const {
   const std::string key = UrlLookupKey(url);
-  if (!map_url_plugin_id_.Read([&](const auto& ids) { return ids.contains(key); })) return false;
+  if (!map_url_plugin_id_.Read([&](const auto& ids) { return ids.Find(key) != nullptr; })) return false;
 
-  const auto stored = map_url_timeout_.Read([&](const auto& time_outs) { return FindCopy(time_outs, key); });
+  const bool stored = map_url_timeout_.Read([&](const auto& time_outs) {
+    const std::int32_t* const found = time_outs.Find(key);
+    // Without one its registration is under way on another thread, between the two tables.
+    time_out = found != nullptr ? *found : kDefaultTimeOut;
+    return found != nullptr;
+  });
   if (stored) {
-    time_out = *stored;
     TOLM_LOG(kLogLevelTrace, kTagTrace, "IsUrlFromPlugin Find URL, time_out=[%d]", time_out);
   } else {
-    // Its registration is under way on another thread, between the two tables.
     TOLM_LOG(kLogLevelTrace, kTagTrace, "map_url_timeout_ DO NOT FIND URL");
-    time_out = kDefaultTimeOut;
   }
   return true;
 }
@@ -140,10 +142,9 @@ bool CLPCIntegrate::IsUrlFromPlugin(std::int32_t& time_out, const std::string& u
 bool CLPCIntegrate::FindDstIdByUrl(std::string& id, const std::string& url) const {
   const std::string key = UrlLookupKey(url);
   return map_url_plugin_id_.Read([&](const auto& ids) {
-    const auto found = ids.find(key);
-    if (found == ids.end()) return false;
-    id = found->second;
-    return true;
+    const std::string* const found = ids.Find(key);
+    if (found != nullptr) id = *found;
+    return found != nullptr;
   });
 }
 

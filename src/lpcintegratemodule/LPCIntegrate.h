@@ -12,6 +12,7 @@
 #include "TolmLPCFrame.h"
 #include "TolmLPCServer/LpcRecords.h"
 #include "common/Guarded.h"
+#include "common/IndexedMap.h"
 
 namespace TolmLPCFrame {
 
@@ -106,8 +107,8 @@ class CLPCIntegrate {
 
   Guarded<InitStates> init_states_;
   Guarded<std::map<std::string, PluginInfo>> map_plugin_data_;
-  Guarded<std::map<std::string, std::string>> map_url_plugin_id_;
-  Guarded<std::map<std::string, std::int32_t>> map_url_timeout_;
+  Guarded<IndexedMap<std::string>> map_url_plugin_id_;
+  Guarded<IndexedMap<std::int32_t>> map_url_timeout_;
   Guarded<std::vector<std::string>> vec_http_header_;
   Guarded<std::vector<std::string>> vec_register_url_;
   Guarded<std::string> frame_full_path_;

@@ -51,8 +51,8 @@ void CLPCIntegrate::PluginURLRegister(const tag_LPCCallBackData& request) {
     if (url.empty()) continue;
     url = Tolm::Base::StringUtil::LowerCase(url);
     const std::int32_t time_out = std::max(message.get_int_v(entry + "/Timeout", -1), kDefaultTimeOut);
-    map_url_plugin_id_.Write([&](auto& ids) { ids.insert_or_assign(url, request.src_id); });
-    map_url_timeout_.Write([&](auto& time_outs) { time_outs.insert_or_assign(url, time_out); });
+    map_url_plugin_id_.Write([&](auto& ids) { ids.InsertOrAssign(url, request.src_id); });
+    map_url_timeout_.Write([&](auto& time_outs) { time_outs.InsertOrAssign(url, time_out); });
     TOLM_LOG(kLogLevelInfo, kTagTrace,
              "[/QOMI/Vantrel/Integration/V1/Register], SupportUrlList = %s, Timeout = %d,  plugin_id = %s",
              url.c_str(), time_out, request.src_id.c_str());

@@ -23,8 +23,8 @@ constexpr int kWaitLimit = 10000;  // milliseconds
 
 void CLPCIntegrate::UnInit() {
   CloseAllComponents();
-  map_url_plugin_id_.Write([](auto& ids) { ids.clear(); });
-  map_url_timeout_.Write([](auto& time_outs) { time_outs.clear(); });
+  map_url_plugin_id_.Write([](auto& ids) { ids.Clear(); });
+  map_url_timeout_.Write([](auto& time_outs) { time_outs.Clear(); });
   vec_register_url_.Write([](auto& urls) { urls.clear(); });
 }
 

@@ -177,12 +177,14 @@ CURLCallBackTask::CURLCallBackTask(std::string url, std::string mt, const tag_LP
     : url_(std::move(url)), mt_(std::move(mt)), data_(data) {}
 
 void CURLCallBackTask::Run() {
+  WaitWhileStarting();
   CLPCIntegrate::GetInstance().URLCallBackEIT(url_, mt_, std::move(data_));
 }
 
 CMethodCallBackTask::CMethodCallBackTask(const tag_LPCCallBackData& data) : data_(data) {}
 
 void CMethodCallBackTask::Run() {
+  WaitWhileStarting();
   CLPCIntegrate::GetInstance().MethodCallBackEIT(std::move(data_));
 }
 

@@ -2,16 +2,15 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <limits>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "FrameScript.h"
 #include "TolmBase/Encrypt.h"
-#include "TolmBase/StringUtil.h"
 #include "common/DataConvert.h"
 #include "common/HttpDocuments.h"
-#include "common/UrlTemplate.h"
 
 namespace tolm::test {
 namespace {
@@ -142,21 +141,6 @@ TEST_F(FrameConvert, BytesOfAnyValueTravelInTextsAndBody) {
     EXPECT_EQ(out.params[key], kAnyBytes) << key;
 }
 
-// The documents.
-
-TEST_F(FrameConvert, TheHeadersDocumentIsFormattedTextInKeyOrder) {
-  EXPECT_EQ(PrintHeadersDocument({{"b", "2"}, {"a", "1"}}),
-            "{\n\t\"httpHeaders\":\t[{\n\t\t\t\"key\":\t\"a\",\n\t\t\t\"value\":\t\"1\"\n\t\t}, "
-            "{\n\t\t\t\"key\":\t\"b\",\n\t\t\t\"value\":\t\"2\"\n\t\t}]\n}");
-}
-
-TEST_F(FrameConvert, ThePartsDocumentIsFormattedTextUnderItsMisspeltName) {
-  EXPECT_EQ(PrintPartsDocument({{"ct", "di", "na", "fn", "en", "de", std::string("\0\x01", 2)}}),
-            "{\n\t\"httpMine\":\t[{\n\t\t\t\"contentType\":\t\"ct\",\n\t\t\t\"disposition\":\t\"di\",\n"
-            "\t\t\t\"name\":\t\"na\",\n\t\t\t\"fileName\":\t\"fn\",\n\t\t\t\"encoding\":\t\"en\",\n"
-            "\t\t\t\"description\":\t\"de\",\n\t\t\t\"bodyData\":\t\"AAE=\"\n\t\t}]\n}");
-}
-
 TEST_F(FrameConvert, APartsContentIsEncodedOnceInsideAndOnceMoreWithTheDocument) {
   LPCData data;
   data.http_mime = {{"", "", "", "", "", "", kAnyBytes}};
@@ -165,111 +149,6 @@ TEST_F(FrameConvert, APartsContentIsEncodedOnceInsideAndOnceMoreWithTheDocument)
   const std::string document = Base64Decode(out.params.at("httpMime"));
   EXPECT_NE(document.find("\"bodyData\":\t\"" + Base64Encode(kAnyBytes) + "\""), std::string::npos)
       << document;
-}
-
-TEST_F(FrameConvert, DocumentsComeBackAsTheyWent) {
-  HttpHeaders headers;
-  EXPECT_TRUE(ReadHeadersDocument(headers, PrintHeadersDocument(FullData().http_headers)));
-  EXPECT_EQ(headers, FullData().http_headers);
-  HttpParts parts;
-  EXPECT_TRUE(ReadPartsDocument(parts, PrintPartsDocument(FullData().http_mime)));
-  EXPECT_EQ(parts, FullData().http_mime);
-}
-
-TEST_F(FrameConvert, NoTextIsNoDocument) {
-  HttpHeaders headers = {{"a", "1"}};
-  HttpParts parts(1);
-  EXPECT_FALSE(ReadHeadersDocument(headers, ""));
-  EXPECT_FALSE(ReadPartsDocument(parts, ""));
-  EXPECT_THAT(headers, SizeIs(1));
-  EXPECT_THAT(parts, SizeIs(1));
-}
-
-TEST_F(FrameConvert, ADocumentThatIsNoneIsAcceptedAndAddsNothing) {
-  for (const char* text : {"{", "garbage", "[]", "7", "null", "{}", R"({"other":[]})", R"({"httpHeaders":7})",
-                           R"({"httpHeaders":"text"})", R"({"httpMine":null})", R"({"httpHeaders":[]})",
-                           R"({"httpMine":[]})", R"({"httpMime":[{"name":"n"}]})"}) {
-    HttpHeaders headers;
-    HttpParts parts;
-    EXPECT_TRUE(ReadHeadersDocument(headers, text)) << text;
-    EXPECT_TRUE(ReadPartsDocument(parts, text)) << text;
-    EXPECT_THAT(headers, IsEmpty()) << text;
-    EXPECT_THAT(parts, IsEmpty()) << text;
-  }
-}
-
-TEST_F(FrameConvert, TheFirstHeaderOfANameWinsAlsoAgainstWhatIsThere) {
-  HttpHeaders headers = {{"a", "before"}};
-  EXPECT_TRUE(ReadHeadersDocument(headers, R"({"httpHeaders":[{"key":"a","value":"1"},{"key":"b","value":"2"},
-                                               {"key":"b","value":"3"}]})"));
-  EXPECT_THAT(headers, ElementsAre(Pair("a", "before"), Pair("b", "2")));
-}
-
-TEST_F(FrameConvert, HeadersThatAreNotWellFormedDoNotHideTheOthers) {
-  HttpHeaders headers;
-  EXPECT_TRUE(ReadHeadersDocument(headers, R"({"httpHeaders":[null,1,"x",[{"key":"n","value":"n"}],{},
-      {"value":"v"},{"key":5,"value":"v"},{"key":"only"},{"key":"odd","value":5},{"key":"good","value":"1"}]})"));
-  EXPECT_THAT(headers, ElementsAre(Pair("good", "1"), Pair("odd", ""), Pair("only", "")));
-}
-
-TEST_F(FrameConvert, APartWhoseContentIsNotBase64IsEmpty) {
-  HttpParts parts;
-  EXPECT_TRUE(ReadPartsDocument(parts, R"({"httpMine":[{"name":"n","bodyData":"!!!"},{"name":"m"}]})"));
-  ASSERT_THAT(parts, SizeIs(2));
-  EXPECT_EQ(parts[0], (MimePart{"", "", "n", "", "", "", ""}));
-  EXPECT_EQ(parts[1], (MimePart{"", "", "m", "", "", "", ""}));
-}
-
-TEST_F(FrameConvert, PartsAreAppended) {
-  HttpParts parts = {{"", "", "there", "", "", "", ""}};
-  EXPECT_TRUE(ReadPartsDocument(parts, R"({"httpMine":[{"name":"new"}]})"));
-  ASSERT_THAT(parts, SizeIs(2));
-  EXPECT_EQ(parts[0].name, "there");
-  EXPECT_EQ(parts[1].name, "new");
-}
-
-TEST_F(FrameConvert, ADeeplyNestedDocumentIsSurvived) {
-  HttpHeaders headers;
-  EXPECT_TRUE(ReadHeadersDocument(headers, R"({"httpHeaders":)" + std::string(100000, '[')));
-  EXPECT_TRUE(ReadHeadersDocument(headers, std::string(5000, '[') + std::string(5000, ']')));
-  EXPECT_THAT(headers, IsEmpty());
-}
-
-int g_allocations_left = 0;
-
-void* LimitedMalloc(std::size_t size) {
-  return g_allocations_left-- > 0 ? std::malloc(size) : nullptr;  // NOLINT(cppcoreguidelines-no-malloc)
-}
-
-TEST_F(FrameConvert, ADocumentIsPrintedWholeOrTheConversionFailsWhereverMemoryEnds) {
-  tag_LPCRequestData whole;
-  ASSERT_TRUE(LPCDataToRequestData(whole, FullData()));
-  cJSON_Hooks hooks{&LimitedMalloc, &std::free};
-  cJSON_InitHooks(&hooks);
-  bool success = false;
-  int limit = 0;
-  for (; !success && limit < 10000; ++limit) {
-    g_allocations_left = limit;
-    tag_LPCRequestData out;
-    success = LPCDataToRequestData(out, FullData());
-    EXPECT_TRUE(!success || out.params == whole.params);
-  }
-  cJSON_InitHooks(nullptr);
-  EXPECT_TRUE(success);
-  EXPECT_GT(limit, 10);
-}
-
-TEST_F(FrameConvert, AnInboundDocumentIsSurvivedWhereverMemoryEnds) {
-  tag_LPCRequestData whole;
-  ASSERT_TRUE(LPCDataToRequestData(whole, FullData()));
-  const tag_LPCCallBackData inbound = Inbound(whole.params);
-  cJSON_Hooks hooks{&LimitedMalloc, &std::free};
-  cJSON_InitHooks(&hooks);
-  for (int limit = 0; limit < 100; ++limit) {
-    g_allocations_left = limit;
-    EXPECT_EQ(Converted(inbound).url, "/u?q=1");
-  }
-  cJSON_InitHooks(nullptr);
 }
 
 // Inbound.
@@ -286,6 +165,21 @@ TEST_F(FrameConvert, WhatComesInHasTheTypeThatItsFlagsSay) {
   EXPECT_EQ(Converted(data).msg_type, 0);
   EXPECT_THAT(log_.Lines(),
               ElementsAre(Trace("LPCCallBackDataToLPCData", "LPCCallBackDataToLPCData, need to reply")));
+}
+
+TEST_F(FrameConvert, TheTypeIsSetWhateverItWasBefore) {
+  const auto type_of = [](bool is_reply, bool need_reply) {
+    tag_LPCCallBackData data;
+    data.is_reply = is_reply;
+    data.need_reply = need_reply;
+    LPCData out;
+    out.msg_type = 77;
+    LPCCallBackDataToLPCData(out, data);
+    return out.msg_type;
+  };
+  EXPECT_EQ(type_of(true, false), 1);
+  EXPECT_EQ(type_of(false, true), 0);
+  EXPECT_EQ(type_of(false, false), 2);
 }
 
 TEST_F(FrameConvert, EveryFieldOfAnInboundMessageIsRead) {
@@ -413,123 +307,61 @@ TEST_F(FrameConvert, AnAnswerClearsNothing) {
   EXPECT_TRUE(out == expected);
 }
 
-// Url patterns.
+// Without memory for the documents.
 
-std::string Pattern(const std::string& url) {
-  std::string out;
-  NormalizeUrlPattern(out, url);
-  return out;
+// Which allocations of cJSON fail: those numbered from g_first_failing to g_last_failing.
+int g_allocation = 0;
+int g_first_failing = 0;
+int g_last_failing = 0;
+
+void* FailingMalloc(std::size_t size) {
+  const int number = g_allocation++;
+  if (number >= g_first_failing && number <= g_last_failing) return nullptr;
+  return std::malloc(size);  // NOLINT(cppcoreguidelines-no-malloc)
 }
 
-TEST_F(FrameConvert, NumbersBecomeAnIdInTheUrlPattern) {
-  EXPECT_EQ(Pattern("/a/123/b"), "/a/<ID>/b");
-  EXPECT_EQ(Pattern("/x/42/"), "/x/<ID>");
-  for (const char* number : {"0", "007", "-7", "+5", "-0", "-2", " 5", "9223372036854775807",
-                             "-9223372036854775808", "0000000000000000000000000000001"}) {
-    EXPECT_EQ(Pattern("/x/" + std::string(number)), "/x/<ID>") << number;
+void FailAllocations(int first, int last) {
+  g_allocation = 0;
+  g_first_failing = first;
+  g_last_failing = last;
+  cJSON_Hooks hooks{&FailingMalloc, &std::free};
+  cJSON_InitHooks(&hooks);
+}
+
+/// Makes the nth allocation fail, alone or with all behind it, for every n until a request is converted
+/// without any failure; how many n there were.
+int ConvertWithFailures(bool all_behind, const LpcParams& whole) {
+  for (int n = 0; n < 10000; ++n) {
+    FailAllocations(n, all_behind ? std::numeric_limits<int>::max() : n);
+    tag_LPCRequestData out;
+    const bool converted = LPCDataToRequestData(out, FullData());
+    const bool failed_none = g_allocation <= n;
+    cJSON_InitHooks(nullptr);
+    EXPECT_EQ(converted, failed_none) << n;
+    EXPECT_TRUE(!converted || out.params == whole) << n;
+    if (failed_none) return n;
   }
+  return 0;
 }
 
-TEST_F(FrameConvert, WhatIsNoNumberStaysInTheUrlPattern) {
-  for (const char* text : {"-1",
-                           "-01",
-                           "-0001",
-                           "12a",
-                           "a12",
-                           "-",
-                           "+",
-                           "--7",
-                           "+-7",
-                           "1.5",
-                           "1e3",
-                           "0x10",
-                           "1,000",
-                           "5 ",
-                           "9223372036854775808",
-                           "-9223372036854775809",
-                           "99999999999999999999999",
-                           "<ID>",
-                           "?5",
-                           "5?x=1"}) {
-    EXPECT_EQ(Pattern("/x/" + std::string(text)), "/x/" + std::string(text)) << text;
+TEST_F(FrameConvert, ADocumentIsPrintedWholeOrTheConversionFailsWhereverMemoryEnds) {
+  tag_LPCRequestData whole;
+  ASSERT_TRUE(LPCDataToRequestData(whole, FullData()));
+  EXPECT_GT(ConvertWithFailures(true, whole.params), 10);
+  EXPECT_GT(ConvertWithFailures(false, whole.params), 10);
+}
+
+TEST_F(FrameConvert, AnInboundDocumentIsSurvivedWhereverMemoryEnds) {
+  tag_LPCRequestData whole;
+  ASSERT_TRUE(LPCDataToRequestData(whole, FullData()));
+  const tag_LPCCallBackData inbound = Inbound(whole.params);
+  for (int n = 0; n < 100; ++n) {
+    FailAllocations(n, std::numeric_limits<int>::max());
+    EXPECT_EQ(Converted(inbound).url, "/u?q=1");
+    FailAllocations(n, n);
+    EXPECT_EQ(Converted(inbound).url, "/u?q=1");
   }
-}
-
-TEST_F(FrameConvert, A32ByteSegmentBecomesAGuidInTheUrlPatternWhateverItHolds) {
-  EXPECT_EQ(Pattern("/plugin/0123456789abcdef0123456789abcdef/x"), "/plugin/<GUID>/x");
-  EXPECT_EQ(Pattern("/" + std::string(32, '.')), "/<GUID>");
-  EXPECT_EQ(Pattern("/" + std::string(32, '0')), "/<GUID>");
-  EXPECT_EQ(Pattern("/" + std::string(31, 'a')), "/" + std::string(31, 'a'));
-  EXPECT_EQ(Pattern("/" + std::string(33, 'a')), "/" + std::string(33, 'a'));
-  std::string umlauts;
-  for (int i = 0; i < 16; ++i) umlauts += "\xc3\xa4";
-  EXPECT_EQ(Pattern("/" + umlauts), "/<GUID>");
-  EXPECT_EQ(Pattern("/" + umlauts + umlauts), "/" + umlauts + umlauts);
-}
-
-TEST_F(FrameConvert, EmptySegmentsVanishFromTheUrlPattern) {
-  EXPECT_EQ(Pattern(""), "");
-  EXPECT_EQ(Pattern("///"), "");
-  EXPECT_EQ(Pattern("//a///b//"), "/a/b");
-  EXPECT_EQ(Pattern("a/b"), "/a/b");
-}
-
-TEST_F(FrameConvert, AUrlPatternKeepsCaseAndQueryAndIsAppended) {
-  EXPECT_EQ(Pattern("/Ab/C?d=E/7"), "/Ab/C?d=E/<ID>");
-  std::string out = "before";
-  NormalizeUrlPattern(out, "/a");
-  EXPECT_EQ(out, "before/a");
-}
-
-TEST_F(FrameConvert, AQueryIsCutBeforeTheFirstQuestionMark) {
-  EXPECT_EQ(CutQuery("/a?b?c"), "/a");
-  EXPECT_EQ(CutQuery("/a"), "/a");
-  EXPECT_EQ(CutQuery("?x"), "");
-  EXPECT_EQ(CutQuery(""), "");
-}
-
-// Masking.
-
-TEST_F(FrameConvert, SessionIdsAreMaskedWhateverTheCase) {
-  const std::string sid = kSid;
-  const std::string masked = kMaskedSid;
-  EXPECT_EQ(MaskSidInUrl("/a?SID=" + sid), "/a?SID=" + masked);
-  EXPECT_EQ(MaskSidInUrl("/a?sid=" + sid), "/a?sid=" + masked);
-  EXPECT_EQ(MaskSidInUrl("/a?SiD=" + sid + "&x=1"), "/a?SiD=" + masked + "&x=1");
-  EXPECT_EQ(MaskSidInUrl("SID=" + sid), "SID=" + masked);
-  EXPECT_EQ(MaskSidInUrl("/a?mySID=" + sid), "/a?mySID=" + masked);
-}
-
-TEST_F(FrameConvert, EverySessionIdOfAUrlIsMasked) {
-  const std::string sid = kSid;
-  const std::string masked = kMaskedSid;
-  EXPECT_EQ(MaskSidInUrl("SID=" + sid + "SID=" + sid + "/sid=" + sid),
-            "SID=" + masked + "SID=" + masked + "/sid=" + masked);
-  EXPECT_EQ(MaskSidInUrl("SID=SID=" + sid), "SID=SID=" + masked);
-}
-
-TEST_F(FrameConvert, Only32HexDigitsAreASessionId) {
-  const std::string sid = kSid;
-  for (const std::string& url :
-       {std::string(), std::string("/a?b=c"), std::string("SID="), "SID=" + sid.substr(1),
-        "SID=g" + sid.substr(1), "SID =" + sid, "SD=" + sid, "SID%3D" + sid}) {
-    EXPECT_EQ(MaskSidInUrl(url), url);
-  }
-  EXPECT_EQ(MaskSidInUrl("SID=" + sid + "0"), std::string("SID=") + kMaskedSid + "0");
-  EXPECT_EQ(MaskSidInUrl("SID=" + sid + "g"), std::string("SID=") + kMaskedSid + "g");
-}
-
-TEST_F(FrameConvert, ASessionIdInAVeryLongUrlIsMasked) {
-  const std::string filling(4 << 20, 'S');
-  EXPECT_EQ(MaskSidInUrl(filling + "SID=" + kSid + filling), filling + "SID=" + kMaskedSid + filling);
-}
-
-TEST_F(FrameConvert, MaskingCanBeSwitchedOff) {
-  const std::string url = std::string("/a?SID=") + kSid;
-  Tolm::Base::StringUtil::SetLogMasking(false);
-  EXPECT_EQ(MaskSidInUrl(url), url);
-  Tolm::Base::StringUtil::SetLogMasking(true);
-  EXPECT_NE(MaskSidInUrl(url), url);
+  cJSON_InitHooks(nullptr);
 }
 
 }  // namespace

@@ -1,13 +1,11 @@
 #include <algorithm>
 #include <atomic>
-#include <memory>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "FrameScript.h"
-#include "InitLogical.h"
 #include "TolmBase/FileUtil.h"
 #include "TolmBase/StringUtil.h"
 
@@ -18,24 +16,6 @@ using namespace TolmLPCFrame;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::StartsWith;
-using Tolm::Base::CMessageLoopDyThreadPool;
-using Tolm::Base::CSingleton;
-
-template <typename Pool>
-CMessageLoopDyThreadPool& The() {
-  return CSingleton<Pool>::Instance();
-}
-
-std::vector<CMessageLoopDyThreadPool*> AllPools() {
-  return {&The<CMessageLoopForNetCallBack>(), &The<CMessageLoopForMainFrameWork>(),
-          &The<CMessageLoopForPlugins>(), &The<CMessageLoopForWebSocket>()};
-}
-
-std::vector<std::size_t> ThreadsOfPools() {
-  std::vector<std::size_t> counts;
-  for (const CMessageLoopDyThreadPool* pool : AllPools()) counts.push_back(pool->ThreadCount());
-  return counts;
-}
 
 class FrameLifecycle : public FrameTest {
  protected:
@@ -50,17 +30,26 @@ class FrameLifecycle : public FrameTest {
     return Tolm::Base::StringUtil::Local2UTF8(Tolm::Base::FileUtil::GetCurExeDir());
   }
 
-  /// The host stops the frame while it is called with `message`.
-  void ExpectThatTheHostCanStopDuring(const Message& message) {
-    std::atomic<int> result{-1000};
-    host_.answer = [&](const FrameCallBackData&) {
-      result = TolmLPCFrameUnInit();
+  /// Plugin A is there as soon as the endpoint is: one message of each kind arrives.
+  void DeliverWhileStarting() {
+    transport_.start_listen = [&](const std::string&) {
+      EXPECT_TRUE(transport_.Deliver(Connected("A")));
+      EXPECT_TRUE(
+          transport_.Deliver(Registration("A", R"({"RegisterInfo":{"SupportUrlList":[{"Url":"/a"}]}})")));
+      EXPECT_TRUE(transport_.Deliver(InitFinish("A")));
+      EXPECT_TRUE(transport_.Deliver(Message().From("A").Url("/host")));
       return true;
     };
-    transport_.Deliver(message);
-    EXPECT_TRUE(WaitFor([&] { return result == 0; })) << result;
-    EXPECT_TRUE(WaitFor([] { return ThreadsOfPools() == std::vector<std::size_t>(4, 0); }));
-    EXPECT_EQ(Journal::Count("lpc.Uninit"), 1u);
+  }
+  void ExpectEarlyMessagesHandled() {
+    EXPECT_TRUE(WaitFor([&] { return host_.Count(kLpcMsgLpcData) == 1; }));
+    EXPECT_TRUE(WaitFor([&] { return host_.Count(kLpcMsgPluginConnected) == 1; }));
+    EXPECT_TRUE(WaitFor([&] { return host_.Count(kLpcMsgPluginInited) == 1; }));
+    int time_out = 0;
+    EXPECT_TRUE(WaitFor([&] { return IsPluginURL(time_out, "/a"); }));
+    // The registry listed the plugin before they were looked at.
+    EXPECT_TRUE(Registry().GetPluginInitState("A"));
+    EXPECT_EQ(Registry().GetPluginData().at("A").connect_state, 1);
   }
 
   /// A start that fails as scripted, and what it leaves behind.
@@ -78,7 +67,6 @@ class FrameLifecycle : public FrameTest {
     EXPECT_THAT(Journal::Of("lpc.StopListen"), IsEmpty());
   }
 };
-
 // Starting.
 
 TEST_F(FrameLifecycle, AStartBringsUpTransportThenPoolsThenGuardThenRegistry) {
@@ -144,24 +132,19 @@ TEST_F(FrameLifecycle, AGuardEndpointThatDoesNotOpenIsTolerated) {
   EXPECT_EQ(TolmLPCFrameUnInit(), 0);
 }
 
-TEST_F(FrameLifecycle, AMessageThatArrivesBeforeThePoolsRunIsHandledOnceTheyDo) {
-  transport_.start_listen = [&](const std::string&) {
-    EXPECT_TRUE(transport_.Deliver(Message().From("A").Url("/early")));
-    return true;
-  };
-  Start();
-  EXPECT_TRUE(WaitFor([&] { return host_.Count(kLpcMsgLpcData) == 1; }));
+TEST_F(FrameLifecycle, MessagesThatArriveWhileTheFrameStartsAreHandledOnceItHasStarted) {
+  DeliverWhileStarting();
+  Start(Plugins({"A"}));
+  ExpectEarlyMessagesHandled();
 }
 
-TEST_F(FrameLifecycle, AMessageThatArrivesBeforeThePoolsOfASecondLifeRunIsHandledOnceTheyDo) {
+TEST_F(FrameLifecycle, MessagesThatArriveWhileASecondLifeStartsAreHandledOnceItHasStarted) {
   Start();
   EXPECT_EQ(TolmLPCFrameUnInit(), 0);
-  transport_.start_listen = [&](const std::string&) {
-    EXPECT_TRUE(transport_.Deliver(Message().From("A").Url("/early")));
-    return true;
-  };
-  Start();
-  EXPECT_TRUE(WaitFor([&] { return host_.Count(kLpcMsgLpcData) == 1; }));
+  FromNowOn();
+  DeliverWhileStarting();
+  Start(Plugins({"A"}));
+  ExpectEarlyMessagesHandled();
 }
 
 TEST_F(FrameLifecycle, ASecondStartRepeatsTheWholeStart) {
@@ -371,232 +354,6 @@ TEST_F(FrameLifecycle, AStopDoesNotWaitForAStartThatIsUnderWay) {
   EXPECT_EQ(TolmLPCFrameUnInit(), 0);
   EXPECT_EQ(gate.Waiting(), 1);
   gate.Open();
-}
-
-// What is under way when the frame stops.
-
-TEST_F(FrameLifecycle, AStopWaitsForACallbackThatRuns) {
-  Start();
-  Gate gate;
-  host_.answer = [&](const FrameCallBackData&) {
-    gate.Wait();
-    return true;
-  };
-  transport_.Deliver(Message().From("A").Url("/x"));
-  ASSERT_TRUE(WaitFor([&] { return gate.Waiting() == 1; }));
-  std::atomic<bool> stopped{false};
-  std::jthread stop([&] {
-    TolmLPCFrameUnInit();
-    stopped = true;
-  });
-  ASSERT_TRUE(WaitFor([&] { return Journal::Count("pool.Stop MainFrameWork false") == 1; }));
-  EXPECT_FALSE(stopped);
-  EXPECT_EQ(Journal::Count("lpc.StopListen"), 0u);
-  gate.Open();
-  EXPECT_TRUE(WaitFor([&] { return stopped.load(); }));
-}
-
-TEST_F(FrameLifecycle, TheHostMayStopTheFrameFromAPush) {
-  Start();
-  ExpectThatTheHostCanStopDuring(Message().From("A").Push("tag"));
-}
-
-TEST_F(FrameLifecycle, TheHostMayStopTheFrameFromAUrlMessage) {
-  Start();
-  ExpectThatTheHostCanStopDuring(Message().From("A").Url("/x"));
-}
-
-TEST_F(FrameLifecycle, TheHostMayStopTheFrameFromAPluginEvent) {
-  Start();
-  ExpectThatTheHostCanStopDuring(InitFinish("A"));
-}
-
-TEST_F(FrameLifecycle, StopsFromManyThreadsAllSucceed) {
-  Start(Platform());
-  {
-    std::vector<std::jthread> threads;
-    for (int i = 0; i < 4; ++i) threads.emplace_back([] { EXPECT_EQ(TolmLPCFrameUnInit(), 0); });
-  }
-  EXPECT_THAT(ThreadsOfPools(), ElementsAre(0, 0, 0, 0));
-  EXPECT_EQ(Journal::Count("log TolmLPCFrameUnInit End"), 4u);
-}
-
-TEST_F(FrameLifecycle, NoCallbackComesOnceTheStopHasReturned) {
-  Start();
-  TolmLPCFrameUnInit();
-  FromNowOn();
-  EXPECT_FALSE(transport_.Deliver(Message().From("A").Push("tag")));
-  // A transport thread that was late would still hold the function.
-  EXPECT_TRUE(CLpcServerManager::LPCServerCallback(Message().From("A").Push("tag"), nullptr));
-  EXPECT_TRUE(CLpcServerManager::LPCServerCallback(Message().From("A").Url("/x"), nullptr));
-  EXPECT_TRUE(CLpcServerManager::LPCServerCallback(InitFinish("A"), nullptr));
-  EXPECT_EQ(host_.Count(), 0u);
-  EXPECT_THAT(ThreadsOfPools(), ElementsAre(0, 0, 0, 0));
-}
-
-TEST_F(FrameLifecycle, WhileTheTransportIsTakenDownPushesEndAtTheHostOnlyUntilTheCallbackIsRemoved) {
-  Start();
-  guard_.uninit_manager = [&] { transport_.Deliver(Message().From("before").Push("tag")); };
-  transport_.stop_listen = [&] {
-    CLpcServerManager::LPCServerCallback(Message().From("after").Push("tag"), nullptr);
-    return true;
-  };
-  TolmLPCFrameUnInit();
-  EXPECT_EQ(host_.Only().lpc_data.src_id, "before");
-}
-
-TEST_F(FrameLifecycle, MessagesThatWaitInAPoolAtTheStopAreNotDelivered) {
-  Start();
-  Gate gate;
-  host_.answer = [&](const FrameCallBackData&) {
-    gate.Wait();
-    return true;
-  };
-  for (int i = 0; i < 40; ++i) transport_.Deliver(Message().From("A").Url("/first"));
-  ASSERT_TRUE(WaitFor(
-      [&] { return gate.Waiting() == 30 && The<CMessageLoopForMainFrameWork>().QueuedCount() == 10; }));
-  std::jthread stop([] { TolmLPCFrameUnInit(); });
-  ASSERT_TRUE(WaitFor([] { return The<CMessageLoopForMainFrameWork>().QueuedCount() == 0; }));
-  gate.Open();
-  stop.join();
-  EXPECT_EQ(host_.Count(), 30u);
-
-  // Nor are they in a second life.
-  transport_.start_listen = [&](const std::string&) { return true; };
-  host_.Clear();
-  Start();
-  transport_.Deliver(Message().From("A").Url("/second"));
-  ASSERT_TRUE(WaitFor([&] { return host_.Count() != 0; }));
-  EXPECT_EQ(TolmLPCFrameUnInit(), 0);
-  EXPECT_EQ(host_.Only().lpc_data.url, "/second");
-}
-
-TEST_F(FrameLifecycle, AMessageBetweenTwoLivesIsForgotten) {
-  Start();
-  TolmLPCFrameUnInit();
-  CLpcServerManager::LPCServerCallback(Message().From("A").Url("/between"), nullptr);
-  CLpcServerManager::LPCServerCallback(InitFinish("A"), nullptr);
-  Start();
-  transport_.Deliver(Message().From("A").Url("/second"));
-  ASSERT_TRUE(WaitFor([&] { return host_.Count() != 0; }));
-  EXPECT_EQ(TolmLPCFrameUnInit(), 0);
-  EXPECT_EQ(host_.Only().lpc_data.url, "/second");
-}
-
-TEST_F(FrameLifecycle, WhatAMessageHoldsIsGivenBackAlsoWhenItIsNotDelivered) {
-  Start();
-  TolmLPCFrameUnInit();
-  auto lease = std::make_shared<int>(0);
-  tag_LPCCallBackData record = Message().From("A").Url("/x").Record();
-  record.lease = lease;
-  CLpcServerManager::LPCServerCallback(record, nullptr);
-  record.lease.reset();
-  EXPECT_EQ(lease.use_count(), 1);
-}
-
-TEST_F(FrameLifecycle, WhatAMessageHoldsIsGivenBackOnceTheHostHasHadIt) {
-  Start();
-  auto lease = std::make_shared<int>(0);
-  tag_LPCCallBackData record = Message().From("A").Url("/x").Record();
-  record.lease = lease;
-  transport_.Deliver(record);
-  record.lease.reset();
-  EXPECT_TRUE(WaitFor([&] { return host_.Count() == 1 && lease.use_count() == 1; }));
-}
-
-// The thin operations.
-
-TEST_F(FrameLifecycle, RegisteringTheCallbackLogsAndReplacesThePair) {
-  Host other;
-  RegisterLpcMsgCallback(&Host::Receive, &other);
-  RegisterLpcMsgCallback(&Host::Receive, &host_);
-  EXPECT_THAT(log_.Lines(), ElementsAre(Info("RegisterLpcMsgCallback", "RegisterLpcMsgCallback yet"),
-                                        Info("RegisterLpcMsgCallback", "RegisterLpcMsgCallback yet")));
-  FrameCallBackData data;
-  data.LpcMsgType = kLpcMsgPush;
-  EXPECT_TRUE(Manager().CallLpcCallBack(data));
-  EXPECT_EQ(host_.Count(), 1u);
-  EXPECT_EQ(other.Count(), 0u);
-}
-
-TEST_F(FrameLifecycle, RegisteringUrlsLogsEachInOrder) {
-  RegisterUrl({"/b", "/a", "/b"});
-  EXPECT_THAT(log_.Lines(), ElementsAre(Info("RegisterUrl", "Up RegisterUrl url[/b]"),
-                                        Info("RegisterUrl", "Up RegisterUrl url[/a]"),
-                                        Info("RegisterUrl", "Up RegisterUrl url[/b]")));
-}
-
-TEST_F(FrameLifecycle, RegisteringNoUrlLogsNothing) {
-  RegisterUrl({});
-  EXPECT_THAT(log_.Lines(), IsEmpty());
-}
-
-TEST_F(FrameLifecycle, ThatPluginsMayStartIsLoggedAndToldTheGuardUnchanged) {
-  TolmLPCFrameNotifyStartPlugins("--x \"y z\" %s");
-  EXPECT_THAT(Journal::Entries(),
-              ElementsAre("log TolmLPCFrameNotifyStartPlugins plugin_cmdline[--x \"y z\" %s]",
-                          "guard.NotifyFrameInitedFinished --x \"y z\" %s"));
-  EXPECT_THAT(log_.Lines(),
-              ElementsAre(Info("TolmLPCFrameNotifyStartPlugins",
-                               "TolmLPCFrameNotifyStartPlugins plugin_cmdline[--x \"y z\" %s]")));
-}
-
-TEST_F(FrameLifecycle, AListedPluginIsStartedThroughTheGuardUnderItsOwnId) {
-  PlatformInfo info;
-  info.plugin_map["key"].plugin_id = "id";
-  List(info);
-  FromNowOn();
-  TolmLPCFrameStartPlugin("key");
-  EXPECT_THAT(Journal::Entries(), ElementsAre("log TolmLPCFrameStartPlugin plugin_id[key]",
-                                              "guard.ControlGuardProcess id start"));
-  EXPECT_THAT(log_.Lines(),
-              ElementsAre(Info("TolmLPCFrameStartPlugin", "TolmLPCFrameStartPlugin plugin_id[key]")));
-}
-
-TEST_F(FrameLifecycle, AnUnlistedPluginIsNotStarted) {
-  TolmLPCFrameStartPlugin("nobody");
-  EXPECT_THAT(Journal::Of("guard."), IsEmpty());
-  EXPECT_THAT(log_.Lines(),
-              ElementsAre(Info("TolmLPCFrameStartPlugin", "TolmLPCFrameStartPlugin plugin_id[nobody]"),
-                          Error("CLPCIntegrate::GetPluginInfoByID", "find plugin_data failed, [nobody]")));
-}
-
-TEST_F(FrameLifecycle, TheLastErrorIsTheTransports) {
-  transport_.last_error = 6;
-  EXPECT_EQ(GetLPCLastError(), 6);
-  EXPECT_THAT(log_.Lines(), IsEmpty());
-}
-
-TEST_F(FrameLifecycle, SubscribingLeavesItsArgumentAndSendsNothing) {
-  LPCData data;
-  data.msg_type = 5;
-  data.url = "/x";
-  data.http_headers["a"] = "b";
-  data.body = "body";
-  const LPCData before = data;
-  SubscribeNotify(data);
-  EXPECT_TRUE(data == before);
-  EXPECT_THAT(Journal::Entries(), IsEmpty());
-}
-
-TEST_F(FrameLifecycle, WhateverIsThrownBelowTheThinOperationsStaysInside) {
-  const auto throwing = [] { throw std::runtime_error("scripted"); };
-  guard_.notify_frame_inited_finished = throwing;
-  guard_.control_guard_process = throwing;
-  transport_.last_error = []() -> int { throw std::runtime_error("scripted"); };
-  List(Plugins({"A"}));
-  EXPECT_NO_THROW(TolmLPCFrameNotifyStartPlugins("x"));
-  EXPECT_NO_THROW(TolmLPCFrameStartPlugin("A"));
-  EXPECT_NO_THROW(GetLPCLastError());
-}
-
-TEST_F(FrameLifecycle, BeforeTheStartEveryQuestionHasAnEmptyAnswer) {
-  int time_out = 77;
-  EXPECT_FALSE(IsPluginURL(time_out, "/x"));
-  EXPECT_EQ(time_out, 77);
-  std::vector<std::string> headers = {"old"};
-  GetHttpHeaders(headers);
-  EXPECT_THAT(headers, IsEmpty());
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "FrameScript.h"
 
 #include <algorithm>
+#include <array>
 #include <tuple>
 #include <utility>
 
@@ -34,11 +35,12 @@ constexpr char kRegisterUrl[] = "/QOMI/Vantrel/Integration/V1/Register";
 
 bool g_was_started = false;
 
-template <typename Pool>
-void ForgetTasks() {
-  Pool& pool = Tolm::Base::CSingleton<Pool>::Instance();
-  pool.Stop(false);
-  pool.Reopen();
+std::array<Tolm::Base::CMessageLoopDyThreadPool*, 4> AllPools() {
+  using Tolm::Base::CSingleton;
+  return {&CSingleton<TolmLPCFrame::CMessageLoopForNetCallBack>::Instance(),
+          &CSingleton<TolmLPCFrame::CMessageLoopForMainFrameWork>::Instance(),
+          &CSingleton<TolmLPCFrame::CMessageLoopForPlugins>::Instance(),
+          &CSingleton<TolmLPCFrame::CMessageLoopForWebSocket>::Instance()};
 }
 
 Message ConnectionEvent(const std::string& id, const std::string& status) {
@@ -187,10 +189,10 @@ void FrameTest::TearDown() {
   Manager().SetCallBack(nullptr, nullptr);
   transport_.SetInvokeCallBack(nullptr, nullptr);
   // What a case posted without starting the pools is not for the next one.
-  ForgetTasks<TolmLPCFrame::CMessageLoopForNetCallBack>();
-  ForgetTasks<TolmLPCFrame::CMessageLoopForMainFrameWork>();
-  ForgetTasks<TolmLPCFrame::CMessageLoopForPlugins>();
-  ForgetTasks<TolmLPCFrame::CMessageLoopForWebSocket>();
+  for (Tolm::Base::CMessageLoopDyThreadPool* pool : AllPools()) {
+    pool->Stop(false);
+    pool->Reopen();
+  }
 
   for (const LogLine& line : log_.Lines()) {
     EXPECT_TRUE(line.function.starts_with("Tolm") && !line.file.empty() && line.line > 0) << line.whole;
@@ -203,6 +205,12 @@ bool FrameTest::WasStartedByAnEarlierCase() {
 
 TolmLPCFrame::CLpcServerManager& FrameTest::Manager() {
   return Tolm::Base::CSingleton<TolmLPCFrame::CLpcServerManager>::Instance();
+}
+
+std::vector<std::size_t> FrameTest::ThreadsOfPools() {
+  std::vector<std::size_t> counts;
+  for (const Tolm::Base::CMessageLoopDyThreadPool* pool : AllPools()) counts.push_back(pool->ThreadCount());
+  return counts;
 }
 
 void FrameTest::RegisterHost() {

@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <initializer_list>
 #include <mutex>
@@ -118,6 +119,9 @@ class FrameTest : public ::testing::Test {
 
   static TolmLPCFrame::CLPCIntegrate& Registry() { return TolmLPCFrame::CLPCIntegrate::GetInstance(); }
   static TolmLPCFrame::CLpcServerManager& Manager();
+
+  /// How many threads each pool has: net callbacks, main frame work, plugins, WebSocket.
+  static std::vector<std::size_t> ThreadsOfPools();
 
   void RegisterHost();
   /// Registers the host and starts the frame as "endpoint".

@@ -15,7 +15,7 @@ template <typename Value>
 using Member = Value CLPCIntegrate::*;
 
 struct Timeouts {
-  using Type = Member<Guarded<std::map<std::string, std::int32_t>>>;
+  using Type = Member<Guarded<TolmLPCFrame::IndexedMap<std::int32_t>>>;
   friend Type Reach(Timeouts);
 };
 struct HostUrls {
@@ -74,7 +74,7 @@ void ForgetEverything(CLPCIntegrate& registry) {
 }
 
 void ForgetTimeout(CLPCIntegrate& registry, const std::string& lower_case_url) {
-  (registry.*Reach(Timeouts())).Write([&](auto& timeouts) { timeouts.erase(lower_case_url); });
+  (registry.*Reach(Timeouts())).Write([&](auto& timeouts) { timeouts.Erase(lower_case_url); });
 }
 
 std::vector<std::string> UrlsOfHost(const CLPCIntegrate& registry) {

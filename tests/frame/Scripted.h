@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <mutex>
+#include <type_traits>
 #include <utility>
 
 namespace tolm::test {
@@ -10,7 +11,7 @@ template <typename Signature>
 class Scripted;
 
 /// What a stand-in does when it is called: a function that a test may replace at any time, also while
-/// the old one runs on another thread.
+/// the old one runs on another thread. At first one that does nothing and gives a default value.
 template <typename Result, typename... Arguments>
 class Scripted<Result(Arguments...)> {
  public:
@@ -41,7 +42,7 @@ class Scripted<Result(Arguments...)> {
 
  private:
   mutable std::mutex mutex_;
-  Function function_;
+  Function function_ = [](Arguments...) { return Result(); };
 };
 
 }  // namespace tolm::test

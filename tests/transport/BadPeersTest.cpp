@@ -8,6 +8,7 @@
 #include "PluginEnd.h"
 #include "RawPeer.h"
 #include "TransportSuite.h"
+#include "WrappedTransport.h"
 #include "support/Wait.h"
 #include "wire/Bytes.h"
 #include "wire/Frame.h"
@@ -407,6 +408,42 @@ TEST_P(BadPeers, APluginLeavesAFrameThatDoesNotSpeakTheProtocol) {
         << plugin.Events()[0].error;
     plugin.Stop();
     stream.reset();
+  }
+}
+
+// For every N: the Nth read or write of either end's connections fails. Whoever asks is told so, both ends
+// find together again, and nobody else notices.
+TEST_P(BadPeers, WhicheverReadOrWriteFails) {
+  WrappedTransport wrapped(transport());
+  for (const bool at_the_frame : {true, false}) {
+    bool reached = true;
+    for (int n = 1; reached && n < 200; ++n) {
+      FrameEnd frame(at_the_frame ? static_cast<os::LocalTransport&>(wrapped) : transport());
+      ASSERT_EQ(frame.Listen(), lpc::kOk);
+      wrapped.truth.operations_until_failure = n;
+      PluginEnd plugin(at_the_frame ? transport() : static_cast<os::LocalTransport&>(wrapped), "alpha");
+      const std::string large(300'000, 'l');
+      // Until both ways have worked once: with the failure behind it, that is soon.
+      const auto works = [&] {
+        if (!plugin.client().WaitConnected(kLong)) return false;
+        const int up = plugin.Ask(large);
+        const int down = frame.Ask("alpha", large);
+        for (const int error : {up, down}) {
+          EXPECT_TRUE(error == lpc::kOk || error == lpc::kPeerGone || error == lpc::kNotConnected ||
+                      error == lpc::kNoSuchPeer)
+              << n << ": " << lpc::ErrorText(error);
+        }
+        return up == lpc::kOk && down == lpc::kOk;
+      };
+      EXPECT_TRUE(WaitFor(works)) << n;
+      reached = wrapped.truth.operations_until_failure == 0;
+      wrapped.truth.operations_until_failure = 0;
+      const auto statuses = frame.StatusesOf("alpha");
+      for (std::size_t i = 0; i < statuses.size(); ++i) {
+        EXPECT_EQ(statuses[i], i % 2 == 0 ? "connected" : "disconnected") << n;
+      }
+    }
+    EXPECT_FALSE(reached) << "more operations than expected";
   }
 }
 

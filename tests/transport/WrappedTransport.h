@@ -17,22 +17,25 @@
 namespace tolm::test {
 
 struct TransportTruth {
-  std::atomic<bool> accepted_same_user{true};   ///< what accepted streams say of their peers
-  std::atomic<bool> connected_same_user{true};  ///< what made connections say of theirs
-  std::atomic<int> accept_shortages{0};         ///< so many of the next accepts fail, and may be tried again
-  std::atomic<bool> accept_dead{false};         ///< the next accept fails for good
-  std::atomic<std::uint64_t> waits{0};          ///< returns of Poller::Wait
-  std::atomic<int> connects{0};                 ///< calls of Connect
+  std::atomic<bool> accepted_same_user{true};    ///< what accepted streams say of their peers
+  std::atomic<bool> connected_same_user{true};   ///< what made connections say of theirs
+  std::atomic<int> accept_shortages{0};          ///< so many of the next accepts fail, and may be tried again
+  std::atomic<bool> accept_dead{false};          ///< the next accept fails for good
+  std::atomic<int> operations_until_failure{0};  ///< that one read or write fails; 0: none does
+  std::atomic<std::uint64_t> waits{0};           ///< returns of Poller::Wait
+  std::atomic<int> connects{0};                  ///< calls of Connect
 };
 
 class WrappedStream final : public os::Stream {
  public:
-  WrappedStream(std::unique_ptr<os::Stream> inner, bool same_user)
-      : os::Stream(inner->native()), inner_(std::move(inner)), same_user_(same_user) {}
+  WrappedStream(std::unique_ptr<os::Stream> inner, TransportTruth& truth, bool same_user)
+      : os::Stream(inner->native()), inner_(std::move(inner)), truth_(truth), same_user_(same_user) {}
   os::IoResult Read(const os::MutableBuffer* buffers, std::size_t count) override {
+    if (FailsNow()) return {os::IoStatus::kFailed, 0, 5};
     return inner_->Read(buffers, count);
   }
   os::IoResult Write(const os::ConstBuffer* buffers, std::size_t count) override {
+    if (FailsNow()) return {os::IoStatus::kFailed, 0, 5};
     return inner_->Write(buffers, count);
   }
   bool WaitReadable(int timeout_ms) override { return inner_->WaitReadable(timeout_ms); }
@@ -40,7 +43,15 @@ class WrappedStream final : public os::Stream {
   os::PeerIdentity Peer() const override { return {same_user_, inner_->Peer().process_id}; }
 
  private:
+  bool FailsNow() {
+    int left = truth_.operations_until_failure;
+    while (left > 0 && !truth_.operations_until_failure.compare_exchange_weak(left, left - 1)) {
+    }
+    return left == 1;
+  }
+
   const std::unique_ptr<os::Stream> inner_;
+  TransportTruth& truth_;
   const bool same_user_;
 };
 
@@ -57,7 +68,7 @@ class WrappedListener final : public os::Listener {
     Accepted accepted = inner_->Accept();
     if (accepted.stream) {
       accepted.stream =
-          std::make_unique<WrappedStream>(std::move(accepted.stream), truth_.accepted_same_user);
+          std::make_unique<WrappedStream>(std::move(accepted.stream), truth_, truth_.accepted_same_user);
     }
     return accepted;
   }
@@ -100,7 +111,7 @@ class WrappedTransport final : public os::LocalTransport {
     ++truth.connects;
     auto made = inner_.Connect(name);
     if (made.value)
-      made.value = std::make_unique<WrappedStream>(std::move(made.value), truth.connected_same_user);
+      made.value = std::make_unique<WrappedStream>(std::move(made.value), truth, truth.connected_same_user);
     return made;
   }
   std::unique_ptr<os::Poller> CreatePoller() override {

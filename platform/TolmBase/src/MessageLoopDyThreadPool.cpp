@@ -66,6 +66,10 @@ struct CMessageLoopDyThreadPool::Core : std::enable_shared_from_this<Core> {
 
   // These want `mutex` to be held.
   bool AddThread();
+  /// Sees to it that somebody comes for the queue: wakes an idle thread, or makes one. One at a time, since
+  /// whoever comes and finds more calls the next one; a burst thus costs no wake-up for each task. False
+  /// when a thread is wanted and cannot be made.
+  bool CallAnother();
   /// Waits for work or a stop. True when neither came until `idle_end`, which the first wait after a
   /// task sets.
   bool IsIdleTooLong(std::unique_lock<std::mutex>& lock, std::uint64_t own_generation,
@@ -94,6 +98,7 @@ struct CMessageLoopDyThreadPool::Core : std::enable_shared_from_this<Core> {
   std::size_t min_threads = 0;
   std::size_t max_threads = 0;
   std::chrono::seconds idle_time{0};
+  bool is_one_coming = false;  // a thread was called and has not looked at the queue yet
   bool is_short_of_threads = false;  // the last attempt to add a thread failed
   /// Raised by Start and Reopen. A thread of an earlier generation, whose own task stopped the pool,
   /// leaves the queue and the counters to the later ones.
@@ -118,6 +123,18 @@ bool CMessageLoopDyThreadPool::Core::AddThread() {
   return true;
 }
 
+bool CMessageLoopDyThreadPool::Core::CallAnother() {
+  if (state != State::kRunning || queue.empty() || is_one_coming) return true;
+  if (idle > 0) {
+    is_one_coming = true;
+    work_or_stop.notify_one();
+    return true;
+  }
+  if (members.size() >= max_threads) return true;
+  is_one_coming = AddThread();
+  return is_one_coming;
+}
+
 bool CMessageLoopDyThreadPool::Core::IsIdleTooLong(std::unique_lock<std::mutex>& lock,
                                                    std::uint64_t own_generation,
                                                    std::optional<TimePoint>& idle_end) {
@@ -129,7 +146,10 @@ bool CMessageLoopDyThreadPool::Core::IsIdleTooLong(std::unique_lock<std::mutex>&
   } else {
     work_or_stop.wait(lock);
   }
-  if (generation == own_generation) --idle;
+  if (generation == own_generation) {
+    --idle;
+    is_one_coming = false;
+  }
   return too_long;
 }
 
@@ -149,11 +169,15 @@ void CMessageLoopDyThreadPool::Core::ThreadMain(std::uint64_t own_generation) {
   std::optional<TimePoint> idle_end;
   bool idle_too_long = false;
   std::unique_lock lock(mutex);
-  if (generation == own_generation) --idle;
+  if (generation == own_generation) {
+    --idle;
+    is_one_coming = false;
+  }
   while (generation == own_generation) {
     if (!queue.empty()) {
       std::unique_ptr<CTask> task = std::move(queue.front());
       queue.pop_front();
+      CallAnother();
       lock.unlock();
       RunAndDestroy(std::move(task));
       lock.lock();
@@ -188,6 +212,7 @@ bool CMessageLoopDyThreadPool::Start(int min_threads, int max_threads, int idle_
     const std::size_t idle_before = core.idle;
     ++core.generation;
     core.idle = 0;
+    core.is_one_coming = false;
     while (made < wanted && core.AddThread()) ++made;
     if (made > 0 || wanted == 0) {
       core.state = Core::State::kRunning;
@@ -247,33 +272,26 @@ void CMessageLoopDyThreadPool::Reopen() {
   core.state = Core::State::kNew;
   ++core.generation;
   core.idle = 0;
+  core.is_one_coming = false;
 }
 
 bool CMessageLoopDyThreadPool::PostTask(CTask* task) {
   std::unique_ptr<CTask> owned(task);
   if (!owned) return false;
   Core& core = *core_;
-  bool wake = false;
   bool is_newly_short = false;
   {
     const std::lock_guard lock(core.mutex);
     if (core.state == Core::State::kStopped) return false;
     core.queue.push_back(std::move(owned));
-    if (core.state == Core::State::kRunning) {
-      if (core.queue.size() <= core.idle) {
-        wake = true;
-      } else if (core.members.size() < core.max_threads) {
-        const bool is_short = !core.AddThread();
-        is_newly_short = is_short && !core.is_short_of_threads;
-        core.is_short_of_threads = is_short;
-        if (core.members.empty()) {
-          owned = std::move(core.queue.back());
-          core.queue.pop_back();
-        }
-      }
+    const bool is_short = !core.CallAnother();
+    is_newly_short = is_short && !core.is_short_of_threads;
+    core.is_short_of_threads = is_short;
+    if (is_short && core.members.empty()) {
+      owned = std::move(core.queue.back());
+      core.queue.pop_back();
     }
   }
-  if (wake) core.work_or_stop.notify_one();
   if (owned) {
     TOLM_LOG(kLogLevelError, "TolmBase", "The pool %s has no thread for a task and can make none",
              core.name.c_str());

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <exception>
+#include <optional>
 
 #include "MessageRecords.h"
 #include "TolmBase/GuidUtil.h"
@@ -22,6 +23,19 @@ std::string MethodBody(const char* method) {
   proto::CRapidJsonProto body;
   body.set_v("/method", method);
   return body.get_str(0);
+}
+
+/// Runs a function of the plugin's author and gives what it threw, as a text; nothing when it returned.
+template <typename Function>
+std::optional<std::string> WhatItThrew(Function&& function) {
+  try {
+    function();
+    return std::nullopt;
+  } catch (const std::exception& error) {
+    return error.what();
+  } catch (...) {
+    return "not a standard exception";
+  }
 }
 
 }  // namespace
@@ -87,6 +101,7 @@ void Plugin::Core::Connected() {
   ++connection_;
   connected_ = true;
   confirmed_ = false;
+  uniniting_ = false;  // another frame may ask, too
   changed_.notify_all();
 }
 
@@ -102,11 +117,9 @@ void Plugin::Core::Disconnected(const std::string& reason) {
 
 void Plugin::Core::RegisterAgainAndAgain() {
   const auto began = std::chrono::steady_clock::now();
-  try {
-    if (on_init) on_init();
-  } catch (const std::exception& error) {
+  if (const auto thrown = WhatItThrew([this] { if (on_init) on_init(); })) {
     TOLM_LOG(Tolm::Base::kLogLevelError, kTag, "the init hook failed, so the plugin is never ready: %s",
-             error.what());
+             thrown->c_str());
     return;
   }
   const auto cost = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - began);
@@ -137,10 +150,8 @@ void Plugin::Core::RegisterAgainAndAgain() {
       ready_ = true;
       changed_.notify_all();
     }
-    try {
-      if (on_ready) on_ready();
-    } catch (const std::exception& error) {
-      TOLM_LOG(Tolm::Base::kLogLevelError, kTag, "the ready hook failed: %s", error.what());
+    if (const auto thrown = WhatItThrew([this] { if (on_ready) on_ready(); })) {
+      TOLM_LOG(Tolm::Base::kLogLevelError, kTag, "the ready hook failed: %s", thrown->c_str());
     }
   }
 }
@@ -187,7 +198,7 @@ void Plugin::Core::Received(tag_LPCCallBackData&& data, const lpcclient::Inbound
   }
   const auto url = data.params.find(TolmLPCFrame::kKeyUrl);
   if (url == data.params.end() || url->second.empty()) {
-    MethodReceived(data.body);
+    MethodReceived(data);
     return;
   }
   if (url->second == own_url_) {
@@ -211,32 +222,32 @@ void Plugin::Core::Serve(tag_LPCCallBackData&& data, const lpcclient::InboundInf
     if (wants_answer) client->Reject(reply.msg_id, "this plugin does not serve " + request.message.url);
     return;
   }
-  try {
-    Message answer = (*handler)(request);
-    if (!wants_answer) return;
-    if (!info.sender_waits) answer.url = kMessagesUrl;
-    reply.params = ToParams(answer);
-    reply.body = std::move(answer.body);
-  } catch (const std::exception& error) {
+  Message answer;
+  if (const auto thrown = WhatItThrew([&] { answer = (*handler)(request); })) {
     TOLM_LOG(Tolm::Base::kLogLevelError, kTag, "the handler of url [%s] failed: %s",
-             request.message.url.c_str(), error.what());
-    if (wants_answer) client->Reject(reply.msg_id, std::string("the handler failed: ") + error.what());
+             request.message.url.c_str(), thrown->c_str());
+    if (wants_answer) client->Reject(reply.msg_id, "the handler failed: " + *thrown);
     return;
   }
+  if (!wants_answer) return;
+  if (!info.sender_waits) answer.url = kMessagesUrl;
+  reply.params = ToParams(answer);
+  reply.body = std::move(answer.body);
   if (!client->Reply(std::move(reply))) {
     TOLM_LOG(Tolm::Base::kLogLevelWarning, kTag, "the answer for url [%s] could not be sent: %s",
              request.message.url.c_str(), lpc::ErrorText(lpcclient::GetLPCLastError()));
   }
 }
 
-void Plugin::Core::MethodReceived(const std::string& body) {
+void Plugin::Core::MethodReceived(const tag_LPCCallBackData& data) {
   proto::CRapidJsonProto message;
-  message.set_str(body);
+  message.set_str(data.body);
   const std::string method = message.get_v("/method", "");
   if (method == "Uninit") {
     Uninit();
   } else {
     TOLM_LOG(Tolm::Base::kLogLevelWarning, kTag, "unknown method [%s]", method.c_str());
+    if (data.need_reply) client->Reject(data.msg_id, "a message without url, and with an unknown method");
   }
 }
 
@@ -245,10 +256,8 @@ void Plugin::Core::Uninit() {
     const std::lock_guard lock(mutex_);
     if (std::exchange(uniniting_, true)) return;  // asked again; the answer is on its way
   }
-  try {
-    if (on_uninit) on_uninit();
-  } catch (const std::exception& error) {
-    TOLM_LOG(Tolm::Base::kLogLevelError, kTag, "the uninit hook failed: %s", error.what());
+  if (const auto thrown = WhatItThrew([this] { if (on_uninit) on_uninit(); })) {
+    TOLM_LOG(Tolm::Base::kLogLevelError, kTag, "the uninit hook failed: %s", thrown->c_str());
   }
   tag_LPCNotifyData finished;
   finished.dst_id = TolmLPCFrame::kMainCompnentID;

@@ -45,7 +45,7 @@ class Plugin::Core : public std::enable_shared_from_this<Core> {
   void Disconnected(const std::string& reason);
   void Received(tag_LPCCallBackData&& data, const lpcclient::InboundInfo& info);
   void Serve(tag_LPCCallBackData&& data, const lpcclient::InboundInfo& info);
-  void MethodReceived(const std::string& body);
+  void MethodReceived(const tag_LPCCallBackData& data);
   void Uninit();
   void RegisterAgainAndAgain();
   bool RegisterAndConfirm(int connection);

@@ -29,7 +29,7 @@ struct Settings {
   lpc::Options options;
   os::LocalTransport* transport = nullptr;  ///< null: the system's own; must outlive the client
   int reconnect_first_ms = 20;   ///< the pause after a lost connection; doubled each time, with jitter
-  int reconnect_cap_ms = 1000;   ///< up to this
+  int reconnect_cap_ms = 250;    ///< up to this
 
   /// An inbound message. On threads of the client, several at a time; may block and may send.
   std::function<void(tag_LPCCallBackData&& data, const InboundInfo& info)> on_message;

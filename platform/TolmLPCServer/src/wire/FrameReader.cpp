@@ -11,6 +11,9 @@ namespace {
 constexpr std::size_t kMaxStreams = 1024;
 // A body is read to its place directly when at least this much of it is still to come.
 constexpr std::size_t kDirectMinimum = 16u << 10;
+// So much room is made for a body on the peer's word alone; untouched, it is an address range and no
+// memory.
+constexpr std::size_t kRoomAtOnce = 2u << 20;
 
 }  // namespace
 
@@ -85,6 +88,7 @@ bool FrameReader::TakeSizes() {
     return Violate(kMessageTooLarge, "a message with " + std::to_string(assembly.sizes.total()) +
                                          " bytes, limit " + std::to_string(options_.max_message_bytes));
   }
+  assembly.message.body.reserve(std::min<std::size_t>(assembly.sizes.body_size, kRoomAtOnce));
   return true;
 }
 
@@ -124,7 +128,6 @@ FrameReader::Place FrameReader::DirectPlace() {
   const std::size_t size = std::min<std::size_t>(frame_left_, assembly.sizes.body_size - body.size());
   if (size < kDirectMinimum) return {};
   const std::size_t before = body.size();
-  // Everything that this body needs, as soon as a good part of it has come.
   if (body.capacity() < before + size) {
     body.reserve(std::min<std::size_t>(assembly.sizes.body_size, std::max(2 * before, before + size)));
   }

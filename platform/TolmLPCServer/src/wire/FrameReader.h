@@ -25,7 +25,7 @@ class FrameSink {
 };
 
 /// Kind, then size, then memory: nothing that the peer states is believed before it is checked against
-/// a limit, and no more is allocated than has arrived, but for one doubling. After a violation the
+/// a limit, and no more is allocated than has arrived, but for 2 MiB or one doubling. After a violation the
 /// reader takes nothing more. Used by one thread at a time.
 class FrameReader {
  public:

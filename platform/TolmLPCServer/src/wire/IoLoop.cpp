@@ -12,9 +12,9 @@ namespace lpc::wire {
 namespace {
 
 constexpr char kTag[] = "TolmLPCServer";
-constexpr auto kLookInterval = std::chrono::milliseconds(1);
+constexpr auto kLookInterval = std::chrono::milliseconds(4);
 // After so many looks at an empty queue nobody looks any more.
-constexpr int kQuietLooks = 50;
+constexpr int kQuietLooks = 4;
 // Threads that are kept once they were needed; more end when they are not needed any more.
 constexpr std::size_t kKeptThreads = 8;
 
@@ -70,10 +70,13 @@ void IoLoop::JoinEndedLocked() {
 }
 
 void IoLoop::Stop() {
-  std::deque<Work> dropped;  // destroyed unlocked
+  std::deque<Work> dropped;
   std::unique_lock lock(mutex_);
   stopping_ = true;
   dropped.swap(queue_);
+  lock.unlock();
+  dropped.clear();
+  lock.lock();
   const bool own = IsOwnThread();
   if (own) {
     ++stoppers_;

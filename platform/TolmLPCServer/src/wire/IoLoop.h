@@ -44,7 +44,7 @@ class IoHandler {
 ///                       callback, blocks        waits
 ///
 /// A thread runs a callback only while another one is not in a callback. What is left in the queue by
-/// a thread that runs callbacks one after the other is looked at every millisecond: when nothing has
+/// a thread that runs callbacks one after the other is looked at every few milliseconds: when nothing has
 /// been taken out meanwhile, that thread is stuck, and more threads help.
 class IoLoop : public std::enable_shared_from_this<IoLoop> {
  public:
@@ -119,7 +119,7 @@ class IoLoop : public std::enable_shared_from_this<IoLoop> {
   std::vector<std::thread> ended_;  // to be joined
 
   Clock::time_point timekeeper_until_ = Clock::time_point::max();  // when a waiting thread looks again
-  bool watching_ = false;        // the queue is looked at every millisecond
+  bool watching_ = false;        // the queue is looked at every few milliseconds
   bool stuck_ = false;           // callbacks block: threads are added as they are needed
   std::uint64_t taken_at_last_look_ = 0;
   int quiet_looks_ = 0;

@@ -11,6 +11,7 @@ namespace lpc::wire {
 namespace {
 
 constexpr char kTag[] = "TolmLPCServer";
+constexpr char kNotWritable[] = "it could not be written to";
 constexpr std::size_t kReadBuffer = 64u << 10;
 // A thread in charge gives others a chance after this much.
 constexpr std::size_t kReadTurn = 1u << 20;
@@ -58,7 +59,7 @@ class Link::Sink final : public FrameSink {
   bool hold = false;  // nothing more is to be read before Continue
   bool goodbye = false;
   int error = kPeerGone;
-  std::string reason = "the connection was closed";
+  std::string reason;  // empty when it was just closed
 
  private:
   Link& link_;
@@ -122,7 +123,7 @@ int Link::Send(const OutgoingMessage& message) {
     case SendQueue::Outcome::kBroken:
       break;
   }
-  CutOff(kPeerGone, "it could not be written to");
+  CutOff(kPeerGone, kNotWritable);
   return kPeerGone;
 }
 
@@ -180,6 +181,7 @@ int Link::Lead(Waiter& waiter, IoLoop::Clock::time_point deadline) {
 void Link::SendControl(FrameType type, std::uint64_t message_id, const std::string& payload) {
   const SendQueue::Outcome outcome = queue_.SendControl(type, message_id, payload);
   if (outcome == SendQueue::Outcome::kBlocked) AskForWritability();
+  if (outcome == SendQueue::Outcome::kBroken) CutOff(kPeerGone, kNotWritable);
   if (outcome == SendQueue::Outcome::kFull) CutOff(kQueueFull, "it does not take the answers to what it sends");
 }
 
@@ -241,7 +243,9 @@ void Link::OnReady(bool readable, bool writable) {
       const std::lock_guard lock(mutex_);
       want_write_ = false;
     }
-    if (queue_.Resume() == SendQueue::Outcome::kBlocked) {
+    const SendQueue::Outcome outcome = queue_.Resume();
+    if (outcome == SendQueue::Outcome::kBroken) CutOff(kPeerGone, kNotWritable);
+    if (outcome == SendQueue::Outcome::kBlocked) {
       const std::lock_guard lock(mutex_);
       want_write_ = true;
     }
@@ -433,7 +437,8 @@ void Link::ReturnLease(std::size_t bytes) {
 void Link::CutOff(int error, const std::string& reason) {
   {
     const std::lock_guard lock(mutex_);
-    if (close_reason_.empty()) {
+    // What was done wrong says more than that it is gone.
+    if (close_reason_.empty() || (close_error_ == kPeerGone && error != kPeerGone)) {
       close_error_ = error;
       close_reason_ = reason;
     }
@@ -444,21 +449,23 @@ void Link::CutOff(int error, const std::string& reason) {
 }
 
 void Link::CloseInCharge(int error, const std::string& reason) {
-  int first_error = error;
-  std::string first_reason = reason;
+  int known_error = error;
+  std::string known_reason = reason;
   {
     const std::lock_guard lock(mutex_);
     gone_ = true;
-    if (!close_reason_.empty()) {
-      first_error = close_error_;
-      first_reason = close_reason_;
+    // Its last words say more than that it could not be written to any more.
+    if (close_error_ != kPeerGone || known_reason.empty()) {
+      known_error = close_error_;
+      known_reason = close_reason_;
     }
   }
+  if (known_reason.empty()) known_reason = "the connection was closed";
   const bool was_open = open_.exchange(false, std::memory_order_acq_rel);
   loop_->Unregister(*stream_, token_);
   FailSenders(kPeerGone);
   stream_->Shutdown();
-  owner_.OnClosed(*this, was_open, first_error, first_reason);
+  owner_.OnClosed(*this, was_open, known_error, known_reason);
 }
 
 void Link::FailSenders(int error) {

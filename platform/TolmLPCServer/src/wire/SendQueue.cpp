@@ -191,18 +191,15 @@ SendQueue::Outcome SendQueue::WriteDirectly(Item& item) {
     if (result.status == os::IoStatus::kDone && !item.done() && !item.at_frame_start()) continue;
 
     std::unique_lock lock(mutex_);
-    if (closed_ || broken) return StopWritingLocked(Outcome::kBroken);
+    // What was written whole was sent, even if the peer has read it and gone by now.
+    if (closed_ || broken) return StopWritingLocked(item.done() ? Outcome::kSent : Outcome::kBroken);
     if (!item.done()) {
       // The stream is full, or others wait for their turn between two chunks.
       if (result.status == os::IoStatus::kDone && items_.empty()) continue;
       auto rest = std::make_unique<Item>(std::move(item));
       rest->Own();
       queued_bytes_ += rest->size();
-      if (result.status == os::IoStatus::kDone) {
-        items_.push_back(std::move(rest));
-      } else {
-        items_.push_front(std::move(rest));
-      }
+      items_.push_front(std::move(rest));
     }
     if (items_.empty()) return StopWritingLocked(Outcome::kSent);
     return Write(lock);
@@ -213,11 +210,7 @@ SendQueue::Outcome SendQueue::WriteDirectly(Item& item) {
 SendQueue::Outcome SendQueue::Write(std::unique_lock<std::mutex>& lock) {
   for (int turn = 0; !closed_; ++turn) {
     if (turn == kWriteTurn) return BlockLocked();
-    // A large message that has just finished a frame lets the others go first.
-    if (items_.size() > 1 && items_.front()->chunked() && items_.front()->at_frame_start()) {
-      items_.push_back(std::move(items_.front()));
-      items_.pop_front();
-    }
+    LetSmallOnesPassLocked();
     std::array<os::ConstBuffer, kMaxPieces + 4> pieces;
     std::size_t count = 0;
     for (const auto& item : items_) {
@@ -242,6 +235,13 @@ SendQueue::Outcome SendQueue::Write(std::unique_lock<std::mutex>& lock) {
     if (items_.empty()) return StopWritingLocked(Outcome::kSent);
   }
   return StopWritingLocked(Outcome::kBroken);
+}
+
+// Between two frames of a large message the small ones that have come meanwhile go first. Large ones keep
+// their order: taking turns they would all be done late.
+void SendQueue::LetSmallOnesPassLocked() {
+  if (items_.size() < 2 || !items_.front()->chunked() || !items_.front()->at_frame_start()) return;
+  std::stable_partition(items_.begin(), items_.end(), [](const auto& item) { return !item->chunked(); });
 }
 
 // Gives up writing until the stream is writable.

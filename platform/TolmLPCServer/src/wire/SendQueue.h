@@ -21,7 +21,7 @@ namespace lpc::wire {
 
 /// At any time at most one thread writes: whoever finds nobody writing. Others leave their messages in
 /// the queue, and the writer takes them along, several in one system call. A large message goes out in
-/// chunks, between which others get their turn.
+/// chunks, between which small ones pass it.
 ///
 /// No lock is held while the stream is written to. All operations may be called from any thread.
 class SendQueue {
@@ -59,6 +59,7 @@ class SendQueue {
   Outcome Enqueue(std::unique_ptr<Item> item);
   Outcome Write(std::unique_lock<std::mutex>& lock);
   Outcome WriteDirectly(Item& item);
+  void LetSmallOnesPassLocked();
   Outcome BlockLocked();
   Outcome StopWritingLocked(Outcome outcome);
 

@@ -1,8 +1,8 @@
 #pragma once
 
 // Byte streams between processes of one machine, and waiting for many of them with many threads.
-// This header is what a system has to supply; the twin files below posix/ and windows/ supply it, and
-// memory/ does the same within one process.
+// This header is what a system has to supply: the files below posix/ do, each to have a twin of the same
+// name for another system; memory/ does the same within one process.
 //
 //   LocalTransport ──Listen──► Listener ──Accept──► Stream
 //                  └─Connect─────────────────────► Stream

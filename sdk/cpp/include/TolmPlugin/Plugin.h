@@ -98,8 +98,8 @@ class Plugin {
   /// Without --endpoint it says on stderr what it is and how it is started, and returns 2.
   int Run(int argc, const char* const* argv);
 
-  /// Connects to the frame that listens as `endpoint`, now or whenever it comes. False, with the reason in
-  /// LastError, when `endpoint` or the id is not valid, or it was started before.
+  /// Connects to the frame that listens as `endpoint`, now or whenever it comes. False when it was started
+  /// before, and, with the reason in LastError, when `endpoint` or the id is not valid.
   bool Start(const std::string& endpoint);
   /// Waits until OnReady's moment, for at most `time_out_ms`.
   bool WaitReady(int time_out_ms) const;

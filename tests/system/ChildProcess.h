@@ -1,0 +1,63 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace tolm::test {
+
+/// How long a test waits for what is expected: long, so that a loaded machine makes none fail.
+inline constexpr std::chrono::seconds kPatience{40};
+
+/// How a process ended.
+struct Exit {
+  int status = -1;  ///< when it ended by itself
+  int signal = 0;   ///< when it was killed
+  bool operator==(const Exit&) const = default;
+};
+
+std::ostream& operator<<(std::ostream& out, const Exit& exit);
+
+/// A child of this process, killed with it and with this object. To be made on the main thread, since a
+/// child dies with the thread that made it. What it prints is kept.
+class ChildProcess {
+ public:
+  explicit ChildProcess(std::vector<std::string> command);
+  ~ChildProcess();
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
+
+  pid_t id() const { return id_; }
+  void Signal(int signal);
+  void CloseInput();
+
+  /// Waits until a line with `text` in it was printed; which line, or nothing.
+  std::optional<std::string> WaitForLine(const std::string& text,
+                                         std::chrono::milliseconds limit = kPatience);
+  /// Nothing when it still runs after `limit`.
+  std::optional<Exit> WaitExit(std::chrono::milliseconds limit = kPatience);
+  std::string Output() const;
+
+ private:
+  void Watch(int output);
+
+  pid_t id_ = -1;
+  int input_ = -1;
+  mutable std::mutex mutex_;
+  std::condition_variable changed_;
+  // Both are guarded by mutex_.
+  std::string printed_;
+  std::optional<Exit> exit_;
+  std::thread watcher_;
+};
+
+/// This program, to be started again with other arguments.
+std::string ThisProgram();
+
+}  // namespace tolm::test

@@ -1,0 +1,71 @@
+// What the shared library shows to its users.
+
+#include <gmock/gmock.h>
+
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <string>
+
+namespace tolm::test {
+namespace {
+
+using ::testing::IsSupersetOf;
+using Names = std::set<std::string>;
+
+std::string OutputOf(const std::string& command) {
+  const std::unique_ptr<FILE, int (*)(FILE*)> pipe(::popen(command.c_str(), "r"), &::pclose);
+  std::string output;
+  char buffer[4096];
+  for (std::size_t count; (count = std::fread(buffer, 1, sizeof buffer, pipe.get())) > 0;) {
+    output.append(buffer, count);
+  }
+  return output;
+}
+
+std::string TextOf(const std::string& path) {
+  std::ifstream file(path);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+/// What the first group of `pattern` matches in `text`, with `before` in front.
+Names Matches(const std::string& text, const std::string& pattern, const std::string& before = {}) {
+  const std::regex expression(pattern);
+  Names names;
+  for (std::sregex_iterator match(text.begin(), text.end(), expression), end; match != end; ++match) {
+    names.insert(before + (*match)[1].str());
+  }
+  return names;
+}
+
+TEST(Library, ExportsTheDocumentedOperationsAndCJsonAndNothingElse) {
+  const std::string operation = R"(TOLM_LPCFRAME_API [\w:]+ (\w+)\()";
+  Names documented;
+  for (const char* const header : {"/TolmLPCFrame.h", "/TolmLPCFrameDiagnostics.h"}) {
+    documented.merge(Matches(TextOf(std::string(TEST_HEADERS) + header), operation, "TolmLPCFrame::"));
+  }
+  documented.merge(Matches(TextOf(TEST_CJSON_HEADER), R"(\nCJSON_PUBLIC\([^)]*\) *(\w+)\()"));
+  ASSERT_THAT(documented,
+              IsSupersetOf({"TolmLPCFrame::SyncSend", "TolmLPCFrame::SetLogSink", "cJSON_Parse"}));
+
+  const Names exported =
+      Matches(OutputOf("nm -DC --defined-only '" TEST_LIBRARY "'"), R"([0-9a-f]+ \w ([\w:]+)[^\n]*\n)");
+  EXPECT_EQ(exported, documented);
+}
+
+TEST(Library, NeedsNothingThatIsNotExpected) {
+  if (TEST_SANITIZED) GTEST_SKIP() << "a sanitizer needs libraries of its own";
+  const Names needed = Matches(OutputOf("objdump -p '" TEST_LIBRARY "'"), R"(NEEDED +([\w.+-]+)\n)");
+  ASSERT_THAT(needed, IsSupersetOf({"libstdc++.so.6", "libc.so.6"}));
+  const Names expected{
+      "libboost_thread.so.1.81.0", "libstdc++.so.6", "libm.so.6", "libgcc_s.so.1", "libc.so.6",
+      "ld-linux-x86-64.so.2"};
+  for (const std::string& library : needed) EXPECT_TRUE(expected.contains(library)) << library;
+}
+
+}  // namespace
+}  // namespace tolm::test

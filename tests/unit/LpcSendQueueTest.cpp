@@ -1,0 +1,329 @@
+#include "wire/SendQueue.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/Wait.h"
+#include "wire/FrameReader.h"
+
+namespace lpc::wire {
+namespace {
+
+using Outcome = SendQueue::Outcome;
+
+// A stream that takes what a test lets it take, and keeps it.
+class Taker final : public os::Stream {
+ public:
+  Taker() : os::Stream(0) {}
+  os::IoResult Read(const os::MutableBuffer*, std::size_t) override { return {os::IoStatus::kWouldBlock}; }
+  os::IoResult Write(const os::ConstBuffer* buffers, std::size_t count) override {
+    const std::lock_guard lock(mutex_);
+    ++writes_;
+    if (status_ != os::IoStatus::kDone) return {status_};
+    if (writes_ == fails_at_) return {os::IoStatus::kFailed, 0, 5};
+    const std::size_t before = taken_.size();
+    for (std::size_t i = 0; i < count && room_ > 0; ++i) {
+      const std::size_t part = std::min({buffers[i].size, room_, before + at_most_ - taken_.size()});
+      taken_.append(static_cast<const char*>(buffers[i].data), part);
+      room_ -= part;
+    }
+    const std::size_t bytes = taken_.size() - before;
+    return bytes > 0 ? os::IoResult{os::IoStatus::kDone, bytes} : os::IoResult{os::IoStatus::kWouldBlock};
+  }
+  bool WaitReadable(int) override { return false; }
+  void Shutdown() noexcept override {}
+  os::PeerIdentity Peer() const override { return {}; }
+
+  void Room(std::size_t room) {
+    const std::lock_guard lock(mutex_);
+    room_ = room;
+  }
+  void AtMostAtATime(std::size_t bytes) { at_most_ = bytes; }
+  void FailAt(int write) { fails_at_ = write; }
+  void Always(os::IoStatus status) { status_ = status; }
+  int writes() const { return writes_; }
+  std::string taken() const {
+    const std::lock_guard lock(mutex_);
+    return taken_;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::string taken_;
+  std::size_t room_ = std::string::npos;
+  std::size_t at_most_ = 1u << 30;
+  int fails_at_ = 0;
+  int writes_ = 0;
+  os::IoStatus status_ = os::IoStatus::kDone;
+};
+
+// What a peer reads of it: the bodies in the order in which they are complete; "#5" for a control frame of
+// this type.
+std::vector<std::string> ReadBack(const std::string& bytes) {
+  class Bodies final : public FrameSink {
+   public:
+    void OnControlFrame(const FrameHeader& header, std::string_view) override {
+      bodies.push_back("#" + std::to_string(static_cast<int>(header.type)));
+    }
+    void OnMessage(InboundMessage&& message) override { bodies.push_back(std::move(message.body)); }
+    std::vector<std::string> bodies;
+  };
+  const Options options;
+  FrameReader reader(options);
+  reader.AcceptMessages();
+  Bodies sink;
+  EXPECT_TRUE(reader.Feed(bytes, sink)) << reader.violation();
+  return std::move(sink.bodies);
+}
+
+const LpcParams kNoParams;
+
+OutgoingMessage Message(std::string_view body) {
+  OutgoingMessage message;
+  message.params = &kNoParams;
+  message.body = body;
+  return message;
+}
+
+class LpcSendQueue : public testing::Test {
+ protected:
+  Outcome Send(std::string_view body) { return queue_.Send(Message(body)); }
+
+  Taker stream_;
+  Options options_;
+  SendQueue queue_{stream_, options_};
+};
+
+TEST_F(LpcSendQueue, AMessageGoesOutInOneCallOnTheSendersThread) {
+  EXPECT_EQ(Send("body"), Outcome::kSent);
+  EXPECT_EQ(stream_.writes(), 1);
+  EXPECT_EQ(ReadBack(stream_.taken()), std::vector<std::string>{"body"});
+  EXPECT_FALSE(queue_.BlockedSince());
+}
+
+// However the stream cuts it: the same bytes arrive.
+TEST_F(LpcSendQueue, EveryWayOfTakingAMessageInPieces) {
+  const std::string body(40, 'b');
+  std::string whole;
+  {
+    Taker stream;
+    SendQueue queue(stream, options_);
+    queue.Send(Message(body));
+    whole = stream.taken();
+  }
+  for (std::size_t room = 0; room < whole.size(); ++room) {
+    Taker stream;
+    SendQueue queue(stream, options_);
+    stream.Room(room);
+    EXPECT_EQ(queue.Send(Message(body)), Outcome::kBlocked);
+    EXPECT_TRUE(queue.BlockedSince());
+    EXPECT_EQ(queue.Send(Message("behind")), Outcome::kQueued);
+    EXPECT_EQ(queue.SendControl(FrameType::kPing, 0, ""), Outcome::kQueued);
+    EXPECT_EQ(stream.taken().size(), room);
+    EXPECT_EQ(queue.Resume(), Outcome::kBlocked) << "it was woken for nothing";
+    stream.Room(std::string::npos);
+    EXPECT_EQ(queue.Resume(), Outcome::kSent);
+    EXPECT_EQ(queue.Resume(), Outcome::kQueued) << "there is nothing to resume";
+    EXPECT_EQ(ReadBack(stream.taken()), (std::vector<std::string>{body, "behind", "#5"})) << room;
+    EXPECT_FALSE(queue.BlockedSince());
+  }
+}
+
+TEST_F(LpcSendQueue, AFewBytesAtATime) {
+  stream_.AtMostAtATime(3);
+  const std::string large(600'000, 'l');
+  stream_.AtMostAtATime(1001);
+  Outcome outcome = Send(large);
+  while (outcome == Outcome::kBlocked) outcome = queue_.Resume();
+  EXPECT_EQ(outcome, Outcome::kSent);
+  EXPECT_EQ(ReadBack(stream_.taken()), std::vector<std::string>{large});
+}
+
+TEST_F(LpcSendQueue, LongMetaIsCutIntoChunksAsWell) {
+  const LpcParams params = {{"url", std::string(1'000'000, 'u')}};
+  OutgoingMessage message = Message("body");
+  message.params = &params;
+  stream_.AtMostAtATime(100'000);
+  Outcome outcome = queue_.Send(message);
+  while (outcome == Outcome::kBlocked) outcome = queue_.Resume();
+  EXPECT_EQ(ReadBack(stream_.taken()), std::vector<std::string>{"body"});
+}
+
+TEST_F(LpcSendQueue, LargeOnesTakeTurnsAndSmallOnesOvertakeThem) {
+  stream_.Room(0);
+  const std::string first(1'000'000, '1');
+  const std::string second(500'000, '2');
+  EXPECT_EQ(Send(first), Outcome::kBlocked);
+  EXPECT_EQ(Send(second), Outcome::kQueued);
+  EXPECT_EQ(Send("small"), Outcome::kQueued);
+  stream_.Room(std::string::npos);
+  EXPECT_EQ(queue_.Resume(), Outcome::kSent);
+  EXPECT_EQ(ReadBack(stream_.taken()), (std::vector<std::string>{"small", second, first}));
+}
+
+TEST_F(LpcSendQueue, TheBytesOfAQueuedMessageAreItsOwn) {
+  stream_.Room(0);
+  Send("in front");
+  std::string body = "a body that is longer than a short string";
+  EXPECT_EQ(Send(body), Outcome::kQueued);
+  body.assign(body.size(), 'X');
+  std::string given = "a body that the sender gave away with it";
+  OutgoingMessage message = Message(given);
+  message.body_owner = &given;
+  EXPECT_EQ(queue_.Send(message), Outcome::kQueued);
+  EXPECT_TRUE(given.empty()) << "it was not copied";
+  stream_.Room(std::string::npos);
+  queue_.Resume();
+  EXPECT_EQ(ReadBack(stream_.taken()),
+            (std::vector<std::string>{"in front", "a body that is longer than a short string",
+                                      "a body that the sender gave away with it"}));
+}
+
+TEST_F(LpcSendQueue, ManyGoOutInFewCalls) {
+  stream_.Room(0);
+  for (int i = 0; i < 1000; ++i) Send(std::to_string(i));
+  const int before = stream_.writes();
+  stream_.Room(std::string::npos);
+  while (queue_.Resume() == Outcome::kBlocked) {
+  }
+  EXPECT_LT(stream_.writes() - before, 60);
+  const auto bodies = ReadBack(stream_.taken());
+  ASSERT_EQ(bodies.size(), 1000u);
+  for (int i = 0; i < 1000; ++i) EXPECT_EQ(bodies[static_cast<std::size_t>(i)], std::to_string(i));
+}
+
+TEST_F(LpcSendQueue, IsBoundedInBytesButForOneMessageAlone) {
+  options_.max_queue_bytes = 10'000;
+  stream_.Room(0);
+  EXPECT_EQ(Send(std::string(50'000, 'x')), Outcome::kBlocked);
+  EXPECT_EQ(Send("x"), Outcome::kFull);
+  stream_.Room(std::string::npos);
+  EXPECT_EQ(queue_.Resume(), Outcome::kSent);
+  stream_.Room(0);
+  EXPECT_EQ(Send(std::string(4'000, 'x')), Outcome::kBlocked);
+  EXPECT_EQ(Send(std::string(4'000, 'x')), Outcome::kQueued);
+  EXPECT_EQ(Send(std::string(4'000, 'x')), Outcome::kFull);
+  EXPECT_EQ(Send("small"), Outcome::kQueued);
+  EXPECT_EQ(queue_.SendControl(FrameType::kPong, 0, ""), Outcome::kQueued)
+      << "control frames have their own room";
+}
+
+TEST_F(LpcSendQueue, ControlFramesAreBoundedToo) {
+  stream_.Room(0);
+  int queued = 0;
+  while (queue_.SendControl(FrameType::kPong, 0, "") != Outcome::kFull) ASSERT_LT(++queued, 100'000);
+  EXPECT_GT(queued, 1000);
+  EXPECT_EQ(Send("a message"), Outcome::kQueued);
+  stream_.Room(std::string::npos);
+  Outcome outcome = queue_.Resume();
+  while (outcome == Outcome::kBlocked) outcome = queue_.Resume();
+  EXPECT_EQ(queue_.SendControl(FrameType::kPong, 0, ""), Outcome::kSent);
+}
+
+TEST_F(LpcSendQueue, AStreamThatTakesEverythingDoesNotKeepOneThreadForEver) {
+  stream_.Room(0);
+  for (int i = 0; i < 10'000; ++i) Send("x");
+  stream_.Room(std::string::npos);
+  EXPECT_EQ(queue_.Resume(), Outcome::kBlocked) << "the rest is for the next turn";
+  while (queue_.Resume() == Outcome::kBlocked) {
+  }
+  EXPECT_EQ(ReadBack(stream_.taken()).size(), 10'000u);
+}
+
+TEST_F(LpcSendQueue, AClosedQueueTakesNothing) {
+  stream_.Room(0);
+  Send("dropped");
+  queue_.Close();
+  stream_.Room(std::string::npos);
+  EXPECT_EQ(Send("x"), Outcome::kBroken);
+  EXPECT_EQ(queue_.SendControl(FrameType::kPing, 0, ""), Outcome::kBroken);
+  EXPECT_EQ(queue_.Resume(), Outcome::kBroken);
+  EXPECT_FALSE(queue_.BlockedSince());
+  EXPECT_TRUE(stream_.taken().empty());
+  queue_.WaitUntilSent(std::chrono::steady_clock::now() + std::chrono::seconds(30));
+}
+
+TEST_F(LpcSendQueue, ABrokenStreamIsReported) {
+  for (const os::IoStatus status : {os::IoStatus::kClosed, os::IoStatus::kFailed}) {
+    Taker stream;
+    SendQueue queue(stream, options_);
+    stream.Always(status);
+    EXPECT_EQ(queue.Send(Message("x")), Outcome::kBroken);
+    EXPECT_EQ(queue.SendControl(FrameType::kPing, 0, ""), Outcome::kBroken);
+    EXPECT_EQ(queue.Send(Message(std::string(1'000'000, 'x'))), Outcome::kBroken);
+  }
+}
+
+// For every N: the Nth write fails, and the sender learns of it.
+TEST_F(LpcSendQueue, WhicheverWriteFails) {
+  const std::string large(400'000, 'l');
+  for (int fails_at = 1;; ++fails_at) {
+    Taker stream;
+    SendQueue queue(stream, options_);
+    stream.AtMostAtATime(100'000);
+    stream.FailAt(fails_at);
+    Outcome outcome = queue.Send(Message(large));
+    if (outcome == Outcome::kSent) outcome = queue.Send(Message("small"));
+    if (stream.writes() < fails_at) {
+      EXPECT_EQ(outcome, Outcome::kSent);
+      EXPECT_GT(fails_at, 4);
+      break;
+    }
+    EXPECT_EQ(outcome, Outcome::kBroken) << fails_at;
+  }
+}
+
+TEST_F(LpcSendQueue, WaitsUntilEverythingIsTaken) {
+  stream_.Room(0);
+  Send("waiting");
+  queue_.WaitUntilSent(std::chrono::steady_clock::now());  // time is up at once
+  EXPECT_TRUE(stream_.taken().empty());
+  std::atomic<bool> sent{false};
+  std::thread waits([&] {
+    queue_.WaitUntilSent(std::chrono::steady_clock::now() + std::chrono::seconds(30));
+    sent = true;
+  });
+  stream_.Room(std::string::npos);
+  EXPECT_EQ(queue_.Resume(), Outcome::kSent);
+  waits.join();
+  EXPECT_TRUE(sent);
+  EXPECT_EQ(ReadBack(stream_.taken()).size(), 1u);
+}
+
+TEST_F(LpcSendQueue, ManyThreadsAtOnce) {
+  stream_.AtMostAtATime(5'000);
+  const std::string large(300'000, 'l');
+  std::vector<std::thread> threads;
+  std::atomic<bool> done{false};
+  // What an I/O thread does when the stream is writable.
+  std::thread resumes([&] {
+    while (!done) queue_.Resume();
+    while (queue_.Resume() == Outcome::kBlocked) {
+    }
+  });
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < 100; ++i) {
+        const Outcome outcome = i % 10 == 0 ? Send(large) : Send(std::to_string(i));
+        EXPECT_TRUE(outcome == Outcome::kSent || outcome == Outcome::kQueued || outcome == Outcome::kBlocked);
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  done = true;
+  resumes.join();
+  const auto bodies = ReadBack(stream_.taken());
+  EXPECT_EQ(bodies.size(), 400u);
+  EXPECT_EQ(std::count(bodies.begin(), bodies.end(), large), 40);
+}
+
+}  // namespace
+}  // namespace lpc::wire

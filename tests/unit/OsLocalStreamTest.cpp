@@ -1,0 +1,325 @@
+// What the transport relies on, of every kind of stream.
+
+#include "os/LocalStream.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/TempDirectory.h"
+#include "support/Wait.h"
+
+namespace os {
+namespace {
+
+using tolm::test::WaitFor;
+
+class OsLocalStream : public testing::TestWithParam<bool> {
+ protected:
+  OsLocalStream() {
+    if (GetParam()) {
+      directory_ = std::make_unique<tolm::test::RuntimeDirectory>();
+      transport_ = &SystemTransport();
+    } else {
+      memory_ = CreateMemoryTransport(1000);
+      transport_ = memory_.get();
+    }
+    listener_ = transport_->Listen("name").value;
+    poller_ = transport_->CreatePoller();
+  }
+  void Connect() {
+    near_ = transport_->Connect("name").value;
+    ASSERT_TRUE(near_);
+    far_ = listener_->Accept().stream;
+    ASSERT_TRUE(far_);
+  }
+  static IoResult Write(Stream& stream, std::string_view text) {
+    const ConstBuffer buffer{text.data(), text.size()};
+    return stream.Write(&buffer, 1);
+  }
+  static std::string Read(Stream& stream, std::size_t most = 100) {
+    std::string text(most, '\0');
+    const MutableBuffer buffer{text.data(), text.size()};
+    const IoResult result = stream.Read(&buffer, 1);
+    last_status_ = result.status;
+    text.resize(result.status == IoStatus::kDone ? result.bytes : 0);
+    return text;
+  }
+  void Fill(Stream& stream) {
+    const std::string much(4096, 'f');
+    while (Write(stream, much).status == IoStatus::kDone) {
+    }
+  }
+
+  std::unique_ptr<tolm::test::RuntimeDirectory> directory_;
+  std::unique_ptr<LocalTransport> memory_;
+  LocalTransport* transport_ = nullptr;
+  std::unique_ptr<Poller> poller_;
+  std::unique_ptr<Listener> listener_;
+  std::unique_ptr<Stream> near_;
+  std::unique_ptr<Stream> far_;
+  static inline IoStatus last_status_ = IoStatus::kDone;
+};
+
+TEST_P(OsLocalStream, CarriesBytesBothWays) {
+  Connect();
+  EXPECT_EQ(Write(*near_, "there").bytes, 5u);
+  EXPECT_EQ(Read(*far_), "there");
+  EXPECT_EQ(Write(*far_, "back").bytes, 4u);
+  EXPECT_EQ(Read(*near_, 2), "ba");
+  EXPECT_EQ(Read(*near_), "ck");
+  EXPECT_EQ(Read(*near_), "");
+  EXPECT_EQ(last_status_, IoStatus::kWouldBlock);
+}
+
+TEST_P(OsLocalStream, GathersAndScatters) {
+  Connect();
+  const ConstBuffer out[] = {{"one", 3}, {"", 0}, {"two", 3}, {"three", 5}};
+  EXPECT_EQ(near_->Write(out, 4).bytes, 11u);
+  char first[4];
+  char second[100];
+  const MutableBuffer in[] = {{first, sizeof first}, {second, sizeof second}};
+  EXPECT_EQ(far_->Read(in, 2).bytes, 11u);
+  EXPECT_EQ(std::string(first, 4) + std::string(second, 7), "onetwothree");
+}
+
+TEST_P(OsLocalStream, SaysWhenNothingMoreFits) {
+  Connect();
+  Fill(*near_);
+  EXPECT_EQ(Write(*near_, "x").status, IoStatus::kWouldBlock);
+  while (!Read(*far_, 100'000).empty()) {
+  }
+  EXPECT_EQ(Write(*near_, "x").status, IoStatus::kDone);
+}
+
+TEST_P(OsLocalStream, WhatWasSentBeforeTheEndIsStillRead) {
+  Connect();
+  ASSERT_EQ(Write(*near_, "last words").status, IoStatus::kDone);
+  near_.reset();
+  EXPECT_EQ(Read(*far_), "last words");
+  EXPECT_EQ(Read(*far_), "");
+  EXPECT_EQ(last_status_, IoStatus::kClosed);
+  EXPECT_EQ(Write(*far_, "x").status, IoStatus::kClosed);
+}
+
+TEST_P(OsLocalStream, ShutdownEndsBothEnds) {
+  Connect();
+  near_->Shutdown();
+  near_->Shutdown();
+  EXPECT_EQ(Read(*near_), "");
+  EXPECT_EQ(last_status_, IoStatus::kClosed);
+  EXPECT_EQ(Read(*far_), "");
+  EXPECT_EQ(last_status_, IoStatus::kClosed);
+  EXPECT_EQ(Write(*near_, "x").status, IoStatus::kClosed);
+  EXPECT_EQ(Write(*far_, "x").status, IoStatus::kClosed);
+}
+
+TEST_P(OsLocalStream, BothEndsAreOfTheSameUser) {
+  Connect();
+  EXPECT_TRUE(near_->Peer().same_user);
+  EXPECT_TRUE(far_->Peer().same_user);
+}
+
+TEST_P(OsLocalStream, WaitsUntilSomethingCanBeRead) {
+  Connect();
+  EXPECT_FALSE(far_->WaitReadable(0));
+  EXPECT_FALSE(far_->WaitReadable(5));
+  Write(*near_, "x");
+  EXPECT_TRUE(far_->WaitReadable(0));
+  Read(*far_);
+  std::thread writes([this] { Write(*near_, "y"); });
+  EXPECT_TRUE(far_->WaitReadable(30'000));
+  writes.join();
+  Read(*far_);
+  std::thread ends([this] { far_->Shutdown(); });
+  EXPECT_TRUE(far_->WaitReadable(30'000)) << "its own end is something to read";
+  ends.join();
+}
+
+TEST_P(OsLocalStream, AcceptSaysWhenThereIsNobody) {
+  const Listener::Accepted none = listener_->Accept();
+  EXPECT_FALSE(none.stream);
+  EXPECT_EQ(none.status, IoStatus::kWouldBlock);
+}
+
+TEST_P(OsLocalStream, ANameIsTakenOnceAndFreeAfterwards) {
+  EXPECT_EQ(transport_->Listen("name").error, EndpointError::kInUse);
+  EXPECT_TRUE(transport_->Listen("another").value);
+  listener_.reset();
+  EXPECT_EQ(transport_->Connect("name").error, EndpointError::kNobodyListens);
+  EXPECT_TRUE(transport_->Listen("name").value);
+}
+
+TEST_P(OsLocalStream, AWrongNameIsOneForBoth) {
+  for (const char* name : {"", ".x", "a/b"}) {
+    EXPECT_EQ(transport_->Listen(name).error, EndpointError::kNameInvalid);
+    EXPECT_EQ(transport_->Connect(name).error, EndpointError::kNameInvalid);
+    EXPECT_FALSE(transport_->Connect(name).message.empty());
+  }
+}
+
+TEST_P(OsLocalStream, WhoWasNotAcceptedIsEndedWithTheListener) {
+  near_ = transport_->Connect("name").value;
+  ASSERT_TRUE(near_);
+  listener_.reset();
+  Read(*near_);
+  EXPECT_EQ(last_status_, IoStatus::kClosed);
+}
+
+// --- the poller ---
+
+TEST_P(OsLocalStream, AReadinessIsGivenOutOnce) {
+  Connect();
+  ASSERT_TRUE(poller_->Arm(*far_, 7, Poller::kRead));
+  EXPECT_FALSE(poller_->Wait(0));
+  Write(*near_, "x");
+  const auto ready = poller_->Wait(30'000);
+  ASSERT_TRUE(ready);
+  EXPECT_EQ(ready->token, 7u);
+  EXPECT_TRUE(ready->readable);
+  EXPECT_FALSE(ready->writable);
+  Write(*near_, "y");
+  EXPECT_FALSE(poller_->Wait(10)) << "nobody asked again";
+  ASSERT_TRUE(poller_->Arm(*far_, 8, Poller::kRead));
+  EXPECT_EQ(poller_->Wait(30'000)->token, 8u) << "what is ready already is reported at once";
+  poller_->Remove(*far_);
+}
+
+TEST_P(OsLocalStream, ThePollerTellsReadingFromWriting) {
+  Connect();
+  ASSERT_TRUE(poller_->Arm(*near_, 1, Poller::kWrite));
+  auto ready = poller_->Wait(30'000);
+  ASSERT_TRUE(ready);
+  EXPECT_TRUE(ready->writable);
+  EXPECT_FALSE(ready->readable);
+  Fill(*near_);
+  ASSERT_TRUE(poller_->Arm(*near_, 1, Poller::kWrite));
+  EXPECT_FALSE(poller_->Wait(10));
+  while (!Read(*far_, 100'000).empty()) {
+  }
+  ready = poller_->Wait(30'000);
+  ASSERT_TRUE(ready);
+  EXPECT_TRUE(ready->writable);
+  Write(*far_, "x");
+  ASSERT_TRUE(poller_->Arm(*near_, 1, Poller::kRead | Poller::kWrite));
+  ready = poller_->Wait(30'000);
+  ASSERT_TRUE(ready);
+  EXPECT_TRUE(ready->readable);
+  EXPECT_TRUE(ready->writable);
+  poller_->Remove(*near_);
+}
+
+TEST_P(OsLocalStream, TheEndIsReportedWhateverWasAskedFor) {
+  for (const unsigned interest : {0u, Poller::kRead, Poller::kWrite, Poller::kRead | Poller::kWrite}) {
+    for (const bool own : {true, false}) {
+      Connect();
+      ASSERT_TRUE(poller_->Arm(*far_, 9, interest));
+      (own ? far_ : near_)->Shutdown();
+      const auto ready = poller_->Wait(30'000);
+      ASSERT_TRUE(ready) << interest << own;
+      EXPECT_EQ(ready->token, 9u);
+      EXPECT_TRUE(ready->readable || interest == Poller::kWrite);
+      poller_->Remove(*far_);
+    }
+  }
+}
+
+TEST_P(OsLocalStream, WithoutInterestOnlyTheEndIsReported) {
+  Connect();
+  Write(*near_, "x");
+  ASSERT_TRUE(poller_->Arm(*far_, 3, 0));
+  EXPECT_FALSE(poller_->Wait(10));
+  near_.reset();
+  const auto ready = poller_->Wait(30'000);
+  ASSERT_TRUE(ready);
+  EXPECT_TRUE(ready->readable);
+  poller_->Remove(*far_);
+}
+
+TEST_P(OsLocalStream, WhatIsRemovedIsNotReported) {
+  Connect();
+  ASSERT_TRUE(poller_->Arm(*far_, 3, Poller::kRead));
+  poller_->Remove(*far_);
+  Write(*near_, "x");
+  EXPECT_FALSE(poller_->Wait(10));
+  ASSERT_TRUE(poller_->Arm(*far_, 4, Poller::kRead)) << "and may be watched again";
+  EXPECT_EQ(poller_->Wait(30'000)->token, 4u);
+  poller_->Remove(*far_);
+}
+
+TEST_P(OsLocalStream, AListenerIsReadableWhenSomebodyComes) {
+  ASSERT_TRUE(poller_->Arm(*listener_, 5, Poller::kRead));
+  EXPECT_FALSE(poller_->Wait(0));
+  near_ = transport_->Connect("name").value;
+  const auto ready = poller_->Wait(30'000);
+  ASSERT_TRUE(ready);
+  EXPECT_EQ(ready->token, 5u);
+  EXPECT_TRUE(ready->readable);
+  poller_->Remove(*listener_);
+}
+
+TEST_P(OsLocalStream, WakeLetsSoManyThreadsGoNowOrLater) {
+  poller_->Wake(2);
+  EXPECT_FALSE(poller_->Wait(-1));
+  EXPECT_FALSE(poller_->Wait(-1));
+  constexpr unsigned kThreads = 5;
+  std::vector<std::thread> threads;
+  std::atomic<unsigned> returned{0};
+  for (unsigned i = 0; i < kThreads; ++i) {
+    threads.emplace_back([&] {
+      poller_->Wait(-1);
+      ++returned;
+    });
+  }
+  poller_->Wake(kThreads);
+  EXPECT_TRUE(WaitFor([&] { return returned == kThreads; }));
+  for (auto& thread : threads) thread.join();
+}
+
+TEST_P(OsLocalStream, EachReadinessGoesToOneThread) {
+  Connect();
+  constexpr int kThreads = 4;
+  constexpr int kRounds = 200;
+  std::atomic<bool> done{false};
+  std::atomic<int> inside{0};
+  std::atomic<int> taken{0};
+  std::atomic<bool> together{false};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) {
+    threads.emplace_back([&] {
+      while (!done) {
+        const auto ready = poller_->Wait(-1);
+        if (!ready) continue;
+        if (++inside > 1) together = true;
+        char byte = 0;
+        const MutableBuffer buffer{&byte, 1};
+        if (far_->Read(&buffer, 1).status == IoStatus::kDone) ++taken;
+        --inside;
+        poller_->Arm(*far_, 1, Poller::kRead);
+      }
+    });
+  }
+  ASSERT_TRUE(poller_->Arm(*far_, 1, Poller::kRead));
+  for (int i = 0; i < kRounds; ++i) {
+    ASSERT_EQ(Write(*near_, "x").status, IoStatus::kDone);
+    if (i % 10 == 0) {
+      EXPECT_TRUE(WaitFor([&] { return taken == i + 1; }));
+    }
+  }
+  EXPECT_TRUE(WaitFor([&] { return taken == kRounds; }));
+  done = true;
+  poller_->Wake(kThreads);
+  for (auto& thread : threads) thread.join();
+  EXPECT_FALSE(together);
+  poller_->Remove(*far_);
+}
+
+INSTANTIATE_TEST_SUITE_P(System, OsLocalStream, testing::Values(true));
+INSTANTIATE_TEST_SUITE_P(Memory, OsLocalStream, testing::Values(false));
+
+}  // namespace
+}  // namespace os
