@@ -263,6 +263,7 @@ class Tour {
     say_.Note("  " + Program("example_clock_plugin") + " --endpoint " + endpoint_ + " --id guest");
     events_.ForgetAll();  // what the steps above did not care about
     while (const auto event = events_.TakeNext()) say_.Seen(event->text);
+    events_.Resume();  // what remains is worth waiting for
   }
 
   void Stop() {
@@ -370,9 +371,7 @@ void InterruptOnSignal(HostEvents& events) {
   sigaddset(&signals, SIGTERM);
   ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   std::thread([signals, &events] {
-    int signal = 0;
-    ::sigwait(&signals, &signal);
-    events.Interrupt();
+    for (int signal = 0; ::sigwait(&signals, &signal) == 0;) events.Interrupt();
   }).detach();
 }
 

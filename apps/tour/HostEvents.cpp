@@ -95,6 +95,11 @@ void HostEvents::Interrupt() {
   changed_.notify_all();
 }
 
+void HostEvents::Resume() {
+  const std::lock_guard lock(mutex_);
+  interrupted_ = false;
+}
+
 bool HostEvents::IsInterrupted() const {
   const std::lock_guard lock(mutex_);
   return interrupted_;

@@ -28,8 +28,9 @@ class HostEvents {
   static void LogSink(int level, const char* tag, const char* text, void* user);
 
   void Add(const std::string& text);
-  /// Makes every wait end, now and later, until the events are used up.
+  /// Makes every wait for what has not happened yet end, now and later, until Resume.
   void Interrupt();
+  void Resume();
   bool IsInterrupted() const;
 
   /// The first event with this text that was not taken yet, as soon as there is one; nothing after

@@ -1,8 +1,10 @@
 // Endpoints that cannot be opened.
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <string_view>
 
 #include "SystemTest.h"
 
@@ -64,6 +66,27 @@ TEST_F(Endpoint, MayBeStartedTwiceUnderItsNameAndNotUnderAnother) {
   EXPECT_EQ(host_.Start(kEndpoint, {"a"}), TolmLPCFrame::kFrameOk);
   EXPECT_EQ(host_.Start("another", {"a"}), TolmLPCFrame::kFrameFailed);
   EXPECT_TRUE(Call(Request("/a/echo")).came);
+}
+
+HostSide* g_host = nullptr;
+
+// Holds up the start between the endpoint and the list of plugins, until a plugin got through or had time to.
+void HoldUpInit(int /*level*/, const char* /*tag*/, const char* text, void* /*user*/) {
+  if (std::string_view(text).find("CLPCIntegrate::Init]") == std::string_view::npos) return;
+  g_host->WaitForEvent(TolmLPCFrame::kLpcMsgPluginInited, "a", 1, std::chrono::milliseconds(300));
+}
+
+TEST_F(Endpoint, ThatAPluginReachesBeforeTheStartIsOverKnowsThePluginAllTheSame) {
+  ChildProcess& a = LaunchPlugin("a");
+  ASSERT_TRUE(a.WaitForLine("waiting for a frame"));
+  g_host = &host_;
+  TolmLPCFrame::SetLogSink(&HoldUpInit, nullptr);
+  StartFrame({"a"});
+  ASSERT_TRUE(host_.WaitForEvent(TolmLPCFrame::kLpcMsgPluginConnected, "a"));
+  ASSERT_TRUE(host_.WaitForEvent(TolmLPCFrame::kLpcMsgPluginInited, "a"));
+  EXPECT_TRUE(Call(Request("/a/echo")).came);
+  EXPECT_EQ(StopFrame(), TolmLPCFrame::kFrameOk);
+  EXPECT_TRUE(a.WaitForLine("uninit"));
 }
 
 }  // namespace

@@ -355,11 +355,13 @@ TEST_P(BadPeers, ASenderLearnsAtOnceThatItsMessageIsTooLarge) {
   tag_LPCResponseData response;
   EXPECT_EQ(plugin.Ask({"0", many, "x"}, response), lpc::kMessageTooLarge);
   EXPECT_EQ(scene.frame.Ask({"alpha", many, "x"}, response), lpc::kMessageTooLarge);
-  const std::string large(256u << 20, 'x');
-  EXPECT_EQ(plugin.Ask(large), lpc::kMessageTooLarge);
-  EXPECT_EQ(scene.frame.Ask("alpha", large), lpc::kMessageTooLarge);
-  EXPECT_EQ(scene.frame.Notify("alpha", large), lpc::kMessageTooLarge);
-  EXPECT_EQ(scene.frame.Request("alpha", large), 0u);
+  tag_LPCRequestData large{"alpha", {}, std::string(256u << 20, 'x')};
+  int error = lpc::kOk;
+  EXPECT_EQ(scene.frame.core().Send(large, nullptr, error), 0u);
+  EXPECT_EQ(error, lpc::kMessageTooLarge);
+  EXPECT_EQ(scene.frame.Ask(std::move(large), response), lpc::kMessageTooLarge);
+  large = {"0", {}, std::string(256u << 20, 'x')};
+  EXPECT_EQ(plugin.Ask(std::move(large), response), lpc::kMessageTooLarge);
   EXPECT_EQ(plugin.Ask("still connected"), lpc::kOk);
 }
 

@@ -50,6 +50,7 @@ class LpcServer : public testing::Test {
   bool IsConnected(const std::string& id) {
     return WaitFor([&] { return lpcserver::Notify({id, {}, "are you there"}); });
   }
+  bool Meet(PluginEnd& plugin) { return plugin.WaitConnected() && IsConnected(plugin.id()); }
 
   const RuntimeDirectory directory_;
   std::atomic<int> records_{0};
@@ -88,13 +89,13 @@ TEST_F(LpcServer, CallsAfterUninitFailHarmlessly) {
   EXPECT_TRUE(lpcserver::StopListen());
   Begin();
   PluginEnd plugin(os::SystemTransport(), "alpha");
-  EXPECT_TRUE(IsConnected("alpha"));
+  EXPECT_TRUE(Meet(plugin));
 }
 
 TEST_F(LpcServer, AllKindsOfMessages) {
   Begin();
   PluginEnd plugin(os::SystemTransport(), "alpha");
-  ASSERT_TRUE(IsConnected("alpha"));
+  ASSERT_TRUE(Meet(plugin));
   const tag_LPCRequestData request{"alpha", {{"url", "/u"}}, "body"};
   tag_LPCResponseData response;
   EXPECT_TRUE(lpcserver::Send(response, request, "/u", kLong));
@@ -207,7 +208,7 @@ TEST_F(LpcServer, AnEndpointOfAKilledProcessIsTakenOver) {
       << "it had no chance to clean up";
   Begin();
   PluginEnd plugin(os::SystemTransport(), "alpha");
-  EXPECT_TRUE(IsConnected("alpha"));
+  EXPECT_TRUE(Meet(plugin));
 }
 
 TEST_F(LpcServer, AKilledPluginFailsItsWaitersAndIsReported) {
@@ -254,7 +255,7 @@ TEST_F(LpcServer, StatisticsCountOverSeveralEndpoints) {
   for (int i = 0; i < 3; ++i) {
     Begin();
     PluginEnd plugin(os::SystemTransport(), "alpha");
-    ASSERT_TRUE(IsConnected("alpha"));
+    ASSERT_TRUE(Meet(plugin));
     ASSERT_TRUE(lpcserver::StopListen());
   }
   EXPECT_EQ(lpcserver::GetStatistics().connections, before.connections + 3);
@@ -267,14 +268,14 @@ TEST_F(LpcServer, OptionsHoldFromTheNextListen) {
   lpcserver::SetOptions(options);
   Begin();
   PluginEnd plugin(os::SystemTransport(), "alpha");
-  ASSERT_TRUE(IsConnected("alpha"));
+  ASSERT_TRUE(Meet(plugin));
   EXPECT_FALSE(lpcserver::Notify({"alpha", {}, std::string(1000, 'x')}));
   EXPECT_EQ(lpcserver::GetLPCLastError(), lpc::kMessageTooLarge);
   lpcserver::SetOptions({});
   EXPECT_FALSE(lpcserver::Notify({"alpha", {}, std::string(1000, 'x')}));
   EXPECT_TRUE(lpcserver::StopListen());
   EXPECT_TRUE(lpcserver::StartListen(kEndpoint));
-  ASSERT_TRUE(IsConnected("alpha"));
+  ASSERT_TRUE(Meet(plugin));
   EXPECT_TRUE(lpcserver::Notify({"alpha", {}, std::string(1000, 'x')}));
 }
 
@@ -295,7 +296,7 @@ TEST_F(LpcServer, SeveralThreadsStopAndStart) {
   }
   for (auto& thread : threads) thread.join();
   EXPECT_TRUE(lpcserver::StartListen(kEndpoint));
-  EXPECT_TRUE(IsConnected("alpha"));
+  EXPECT_TRUE(Meet(plugin));
 }
 
 TEST_F(LpcServer, AllCallsWorkFromInsideTheCallback) {
@@ -318,7 +319,7 @@ TEST_F(LpcServer, AllCallsWorkFromInsideTheCallback) {
   };
   Begin();
   PluginEnd plugin(os::SystemTransport(), "alpha");
-  ASSERT_TRUE(IsConnected("alpha"));
+  ASSERT_TRUE(Meet(plugin));
   ASSERT_TRUE(plugin.client().Notify({"0", {}, "go"}));
   EXPECT_TRUE(WaitFor([&] { return done.load(); }, std::chrono::milliseconds(kLong)));
 }

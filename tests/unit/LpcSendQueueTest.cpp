@@ -25,6 +25,7 @@ class Taker final : public os::Stream {
   Taker() : os::Stream(0) {}
   os::IoResult Read(const os::MutableBuffer*, std::size_t) override { return {os::IoStatus::kWouldBlock}; }
   os::IoResult Write(const os::ConstBuffer* buffers, std::size_t count) override {
+    if (on_write_) on_write_();
     const std::lock_guard lock(mutex_);
     ++writes_;
     if (status_ != os::IoStatus::kDone) return {status_};
@@ -46,6 +47,7 @@ class Taker final : public os::Stream {
     const std::lock_guard lock(mutex_);
     room_ = room;
   }
+  void OnWrite(std::function<void()> on_write) { on_write_ = std::move(on_write); }
   void AtMostAtATime(std::size_t bytes) { at_most_ = bytes; }
   void FailAt(int write) { fails_at_ = write; }
   void Always(os::IoStatus status) { status_ = status; }
@@ -61,6 +63,7 @@ class Taker final : public os::Stream {
   std::size_t room_ = std::string::npos;
   std::size_t at_most_ = 1u << 30;
   int fails_at_ = 0;
+  std::function<void()> on_write_;
   int writes_ = 0;
   os::IoStatus status_ = os::IoStatus::kDone;
 };
@@ -157,7 +160,7 @@ TEST_F(LpcSendQueue, LongMetaIsCutIntoChunksAsWell) {
   EXPECT_EQ(ReadBack(stream_.taken()), std::vector<std::string>{"body"});
 }
 
-TEST_F(LpcSendQueue, LargeOnesTakeTurnsAndSmallOnesOvertakeThem) {
+TEST_F(LpcSendQueue, SmallOnesOvertakeLargeOnesWhichKeepTheirOrder) {
   stream_.Room(0);
   const std::string first(1'000'000, '1');
   const std::string second(500'000, '2');
@@ -166,7 +169,27 @@ TEST_F(LpcSendQueue, LargeOnesTakeTurnsAndSmallOnesOvertakeThem) {
   EXPECT_EQ(Send("small"), Outcome::kQueued);
   stream_.Room(std::string::npos);
   EXPECT_EQ(queue_.Resume(), Outcome::kSent);
-  EXPECT_EQ(ReadBack(stream_.taken()), (std::vector<std::string>{"small", second, first}));
+  EXPECT_EQ(ReadBack(stream_.taken()), (std::vector<std::string>{"small", first, second}));
+}
+
+// Whenever something is written, more small ones come: the large one is sent all the same.
+TEST_F(LpcSendQueue, SmallOnesWithoutEndDoNotHoldUpALargeOne) {
+  stream_.Room(0);
+  const std::string large(1'000'000, 'l');
+  EXPECT_EQ(Send("in front"), Outcome::kBlocked);
+  EXPECT_EQ(Send(large), Outcome::kQueued);
+  stream_.OnWrite([this] {
+    for (int i = 0; i < 100; ++i) Send("small");
+  });
+  stream_.Room(std::string::npos);
+  for (int turn = 0; turn < 5; ++turn) queue_.Resume();
+  stream_.OnWrite({});
+  while (queue_.Resume() == Outcome::kBlocked) {
+  }
+  const auto bodies = ReadBack(stream_.taken());
+  const auto found = std::find(bodies.begin(), bodies.end(), large);
+  ASSERT_NE(found, bodies.end());
+  EXPECT_GT(bodies.end() - found, 1000) << "long before the last of the small ones";
 }
 
 TEST_F(LpcSendQueue, TheBytesOfAQueuedMessageAreItsOwn) {

@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "TolmBase/LogLine.h"
 #include "os/ThreadName.h"
@@ -67,15 +68,16 @@ struct CMessageLoopDyThreadPool::Core : std::enable_shared_from_this<Core> {
   // These want `mutex` to be held.
   bool AddThread();
   /// Sees to it that somebody comes for the queue: wakes an idle thread, or makes one. One at a time, since
-  /// whoever comes and finds more calls the next one; a burst thus costs no wake-up for each task. False
-  /// when a thread is wanted and cannot be made.
-  bool CallAnother();
+  /// whoever comes and finds more calls the next one; a burst thus costs no wake-up for each task.
+  enum class Called { kEnough, kShort, kNewlyShort };  // short: one is wanted and cannot be made
+  Called CallAnother();
   /// Waits for work or a stop. True when neither came until `idle_end`, which the first wait after a
   /// task sets.
   bool IsIdleTooLong(std::unique_lock<std::mutex>& lock, std::uint64_t own_generation,
                      std::optional<TimePoint>& idle_end);
   void EndOwnThread(std::unique_lock<std::mutex>& lock);
 
+  void WarnOfShortage() const;
   /// The life of a thread that was made in `own_generation`.
   void ThreadMain(std::uint64_t own_generation);
 
@@ -123,16 +125,22 @@ bool CMessageLoopDyThreadPool::Core::AddThread() {
   return true;
 }
 
-bool CMessageLoopDyThreadPool::Core::CallAnother() {
-  if (state != State::kRunning || queue.empty() || is_one_coming) return true;
+CMessageLoopDyThreadPool::Core::Called CMessageLoopDyThreadPool::Core::CallAnother() {
+  if (state != State::kRunning || queue.empty() || is_one_coming) return Called::kEnough;
   if (idle > 0) {
     is_one_coming = true;
     work_or_stop.notify_one();
-    return true;
+    return Called::kEnough;
   }
-  if (members.size() >= max_threads) return true;
+  if (members.size() >= max_threads) return Called::kEnough;
   is_one_coming = AddThread();
-  return is_one_coming;
+  const bool was_short = std::exchange(is_short_of_threads, !is_one_coming);
+  if (is_one_coming) return Called::kEnough;
+  return was_short ? Called::kShort : Called::kNewlyShort;
+}
+
+void CMessageLoopDyThreadPool::Core::WarnOfShortage() const {
+  TOLM_LOG(kLogLevelWarning, "TolmBase", "The pool %s cannot make another thread", name.c_str());
 }
 
 bool CMessageLoopDyThreadPool::Core::IsIdleTooLong(std::unique_lock<std::mutex>& lock,
@@ -177,8 +185,9 @@ void CMessageLoopDyThreadPool::Core::ThreadMain(std::uint64_t own_generation) {
     if (!queue.empty()) {
       std::unique_ptr<CTask> task = std::move(queue.front());
       queue.pop_front();
-      CallAnother();
+      const Called called = CallAnother();
       lock.unlock();
+      if (called == Called::kNewlyShort) WarnOfShortage();
       RunAndDestroy(std::move(task));
       lock.lock();
       idle_end.reset();
@@ -279,15 +288,13 @@ bool CMessageLoopDyThreadPool::PostTask(CTask* task) {
   std::unique_ptr<CTask> owned(task);
   if (!owned) return false;
   Core& core = *core_;
-  bool is_newly_short = false;
+  auto called = Core::Called::kEnough;
   {
     const std::lock_guard lock(core.mutex);
     if (core.state == Core::State::kStopped) return false;
     core.queue.push_back(std::move(owned));
-    const bool is_short = !core.CallAnother();
-    is_newly_short = is_short && !core.is_short_of_threads;
-    core.is_short_of_threads = is_short;
-    if (is_short && core.members.empty()) {
+    called = core.CallAnother();
+    if (called != Core::Called::kEnough && core.members.empty()) {
       owned = std::move(core.queue.back());
       core.queue.pop_back();
     }
@@ -295,8 +302,8 @@ bool CMessageLoopDyThreadPool::PostTask(CTask* task) {
   if (owned) {
     TOLM_LOG(kLogLevelError, "TolmBase", "The pool %s has no thread for a task and can make none",
              core.name.c_str());
-  } else if (is_newly_short) {
-    TOLM_LOG(kLogLevelWarning, "TolmBase", "The pool %s cannot make another thread", core.name.c_str());
+  } else if (called == Core::Called::kNewlyShort) {
+    core.WarnOfShortage();
   }
   return owned == nullptr;
 }

@@ -83,7 +83,8 @@ void IoLoop::Stop() {
     thread_ended_.notify_all();
   }
   poller_->Wake(static_cast<unsigned>(threads_));
-  thread_ended_.wait(lock, [this] { return threads_ == stoppers_; });
+  // From outside also for those inside Stop: their callbacks are about to go on.
+  thread_ended_.wait(lock, [this, own] { return threads_ == (own ? stoppers_ : 0); });
   if (own) --stoppers_;
   JoinEndedLocked();
   // What is left is inside Stop itself, and ends when its callback does.

@@ -62,8 +62,8 @@ class IoLoop : public std::enable_shared_from_this<IoLoop> {
 
   /// False when not a single thread can be made.
   bool Start();
-  /// Runs no more callbacks, destroys what is queued, and waits for the threads, but for those that are
-  /// themselves inside Stop. May be called several times, from any thread.
+  /// Runs no more callbacks, destroys what is queued, and waits for the threads; on one of these, not for
+  /// itself and those that are inside Stop as well. May be called several times, from any thread.
   void Stop();
   bool IsOwnThread() const;
 

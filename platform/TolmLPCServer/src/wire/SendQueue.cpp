@@ -227,6 +227,7 @@ SendQueue::Outcome SendQueue::Write(std::unique_lock<std::mutex>& lock) {
     if (result.status != os::IoStatus::kDone) break;
     std::size_t bytes = result.bytes;
     while (bytes > 0 && !items_.empty()) {
+      if (items_.front()->chunked()) small_ones_passed_ = false;
       bytes = items_.front()->Advance(bytes);
       if (!items_.front()->done()) break;
       (items_.front()->control() ? control_bytes_ : queued_bytes_) -= items_.front()->size();
@@ -237,10 +238,12 @@ SendQueue::Outcome SendQueue::Write(std::unique_lock<std::mutex>& lock) {
   return StopWritingLocked(Outcome::kBroken);
 }
 
-// Between two frames of a large message the small ones that have come meanwhile go first. Large ones keep
+// Between two frames of a large message the small ones that have come meanwhile go first, once: those that
+// come while they go wait for the next frame, so that it is sent however many they are. Large ones keep
 // their order: taking turns they would all be done late.
 void SendQueue::LetSmallOnesPassLocked() {
   if (items_.size() < 2 || !items_.front()->chunked() || !items_.front()->at_frame_start()) return;
+  if (std::exchange(small_ones_passed_, true)) return;
   std::stable_partition(items_.begin(), items_.end(), [](const auto& item) { return !item->chunked(); });
 }
 

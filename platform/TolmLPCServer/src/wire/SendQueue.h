@@ -74,6 +74,7 @@ class SendQueue {
   bool writing_ = false;  // a thread writes
   bool blocked_ = false;  // nobody writes, since the stream takes nothing
   bool closed_ = false;
+  bool small_ones_passed_ = false;  // the large message in front, since its latest frame
   std::condition_variable idle_;
   int waiters_ = 0;
   std::uint16_t last_stream_ = 0;  // of the messages in chunks
