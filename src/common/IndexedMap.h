@@ -25,6 +25,9 @@ class IndexedMap {
     return found == index_.end() ? nullptr : &found->second->second;
   }
 
+  /// All entries, in order.
+  const std::map<std::string, T>& ordered() const { return map_; }
+
   void InsertOrAssign(const std::string& key, T value) {
     if (const auto found = index_.find(key); found != index_.end()) {
       found->second->second = std::move(value);

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "FrameScript.h"
+#include "InitLogical.h"
 #include "TolmBase/FileUtil.h"
 #include "TolmBase/StringUtil.h"
 
@@ -39,6 +40,11 @@ class FrameLifecycle : public FrameTest {
       EXPECT_TRUE(transport_.Deliver(InitFinish("A")));
       EXPECT_TRUE(transport_.Deliver(Message().From("A").Url("/host")));
       return true;
+    };
+    // The start goes on once the pool's two first threads have each taken one of the four.
+    guard_.init_manager = [](std::int32_t) {
+      return WaitFor(
+          [] { return Tolm::Base::CSingleton<CMessageLoopForNetCallBack>::Instance().QueuedCount() <= 2; });
     };
   }
   void ExpectEarlyMessagesHandled() {

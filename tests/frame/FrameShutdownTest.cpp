@@ -257,6 +257,7 @@ TEST_F(FrameShutdown, TheEndForgetsTheUrlsAndKeepsThePlugins) {
   std::int32_t time_out = 0;
   EXPECT_FALSE(Registry().FindDstIdByUrl(id, "/x"));
   EXPECT_FALSE(Registry().IsUrlFromPlugin(time_out, "/x"));
+  EXPECT_THAT(TimeoutsByUrl(Registry()), IsEmpty());
   EXPECT_THAT(UrlsOfHost(Registry()), IsEmpty());
   EXPECT_TRUE(Registry().GetPluginInitState("A"));
   EXPECT_EQ(Registry().GetPluginData().at("A").connect_state, 1);

@@ -1,6 +1,5 @@
 #include "RegistryInside.h"
 
-#include <map>
 #include <mutex>
 #include <utility>
 
@@ -75,6 +74,10 @@ void ForgetEverything(CLPCIntegrate& registry) {
 
 void ForgetTimeout(CLPCIntegrate& registry, const std::string& lower_case_url) {
   (registry.*Reach(Timeouts())).Write([&](auto& timeouts) { timeouts.Erase(lower_case_url); });
+}
+
+std::map<std::string, std::int32_t> TimeoutsByUrl(const CLPCIntegrate& registry) {
+  return (registry.*Reach(Timeouts())).Read([](const auto& timeouts) { return timeouts.ordered(); });
 }
 
 std::vector<std::string> UrlsOfHost(const CLPCIntegrate& registry) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -14,6 +15,8 @@ namespace tolm::test {
 void ForgetEverything(TolmLPCFrame::CLPCIntegrate& registry);
 /// Makes the registry forget the time-out of one url, as if its registration stood halfway.
 void ForgetTimeout(TolmLPCFrame::CLPCIntegrate& registry, const std::string& lower_case_url);
+/// The registered time-outs by url, also those of urls that nobody serves any more.
+std::map<std::string, std::int32_t> TimeoutsByUrl(const TolmLPCFrame::CLPCIntegrate& registry);
 /// The urls that the host registered as its own.
 std::vector<std::string> UrlsOfHost(const TolmLPCFrame::CLPCIntegrate& registry);
 std::int32_t TypeOfFrame(const TolmLPCFrame::CLPCIntegrate& registry);

@@ -27,6 +27,7 @@ TEST_F(KilledPlugin, IsReportedAtOnce) {
 TEST_F(KilledPlugin, FailsTheCallsThatWaitForIt) {
   StartFrame({"a"});
   ChildProcess& a = StartPlugin("a");
+  ASSERT_TRUE(a.WaitForLine("ready"));
   auto first = std::async(std::launch::async, [] { return Call(Request("/a/block"), 60s); });
   auto second = std::async(std::launch::async, [] { return Call(Request("/a/block"), 60s); });
   ASSERT_TRUE(a.WaitForLine("blocked\nblocked"));

@@ -42,6 +42,7 @@ int RunAsHost(int count, const char* const* arguments) {
   Say("init " + std::to_string(result));
   if (result != 0) return 1;
   for (const std::string& id : plugins) {
+    if (!host.WaitForEvent(TolmLPCFrame::kLpcMsgPluginConnected, id)) return 1;
     if (!host.WaitForEvent(TolmLPCFrame::kLpcMsgPluginInited, id)) return 1;
     Say("inited " + id);
   }

@@ -253,6 +253,35 @@ TEST_P(Pressure, AFloodIsReadOnWhileAnAnswerIsAwaitedFromItButNotWithoutEnd) {
   EXPECT_EQ(frame.statistics().cut_off, 1u);
 }
 
+TEST_P(Pressure, WhatACutOffPeerSentIsNotReadAnyMore) {
+  lpc::Options options;
+  options.max_inbound_bytes = kMiB;
+  options.stall_ms = 100;
+  Gate gate;
+  LogCapture log(4);
+  std::atomic<std::size_t> delivered{0};
+  FrameEnd frame(transport(), options, [&](FrameEnd&, const tag_LPCCallBackData& data) {
+    if (!FrameEnd::StatusIn(data).empty()) return;
+    ++delivered;
+    gate.Wait();
+  });
+  ASSERT_EQ(frame.Listen(), lpc::kOk);
+  RawPeer raw(transport(), frame, "flood");
+  ASSERT_TRUE(raw.connected());
+  const std::string one = FrameBytes(FrameType::kNotify, MessageBytes(std::string(5'000, 'f')));
+  Flood flood(raw, one);
+  const std::size_t taken = flood.Until([&] { return Names(log, "MayReadMore", "flood"); });
+  // It is cut off for taking nothing while the system still holds much of what it said.
+  while (frame.Notify("flood", std::string(10'000, 'x')) == lpc::kOk) {
+  }
+  ASSERT_TRUE(WaitFor([&] { return frame.statistics().cut_off == 1; }));
+  gate.Open();
+  ASSERT_TRUE(frame.WaitStatus("flood", "disconnected"));
+  EXPECT_TRUE(WaitFor([&] { return delivered >= kMiB / (one.size() + 1000); }));
+  frame.Stop();
+  EXPECT_LT(delivered, taken / one.size());
+}
+
 // A plugin that is slowed down, and one that is alive, may be the same.
 TEST_P(Pressure, APeerThatIsNotReadFromKeepsItsId) {
   lpc::Options options;

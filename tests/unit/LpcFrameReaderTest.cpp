@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 #include <string>
 #include <vector>
@@ -59,7 +60,7 @@ class Found final : public FrameSink {
       if (direct > 0) std::memcpy(place.data, bytes.data(), direct);
       reader.CommitDirect(direct, *this);
       bytes.remove_prefix(direct);
-      const std::size_t fed = std::min<std::size_t>(bytes.size(), 100);
+      const std::size_t fed = std::min({bytes.size(), std::size_t{100}, reader.NeededForFrame()});
       if (!Feed(bytes.substr(0, fed))) return false;
       bytes.remove_prefix(fed);
     }
@@ -193,16 +194,24 @@ TEST(LpcFrameReader, BoundsIncompleteMessagesInEitherWayOfReading) {
   options.max_queue_bytes = 100'000;
   for (const bool direct : {false, true}) {
     Found all(options);
-    const std::string piece = Message(std::string(150'000, 'h')).substr(0, 100'000);
+    const std::string begin = Message(std::string(150'000, 'h')).substr(0, 100);
+    const std::string piece(50'000, 'h');
     std::size_t sent = 0;
     bool taken = true;
-    for (std::uint16_t stream = 1; taken && stream < 100; ++stream) {
-      const std::string frame = Frame(FrameType::kNotify, piece, 0, kFlagMore, stream);
+    for (std::uint16_t stream = 1; taken && stream <= 10; ++stream) {
+      taken = all.Feed(Frame(FrameType::kNotify, begin, 0, kFlagMore, stream));
+      sent += begin.size();
+    }
+    ASSERT_TRUE(taken);
+    // Two pieces of each of the ten; no message is complete with that.
+    for (std::uint16_t i = 0; taken && i < 20; ++i) {
+      const std::string frame =
+          Frame(FrameType::kChunk, piece, 0, kFlagMore, static_cast<std::uint16_t>(i % 10 + 1));
       taken = direct ? all.FeedToItsPlace(frame) : all.Feed(frame);
       if (taken) sent += piece.size();
     }
     EXPECT_FALSE(taken);
-    EXPECT_EQ(sent, 500'000u) << "twice a message and a queue";
+    EXPECT_EQ(sent, 451'000u) << "one piece more would be above twice a message and a queue";
     EXPECT_EQ(all.reader.violation_code(), kMessageTooLarge);
   }
 }

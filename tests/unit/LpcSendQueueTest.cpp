@@ -274,6 +274,22 @@ TEST_F(LpcSendQueue, AClosedQueueTakesNothing) {
   queue_.WaitUntilSent(std::chrono::steady_clock::now() + std::chrono::seconds(30));
 }
 
+TEST_F(LpcSendQueue, WhatWasWrittenWholeWasSentEvenIfThePeerHasGoneByThen) {
+  stream_.OnWrite([this] { queue_.Close(); });
+  EXPECT_EQ(Send("read, answered and over"), Outcome::kSent);
+  EXPECT_EQ(ReadBack(stream_.taken()).size(), 1u);
+  EXPECT_EQ(Send("too late"), Outcome::kBroken);
+}
+
+TEST_F(LpcSendQueue, WhatWasWrittenInPartWasNotSentWhenThePeerHasGone) {
+  stream_.AtMostAtATime(10);
+  stream_.OnWrite([this] {
+    if (stream_.writes() == 1) queue_.Close();
+  });
+  stream_.Room(20);
+  EXPECT_EQ(Send("not all of it fits"), Outcome::kBroken);
+}
+
 TEST_F(LpcSendQueue, ABrokenStreamIsReported) {
   for (const os::IoStatus status : {os::IoStatus::kClosed, os::IoStatus::kFailed}) {
     Taker stream;
