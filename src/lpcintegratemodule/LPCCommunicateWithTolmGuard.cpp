@@ -22,6 +22,8 @@ bool CLPCCommunicateWithTolmGuard::SetProcessGuardStateList(const std::map<std::
   return false;
 }
 
-bool CLPCCommunicateWithTolmGuard::NotifyFrameUninit() { return false; }
+bool CLPCCommunicateWithTolmGuard::NotifyFrameUninit() {
+  return false;
+}
 
 }  // namespace TolmLPCFrame

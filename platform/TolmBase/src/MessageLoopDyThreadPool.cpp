@@ -100,7 +100,7 @@ struct CMessageLoopDyThreadPool::Core : std::enable_shared_from_this<Core> {
   std::size_t min_threads = 0;
   std::size_t max_threads = 0;
   std::chrono::seconds idle_time{0};
-  bool is_one_coming = false;  // a thread was called and has not looked at the queue yet
+  bool is_one_coming = false;        // a thread was called and has not looked at the queue yet
   bool is_short_of_threads = false;  // the last attempt to add a thread failed
   /// Raised by Start and Reopen. A thread of an earlier generation, whose own task stopped the pool,
   /// leaves the queue and the counters to the later ones.

@@ -1,9 +1,9 @@
 #pragma once
 
+#include <unistd.h>
 #include <cerrno>
 #include <string>
 #include <system_error>
-#include <unistd.h>
 #include <utility>
 
 namespace os {

@@ -1,7 +1,7 @@
 #include "os/ExecutablePath.h"
 
-#include <climits>
 #include <unistd.h>
+#include <climits>
 
 namespace os {
 

@@ -3,13 +3,13 @@
 // <name>.sock is the socket, <name>.lock is locked (flock) by the process that listens for as long as it
 // lives; the system frees the lock of a killed process. Whoever holds the lock may replace the socket.
 
-#include <cstdlib>
-#include <cstring>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <cstdlib>
+#include <cstring>
 
 #include "Descriptor.h"
 #include "UnixStream.h"
@@ -143,8 +143,8 @@ class UnixTransport final : public LocalTransport {
     Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!socket) return Fail<Listener>(EndpointError::kFailed, SystemMessage("making a socket"));
     const auto* generic = reinterpret_cast<const sockaddr*>(address.value.get());
-    if (::bind(socket.get(), generic, sizeof(sockaddr_un)) != 0 ||
-        ::chmod(socket_path.c_str(), 0600) != 0 || ::listen(socket.get(), kBacklog) != 0) {
+    if (::bind(socket.get(), generic, sizeof(sockaddr_un)) != 0 || ::chmod(socket_path.c_str(), 0600) != 0 ||
+        ::listen(socket.get(), kBacklog) != 0) {
       return Fail<Listener>(EndpointError::kFailed, SystemMessage("listening on " + socket_path));
     }
     return {std::make_unique<UnixListener>(std::move(socket), std::move(*lock.value), socket_path, lock_path),

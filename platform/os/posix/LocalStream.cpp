@@ -1,11 +1,11 @@
 #include "os/LocalStream.h"
 
-#include <array>
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <array>
 
 #include "Descriptor.h"
 #include "UnixStream.h"
@@ -16,10 +16,14 @@ namespace {
 constexpr std::size_t kMaxBuffers = 64;
 constexpr std::uint64_t kWakeToken = 0;  // no source has it
 
-bool IsWouldBlock(int error) { return error == EAGAIN || error == EWOULDBLOCK || error == EINTR; }
+bool IsWouldBlock(int error) {
+  return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
+}
 
 // Peers that vanish end a stream in more than one way; all of them mean the same.
-bool IsClosed(int error) { return error == EPIPE || error == ECONNRESET || error == ENOTCONN; }
+bool IsClosed(int error) {
+  return error == EPIPE || error == ECONNRESET || error == ENOTCONN;
+}
 
 IoResult Failure(int error) {
   if (IsWouldBlock(error)) return {IoStatus::kWouldBlock};
@@ -113,7 +117,9 @@ bool UnixStream::WaitReadable(int timeout_ms) {
   return ::poll(&watched, 1, timeout_ms) != 0;
 }
 
-void UnixStream::Shutdown() noexcept { ::shutdown(socket_.get(), SHUT_RDWR); }
+void UnixStream::Shutdown() noexcept {
+  ::shutdown(socket_.get(), SHUT_RDWR);
+}
 
 PeerIdentity UnixStream::Peer() const {
   ucred credentials{};

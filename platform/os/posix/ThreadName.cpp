@@ -1,7 +1,7 @@
 #include "os/ThreadName.h"
 
-#include <cstring>
 #include <pthread.h>
+#include <cstring>
 
 namespace os {
 

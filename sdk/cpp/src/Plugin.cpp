@@ -12,7 +12,9 @@ namespace TolmPlugin {
 Plugin::Plugin(std::string id, std::string description)
     : core_(std::make_shared<Core>(std::move(id), std::move(description))) {}
 
-Plugin::~Plugin() { core_->Stop(); }
+Plugin::~Plugin() {
+  core_->Stop();
+}
 
 Plugin& Plugin::Serve(const std::string& url, Handler handler, int time_out_ms) {
   core_->urls.Add(url, std::move(handler), time_out_ms);
@@ -49,17 +51,29 @@ Plugin& Plugin::OnAnswer(AnswerHandler handler) {
   return *this;
 }
 
-bool Plugin::Start(const std::string& endpoint) { return core_->Start(endpoint); }
+bool Plugin::Start(const std::string& endpoint) {
+  return core_->Start(endpoint);
+}
 
-bool Plugin::WaitReady(int time_out_ms) const { return core_->WaitReady(time_out_ms); }
+bool Plugin::WaitReady(int time_out_ms) const {
+  return core_->WaitReady(time_out_ms);
+}
 
-void Plugin::WaitEnd() const { core_->WaitEnd(); }
+void Plugin::WaitEnd() const {
+  core_->WaitEnd();
+}
 
-void Plugin::Stop() { core_->Stop(); }
+void Plugin::Stop() {
+  core_->Stop();
+}
 
-const std::string& Plugin::id() const { return core_->id; }
+const std::string& Plugin::id() const {
+  return core_->id;
+}
 
-int Plugin::LastError() { return lpcclient::GetLPCLastError(); }
+int Plugin::LastError() {
+  return lpcclient::GetLPCLastError();
+}
 
 namespace {
 

@@ -117,12 +117,15 @@ void Plugin::Core::Disconnected(const std::string& reason) {
 
 void Plugin::Core::RegisterAgainAndAgain() {
   const auto began = std::chrono::steady_clock::now();
-  if (const auto thrown = WhatItThrew([this] { if (on_init) on_init(); })) {
+  if (const auto thrown = WhatItThrew([this] {
+        if (on_init) on_init();
+      })) {
     TOLM_LOG(Tolm::Base::kLogLevelError, kTag, "the init hook failed, so the plugin is never ready: %s",
              thrown->c_str());
     return;
   }
-  const auto cost = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - began);
+  const auto cost =
+      std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - began);
 
   proto::CRapidJsonProto init_finish;
   init_finish.set_v("/method", "InitFinish");
@@ -150,7 +153,9 @@ void Plugin::Core::RegisterAgainAndAgain() {
       ready_ = true;
       changed_.notify_all();
     }
-    if (const auto thrown = WhatItThrew([this] { if (on_ready) on_ready(); })) {
+    if (const auto thrown = WhatItThrew([this] {
+          if (on_ready) on_ready();
+        })) {
       TOLM_LOG(Tolm::Base::kLogLevelError, kTag, "the ready hook failed: %s", thrown->c_str());
     }
   }
@@ -256,7 +261,9 @@ void Plugin::Core::Uninit() {
     const std::lock_guard lock(mutex_);
     if (std::exchange(uniniting_, true)) return;  // asked again; the answer is on its way
   }
-  if (const auto thrown = WhatItThrew([this] { if (on_uninit) on_uninit(); })) {
+  if (const auto thrown = WhatItThrew([this] {
+        if (on_uninit) on_uninit();
+      })) {
     TOLM_LOG(Tolm::Base::kLogLevelError, kTag, "the uninit hook failed: %s", thrown->c_str());
   }
   tag_LPCNotifyData finished;

@@ -62,8 +62,8 @@ class Plugin::Core : public std::enable_shared_from_this<Core> {
   bool ready_ = false;
   bool uniniting_ = false;
   bool ended_ = false;
-  int connection_ = 0;           // counts connections
-  std::string awaited_nonce_;    // what comes back when the registration is in force
+  int connection_ = 0;         // counts connections
+  std::string awaited_nonce_;  // what comes back when the registration is in force
   bool confirmed_ = false;
 };
 

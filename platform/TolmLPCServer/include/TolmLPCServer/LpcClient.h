@@ -28,7 +28,7 @@ struct Settings {
   std::string endpoint;  ///< the name that the frame listens under
   lpc::Options options;
   os::LocalTransport* transport = nullptr;  ///< null: the system's own; must outlive the client
-  int reconnect_first_ms = 10;   ///< the pause after a lost connection; doubled each time, with jitter
+  int reconnect_first_ms = 10;  ///< the pause after a lost connection; doubled each time, with jitter
   int reconnect_cap_ms = 40;    ///< up to this: an attempt costs microseconds, and a frame is soon found
 
   /// An inbound message. On threads of the client, several at a time; may block and may send.

@@ -22,12 +22,12 @@ struct Options {
 
 /// What happened so far, for diagnostics. Counters only grow.
 struct Statistics {
-  std::uint64_t peers = 0;              ///< connected now
-  std::uint64_t connections = 0;        ///< handshakes completed
-  std::uint64_t refused = 0;            ///< connections refused or cut off before their handshake ended
-  std::uint64_t cut_off = 0;            ///< peers disconnected for what they did, or did not do
-  std::uint64_t late_replies = 0;       ///< replies that nobody waited for any more
-  std::uint64_t undelivered = 0;        ///< inbound messages dropped for want of a callback
+  std::uint64_t peers = 0;         ///< connected now
+  std::uint64_t connections = 0;   ///< handshakes completed
+  std::uint64_t refused = 0;       ///< connections refused or cut off before their handshake ended
+  std::uint64_t cut_off = 0;       ///< peers disconnected for what they did, or did not do
+  std::uint64_t late_replies = 0;  ///< replies that nobody waited for any more
+  std::uint64_t undelivered = 0;   ///< inbound messages dropped for want of a callback
 };
 
 }  // namespace lpc

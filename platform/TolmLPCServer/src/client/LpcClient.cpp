@@ -133,11 +133,11 @@ int CLpcClient::Core::Start() {
     if (state_ != State::kNew) return lpc::kFailed;
     state_ = State::kRunning;
     pause_ms_ = settings_.reconnect_first_ms;
-    loop_ = std::make_shared<lpc::wire::IoLoop>(
-        std::move(poller), settings_.options, "LpcClient", [self](TimePoint now) {
-          const auto core = self.lock();
-          return core ? core->Housekeeping(now) : TimePoint::max();
-        });
+    loop_ = std::make_shared<lpc::wire::IoLoop>(std::move(poller), settings_.options, "LpcClient",
+                                                [self](TimePoint now) {
+                                                  const auto core = self.lock();
+                                                  return core ? core->Housekeeping(now) : TimePoint::max();
+                                                });
   }
   if (!loop_->Start()) return lpc::kFailed;
   loop_->RunHousekeepingBy(TimePoint::min());
@@ -175,7 +175,9 @@ bool CLpcClient::Core::WaitConnected(int time_out) const {
   return state_ == State::kRunning && link_ && link_->IsOpen();
 }
 
-bool CLpcClient::Core::IsConnected() const { return OpenLink() != nullptr; }
+bool CLpcClient::Core::IsConnected() const {
+  return OpenLink() != nullptr;
+}
 
 std::shared_ptr<lpc::wire::Link> CLpcClient::Core::OpenLink() const {
   const std::lock_guard lock(mutex_);
@@ -226,7 +228,8 @@ void CLpcClient::Core::Connect() {
     AttemptFailed(lpc::kRefused, "the endpoint belongs to another user");
     return;
   }
-  const auto link = std::make_shared<lpc::wire::Link>(std::move(connected.value), loop_, settings_.options, *this);
+  const auto link =
+      std::make_shared<lpc::wire::Link>(std::move(connected.value), loop_, settings_.options, *this);
   const TimePoint until = lpc::wire::IoLoop::Clock::now() + Milliseconds(settings_.options.handshake_ms);
   {
     const std::lock_guard lock(mutex_);
@@ -375,15 +378,25 @@ lpc::wire::OutgoingMessage Outgoing(lpc::wire::FrameType type, std::uint64_t id,
 
 CLpcClient::CLpcClient(Settings settings) : core_(std::make_shared<Core>(std::move(settings))) {}
 
-CLpcClient::~CLpcClient() { core_->Stop(); }
+CLpcClient::~CLpcClient() {
+  core_->Stop();
+}
 
-bool CLpcClient::Start() { return lpc::Conclude(core_->Start()); }
+bool CLpcClient::Start() {
+  return lpc::Conclude(core_->Start());
+}
 
-bool CLpcClient::WaitConnected(int time_out) const { return core_->WaitConnected(time_out); }
+bool CLpcClient::WaitConnected(int time_out) const {
+  return core_->WaitConnected(time_out);
+}
 
-bool CLpcClient::IsConnected() const { return core_->IsConnected(); }
+bool CLpcClient::IsConnected() const {
+  return core_->IsConnected();
+}
 
-void CLpcClient::Stop() { core_->Stop(); }
+void CLpcClient::Stop() {
+  core_->Stop();
+}
 
 std::uint64_t CLpcClient::Send(tag_LPCRequestData&& request) {
   const std::uint64_t id = core_->NextId(false);
@@ -392,8 +405,7 @@ std::uint64_t CLpcClient::Send(tag_LPCRequestData&& request) {
 }
 
 bool CLpcClient::Send(tag_LPCResponseData& response, tag_LPCRequestData&& request, int time_out) {
-  auto message =
-      Outgoing(lpc::wire::FrameType::kRequest, core_->NextId(true), core_->settings().id, request);
+  auto message = Outgoing(lpc::wire::FrameType::kRequest, core_->NextId(true), core_->settings().id, request);
   message.flags = lpc::wire::kFlagWaiting;
   message.time_out_ms = static_cast<std::uint32_t>(std::max(0, time_out));
   return core_->Attempt([&](lpc::wire::Link& link) {
@@ -424,8 +436,12 @@ bool CLpcClient::Reject(std::uint64_t msg_id, const std::string& reason) {
   });
 }
 
-lpc::Statistics CLpcClient::GetStatistics() const { return core_->GetStatistics(); }
+lpc::Statistics CLpcClient::GetStatistics() const {
+  return core_->GetStatistics();
+}
 
-int GetLPCLastError() { return lpc::LastError(); }
+int GetLPCLastError() {
+  return lpc::LastError();
+}
 
 }  // namespace lpcclient

@@ -168,13 +168,16 @@ bool StopListen() {
   return lpc::Conclude(lpc::kOk);
 }
 
-std::uint64_t Send(const tag_LPCRequestData& request) { return SendRequest(request, nullptr); }
-std::uint64_t Send(tag_LPCRequestData&& request) { return SendRequest(request, &request.body); }
+std::uint64_t Send(const tag_LPCRequestData& request) {
+  return SendRequest(request, nullptr);
+}
+std::uint64_t Send(tag_LPCRequestData&& request) {
+  return SendRequest(request, &request.body);
+}
 
 bool Send(tag_LPCResponseData& response, const tag_LPCRequestData& request, std::string url, int time_out) {
-  return Attempt([&](lpc::ServerCore& core) {
-    return core.SendAndWait(response, request, nullptr, url, time_out);
-  });
+  return Attempt(
+      [&](lpc::ServerCore& core) { return core.SendAndWait(response, request, nullptr, url, time_out); });
 }
 
 bool Send(tag_LPCResponseData& response, tag_LPCRequestData&& request, std::string url, int time_out) {
@@ -199,7 +202,9 @@ bool Notify(tag_LPCNotifyData&& notify) {
   return Attempt([&](lpc::ServerCore& core) { return core.Notify(notify, &notify.body); });
 }
 
-int GetLPCLastError() { return lpc::LastError(); }
+int GetLPCLastError() {
+  return lpc::LastError();
+}
 
 lpc::Statistics GetStatistics() {
   std::shared_ptr<lpc::ServerCore> core;

@@ -16,10 +16,14 @@ constexpr auto kAcceptPause = std::chrono::milliseconds(100);
 
 int FromEndpointError(os::EndpointError error) {
   switch (error) {
-    case os::EndpointError::kNone: return kOk;
-    case os::EndpointError::kNameInvalid: return kEndpointNameInvalid;
-    case os::EndpointError::kInUse: return kEndpointInUse;
-    default: return kEndpointFailed;
+    case os::EndpointError::kNone:
+      return kOk;
+    case os::EndpointError::kNameInvalid:
+      return kEndpointNameInvalid;
+    case os::EndpointError::kInUse:
+      return kEndpointInUse;
+    default:
+      return kEndpointFailed;
   }
 }
 
@@ -238,8 +242,8 @@ void ServerCore::TellRefused(wire::Link& link, int error, const std::string& rea
 wire::HandshakeStep ServerCore::OnHandshake(wire::Link& link, const wire::FrameHeader& header,
                                             std::string_view payload) {
   if (link.IsOpen()) {
-    const std::string reason = "a frame of type " + std::to_string(static_cast<int>(header.type)) +
-                               " after the handshake";
+    const std::string reason =
+        "a frame of type " + std::to_string(static_cast<int>(header.type)) + " after the handshake";
     link.SendNotice(wire::FrameType::kGoodbye, 0, kProtocol, reason);
     link.CutOff(kProtocol, reason);
     return wire::HandshakeStep::kClose;
@@ -254,9 +258,10 @@ wire::HandshakeStep ServerCore::OnHandshake(wire::Link& link, const wire::FrameH
     return wire::HandshakeStep::kClose;
   }
   if (hello.lowest_version > wire::kProtocolVersion || hello.highest_version < wire::kProtocolVersion) {
-    Refuse(link, kProtocol, "it speaks versions " + std::to_string(hello.lowest_version) + " to " +
-                                std::to_string(hello.highest_version) + ", this end speaks " +
-                                std::to_string(wire::kProtocolVersion));
+    Refuse(link, kProtocol,
+           "it speaks versions " + std::to_string(hello.lowest_version) + " to " +
+               std::to_string(hello.highest_version) + ", this end speaks " +
+               std::to_string(wire::kProtocolVersion));
     return wire::HandshakeStep::kClose;
   }
   if (!wire::IsPeerId(hello.id)) {
@@ -316,7 +321,9 @@ void ServerCore::Admit(const std::shared_ptr<wire::Link>& link, const std::strin
   if (stopping_.load()) link->FailSenders(kPeerGone);
 }
 
-void ServerCore::OnPong(wire::Link& link) { RefuseForHolder(link); }
+void ServerCore::OnPong(wire::Link& link) {
+  RefuseForHolder(link);
+}
 
 // The holder of an id lives: whoever asked for that id is refused.
 void ServerCore::RefuseForHolder(const wire::Link& holder) {
@@ -393,7 +400,8 @@ void ServerCore::ListenFailed(int system_error) {
   data.dst_id = kFrameId;
   data.body = R"({"method":"serverListenFailed","errorCode":")" + std::to_string(system_error) +
               R"(","errorModule":"TolmLPCServer"})";
-  loop_->Post(std::make_unique<DeliverTask>(shared_from_this(), std::weak_ptr<wire::Link>(), std::move(data)));
+  loop_->Post(
+      std::make_unique<DeliverTask>(shared_from_this(), std::weak_ptr<wire::Link>(), std::move(data)));
 }
 
 ServerCore::TimePoint ServerCore::Housekeeping(TimePoint now) {
@@ -436,8 +444,8 @@ ServerCore::TimePoint ServerCore::Housekeeping(TimePoint now) {
     if (now < deadline) {
       next = std::min(next, deadline);
     } else {
-      link->CutOff(kTimeOut, "it took nothing of what was sent to it for " +
-                                 std::to_string(options_.stall_ms) + " ms");
+      link->CutOff(kTimeOut,
+                   "it took nothing of what was sent to it for " + std::to_string(options_.stall_ms) + " ms");
     }
   }
   if (accept) AcceptAll();

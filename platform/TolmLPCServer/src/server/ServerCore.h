@@ -91,12 +91,12 @@ class ServerCore final : public wire::LinkOwner, public std::enable_shared_from_
   os::LocalTransport& transport_;
   const Options options_;
   const Deliver deliver_;
-  std::shared_ptr<wire::IoLoop> loop_;       // set by Start
-  std::shared_ptr<Acceptor> acceptor_;       // set by Start
+  std::shared_ptr<wire::IoLoop> loop_;  // set by Start
+  std::shared_ptr<Acceptor> acceptor_;  // set by Start
   PeerTable peers_;
 
   std::atomic<std::uint64_t> next_id_{1};
-  std::atomic<bool> started_{false};   // loop_ is there
+  std::atomic<bool> started_{false};  // loop_ is there
   std::atomic<bool> stopping_{false};
   std::atomic<std::uint64_t> connections_{0};
   std::atomic<std::uint64_t> refused_{0};

@@ -103,8 +103,7 @@ bool DecodeNotice(Notice& notice, std::string_view payload) {
 }
 
 bool IsPeerId(std::string_view id) {
-  return !id.empty() && id.size() <= kMaxIdSize && id != "0" &&
-         std::none_of(id.begin(), id.end(), IsControl);
+  return !id.empty() && id.size() <= kMaxIdSize && id != "0" && std::none_of(id.begin(), id.end(), IsControl);
 }
 
 }  // namespace lpc::wire

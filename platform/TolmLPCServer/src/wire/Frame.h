@@ -12,18 +12,18 @@
 namespace lpc::wire {
 
 enum class FrameType : std::uint8_t {
-  kHello = 1,          // client: versions, capabilities, its id
-  kWelcome = 2,        // server: the version and capabilities in force
-  kRefuse = 3,         // server: a code and a reason; the connection ends
-  kGoodbye = 4,        // either: a code and a reason; the connection ends
-  kPing = 5,           // either
-  kPong = 6,           // the answer to it
-  kRequest = 16,       // a message that wants a reply
-  kReply = 17,         // the message that answers the request with the same id
-  kNotify = 18,        // a message that nobody answers
-  kChunk = 19,         // more of the message with the same stream number
-  kCancel = 20,        // the sender of the request with this id waits no longer
-  kUndeliverable = 21, // the request with this id will not be answered; a code
+  kHello = 1,           // client: versions, capabilities, its id
+  kWelcome = 2,         // server: the version and capabilities in force
+  kRefuse = 3,          // server: a code and a reason; the connection ends
+  kGoodbye = 4,         // either: a code and a reason; the connection ends
+  kPing = 5,            // either
+  kPong = 6,            // the answer to it
+  kRequest = 16,        // a message that wants a reply
+  kReply = 17,          // the message that answers the request with the same id
+  kNotify = 18,         // a message that nobody answers
+  kChunk = 19,          // more of the message with the same stream number
+  kCancel = 20,         // the sender of the request with this id waits no longer
+  kUndeliverable = 21,  // the request with this id will not be answered; a code
 };
 
 /// Frames of unknown types from here on are skipped; below, they end the connection.

@@ -87,9 +87,9 @@ class FrameReader {
   bool in_frame_ = false;
   std::size_t frame_left_ = 0;
   std::string control_payload_;
-  bool skip_ = false;             // the frame is of an unknown optional type
-  Assembly* current_ = nullptr;   // the message of the frame that is under way
-  Assembly whole_;                // a message without chunks
+  bool skip_ = false;            // the frame is of an unknown optional type
+  Assembly* current_ = nullptr;  // the message of the frame that is under way
+  Assembly whole_;               // a message without chunks
   std::map<std::uint16_t, Assembly> streams_;
   std::size_t held_ = 0;
   std::size_t direct_size_ = 0;

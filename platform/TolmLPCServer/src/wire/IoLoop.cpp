@@ -38,7 +38,9 @@ IoLoop::IoLoop(std::unique_ptr<os::Poller> poller, const Options& options, const
 
 IoLoop::~IoLoop() = default;
 
-bool IoLoop::IsOwnThread() const { return own_loop == this; }
+bool IoLoop::IsOwnThread() const {
+  return own_loop == this;
+}
 
 bool IoLoop::Start() {
   const std::lock_guard lock(mutex_);
@@ -105,7 +107,9 @@ void IoLoop::Unregister(os::Pollable& source, std::uint64_t token) {
 }
 
 // A thread of the loop that is not in a callback looks at the queue before it waits.
-bool IoLoop::TakesWorkNext() const { return IsOwnThread() && !in_callback; }
+bool IoLoop::TakesWorkNext() const {
+  return IsOwnThread() && !in_callback;
+}
 
 void IoLoop::Post(Work work) {
   const std::lock_guard lock(mutex_);
@@ -174,7 +178,8 @@ IoLoop::Work IoLoop::TakeWorkLocked() {
   if (free_ <= 1) {
     // The last one that is not in a callback: it stays, unless somebody can take its place.
     const bool may_start = stuck_ || threads_ == 1;
-    const bool started = may_start && threads_ < static_cast<std::size_t>(std::max(2, options_.max_threads)) &&
+    const bool started = may_start &&
+                         threads_ < static_cast<std::size_t>(std::max(2, options_.max_threads)) &&
                          StartThreadLocked();
     if (!started) {
       WatchLocked();

@@ -111,16 +111,16 @@ class IoLoop : public std::enable_shared_from_this<IoLoop> {
   std::unordered_map<std::uint64_t, std::weak_ptr<IoHandler>> handlers_;
   std::uint64_t last_token_ = 0;
   std::deque<Work> queue_;
-  std::uint64_t taken_ = 0;          // works taken out of the queue so far
-  std::size_t threads_ = 0;          // that have not ended
-  std::size_t free_ = 0;             // of these, not inside a callback
-  std::size_t stoppers_ = 0;         // of these, inside Stop
+  std::uint64_t taken_ = 0;   // works taken out of the queue so far
+  std::size_t threads_ = 0;   // that have not ended
+  std::size_t free_ = 0;      // of these, not inside a callback
+  std::size_t stoppers_ = 0;  // of these, inside Stop
   std::unordered_map<std::thread::id, std::thread> handles_;
   std::vector<std::thread> ended_;  // to be joined
 
   Clock::time_point timekeeper_until_ = Clock::time_point::max();  // when a waiting thread looks again
-  bool watching_ = false;        // the queue is looked at every few milliseconds
-  bool stuck_ = false;           // callbacks block: threads are added as they are needed
+  bool watching_ = false;  // the queue is looked at every few milliseconds
+  bool stuck_ = false;     // callbacks block: threads are added as they are needed
   std::uint64_t taken_at_last_look_ = 0;
   int quiet_looks_ = 0;
   Clock::time_point next_look_;

@@ -22,7 +22,9 @@ constexpr std::size_t kParamOverhead = 128;
 
 // Ids of requests for which a thread waits are odd, so that a reply that comes too late is told from one
 // that belongs to an asynchronous request. Only the requester reads this out of the id.
-constexpr bool IsWaitingId(std::uint64_t id) { return (id & 1) != 0; }
+constexpr bool IsWaitingId(std::uint64_t id) {
+  return (id & 1) != 0;
+}
 
 char* ReadBuffer() {
   thread_local std::unique_ptr<char[]> buffer(new char[kReadBuffer]);
@@ -65,7 +67,8 @@ class Link::Sink final : public FrameSink {
   Link& link_;
 };
 
-Link::Link(std::unique_ptr<os::Stream> stream, std::shared_ptr<IoLoop> loop, const Options& options, LinkOwner& owner)
+Link::Link(std::unique_ptr<os::Stream> stream, std::shared_ptr<IoLoop> loop, const Options& options,
+           LinkOwner& owner)
     : stream_(std::move(stream)),
       loop_(std::move(loop)),
       options_(options),
@@ -74,7 +77,9 @@ Link::Link(std::unique_ptr<os::Stream> stream, std::shared_ptr<IoLoop> loop, con
       queue_(*stream_, options_),
       reader_(options_) {}
 
-Link::~Link() { pending_.FailAll(kPeerGone); }
+Link::~Link() {
+  pending_.FailAll(kPeerGone);
+}
 
 bool Link::Begin() {
   token_ = loop_->Register(weak_from_this());
@@ -182,7 +187,8 @@ void Link::SendControl(FrameType type, std::uint64_t message_id, const std::stri
   const SendQueue::Outcome outcome = queue_.SendControl(type, message_id, payload);
   if (outcome == SendQueue::Outcome::kBlocked) AskForWritability();
   if (outcome == SendQueue::Outcome::kBroken) CutOff(kPeerGone, kNotWritable);
-  if (outcome == SendQueue::Outcome::kFull) CutOff(kQueueFull, "it does not take the answers to what it sends");
+  if (outcome == SendQueue::Outcome::kFull)
+    CutOff(kQueueFull, "it does not take the answers to what it sends");
 }
 
 void Link::SendNotice(FrameType type, std::uint64_t message_id, int code, const std::string& reason) {
@@ -355,9 +361,14 @@ void Link::HandleControl(const FrameHeader& header, std::string_view payload, Si
     }
     default:
       switch (owner_.OnHandshake(*this, header, payload)) {
-        case HandshakeStep::kReadOn: return;
-        case HandshakeStep::kHold: sink.hold = true; return;
-        case HandshakeStep::kClose: sink.goodbye = true; return;
+        case HandshakeStep::kReadOn:
+          return;
+        case HandshakeStep::kHold:
+          sink.hold = true;
+          return;
+        case HandshakeStep::kClose:
+          sink.goodbye = true;
+          return;
       }
   }
 }

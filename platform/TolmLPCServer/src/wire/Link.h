@@ -66,7 +66,8 @@ class LinkOwner {
 class Link final : public IoHandler, public std::enable_shared_from_this<Link> {
  public:
   /// `owner` must outlive the loop's threads.
-  Link(std::unique_ptr<os::Stream> stream, std::shared_ptr<IoLoop> loop, const Options& options, LinkOwner& owner);
+  Link(std::unique_ptr<os::Stream> stream, std::shared_ptr<IoLoop> loop, const Options& options,
+       LinkOwner& owner);
   ~Link();
 
   /// Begins to read. False when the poller has no room.

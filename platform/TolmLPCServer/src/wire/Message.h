@@ -15,7 +15,7 @@ namespace lpc::wire {
 inline constexpr std::size_t kPrefixSize = 12;
 
 struct MessagePrefix {
-  std::uint32_t meta_size = 0;    // ids and params
+  std::uint32_t meta_size = 0;  // ids and params
   std::uint32_t body_size = 0;
   std::uint32_t time_out_ms = 0;  // how long the requester waits; 0: it does not say
   /// Bytes of the whole message.

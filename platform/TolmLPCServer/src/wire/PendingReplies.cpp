@@ -53,7 +53,9 @@ std::shared_ptr<Waiter> Waiter::ForThisThread() {
   return kept;
 }
 
-PendingReplies::~PendingReplies() { assert(waiters_.empty()); }
+PendingReplies::~PendingReplies() {
+  assert(waiters_.empty());
+}
 
 bool PendingReplies::Add(std::uint64_t id, std::shared_ptr<Waiter> waiter) {
   const std::lock_guard lock(mutex_);
@@ -71,7 +73,9 @@ std::shared_ptr<Waiter> PendingReplies::Take(std::uint64_t id) {
   return waiter;
 }
 
-bool PendingReplies::Remove(std::uint64_t id) { return Take(id) != nullptr; }
+bool PendingReplies::Remove(std::uint64_t id) {
+  return Take(id) != nullptr;
+}
 
 bool PendingReplies::Complete(InboundMessage&& reply) {
   const auto waiter = Take(reply.id);

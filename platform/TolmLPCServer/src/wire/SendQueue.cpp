@@ -117,7 +117,8 @@ class SendQueue::Item {
     frame_left_ = std::min(payload_left_, kChunkPayload);
     payload_left_ -= frame_left_;
     header_.payload_size = static_cast<std::uint32_t>(frame_left_);
-    header_.flags = static_cast<std::uint8_t>((header_.flags & ~kFlagMore) | (payload_left_ > 0 ? kFlagMore : 0));
+    header_.flags =
+        static_cast<std::uint8_t>((header_.flags & ~kFlagMore) | (payload_left_ > 0 ? kFlagMore : 0));
     header_bytes_ = EncodeHeader(header_);
     header_left_ = kHeaderSize;
   }
@@ -128,10 +129,10 @@ class SendQueue::Item {
   std::string owned_;
   FrameHeader header_;
   HeaderBytes header_bytes_{};
-  std::size_t header_left_ = 0;               // of the current frame's header
-  std::size_t frame_left_ = 0;                // of the current frame's payload
-  std::size_t payload_left_ = 0;              // of the message, behind the current frame
-  std::size_t position_ = kHeaderSize;        // in head and body together
+  std::size_t header_left_ = 0;         // of the current frame's header
+  std::size_t frame_left_ = 0;          // of the current frame's payload
+  std::size_t payload_left_ = 0;        // of the message, behind the current frame
+  std::size_t position_ = kHeaderSize;  // in head and body together
   bool chunked_;
   bool control_ = false;
 };
@@ -161,7 +162,8 @@ SendQueue::Outcome SendQueue::Send(const OutgoingMessage& message) {
   return Enqueue(std::move(kept));
 }
 
-SendQueue::Outcome SendQueue::SendControl(FrameType type, std::uint64_t message_id, const std::string& payload) {
+SendQueue::Outcome SendQueue::SendControl(FrameType type, std::uint64_t message_id,
+                                          const std::string& payload) {
   return Enqueue(std::make_unique<Item>(type, message_id, payload));
 }
 

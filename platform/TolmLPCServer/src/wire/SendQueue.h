@@ -71,8 +71,8 @@ class SendQueue {
   std::deque<std::unique_ptr<Item>> items_;
   std::size_t queued_bytes_ = 0;   // of messages
   std::size_t control_bytes_ = 0;  // of control frames
-  bool writing_ = false;  // a thread writes
-  bool blocked_ = false;  // nobody writes, since the stream takes nothing
+  bool writing_ = false;           // a thread writes
+  bool blocked_ = false;           // nobody writes, since the stream takes nothing
   bool closed_ = false;
   bool small_ones_passed_ = false;  // the large message in front, since its latest frame
   std::condition_variable idle_;

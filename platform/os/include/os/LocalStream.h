@@ -114,8 +114,8 @@ class Poller {
   virtual ~Poller() = default;
 
   /// Asks for one readiness of `source`, replacing what was asked for before: kRead, kWrite, both, or 0
-  /// for its end only. `token`, which is not 0, comes back with it. What is ready already is reported at once. False
-  /// when the system has no room for it.
+  /// for its end only. `token`, which is not 0, comes back with it. What is ready already is reported at
+  /// once. False when the system has no room for it.
   virtual bool Arm(Pollable& source, std::uint64_t token, unsigned interest) = 0;
   /// Watches `source` no longer. A readiness that another thread took out already may still be reported.
   virtual void Remove(Pollable& source) = 0;
@@ -128,11 +128,11 @@ class Poller {
 
 enum class EndpointError {
   kNone,
-  kNameInvalid,   ///< not 1 to 64 letters, digits, '.', '_' or '-' that do not begin with '.'
-  kInUse,         ///< a living process listens under this name
-  kNobodyListens, ///< for Connect
-  kBusy,          ///< for Connect: somebody listens and has no room at the moment
-  kFailed,        ///< the system said no
+  kNameInvalid,    ///< not 1 to 64 letters, digits, '.', '_' or '-' that do not begin with '.'
+  kInUse,          ///< a living process listens under this name
+  kNobodyListens,  ///< for Connect
+  kBusy,           ///< for Connect: somebody listens and has no room at the moment
+  kFailed,         ///< the system said no
 };
 
 /// A result with the reason when there is none; `message` is for people and says what was tried.
