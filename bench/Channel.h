@@ -24,6 +24,13 @@ enum class Task : std::uint32_t {
   kExpect,      ///< wait until `count` more notifications have been handled
   kRegister,    ///< register `count` urls beginning with number `size`
   kIdlePeers,   ///< connect `count` more clients that do nothing
+  // A host. Each is answered when it is done.
+  kStartFrame,    ///< start the frame as frame_type `size` with `count` listed plugins; milliseconds
+  kStartPlugins,  ///< wait for the guard that frame_type 1 brings, and have it start them
+  kAwaitInit,     ///< wait until plugin `size` has initialised for the `count`-th time; when, in seconds
+  kForgetPeak,    ///< forget how much memory was resident at most; how much is, in KiB
+  kPeak,          ///< how much was resident at most since then, in KiB
+  kStopFrame,     ///< stop the frame in order
 };
 
 struct Order {

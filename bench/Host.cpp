@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "TolmLPCFrameDiagnostics.h"
 #include "TolmLPCServer/LpcError.h"
 #include "Urls.h"
 
@@ -23,9 +24,11 @@ Host::Host(const std::string& endpoint, const std::vector<std::string>& ids) {
   TolmLPCFrame::PlatformInfo info;
   for (const std::string& id : ids) info.plugin_map[id].plugin_id = id;
   TolmLPCFrame::RegisterLpcMsgCallback(Callback, this);
-  if (TolmLPCFrame::TolmLPCFrameInit(endpoint, info) != TolmLPCFrame::kFrameOk) {
-    throw std::runtime_error("the frame does not start");
-  }
+  // There is no LpcFrame.xml beside this program, so that the guard's endpoint stays out of the figures.
+  TolmLPCFrame::SetLogStderrLevel(TolmLPCFrame::kLogNothing);
+  const int result = TolmLPCFrame::TolmLPCFrameInit(endpoint, info);
+  TolmLPCFrame::SetLogStderrLevel(TolmLPCFrame::kLogError);
+  if (result != TolmLPCFrame::kFrameOk) throw std::runtime_error("the frame does not start");
 }
 
 void Host::WaitForPlugin(const std::string& id) {

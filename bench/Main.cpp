@@ -36,6 +36,16 @@ constexpr Measurement kMeasurements[] = {
     {"memory", "resident memory of the host with idle plugins", MeasureMemory},
     {"start", "TolmLPCFrameInit to the first answered call", MeasureStart},
     {"log", "a log line that nobody wants", MeasureUnwantedLogLine},
+    {"ports", "who holds which port, on a busy machine; raw: the same files read once and not looked into",
+     MeasurePortTables},
+    {"endpoint", "TolmLPCFrameInit with the guard's endpoint; raw: without LpcFrame.xml, hence without it",
+     MeasureGuardEndpoint},
+    {"guard", "a guard's question and its answer; raw: as many bytes over a bare loopback TCP socket",
+     MeasureGuardMessages},
+    {"return", "kill -9 of a plugin to its successor's InitFinish; raw: the plugin started directly",
+     MeasureReturn},
+    {"large", "a guard's text of 60 MiB: how much memory of the host it takes, in copies of it",
+     MeasureLargeGuardText},
     {"raw again", "the yardstick once more: has the machine changed its pace?", MeasureRaw},
 };
 
@@ -54,6 +64,8 @@ struct Options {
 int RunRole(const Options& options) {
   if (options.role == "raw") return RunRawRole();
   if (options.role == "idle") return RunIdleRole(options.endpoint, options.id);
+  if (options.role == "host") return RunHostRole(options.endpoint);
+  if (options.role == "guarded") return RunGuardedRole(options.endpoint, options.id);
   return RunPluginRole(options.endpoint, options.id);
 }
 

@@ -34,6 +34,11 @@ std::vector<Row> MeasureLookUp(const Settings& settings);
 std::vector<Row> MeasureMemory(const Settings& settings);
 std::vector<Row> MeasureStart(const Settings& settings);
 std::vector<Row> MeasureUnwantedLogLine(const Settings& settings);
+std::vector<Row> MeasurePortTables(const Settings& settings);
+std::vector<Row> MeasureGuardEndpoint(const Settings& settings);
+std::vector<Row> MeasureGuardMessages(const Settings& settings);
+std::vector<Row> MeasureReturn(const Settings& settings);
+std::vector<Row> MeasureLargeGuardText(const Settings& settings);
 
 /// A body's size, and how many exchanges make up a round with it.
 struct BodySize {

@@ -121,6 +121,13 @@ int RunPluginRole(const std::string& endpoint, const std::string& id) {
   return 0;
 }
 
+int RunGuardedRole(const std::string& endpoint, const std::string& id) {
+  TolmPlugin::Plugin plugin(id);
+  if (!plugin.Start(endpoint)) return 1;
+  plugin.WaitEnd();
+  return 0;
+}
+
 int RunIdleRole(const std::string& endpoint, const std::string& id) {
   Channel channel(kChildDescriptor);
   std::vector<std::unique_ptr<lpcclient::CLpcClient>> clients;

@@ -27,6 +27,7 @@ namespace {
 // A signal that comes just before the wait does not end that.
 constexpr int kLookAtSignalMs = 200;
 constexpr int kHighestPriority = -20;
+constexpr char kRuntimeVariable[] = "XDG_RUNTIME_DIR";
 
 volatile std::sig_atomic_t g_signal = 0;
 
@@ -89,7 +90,9 @@ bool RaisePriority() {
 
 }  // namespace
 
-Child::Child(const std::vector<std::string>& arguments) {
+Child::Child(const std::vector<std::string>& arguments) : Child("/proc/self/exe", arguments) {}
+
+Child::Child(const std::string& program, const std::vector<std::string>& arguments) {
   std::array<int, 2> ends{};
   if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) Fail("no socket for a child");
   channel_ = std::make_unique<Channel>(ends[0]);
@@ -106,7 +109,7 @@ Child::Child(const std::vector<std::string>& arguments) {
     // The descriptor must be open in the new program, wherever the pair happened to be.
     if (ends[1] == kChildDescriptor) ::fcntl(ends[1], F_SETFD, 0);
     if (ends[1] != kChildDescriptor) ::dup2(ends[1], kChildDescriptor);
-    ::execv("/proc/self/exe", argv.data());
+    ::execv(program.c_str(), argv.data());
     ::_exit(127);
   }
   ::close(ends[1]);
@@ -120,6 +123,26 @@ Child::~Child() {
 std::vector<double> Child::Do(Task task, std::size_t size, std::size_t count) {
   channel_->Send({task, static_cast<std::uint32_t>(size), count});
   return channel_->TakeAnswer();
+}
+
+Copy::Copy(const std::function<void()>& work) {
+  std::fflush(nullptr);
+  const pid_t parent = ::getpid();
+  process_ = ::fork();
+  if (process_ < 0) Fail("no process for a copy");
+  if (process_ > 0) return;
+  EndWith(parent);
+  try {
+    work();
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "frame_bench: %s\n", error.what());
+    ::_exit(1);
+  }
+  ::_exit(0);
+}
+
+Copy::~Copy() {
+  Kill(process_);
 }
 
 std::string RunApart(const std::function<std::string()>& work, int time_out_seconds) {
@@ -174,12 +197,16 @@ int LastCore() {
 RuntimeFolder::RuntimeFolder()
     : path_((std::filesystem::temp_directory_path() / "tolm-bench-XXXXXX").string()) {
   if (::mkdtemp(path_.data()) == nullptr) Fail("no folder for the endpoints");
-  ::setenv("XDG_RUNTIME_DIR", path_.c_str(), 1);
+  ::setenv(kRuntimeVariable, path_.c_str(), 1);
 }
 
 RuntimeFolder::~RuntimeFolder() {
   std::error_code ignored;
   std::filesystem::remove_all(path_, ignored);
+}
+
+std::string RuntimeFolder::Path() {
+  return std::getenv(kRuntimeVariable);
 }
 
 void EndInOrderOnSignals() {

@@ -17,6 +17,8 @@ namespace bench {
 class Child {
  public:
   explicit Child(const std::vector<std::string>& arguments);
+  /// A copy of this program that lies elsewhere.
+  Child(const std::string& program, const std::vector<std::string>& arguments);
   /// Ends it.
   ~Child();
   Child(const Child&) = delete;
@@ -29,6 +31,21 @@ class Child {
  private:
   pid_t process_ = -1;
   std::unique_ptr<Channel> channel_;
+};
+
+/// A copy of this process that does `work` and ends. To be made while this process has one thread.
+class Copy {
+ public:
+  explicit Copy(const std::function<void()>& work);
+  /// Ends it.
+  ~Copy();
+  Copy(const Copy&) = delete;
+  Copy& operator=(const Copy&) = delete;
+
+  pid_t process() const { return process_; }
+
+ private:
+  pid_t process_ = -1;
 };
 
 /// In a child: the channel to the process that made it.
@@ -54,6 +71,9 @@ class RuntimeFolder {
   ~RuntimeFolder();
   RuntimeFolder(const RuntimeFolder&) = delete;
   RuntimeFolder& operator=(const RuntimeFolder&) = delete;
+
+  /// Where it is, in all processes of the run.
+  static std::string Path();
 
  private:
   std::string path_;

@@ -15,6 +15,10 @@ std::string ServiceUrl(std::uint64_t number, const char* what, const std::string
 
 }  // namespace
 
+std::string PluginName(std::size_t number) {
+  return "plugin-" + std::to_string(number);
+}
+
 std::string EchoUrl(const std::string& id) {
   return UrlOf(id, "echo");
 }

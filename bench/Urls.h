@@ -2,6 +2,7 @@
 
 // Every url that is used here, and the plugins' names.
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -9,6 +10,9 @@ namespace bench {
 
 inline constexpr char kServingPlugin[] = "server";
 inline constexpr char kCallingPlugin[] = "caller";
+
+/// The plugins of a host that is a process of its own, by number.
+std::string PluginName(std::size_t number);
 
 /// What each plugin of this program serves; a request may have any number for "<ID>".
 std::string EchoUrl(const std::string& id);    ///< answers with the body of the request

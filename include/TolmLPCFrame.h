@@ -100,9 +100,11 @@ struct PluginInfo {
 /// Given to TolmLPCFrameInit.
 struct PlatformInfo {
   std::map<std::string, PluginInfo> plugin_map;  ///< key: the plugin id
-  std::string frame_full_path;                   ///< full path of the host's executable
-  std::int32_t frame_type = 0;                   ///< 1: the frame also starts and ends the agent (not yet)
-  std::string str_edition_config;                ///< only logged
+  /// Full path of the host's executable. The guard looks for plugins in its folder, and with frame_type 1
+  /// the agent is started from there: TolmAgent/TolmAgent/TolmAgent_Exe64.exe below it.
+  std::string frame_full_path;
+  std::int32_t frame_type = 0;     ///< 1: the frame also starts and ends the agent
+  std::string str_edition_config;  ///< only logged
 };
 
 /// The host's callback. Called from threads of the frame, several at a time, with no lock held; it may
@@ -121,9 +123,10 @@ inline constexpr int kFrameAlreadyInitialised = -9;
 /// call repeats the start: the same endpoint name succeeds, another one gives -8.
 TOLM_LPCFRAME_API int TolmLPCFrameInit(const std::string& lpc_server_name, const PlatformInfo& info);
 
-/// Stops the frame: asks every connected plugin to uninitialise, waits for at most about ten seconds
-/// for their answers, then ends the worker threads and the endpoint. When it has returned, no callback
-/// starts any more. Returns 0, or -8 when the frame was never started.
+/// Stops the frame: tells the guard to restart nobody (three seconds when no guard answers), asks every
+/// connected plugin to uninitialise, waits for at most about ten seconds for their answers, for
+/// frame_type 1 ends the agent (at most five seconds), then ends the worker threads and both endpoints.
+/// When it has returned, no callback starts any more. Returns 0, or -8 when the frame was never started.
 TOLM_LPCFRAME_API int TolmLPCFrameUnInit();
 
 /// Sets the one callback and the pointer that it is given, replacing the earlier pair. Null removes it.
@@ -152,12 +155,12 @@ TOLM_LPCFRAME_API bool SyncSend(LPCData& response, const LPCData& request, int t
 /// reaches the callback as a message with msg_type 1 and the same msg_id.
 TOLM_LPCFRAME_API bool AsyncSend(std::uint64_t& msg_id, const LPCData& data);
 
-/// Tells the guard that the plugins may be started with `plugin_cmdline`. May block for about fifteen
-/// seconds when no guard answers. (This version has no link to a guard yet: the call is only logged.)
+/// Tells the guard that the plugins of the list given at the start, but for those that are not_verified,
+/// may be started with `plugin_cmdline`. A guard that connects later, or again, is told then. The first
+/// call may block for about fifteen seconds when no guard answers.
 TOLM_LPCFRAME_API void TolmLPCFrameNotifyStartPlugins(const std::string& plugin_cmdline);
 
 /// Asks the guard to start one plugin of the list given at the start; an unknown id is only logged.
-/// (This version has no link to a guard yet: the call is only logged.)
 TOLM_LPCFRAME_API void TolmLPCFrameStartPlugin(const std::string& plugin_id);
 
 /// Why the latest transport operation of the calling thread failed; 0 when it did not fail. The codes

@@ -1,6 +1,7 @@
 #include "InitLogical.h"
 
 #include <atomic>
+#include <optional>
 
 #include "TolmBase/LogLine.h"
 #include "common/Constants.h"
@@ -18,7 +19,7 @@ namespace {
 std::atomic<bool> g_logical_init{false};
 /// Whether the pools were stopped and not started again since.
 std::atomic<bool> g_pools_stopped{false};
-/// Whether StartAll runs.
+/// Whether StartAll runs and no earlier start is in force.
 std::atomic<bool> g_starting{false};
 
 class Starting {
@@ -54,7 +55,9 @@ void StopPools() {
 }
 
 bool StartAll(const std::string& lpc_server_name, const PlatformInfo& info) {
-  const Starting starting;
+  // A start that is repeated holds nobody up: what arrives meanwhile finds what the first one has made.
+  std::optional<Starting> starting;
+  if (!g_logical_init || g_pools_stopped) starting.emplace();
   if (!CSingleton<CLpcServerManager>::Instance().LpcInit(lpc_server_name)) return false;
   g_pools_stopped = false;
   StartPools();

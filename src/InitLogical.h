@@ -36,8 +36,9 @@ class CMessageLoopForWebSocket : public Tolm::Base::CMessageLoopDyThreadPool {
 /// does not listen; nothing else is started then.
 bool InitLogical(const std::string& lpc_server_name, const PlatformInfo& info);
 
-/// Returns when no InitLogical is under way. For what arrives: plugins that wait for an endpoint connect
-/// as soon as it is there, before the registry lists them.
+/// Returns when no InitLogical is under way, other than one that repeats a start which is in force. For
+/// what arrives: plugins and guards that wait for an endpoint connect as soon as it is there, before the
+/// registry knows them.
 void WaitWhileStarting();
 
 /// Takes everything down in the opposite order. False when InitLogical never succeeded.

@@ -1,5 +1,6 @@
-// A tour of the frame: this program is the host, two more are its plugins. "→" is what the host does,
-// "✓" is what was observed thereupon, and nothing else is shown.
+// A tour of the whole system: this program is the host, the frame in it starts the agent, the agent the
+// guard, and the guard two plugins. "→" is what the host does, "✓" is what was observed thereupon, and
+// nothing else is shown.
 
 #include <TolmLPCFrame.h>
 #include <TolmLPCFrameDiagnostics.h>
@@ -12,14 +13,14 @@
 #include <filesystem>
 #include <future>
 #include <map>
-#include <memory>
 #include <stdexcept>
 #include <string>
 #include <thread>
 
 #include "HostEvents.h"
 #include "Narration.h"
-#include "PluginProcess.h"
+#include "PluginLog.h"
+#include "Stage.h"
 
 namespace tour {
 namespace {
@@ -27,9 +28,12 @@ namespace {
 using namespace std::chrono_literals;
 using TolmLPCFrame::LPCData;
 
-constexpr auto kPatience = 10s;
+constexpr auto kPatience = 20s;
 constexpr int kCallTimeOutMs = 5000;
 constexpr int kLongCallTimeOutMs = 60000;
+
+constexpr char kEndpoint[] = "tour";
+constexpr char kGuardProgram[] = "TolmGuard.exe";
 
 constexpr int kExitFailed = 1;
 constexpr int kExitInterrupted = 130;
@@ -104,15 +108,19 @@ LPCData Request(const std::string& method, const std::string& url) {
 
 class Tour {
  public:
-  Tour(HostEvents& events, bool stay) : events_(events), stay_(stay) {}
+  Tour(HostEvents& events, const std::filesystem::path& folder, bool stay)
+      : events_(events), stage_(folder), stay_(stay) {
+    for (const char* const id : {"kitchen", "waiter"}) logs_.try_emplace(id, stage_.LogOf(id));
+  }
   ~Tour() {
     if (running_) TolmLPCFrame::TolmLPCFrameUnInit();
   }
 
   int Run() {
     const auto began = Clock::now();
-    say_.Title("TolmLPCFrame: a host and two plugins at work");
-    say_.Note("All of this happens now, in three processes: → is what the host does, ✓ what was observed.");
+    say_.Title("TolmLPCFrame: a host, its guard and two plugins at work");
+    say_.Note("All of this happens now, in five processes: → is what the host does, ✓ what was observed.");
+    say_.Note("The host's folder is " + stage_.folder().string());
     try {
       StartFrame();
       StartPlugins();
@@ -122,9 +130,11 @@ class Tour {
       Notify();
       ReceivePush();
       KillPluginInCall();
-      BringPluginBack();
+      SeePluginComeBack();
+      KillGuard();
       if (stay_) Stay();
       Stop();
+      SeeNothingLeft();
     } catch (const Interrupted&) {
       say_.Title("Interrupted.");
       return kExitInterrupted;
@@ -143,30 +153,41 @@ class Tour {
   // --- the steps ---
 
   void StartFrame() {
-    say_.Step("The host starts the frame", "The frame is a shared library in the host's own process.");
+    say_.Step(
+        "The host starts the frame",
+        "The frame is a shared library in the host's own process. With frame_type 1 it starts the agent; the "
+        "agent starts the guard, and the guard connects to the frame.");
     Dl_info library{};
     if (::dladdr(reinterpret_cast<void*>(&TolmLPCFrame::TolmLPCFrameInit), &library) != 0) {
       say_.Seen("process " + std::to_string(::getpid()) + " has loaded " + library.dli_fname);
     }
     TolmLPCFrame::PlatformInfo info;
     for (const char* const id : {"kitchen", "waiter", "guest"}) info.plugin_map[id].plugin_id = id;
-    info.frame_full_path = std::filesystem::read_symlink("/proc/self/exe");
+    info.plugin_map["guest"].not_verified = true;  // whoever comes by hand: nothing for the guard to start
+    info.frame_full_path = stage_.folder() / "frame_tour";
+    info.frame_type = 1;
     TolmLPCFrame::RegisterLpcMsgCallback(&HostEvents::Callback, &events_);
     TolmLPCFrame::SetLogSink(&HostEvents::LogSink, &events_);
     TolmLPCFrame::RegisterUrl({"/host/price"});
-    const int result = TolmLPCFrame::TolmLPCFrameInit(endpoint_, info);
+    const int result = TolmLPCFrame::TolmLPCFrameInit(kEndpoint, info);
     if (result != TolmLPCFrame::kFrameOk) {
       throw std::runtime_error("TolmLPCFrameInit gave " + std::to_string(result) + "; its log is above");
     }
     running_ = true;
-    say_.Seen("the frame waits for plugins under the name " + Quoted(endpoint_));
+    say_.Seen("the frame waits for plugins under the name " + Quoted(kEndpoint));
+    Expect("the agent starts as process " + std::to_string(ExpectProcess("TolmAgent_Exe64.exe")));
+    ExpectGuard();
   }
 
   void StartPlugins() {
-    say_.Step("Two plugins start",
-              "Plugins are programs of their own. They connect to that name and register their URLs.");
-    StartPlugin("kitchen");
-    StartPlugin("waiter");
+    say_.Step(
+        "The guard starts two plugins",
+        "Plugins are programs of their own, each with a manifest. They connect to the frame's endpoint and "
+        "register their URLs.");
+    say_.Does("TolmLPCFrameNotifyStartPlugins(\"--endpoint " + std::string(kEndpoint) + "\")");
+    TolmLPCFrame::TolmLPCFrameNotifyStartPlugins("--endpoint " + std::string(kEndpoint));
+    ExpectPlugin("kitchen");
+    ExpectPlugin("waiter");
     ExpectUrl("/kitchen/dish/7");
     std::vector<std::string> headers;
     TolmLPCFrame::GetHttpHeaders(headers);
@@ -215,7 +236,7 @@ class Tour {
     bell.msg_type = TolmLPCFrame::kMsgTypeNotify;
     bell.body = "table 5 is hungry";
     Send(bell);
-    Expect("kitchen prints: heard the bell: table 5 is hungry");
+    ExpectPrinted("kitchen", "heard the bell: table 5 is hungry");
   }
 
   void ReceivePush() {
@@ -232,11 +253,8 @@ class Tour {
               "The host would wait for a minute. It learns of the death at once instead.");
     say_.Does("GET /kitchen/roast, waiting for up to 60 s");
     auto call = std::async(std::launch::async, &Call, Request("GET", "/kitchen/roast"), kLongCallTimeOutMs);
-    Expect("kitchen prints: the roast is in the oven");
-    PluginProcess& kitchen = *plugins_.at("kitchen");
-    say_.Does("kill -9 " + std::to_string(kitchen.id()));
-    const auto killed = Clock::now();
-    kitchen.Kill();
+    ExpectPrinted("kitchen", "the roast is in the oven");
+    const auto killed = Kill(ExpectProcess("tour_kitchen"));
     if (call.wait_for(kPatience) != std::future_status::ready) {
       throw std::runtime_error("the call still waits for its answer");
     }
@@ -245,65 +263,130 @@ class Tour {
     say_.Seen("the call failed " + InWords(outcome.ended - killed) + " after that: " +
               ReasonInWords(outcome.error) + " (GetLPCLastError: " + std::to_string(outcome.error) + ")");
     Expect("kitchen is disconnected");
-    Expect("the process of kitchen has ended: killed by signal 9");
+    killed_ = killed;
   }
 
-  void BringPluginBack() {
-    say_.Step("It comes back", "Started again, the plugin registers again, and its URLs work as before.");
-    StartPlugin("kitchen");
-    LPCData request = Request("POST", "/kitchen/dish/8");
-    request.http_headers["X-Table"] = "6";
-    say_.Does("POST /kitchen/dish/8, header X-Table: 6");
-    ExpectCookedBy(ExpectAnswer(request, "kitchen", "dish 8 for table 6"), "kitchen");
+  void SeePluginComeBack() {
+    say_.Step("It comes back",
+              "The guard tells the frame of the death and starts the plugin again. It registers again, and "
+              "its URLs "
+              "work as before.");
+    Expect("kitchen is not initialised any more");
+    ExpectPlugin("kitchen");
+    say_.Seen("all of that took " + InWords(Clock::now() - killed_));
+    ExpectCook("6", "8");
+  }
+
+  void KillGuard() {
+    say_.Step("The guard dies",
+              "Its plugins go with it, so that nobody runs unwatched. The agent starts another guard, which "
+              "is told by "
+              "the frame what to start.");
+    const pid_t guard = ExpectProcess(kGuardProgram);
+    Kill(guard);
+    Expect("kitchen is disconnected");
+    Expect("waiter is disconnected");
+    ExpectGuard();
+    ExpectPlugin("kitchen");
+    ExpectPlugin("waiter");
+    ExpectCook("3", "10");
   }
 
   void Stay() {
     say_.Step("The frame stays up",
               "Until Ctrl-C. You may join in from another terminal, for instance with:");
-    say_.Note("  " + Program("example_clock_plugin") + " --endpoint " + endpoint_ + " --id guest");
+    say_.Note("  XDG_RUNTIME_DIR=" + (stage_.folder() / "run").string() +
+              " build/dev/bin/example_clock_plugin --endpoint " + kEndpoint + " --id guest");
     events_.ForgetAll();  // what the steps above did not care about
     while (const auto event = events_.TakeNext()) say_.Seen(event->text);
     events_.Resume();  // what remains is worth waiting for
   }
 
   void Stop() {
-    say_.Step("The orderly stop", "The frame asks every plugin to clean up, waits for them, and closes.");
+    say_.Step("The orderly stop",
+              "The frame tells the guard to restart nobody, asks every plugin to clean up, waits for them, "
+              "and ends "
+              "the agent with its guard.");
     say_.Does("TolmLPCFrameUnInit");
     const auto began = Clock::now();
     running_ = false;
     const int result = TolmLPCFrame::TolmLPCFrameUnInit();
     const auto took = Clock::now() - began;
-    Expect("kitchen prints: asked to uninitialise: the stove is off");
+    ExpectPrinted("kitchen", "asked to uninitialise: the stove is off");
     Expect("kitchen has uninitialised");
-    Expect("the process of kitchen has ended: exit status 0");
-    Expect("waiter prints: asked to uninitialise: the tables are wiped");
+    ExpectPrinted("waiter", "asked to uninitialise: the tables are wiped");
     Expect("waiter has uninitialised");
-    Expect("the process of waiter has ended: exit status 0");
     if (result != TolmLPCFrame::kFrameOk) {
       throw std::runtime_error("TolmLPCFrameUnInit gave " + std::to_string(result));
     }
     say_.Seen("the frame has stopped after " + InWords(took));
   }
 
-  // --- what they are made of ---
-
-  static std::string Program(const std::string& name) {
-    return std::filesystem::read_symlink("/proc/self/exe").replace_filename(name);
+  void SeeNothingLeft() {
+    say_.Step("What is left", "Processes below the host's folder; endpoints, events and locks.");
+    std::string left;
+    const auto collect = [&] {
+      left.clear();
+      for (const auto& [id, program] : stage_.Processes()) left += " " + program + " " + std::to_string(id);
+      for (const std::string& file : stage_.RuntimeFiles()) left += " " + file;
+      return left.empty();
+    };
+    if (!Await(collect)) throw std::runtime_error("this is left:" + left);
+    say_.Seen("no process but the host, no endpoint, no event, no lock; the folder goes now");
   }
 
-  void StartPlugin(const std::string& id) {
-    plugins_[id].reset();  // the process of before
-    const auto on_line = [this, id](const std::string& line) { events_.Add(id + " prints: " + line); };
-    const auto on_end = [this, id](const std::string& how) {
-      events_.Add("the process of " + id + " has ended: " + how);
-    };
-    const std::vector<std::string> arguments{"--endpoint", endpoint_};
-    plugins_[id] = std::make_unique<PluginProcess>(Program("tour_" + id), arguments, on_line, on_end);
-    say_.Does("tour_" + id + " --endpoint " + endpoint_ + ", which is process " +
-              std::to_string(plugins_[id]->id()));
+  // --- what they are made of ---
+
+  /// Polls what nobody tells of.
+  template <typename Condition>
+  bool Await(Condition&& condition) {
+    const auto deadline = Clock::now() + kPatience;
+    while (!condition()) {
+      if (events_.IsInterrupted()) throw Interrupted();
+      if (Clock::now() >= deadline) return false;
+      std::this_thread::sleep_for(5ms);
+    }
+    return true;
+  }
+
+  pid_t ExpectProcess(const std::string& program) {
+    pid_t id = 0;
+    if (!Await([&] { return (id = stage_.ProcessOf(program)) != 0; })) {
+      throw std::runtime_error("not one process runs " + program);
+    }
+    return id;
+  }
+
+  void ExpectGuard() {
+    Expect("a guard has connected");
+    say_.Seen("  it is process " + std::to_string(ExpectProcess(kGuardProgram)));
+  }
+
+  void ExpectPlugin(const std::string& id) {
     Expect(id + " is connected");
     for (const std::string& url : kUrls.at(id)) Expect(id + " registers " + url);
     Expect(id + " has finished its initialisation");
+  }
+
+  /// What a plugin prints ends up in its log, which the guard keeps.
+  void ExpectPrinted(const std::string& id, const std::string& text) {
+    if (!logs_.at(id).WaitFor(text, kPatience)) {
+      throw std::runtime_error(id + " has not printed " + Quoted(text));
+    }
+    say_.Seen(id + " prints: " + text);
+  }
+
+  Clock::time_point Kill(pid_t process) {
+    say_.Does("kill -9 " + std::to_string(process));
+    const auto now = Clock::now();
+    ::kill(process, SIGKILL);
+    return now;
+  }
+
+  void ExpectCook(const std::string& table, const std::string& dish) {
+    LPCData request = Request("POST", "/kitchen/dish/" + dish);
+    request.http_headers["X-Table"] = table;
+    ExpectCookedBy(ExpectAnswer(request, "kitchen", "dish " + dish + " for table " + table), "kitchen");
   }
 
   void Send(const LPCData& notification) {
@@ -348,17 +431,18 @@ class Tour {
   void ExpectCookedBy(const LPCData& answer, const std::string& id) {
     const auto header = answer.http_headers.find("X-Cooked-By");
     const std::string cook = header == answer.http_headers.end() ? "nobody" : header->second;
-    const std::string expected = "process " + std::to_string(plugins_.at(id)->id());
+    const std::string expected = "process " + std::to_string(ExpectProcess("tour_" + id));
     if (cook != expected) throw std::runtime_error("cooked by " + cook + " and not by " + expected);
     say_.Seen("  with the header X-Cooked-By: " + cook + ", which is the " + id);
   }
 
   HostEvents& events_;
+  const Stage stage_;
   const bool stay_;
-  const std::string endpoint_ = "tour-" + std::to_string(::getpid());
+  std::map<std::string, PluginLog> logs_;
   Narration say_;
   bool running_ = false;
-  std::map<std::string, std::unique_ptr<PluginProcess>> plugins_;
+  Clock::time_point killed_;
 };
 
 namespace {
@@ -381,8 +465,10 @@ void InterruptOnSignal(HostEvents& events) {
 int main(int argc, char** argv) {
   bool stay = false;
   int log_level = TolmLPCFrame::kLogError;
+  std::string folder;
   CLI::App options(
-      "Shows a plugin frame at work: a host, two plugin processes, and what they say to each other.");
+      "Shows a plugin frame at work: a host, its guard, two plugins, and what they say to each other.");
+  options.add_option("--folder", folder, "The host's folder that was laid out for this tour")->group("");
   options.add_flag("--stay", stay, "Keep running after the tour, until Ctrl-C");
   options.add_option("--log", log_level, "Show the frame's log on stderr, from this level on")
       ->transform(CLI::CheckedTransformer(std::map<std::string, int>{{"trace", TolmLPCFrame::kLogTrace},
@@ -391,10 +477,18 @@ int main(int argc, char** argv) {
                                                                      {"error", TolmLPCFrame::kLogError}}))
       ->option_text("trace|info|warning|error");
   CLI11_PARSE(options, argc, argv);
+  if (folder.empty()) {
+    try {
+      tour::Stage::BuildAndEnter({argv + 1, argv + argc});
+    } catch (const std::exception& failure) {
+      std::fprintf(stderr, "frame_tour: %s\n", failure.what());
+      return tour::kExitFailed;
+    }
+  }
   TolmLPCFrame::SetLogStderrLevel(log_level);
 
   // Lasts as long as the process: the thread that waits for signals knows it.
   static tour::HostEvents events;
   tour::InterruptOnSignal(events);
-  return tour::Tour(events, stay).Run();
+  return tour::Tour(events, folder, stay).Run();
 }

@@ -80,6 +80,10 @@ void HostEvents::LogSink(int /*level*/, const char* tag, const char* text, void*
                Between(line, "Timeout = ", ",") + " ms");
   } else if (line.find("uninit suceessfully") != line.npos && std::string_view(tag) == "LPCFrameInfo") {
     events.Add(Between(line, "plugin_id[", "]") + " has uninitialised");
+  } else if (const auto agent = Between(line, "Create Agent processID ", " "); !agent.empty()) {
+    events.Add("the agent starts as process " + agent);
+  } else if (line.find("Get client info:") != line.npos) {
+    events.Add("a guard has connected");
   }
 }
 

@@ -14,8 +14,8 @@ namespace tour {
 
 using Clock = std::chrono::steady_clock;
 
-/// What has been observed, in words and in order: what the frame told the host's callback, what its log
-/// said, and what the plugin processes printed. The tour shows nothing else.
+/// What has been observed, in words and in order: what the frame told the host's callback, and what its log
+/// said.
 class HostEvents {
  public:
   struct Event {

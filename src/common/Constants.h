@@ -29,6 +29,13 @@ inline constexpr char kMethodServerListenFailed[] = "serverListenFailed";
 inline constexpr char kMethodConnectionStatusChanged[] = "connectionStatusChanged";
 inline constexpr char kMethodCloseConnection[] = "closeConnection";
 
+// Messages to the guard whose replies carry the same name.
+inline constexpr char kGuardNotifyLpcFrameInit[] = "NotifyLPCFrameInit";
+inline constexpr char kGuardSetProcessGuardStateList[] = "SetProcessGuardStateList";
+
+/// The frame type whose frame starts and ends the agent.
+inline constexpr int kFrameTypeWithAgent = 1;
+
 /// The host side's own id; a url that maps to it is never forwarded to a plugin.
 inline constexpr char kMainCompnentID[] = "0";
 
@@ -39,5 +46,6 @@ inline constexpr char kTagError[] = "LPCFrameError";
 inline constexpr char kTagPluginFrame[] = "platform.PluginFrame";
 inline constexpr char kTagServiceManage[] = "platform.ServiceManage";
 inline constexpr char kTagMessageBus[] = "platform.MessageBusModule";
+inline constexpr char kTagWebSocket[] = "WebSocket";
 
 }  // namespace TolmLPCFrame

@@ -1,40 +1,91 @@
 #pragma once
 
+#include <atomic>
+#include <cstdint>
 #include <map>
+#include <mutex>
 #include <string>
+#include <vector>
 
 #include "TolmBase/Singleton.h"
 
 namespace TolmLPCFrame {
 
 /// What the frame says to the guard, and its hold on the agent. One instance in the process,
-/// CLPCCommunicateWithTolmGuard::GetInstance().
-///
-/// This build has no link to a guard: every operation reports that nothing was sent, by its result
-/// where it has one, and does nothing else.
+/// CLPCCommunicateWithTolmGuard::GetInstance(). Its messages are in docs/wire/guard-messages.md. May be
+/// used by many threads; its mutex is held across no call.
 class CLPCCommunicateWithTolmGuard {
  public:
   static CLPCCommunicateWithTolmGuard& GetInstance();
 
-  /// Starts the agent unless one is running.
+  // The agent.
+
+  /// Starts the agent at `agent_path` unless one is running there, with the command line
+  /// "agent_path" "main_process_path" role -process.
   void InitTolmAgent(const std::string& main_process_path, const std::string& agent_path,
                      const std::string& role);
-  /// Ends the agent and the guard.
+  /// Asks the agent to end, waits for at most five seconds for its answer, and removes what is left of
+  /// the guard and the agent below the running executable's folder.
   void UnInitTolmAgent();
-  /// Tells the guard that the frame is up and which plugins it may start, with which command line.
+
+  // What the guard is told.
+
+  /// "NotifyLPCFrameInit"; true when the guard has answered within five seconds.
+  bool NotifyGuardLPCFrameInit();
+  /// Tells the guard that the frame is up (in the first call, three attempts), and then which plugins it may
+  /// start and with which command line (once for each connection). May take fifteen seconds when no guard
+  /// answers.
   void NotifyFrameInitedFinished(const std::string& cmdline);
-  /// Tells the guard that a plugin has finished initialising.
-  void NotifyState();
-  /// Asks the guard to start or stop one process.
-  void ControlGuardProcess(const std::string& process_name, bool start);
-  /// Tells the guard which processes it is to watch; true when it has acknowledged.
+  /// The same for a guard that has just connected, with the latest command line; nothing when it was told.
+  void NotifyFrameInitedFinished();
+  /// "SetProcessGuardStateList": which processes it is to watch; true when it has answered within three
+  /// seconds.
   bool SetProcessGuardStateList(const std::map<std::string, bool>& states);
-  /// Tells the guard that the frame goes down; true when that was sent.
+  /// "StartProcess" or "StopProcess".
+  void ControlGuardProcess(const std::string& process_name, bool start);
+  /// "NotifyState": a plugin has finished initialising.
+  void NotifyState();
+  /// "NotifyFrameUninit"; true when that was handed to the connection.
   bool NotifyFrameUninit();
+
+  // What the guard asks.
+
+  /// The answer to the "GetProcessInitStateList" that carried `guid`.
+  std::string BuildProcessInitStateListResponse(const std::string& guid) const;
+  /// The answer to the "GetMianProcessPath" that carried `guid`.
+  std::string BuildMainProcessPathResponse(const std::string& guid) const;
+  /// A "NotifyProcessState".
+  void DealNotifyProcessState(const std::string& raw);
+
+  // What the endpoint tells.
+
+  /// Whether NotifyFrameInitedFinished has run in this life of the frame.
+  bool IsFrameInitedFinished() const { return frame_inited_finished_; }
+  /// A guard's connection has ended: the next one is told again.
+  void ForgetFrameInitStateSent();
+  /// The endpoint has closed: what was announced in this life of the frame does not hold for the next.
+  void ForgetAnnouncement();
 
  private:
   friend class Tolm::Base::CSingleton<CLPCCommunicateWithTolmGuard>;
   CLPCCommunicateWithTolmGuard() = default;
+
+  void AddVerifiedPlugin(const std::string& name);
+  void SendFrameInitState(std::string text);
+
+  std::atomic<bool> need_notify_lpc_frame_init_{true};
+  std::atomic<bool> frame_inited_finished_{false};
+
+  /// Guards everything below.
+  mutable std::mutex mutex_;
+  std::string agent_event_name_;
+  std::string plugin_cmdline_;
+  std::vector<std::string> verified_plugins_;
+  bool frame_init_state_sent_ = false;
+  std::string frame_init_state_;       ///< the latest text of the notice
+  bool sending_ = false;               ///< a thread is sending the notice
+  bool send_again_ = false;            ///< and is to look again when it has
+  std::uint64_t forgotten_sends_ = 0;  ///< how often frame_init_state_sent_ was taken back
 };
 
 }  // namespace TolmLPCFrame

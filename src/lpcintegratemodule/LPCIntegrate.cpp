@@ -61,7 +61,8 @@ void CLPCIntegrate::Init(const PlatformInfo& info) {
 
 void CLPCIntegrate::SetPluginData(const PlatformInfo& info) {
   TOLM_LOG(kLogLevelTrace, kTagTrace, "Start SetPluginData");
-  std::map<std::string, PluginInfo> plugins = info.plugin_map;
+  std::map<std::string, ListedPlugin> plugins;
+  for (const auto& [key, plugin] : info.plugin_map) plugins.try_emplace(key, ListedPlugin{plugin});
   map_plugin_data_.Write([&](auto& data) { data.swap(plugins); });
   for (const auto& [key, plugin] : info.plugin_map) {
     TOLM_LOG(kLogLevelTrace, kTagTrace, "Set map_plugin_data_, key[%s], plugin_id[%s]", key.c_str(),
@@ -87,7 +88,8 @@ bool CLPCIntegrate::GetPluginInfoByID(PluginInfo& out, const std::string& id) co
 }
 
 std::map<std::string, PluginInfo> CLPCIntegrate::GetPluginData() const {
-  return map_plugin_data_.Read([](const auto& data) { return data; });
+  return map_plugin_data_.Read(
+      [](const auto& data) { return std::map<std::string, PluginInfo>(data.begin(), data.end()); });
 }
 
 void CLPCIntegrate::SetPluginInitState(bool state, const std::string& id) {

@@ -60,8 +60,11 @@ class CLPCIntegrate {
   /// A plugin's registration: its urls with their time-outs, and the header names that it uses.
   void PluginURLRegister(const tag_LPCCallBackData& request);
   /// A message without url: "connectionStatusChanged", "serverListenFailed", "InitFinish", "UninitFinish".
-  void MethodCallBackEIT(tag_LPCCallBackData&& request);
-  void PluginStatusChanged(const LPCData& data);
+  /// `arrival` is its number in the order of arrival, without which it counts as the latest: tasks may run
+  /// in another order, and the later word on a connection is the one that stays.
+  void MethodCallBackEIT(tag_LPCCallBackData&& request, std::uint64_t arrival = NextArrival());
+  void PluginStatusChanged(const LPCData& data, std::uint64_t arrival = NextArrival());
+  static std::uint64_t NextArrival();
   /// A message with a url: to the registration, to the plugin that serves it, or to the host.
   void URLCallBackEIT(const std::string& ori_url, const std::string& method, tag_LPCCallBackData&& request);
   /// Delivers one message: kind 0 to the host, 1 to a plugin.
@@ -77,8 +80,9 @@ class CLPCIntegrate {
   friend class Tolm::Base::CSingleton<CLPCIntegrate>;
   CLPCIntegrate();
 
-  /// The frame type that starts and ends the agent.
-  static constexpr std::int32_t kFrameTypeWithAgent = 1;
+  struct ListedPlugin : PluginInfo {
+    std::uint64_t connection_word = 0;  ///< the arrival of what connect_state is from; 0: from the host
+  };
 
   struct InitStates {
     std::map<std::string, bool> map_plugin_init_status_;
@@ -92,8 +96,10 @@ class CLPCIntegrate {
 
   /// Notes that a plugin has finished initialising.
   InitProgress MarkInited(const std::string& id);
-  /// Sets the connection state of a listed plugin and gives its plugin id; nothing when it is not listed.
-  std::optional<std::string> SetConnectState(const std::string& component_id, std::int32_t state);
+  /// Sets the connection state of a listed plugin, unless a later word on it is known, and gives its plugin
+  /// id; nothing when it is not listed.
+  std::optional<std::string> SetConnectState(const std::string& component_id, std::int32_t state,
+                                             std::uint64_t arrival);
   /// Stops waiting for a plugin's answer to "Uninit", if that goes on.
   void ForgetUniniting(const std::string& id);
   bool IsAnyUniniting();
@@ -106,7 +112,7 @@ class CLPCIntegrate {
   const std::string method_uninit_finish_;
 
   Guarded<InitStates> init_states_;
-  Guarded<std::map<std::string, PluginInfo>> map_plugin_data_;
+  Guarded<std::map<std::string, ListedPlugin>> map_plugin_data_;
   Guarded<IndexedMap<std::string>> map_url_plugin_id_;
   Guarded<IndexedMap<std::int32_t>> map_url_timeout_;
   Guarded<std::vector<std::string>> vec_http_header_;

@@ -1,6 +1,7 @@
 // What plugins report about themselves: their initialisation and their connections.
 
 #include <algorithm>
+#include <atomic>
 #include <utility>
 
 #include "KRT/KRT.h"
@@ -34,7 +35,12 @@ LPCData WithSource(const LPCData& data, const std::string& id) {
 
 }  // namespace
 
-void CLPCIntegrate::MethodCallBackEIT(tag_LPCCallBackData&& request) {
+std::uint64_t CLPCIntegrate::NextArrival() {
+  static std::atomic<std::uint64_t> arrivals{0};
+  return ++arrivals;
+}
+
+void CLPCIntegrate::MethodCallBackEIT(tag_LPCCallBackData&& request, std::uint64_t arrival) {
   LPCData data;
   LPCCallBackDataToLPCData(data, std::move(request));
   proto::CRapidJsonProto body;
@@ -43,7 +49,7 @@ void CLPCIntegrate::MethodCallBackEIT(tag_LPCCallBackData&& request) {
   const std::string id = data.src_id;
 
   if (method == method_connection_status_changed_) {
-    PluginStatusChanged(data);
+    PluginStatusChanged(data, arrival);
   } else if (method == method_server_listen_failed_) {
     TOLM_LOG(kLogLevelInfo, kTagInfo, "[/method:serverListenFailed], plugin_id[%s]", id.c_str());
   } else if (method == method_init_finish_) {
@@ -72,7 +78,7 @@ void CLPCIntegrate::MethodCallBackEIT(tag_LPCCallBackData&& request) {
   }
 }
 
-void CLPCIntegrate::PluginStatusChanged(const LPCData& data) {
+void CLPCIntegrate::PluginStatusChanged(const LPCData& data, std::uint64_t arrival) {
   proto::CRapidJsonProto body;
   body.set_str(data.body);
   const std::string status = body.get_v("/status", "");
@@ -81,7 +87,7 @@ void CLPCIntegrate::PluginStatusChanged(const LPCData& data) {
   if (status == "connected") {
     TOLM_LOG(kLogLevelInfo, kTagInfo, "[/method:connectionStatusChanged], plugin_id[%s], [Connected]",
              id.c_str());
-    const std::optional<std::string> plugin_id = SetConnectState(id, 1);
+    const std::optional<std::string> plugin_id = SetConnectState(id, 1, arrival);
     if (plugin_id)
       TOLM_LOG(kLogLevelInfo, kTagInfo, "PluginStatusChanged plugin_id[%s] is connect", id.c_str());
     TellHost(kLpcMsgPluginConnected, WithSource(data, id));
@@ -91,7 +97,7 @@ void CLPCIntegrate::PluginStatusChanged(const LPCData& data) {
   } else if (status == "disconnected") {
     TOLM_LOG(kLogLevelInfo, kTagInfo, "[/method:connectionStatusChanged], plugin_id[%s], [Disconnected]",
              id.c_str());
-    if (SetConnectState(id, 0)) {
+    if (SetConnectState(id, 0, arrival)) {
       TOLM_LOG(kLogLevelInfo, kTagInfo, "PluginStatusChanged plugin_id[%s] is Disconnected", id.c_str());
     }
     TellHost(kLpcMsgPluginDisconnected, WithSource(data, id));
@@ -113,13 +119,17 @@ CLPCIntegrate::InitProgress CLPCIntegrate::MarkInited(const std::string& id) {
   });
 }
 
-std::optional<std::string> CLPCIntegrate::SetConnectState(const std::string& component_id,
-                                                          std::int32_t state) {
+std::optional<std::string> CLPCIntegrate::SetConnectState(const std::string& component_id, std::int32_t state,
+                                                          std::uint64_t arrival) {
   return map_plugin_data_.Write([&](auto& plugins) -> std::optional<std::string> {
     const auto plugin = plugins.find(component_id);
     if (plugin == plugins.end()) return std::nullopt;
-    plugin->second.connect_state = state;
-    return plugin->second.plugin_id;
+    ListedPlugin& listed = plugin->second;
+    if (arrival > listed.connection_word) {
+      listed.connect_state = state;
+      listed.connection_word = arrival;
+    }
+    return listed.plugin_id;
   });
 }
 

@@ -181,11 +181,12 @@ void CURLCallBackTask::Run() {
   CLPCIntegrate::GetInstance().URLCallBackEIT(url_, mt_, std::move(data_));
 }
 
-CMethodCallBackTask::CMethodCallBackTask(const tag_LPCCallBackData& data) : data_(data) {}
+CMethodCallBackTask::CMethodCallBackTask(const tag_LPCCallBackData& data)
+    : data_(data), arrival_(CLPCIntegrate::NextArrival()) {}
 
 void CMethodCallBackTask::Run() {
   WaitWhileStarting();
-  CLPCIntegrate::GetInstance().MethodCallBackEIT(std::move(data_));
+  CLPCIntegrate::GetInstance().MethodCallBackEIT(std::move(data_), arrival_);
 }
 
 }  // namespace TolmLPCFrame

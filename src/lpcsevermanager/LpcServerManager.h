@@ -69,6 +69,7 @@ class CMethodCallBackTask : public Tolm::Base::CTask {
 
  private:
   tag_LPCCallBackData data_;
+  const std::uint64_t arrival_;
 };
 
 }  // namespace TolmLPCFrame

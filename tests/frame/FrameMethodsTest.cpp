@@ -356,5 +356,23 @@ TEST_F(FrameMethods, APluginsLifeReachesTheHostThroughTheTransport) {
   EXPECT_TRUE(Registry().GetPluginInitState("A"));
 }
 
+// Tasks of one pool may overtake each other.
+
+TEST_F(FrameMethods, OfTwoWordsOnAConnectionTheLaterArrivalStays) {
+  List(Plugins({"A"}));
+  const std::uint64_t first = CLPCIntegrate::NextArrival();
+  const std::uint64_t second = CLPCIntegrate::NextArrival();
+  Registry().MethodCallBackEIT(Connected("A").Record(), second);
+  Registry().MethodCallBackEIT(Disconnected("A").Record(), first);
+  PluginInfo plugin;
+  ASSERT_TRUE(Registry().GetPluginInfoByID(plugin, "A"));
+  EXPECT_EQ(plugin.connect_state, 1);
+  EXPECT_EQ(Journal::Count("host 3 A"), 1U) << "the host is told all the same";
+
+  Method(Disconnected("A"));
+  ASSERT_TRUE(Registry().GetPluginInfoByID(plugin, "A"));
+  EXPECT_EQ(plugin.connect_state, 0);
+}
+
 }  // namespace
 }  // namespace tolm::test

@@ -18,7 +18,7 @@ void ScriptedClock::Reset() {
   in_sleep = [](int) {};
 }
 
-void ScriptedClock::Sleep(int milliseconds) {
+void ScriptedClock::PassOver(int milliseconds) {
   Journal::Note("krt.Sleep " + std::to_string(milliseconds));
   in_sleep(++sleeps_);
 }
@@ -30,5 +30,5 @@ std::int64_t KRT_GetTimeTick64() {
 }
 
 void KRT_Sleep(int milliseconds) {
-  tolm::test::ScriptedClock::Get().Sleep(milliseconds);
+  tolm::test::ScriptedClock::Get().PassOver(milliseconds);
 }

@@ -18,7 +18,7 @@ class ScriptedClock {
   Scripted<void(int count)> in_sleep;
 
   std::int64_t Tick() { return tick_++; }
-  void Sleep(int milliseconds);
+  void PassOver(int milliseconds);
 
  private:
   ScriptedClock() { Reset(); }

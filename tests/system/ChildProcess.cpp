@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <ostream>
 #include <stdexcept>
+#include <string_view>
 #include <utility>
 
 namespace tolm::test {
@@ -64,6 +65,12 @@ void ChildProcess::Signal(int signal) {
   if (!exit_) ::kill(id_, signal);
 }
 
+void ChildProcess::Type(const std::string& line) {
+  const std::string whole = line + "\n";
+  // A child that has ended is noticed where its answer is missed.
+  (void)!::write(input_, whole.data(), whole.size());
+}
+
 void ChildProcess::CloseInput() {
   if (const int input = std::exchange(input_, -1); input >= 0) ::close(input);
 }
@@ -82,6 +89,25 @@ std::optional<std::string> ChildProcess::WaitForLine(const std::string& text,
     return true;
   });
   return line;
+}
+
+bool ChildProcess::WaitForLines(const std::string& text, std::size_t count, std::chrono::milliseconds limit) {
+  std::unique_lock lock(mutex_);
+  return changed_.wait_for(lock, limit, [&] { return Count(text) >= count || exit_; }) &&
+         Count(text) >= count;
+}
+
+std::size_t ChildProcess::CountLines(const std::string& text) const {
+  const std::lock_guard lock(mutex_);
+  return Count(text);
+}
+
+std::size_t ChildProcess::Count(const std::string& text) const {
+  std::size_t count = 0;
+  for (std::size_t begin = 0, end = 0; (end = printed_.find('\n', begin)) != printed_.npos; begin = end + 1) {
+    if (std::string_view(printed_).substr(begin, end - begin).find(text) != printed_.npos) ++count;
+  }
+  return count;
 }
 
 std::optional<Exit> ChildProcess::WaitExit(std::chrono::milliseconds limit) {

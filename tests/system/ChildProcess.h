@@ -4,6 +4,8 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
+#include <iosfwd>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -35,17 +37,24 @@ class ChildProcess {
 
   pid_t id() const { return id_; }
   void Signal(int signal);
+  /// Into its stdin, with a line feed behind it.
+  void Type(const std::string& line);
   void CloseInput();
 
   /// Waits until a line with `text` in it was printed; which line, or nothing.
   std::optional<std::string> WaitForLine(const std::string& text,
                                          std::chrono::milliseconds limit = kPatience);
+  /// Waits until `count` lines with `text` in them were printed.
+  bool WaitForLines(const std::string& text, std::size_t count, std::chrono::milliseconds limit = kPatience);
+  std::size_t CountLines(const std::string& text) const;
   /// Nothing when it still runs after `limit`.
   std::optional<Exit> WaitExit(std::chrono::milliseconds limit = kPatience);
   std::string Output() const;
 
  private:
   void Watch(int output);
+  /// REQUIRES: mutex_ is held.
+  std::size_t Count(const std::string& text) const;
 
   pid_t id_ = -1;
   int input_ = -1;

@@ -8,10 +8,10 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <cstdlib>
 #include <cstring>
 
 #include "Descriptor.h"
+#include "RuntimeFolder.h"
 #include "UnixStream.h"
 #include "os/LocalStream.h"
 
@@ -21,31 +21,12 @@ namespace {
 constexpr std::size_t kMaxNameLength = 64;
 constexpr int kBacklog = 256;
 
-std::string Folder() {
-  const char* runtime = std::getenv("XDG_RUNTIME_DIR");
-  if (runtime != nullptr && runtime[0] == '/') return std::string(runtime) + "/tolm-lpc";
-  const char* temporary = std::getenv("TMPDIR");
-  if (temporary == nullptr || temporary[0] != '/') temporary = "/tmp";
-  return std::string(temporary) + "/tolm-lpc-" + std::to_string(::geteuid());
-}
-
-// Why `folder` may not be used, or nothing. The temporary directory is everybody's: a folder that
-// somebody else made there, or may enter, must not hold our sockets.
-std::string FolderFault(const std::string& folder) {
-  struct stat status {};
-  if (::lstat(folder.c_str(), &status) != 0) return SystemMessage("looking at " + folder);
-  if (!S_ISDIR(status.st_mode)) return folder + " is not a directory";
-  if (status.st_uid != ::geteuid()) return folder + " belongs to another user";
-  if ((status.st_mode & 077) != 0) return folder + " may be entered by other users";
-  return {};
-}
-
 EndpointResult<sockaddr_un> Address(const std::string& name) {
   if (!IsEndpointName(name)) {
     return {nullptr, EndpointError::kNameInvalid,
             "an endpoint name is 1 to 64 letters, digits, '.', '_' or '-' and does not begin with '.'"};
   }
-  const std::string path = Folder() + "/" + name + ".sock";
+  const std::string path = RuntimeFolder() + "/" + name + ".sock";
   auto address = std::make_unique<sockaddr_un>();
   if (path.size() >= sizeof address->sun_path) {
     return {nullptr, EndpointError::kNameInvalid, path + " is too long for a socket"};
@@ -125,13 +106,9 @@ class UnixTransport final : public LocalTransport {
   EndpointResult<Listener> Listen(const std::string& name) override {
     const auto address = Address(name);
     if (!address.value) return Fail<Listener>(address.error, address.message);
-    const std::string folder = Folder();
-    if (::mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) {
-      return Fail<Listener>(EndpointError::kFailed, SystemMessage("making " + folder));
-    }
-    if (const std::string fault = FolderFault(folder); !fault.empty()) {
-      return Fail<Listener>(EndpointError::kFailed, fault);
-    }
+    std::string fault;
+    const std::string folder = EnsureRuntimeFolder(fault);
+    if (!fault.empty()) return Fail<Listener>(EndpointError::kFailed, fault);
     const std::string socket_path = address.value->sun_path;
     const std::string lock_path = folder + "/" + name + ".lock";
     auto lock = Lock(lock_path);

@@ -1,4 +1,4 @@
-#include "FrameScript.h"
+#include "FrameScene.h"
 
 #include <algorithm>
 #include <array>
@@ -171,18 +171,16 @@ PlatformInfo Plugins(std::initializer_list<std::string> ids, std::int32_t frame_
   return info;
 }
 
-FrameTest::FrameTest() : log_(1, [](const LogLine& line) { Journal::Note("log " + line.text); }) {
+FrameScene::FrameScene() : log_(1, [](const LogLine& line) { Journal::Note("log " + line.text); }) {
   Journal::Clear();
   transport_.Reset();
-  guard_.Reset();
   clock_.Reset();
   ForgetEverything(Registry());
 }
 
-void FrameTest::TearDown() {
+void FrameScene::TearDown() {
   // Every script that refers to the case's own variables goes first.
   transport_.Reset();
-  guard_.Reset();
   clock_.Reset();
   host_.answer = true;
   if (TolmLPCFrame::TolmLPCFrameUnInit() == 0) g_was_started = true;
@@ -199,39 +197,39 @@ void FrameTest::TearDown() {
   }
 }
 
-bool FrameTest::WasStartedByAnEarlierCase() {
+bool FrameScene::WasStartedByAnEarlierCase() {
   return g_was_started;
 }
 
-TolmLPCFrame::CLpcServerManager& FrameTest::Manager() {
+TolmLPCFrame::CLpcServerManager& FrameScene::Manager() {
   return Tolm::Base::CSingleton<TolmLPCFrame::CLpcServerManager>::Instance();
 }
 
-std::vector<std::size_t> FrameTest::ThreadsOfPools() {
+std::vector<std::size_t> FrameScene::ThreadsOfPools() {
   std::vector<std::size_t> counts;
   for (const Tolm::Base::CMessageLoopDyThreadPool* pool : AllPools()) counts.push_back(pool->ThreadCount());
   return counts;
 }
 
-void FrameTest::RegisterHost() {
+void FrameScene::RegisterHost() {
   TolmLPCFrame::RegisterLpcMsgCallback(&Host::Receive, &host_);
 }
 
-int FrameTest::Start(const PlatformInfo& info) {
+int FrameScene::Start(const PlatformInfo& info) {
   RegisterHost();
   return TolmLPCFrame::TolmLPCFrameInit("endpoint", info);
 }
 
-void FrameTest::List(const PlatformInfo& info) {
+void FrameScene::List(const PlatformInfo& info) {
   Registry().Init(info);
 }
 
-void FrameTest::Serve(const std::string& id, const std::string& url, int time_out) {
+void FrameScene::Serve(const std::string& id, const std::string& url, int time_out) {
   Registry().PluginURLRegister(Registration(id, R"({"RegisterInfo":{"SupportUrlList":[{"Url":")" + url +
                                                     R"(","Timeout":)" + std::to_string(time_out) + "}]}}"));
 }
 
-void FrameTest::FromNowOn() {
+void FrameScene::FromNowOn() {
   log_.Clear();
   Journal::Clear();
   host_.Clear();

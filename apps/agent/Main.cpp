@@ -1,0 +1,68 @@
+// The agent: keeps the guard running. Started by the frame; see --help.
+
+#include <exception>
+#include <iostream>
+#include <memory>
+#include <string>
+
+#include "Agent.h"
+#include "AgentLog.h"
+#include "Inbox.h"
+#include "Layout.h"
+#include "Options.h"
+#include "os/ChildProcess.h"
+#include "os/StopSignal.h"
+
+namespace {
+
+constexpr int kEnded = 0;
+constexpr int kCannotBegin = 1;
+constexpr int kNotUnderstood = 2;
+
+int RunAgent(const tolm::agent::Options& options) {
+  // Both before anything else makes threads or children.
+  const auto inbox = std::make_shared<tolm::agent::Inbox>();
+  os::OnStopSignal([inbox] { inbox->AskToEnd(false); });
+  os::AdoptOrphans();
+
+  const tolm::agent::Layout layout = tolm::agent::FindLayout(options.agent_path);
+  std::string fault;
+  const auto only_one = os::ProcessLock::TryTake(layout.event_name, fault);
+  if (!only_one && !fault.empty()) {
+    std::cerr << "cannot find out whether an agent is running: " << fault << std::endl;
+    return kCannotBegin;
+  }
+  if (!only_one) {
+    std::cerr << "already running: " << layout.event_name << std::endl;
+    return kEnded;
+  }
+  // By now no other agent writes the same file.
+  tolm::agent::OpenLog(layout);
+  return tolm::agent::Agent(options, layout, inbox).Run() ? kEnded : kCannotBegin;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    tolm::agent::Options options;
+    std::string fault;
+    switch (tolm::agent::ReadCommandLine(argc, argv, options, fault)) {
+      case tolm::agent::Order::kShowHelp:
+        std::cout << tolm::agent::HelpText();
+        return kEnded;
+      case tolm::agent::Order::kShowVersion:
+        std::cout << "TolmAgent " TOLM_AGENT_VERSION << std::endl;
+        return kEnded;
+      case tolm::agent::Order::kRefuse:
+        std::cerr << fault << "\n" << tolm::agent::UsageLine() << "\ntry --help" << std::endl;
+        return kNotUnderstood;
+      case tolm::agent::Order::kRun:
+        break;
+    }
+    return RunAgent(options);
+  } catch (const std::exception& error) {
+    AGENT_LOG_ERROR("The agent cannot go on: %s", error.what());
+    return kCannotBegin;
+  }
+}

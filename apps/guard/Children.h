@@ -1,0 +1,43 @@
+#pragma once
+
+#include <condition_variable>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "Process.h"
+
+namespace guard {
+
+/// The real processes. Processes that are done with are destroyed on a thread of its own, since that waits
+/// for their handlers. Must outlive every process that it started.
+class Children {
+ public:
+  Children();
+  /// Waits until all processes that are done with are gone.
+  ~Children();
+  Children(const Children&) = delete;
+  Children& operator=(const Children&) = delete;
+
+  /// As ProcessStarter says. Always to be called on the same thread, which must last as long as the
+  /// processes: the system ties their lives to it.
+  std::unique_ptr<Process> Start(os::ProcessRequest request, std::string& why);
+
+ private:
+  class Child;
+
+  void Bury(std::unique_ptr<os::ChildProcess> process);
+  void ThreadMain();
+
+  std::mutex mutex_;
+  // All below is guarded by mutex_.
+  std::condition_variable changed_;
+  std::deque<std::unique_ptr<os::ChildProcess>> dead_;
+  bool stopping_ = false;
+
+  std::thread thread_;  // the last member: it uses the others
+};
+
+}  // namespace guard

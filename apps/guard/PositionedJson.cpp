@@ -1,0 +1,143 @@
+#include "PositionedJson.h"
+
+#include <rapidjson/error/en.h>
+#include <rapidjson/memorystream.h>
+#include <rapidjson/reader.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <utility>
+
+namespace guard {
+namespace {
+
+/// Line and column of growing offsets.
+class PositionFinder {
+ public:
+  explicit PositionFinder(std::string_view text) : text_(text) {}
+
+  Position At(std::size_t offset) {
+    offset = std::min(offset, text_.size());
+    for (; at_ < offset; ++at_) {
+      if (text_[at_] == '\n') {
+        ++line_;
+        line_begin_ = at_ + 1;
+      }
+    }
+    return {line_, offset - line_begin_ + 1};
+  }
+
+ private:
+  const std::string_view text_;
+  std::size_t at_ = 0;
+  std::size_t line_ = 1;
+  std::size_t line_begin_ = 0;
+};
+
+/// Builds the tree from the parser's events. The parser tells only where a token ended; what lies between
+/// that and the next token is blanks, commas and colons.
+class Builder {
+ public:
+  Builder(std::string_view text, std::size_t max_depth, const rapidjson::MemoryStream& stream,
+          JsonValue& root)
+      : text_(text), max_depth_(max_depth), stream_(stream), positions_(text), root_(root) {}
+
+  bool too_deep() const { return too_deep_; }
+  Position last() const { return last_; }
+
+  bool Null() { return Add(JsonValue::Kind::kNull) != nullptr; }
+  bool Bool(bool value) {
+    Add(JsonValue::Kind::kBoolean)->boolean = value;
+    return true;
+  }
+  bool Int(int value) { return Double(value); }
+  bool Uint(unsigned value) { return Double(value); }
+  bool Int64(std::int64_t value) { return Double(static_cast<double>(value)); }
+  bool Uint64(std::uint64_t value) { return Double(static_cast<double>(value)); }
+  bool Double(double value) {
+    Add(JsonValue::Kind::kNumber)->number = value;
+    return true;
+  }
+  // Asked for only by a parser that leaves numbers as text, which ours does not.
+  bool RawNumber(const char*, rapidjson::SizeType, bool) { return false; }
+  bool String(const char* bytes, rapidjson::SizeType size, bool) {
+    Add(JsonValue::Kind::kText)->text.assign(bytes, size);
+    return true;
+  }
+  bool Key(const char* bytes, rapidjson::SizeType size, bool) {
+    open_.back()->members.push_back({std::string(bytes, size), NextToken(), {}});
+    return true;
+  }
+  bool StartObject() { return Open(JsonValue::Kind::kObject); }
+  bool StartArray() { return Open(JsonValue::Kind::kArray); }
+  bool EndObject(rapidjson::SizeType) { return Close(); }
+  bool EndArray(rapidjson::SizeType) { return Close(); }
+
+ private:
+  Position NextToken() {
+    const std::size_t begin = text_.find_first_not_of(" \t\r\n,:", end_of_last_);
+    end_of_last_ = stream_.Tell();
+    return last_ = positions_.At(begin);
+  }
+
+  // The containers that are open stay where they are: each grows only while it is the innermost one.
+  JsonValue* Add(JsonValue::Kind kind) {
+    JsonValue* value = &root_;
+    if (!open_.empty()) {
+      JsonValue& parent = *open_.back();
+      value = parent.kind == JsonValue::Kind::kObject ? &parent.members.back().value
+                                                      : &parent.elements.emplace_back();
+    }
+    value->kind = kind;
+    value->position = NextToken();
+    return value;
+  }
+
+  bool Open(JsonValue::Kind kind) {
+    open_.push_back(Add(kind));
+    too_deep_ = open_.size() > max_depth_;
+    return !too_deep_;
+  }
+
+  bool Close() {
+    open_.pop_back();
+    end_of_last_ = stream_.Tell();
+    return true;
+  }
+
+  const std::string_view text_;
+  const std::size_t max_depth_;
+  const rapidjson::MemoryStream& stream_;
+  PositionFinder positions_;
+  JsonValue& root_;
+  std::vector<JsonValue*> open_;
+  std::size_t end_of_last_ = 0;
+  Position last_;
+  bool too_deep_ = false;
+};
+
+}  // namespace
+
+bool ReadJson(std::string_view text, std::size_t max_depth, JsonValue& value, Position& where,
+              std::string& why) {
+  constexpr std::string_view kByteOrderMark = "\xef\xbb\xbf";
+  if (text.starts_with(kByteOrderMark)) text.remove_prefix(kByteOrderMark.size());
+  value = {};
+  rapidjson::MemoryStream stream(text.data(), text.size());
+  Builder builder(text, max_depth, stream, value);
+  rapidjson::Reader reader;
+  const rapidjson::ParseResult result =
+      reader.Parse<rapidjson::kParseValidateEncodingFlag | rapidjson::kParseFullPrecisionFlag>(stream,
+                                                                                               builder);
+  if (!result.IsError()) return true;
+  if (builder.too_deep()) {
+    where = builder.last();
+    why = "nested more than " + std::to_string(max_depth) + " deep";
+  } else {
+    where = PositionFinder(text).At(result.Offset());
+    why = rapidjson::GetParseError_En(result.Code());
+  }
+  return false;
+}
+
+}  // namespace guard

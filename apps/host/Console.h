@@ -1,0 +1,31 @@
+#pragma once
+
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <string>
+
+namespace host {
+
+/// What comes from stdin and from signals, line by line, and what goes to stdout. Any thread may use it.
+class Console {
+ public:
+  /// Starts to read stdin. Its end, Ctrl-C and a polite kill are the line "stop". Before other threads start;
+  /// once in a process, and never destroyed, since its threads last as long as the process.
+  static Console& Open();
+
+  /// The next line; waits for it.
+  std::string NextLine();
+  /// Prints a whole line at once.
+  void Print(const std::string& line);
+
+ private:
+  Console() = default;
+  void Push(std::string line);
+
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::deque<std::string> lines_;  // guarded by mutex_
+};
+
+}  // namespace host

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <atomic>
+#include <mutex>
+
+struct lws_context;
+
+namespace Tolm::Net {
+
+/// How other threads get the attention of a server's thread. What they want done lies elsewhere, under a
+/// lock of its own; here is only that there is something.
+class Waker {
+ public:
+  /// `context` is woken from now on, until it is null again.
+  void SetContext(lws_context* context);
+
+  /// Any thread, also the server's own.
+  void Wake();
+  /// Any thread. From now on nothing is to be called back.
+  void Stop();
+  bool IsStopping() const { return stopping_.load(std::memory_order_acquire); }
+
+  /// The server's thread: whether it was woken since it last asked.
+  bool TakeWake() { return woken_.exchange(false, std::memory_order_acq_rel); }
+
+ private:
+  std::atomic<bool> stopping_{false};
+  std::atomic<bool> woken_{false};
+  std::mutex mutex_;
+  lws_context* context_ =
+      nullptr;  // guarded by mutex_: waking a context that is being destroyed is not allowed
+};
+
+}  // namespace Tolm::Net

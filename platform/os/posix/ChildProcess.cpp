@@ -1,0 +1,189 @@
+#include "os/ChildProcess.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <mutex>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include "ProcessTable.h"
+#include "ProcessTree.h"
+#include "Spawn.h"
+#include "os/ThreadName.h"
+
+namespace os {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+/// A child that has ended stays uncollected for as long as something of its tree may be left: so long its
+/// number, which is its group's number too, cannot become another process's.
+class PosixChildProcess final : public ChildProcess {
+ public:
+  PosixChildProcess(ProcessRequest request, SpawnedProcess spawned, Descriptor closing)
+      : request_(std::move(request)),
+        root_(std::move(spawned.root)),
+        process_(std::move(spawned.process)),
+        output_(std::move(spawned.output)),
+        closing_(std::move(closing)) {}
+
+  ~PosixChildProcess() override {
+    PosixChildProcess::KillTree();
+    const std::uint64_t one = 1;
+    [[maybe_unused]] const ssize_t told = ::write(closing_.get(), &one, sizeof one);
+    if (thread_.joinable()) thread_.join();
+    if (!collected_) CollectChild(root_.id);
+  }
+
+  /// Throws what the system says when it has no room for a thread.
+  void Begin() {
+    thread_ = std::thread([this] { Watch(); });
+  }
+
+  long id() const override { return root_.id; }
+  bool HasEnded() const override { return IsReadable(process_, 0); }
+  void AskToEnd() override { SendSignal(process_, SIGTERM); }
+
+  void KillTree() override {
+    {
+      const std::lock_guard lock(mutex_);
+      if (collected_) return;  // that is done only when nothing of the tree was left
+      ++killers_;
+    }
+    KillTreeOf(root_);
+    const std::lock_guard lock(mutex_);
+    --killers_;
+  }
+
+  bool WaitEnd(std::chrono::milliseconds timeout) override {
+    const auto deadline = Clock::now() + timeout;
+    for (;;) {
+      const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+      if (IsReadable(process_, static_cast<int>(std::clamp<long long>(left, 0, INT_MAX)))) return true;
+      if (Clock::now() >= deadline) return false;
+    }
+  }
+
+ private:
+  static bool IsReadable(const Descriptor& descriptor, int timeout_ms) {
+    pollfd one{descriptor.get(), POLLIN, 0};
+    return ::poll(&one, 1, timeout_ms) > 0;
+  }
+
+  void Watch() {
+    SetThreadName("tolm-child");
+    bool running = true;
+    while (running || output_) {
+      // A descriptor below 0 is passed over. Whoever holds the pipe when all that could be found of the
+      // tree is killed is not waited for.
+      pollfd watched[] = {{running ? process_.get() : -1, POLLIN, 0},
+                          {output_ ? output_.get() : -1, POLLIN, 0},
+                          {running ? -1 : closing_.get(), POLLIN, 0}};
+      if (::poll(watched, std::size(watched), -1) < 0) continue;
+      if (watched[1].revents != 0) TakeOutput(1);
+      if (watched[0].revents != 0) {
+        running = false;
+        TakeEnd();
+      }
+      if (watched[2].revents != 0 && output_) {
+        TakeOutput(kRestOfOutput);
+        EndOutput();
+      }
+    }
+  }
+
+  void TakeEnd() {
+    siginfo_t info{};
+    while (::waitid(P_PID, static_cast<id_t>(root_.id), &info, WEXITED | WNOWAIT) != 0 && errno == EINTR) {
+    }
+    const ProcessEnd end =
+        info.si_code == CLD_EXITED ? ProcessEnd{info.si_status, 0} : ProcessEnd{0, info.si_status};
+    const bool nothing_left = AdoptsOrphans() ? KillTreeOf(root_) : !HasDescendants(root_);
+    if (nothing_left) {
+      const std::lock_guard lock(mutex_);
+      if (killers_ == 0) {
+        CollectChild(root_.id);
+        collected_ = true;
+      }
+    }
+    // What it said last comes before the news of its end.
+    TakeOutput(kRestOfOutput);
+    if (request_.on_end) Call([&] { request_.on_end(end); });
+  }
+
+  /// Reads until nothing is there for the moment, at most `pieces` times.
+  void TakeOutput(int pieces) {
+    for (; output_ && pieces > 0; --pieces) {
+      const ssize_t count = ::read(output_.get(), buffer_, sizeof buffer_);
+      if (count > 0) {
+        Call([&] { request_.on_output({buffer_, static_cast<std::size_t>(count)}); });
+      } else if (count == 0 || (errno != EAGAIN && errno != EINTR)) {
+        EndOutput();
+      } else if (errno == EAGAIN) {
+        return;
+      }
+    }
+  }
+
+  void EndOutput() {
+    output_ = Descriptor();
+    Call([this] { request_.on_output({}); });
+  }
+
+  /// A handler's exception is the handler's loss; the child is watched on.
+  template <typename Handler>
+  static void Call(Handler&& handler) noexcept {
+    try {
+      handler();
+    } catch (...) {
+    }
+  }
+
+  // More than a pipe holds: a writer that does not stop must not keep the reader.
+  static constexpr int kRestOfOutput = 32;
+
+  const ProcessRequest request_;
+  const TreeRoot root_;
+  const Descriptor process_;
+  Descriptor output_;  // the thread's
+  const Descriptor closing_;
+  char buffer_[64 * 1024];  // the thread's
+
+  std::mutex mutex_;
+  int killers_ = 0;         // guarded by mutex_
+  bool collected_ = false;  // guarded by mutex_
+
+  std::thread thread_;
+};
+
+}  // namespace
+
+std::unique_ptr<ChildProcess> ChildProcess::Start(ProcessRequest request, std::string& why) {
+  Descriptor closing(::eventfd(0, EFD_CLOEXEC));
+  if (!closing) {
+    why = SystemMessage("cannot start " + request.program);
+    return nullptr;
+  }
+  const std::string program = request.program;
+  try {
+    SpawnedProcess spawned;
+    if (!Spawn(request, spawned, why)) return nullptr;
+    auto child =
+        std::make_unique<PosixChildProcess>(std::move(request), std::move(spawned), std::move(closing));
+    child->Begin();
+    return child;
+  } catch (const std::system_error& error) {
+    why = "cannot watch " + program + ": " + error.code().message();  // there is no room for a thread
+    return nullptr;
+  }
+}
+
+}  // namespace os

@@ -1,0 +1,286 @@
+// An event is a small file that its holders map. Byte ranges of the file are locks, which the system
+// frees when a holder is killed: each holder has a shared one on kHolders, and whoever looks whether there
+// are holders, makes a file usable or removes it does so with an exclusive one on kInspection.
+
+#include "os/NamedEvent.h"
+
+#include <fcntl.h>
+#include <linux/futex.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <ctime>
+#include <optional>
+
+#include "Descriptor.h"
+#include "RuntimeFolder.h"
+
+namespace os {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+/// How long a wait that finds the event signalled leaves the signal to those that waited before.
+constexpr std::chrono::milliseconds kGrace{50};
+
+// -------------------------------------------------------------------------------------- The file
+
+constexpr off_t kHolders = 0;
+constexpr off_t kInspection = 1;
+
+// What holders share; all zero at first. Each change is one atomic step, so that a process that is killed
+// in between leaves nothing half done.
+struct Shared {
+  std::atomic<std::uint32_t> changes;  // odd while signalled
+  std::uint32_t reserved;
+  std::atomic<std::uint64_t> waiters;  // how many wait, below the number of a generation
+};
+static_assert(sizeof(Shared) == 16 && std::atomic<std::uint64_t>::is_always_lock_free &&
+              sizeof(std::atomic<std::uint32_t>) == sizeof(std::uint32_t));
+
+constexpr std::size_t kMaxPlainName = 200;
+constexpr std::size_t kKeptOfLongName = 120;
+
+std::string Hash(const std::string& text, std::uint64_t hash) {
+  for (const char c : text) hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001B3;
+  std::string digits(16, '0');
+  for (std::size_t i = 0; i < digits.size(); ++i) digits[i] = "0123456789abcdef"[hash >> (60 - 4 * i) & 15];
+  return digits;
+}
+
+// '=' stands in no escaped name, so that a long name's file is never a short one's.
+std::string FileName(const std::string& name) {
+  std::string escaped;
+  for (const char c : name) {
+    const auto byte = static_cast<unsigned char>(c);
+    const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                       c == '.' || c == '_' || c == '-';
+    if (plain) {
+      escaped += c;
+    } else {
+      escaped += {'%', "0123456789ABCDEF"[byte >> 4], "0123456789ABCDEF"[byte & 15]};
+    }
+  }
+  if (escaped.size() > kMaxPlainName) {
+    escaped = "=" + Hash(name, 0xCBF29CE484222325) + Hash(name, 0x9E3779B97F4A7C15) + "-" +
+              escaped.substr(escaped.size() - kKeptOfLongName);
+  }
+  return escaped + ".event";
+}
+
+/// Where the event's file lies; nothing when the name is empty or the folder may not be used.
+std::string Path(const std::string& name) {
+  if (name.empty()) return {};
+  std::string fault;
+  const std::string folder = EnsureRuntimeFolder(fault);
+  return fault.empty() ? folder + "/" + FileName(name) : std::string();
+}
+
+// ------------------------------------------------------------------------------------- The locks
+
+struct flock Range(short type, off_t byte) {
+  struct flock range {};
+  range.l_type = type;
+  range.l_whence = SEEK_SET;
+  range.l_start = byte;
+  range.l_len = 1;
+  return range;
+}
+
+bool SetLock(const Descriptor& file, short type, off_t byte) {
+  struct flock range = Range(type, byte);
+  int result = 0;
+  do {
+    result = ::fcntl(file.get(), F_OFD_SETLKW, &range);
+  } while (result != 0 && errno == EINTR);
+  return result == 0;
+}
+
+/// Whether somebody but `file` itself holds the event.
+bool HasOtherHolders(const Descriptor& file) {
+  struct flock range = Range(F_WRLCK, kHolders);
+  return ::fcntl(file.get(), F_OFD_GETLK, &range) == 0 && range.l_type != F_UNLCK;
+}
+
+bool LiesAt(const Descriptor& file, const std::string& path) {
+  struct stat opened {};
+  struct stat there {};
+  return ::fstat(file.get(), &opened) == 0 && ::lstat(path.c_str(), &there) == 0 &&
+         opened.st_ino == there.st_ino && opened.st_dev == there.st_dev;
+}
+
+/// The file at `path`, locked for inspection; nothing, with errno set, when it cannot be opened. Whoever
+/// had it locked may have removed it, so that another one, or none, lies there by now.
+Descriptor OpenForInspection(const std::string& path, int more_flags) {
+  for (;;) {
+    Descriptor file(::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | more_flags, 0600));
+    if (!file || !SetLock(file, F_WRLCK, kInspection)) return {};
+    if (LiesAt(file, path)) return file;
+  }
+}
+
+/// What nobody holds is left by the killed, whatever it says. Reserves the space: a full disk has to be
+/// noticed here and not where the memory is used.
+bool MakeFresh(const Descriptor& file) {
+  if (::ftruncate(file.get(), 0) != 0) return false;
+  const int error = ::posix_fallocate(file.get(), 0, sizeof(Shared));
+  if (error != 0) errno = error;
+  return error == 0;
+}
+
+// ------------------------------------------------------------------------------------- The event
+
+class FileEvent final : public NamedEvent {
+ public:
+  FileEvent(Descriptor file, std::string path, Shared* shared)
+      : file_(std::move(file)), path_(std::move(path)), shared_(*shared) {}
+
+  ~FileEvent() override {
+    ::munmap(&shared_, sizeof(Shared));
+    if (SetLock(file_, F_WRLCK, kInspection) && !HasOtherHolders(file_) && LiesAt(file_, path_)) {
+      ::unlink(path_.c_str());
+    }
+  }
+
+  void Set() override {
+    std::uint32_t seen = shared_.changes.load();
+    while (!IsSignalled(seen) && !shared_.changes.compare_exchange_weak(seen, seen + 1)) {
+    }
+    // Everybody, and even when nothing changed: a waiter that is woken alone, or the one who signalled
+    // before, may have been killed before it came to anything.
+    WakeAll();
+  }
+
+  bool Wait(int timeout_ms) override {
+    std::optional<Clock::time_point> deadline;
+    if (timeout_ms >= 0) deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+    GiveWay();
+    Registration registration(shared_);
+    for (;;) {
+      registration.Renew();
+      const std::uint32_t seen = shared_.changes.load();
+      if (IsSignalled(seen)) {
+        if (Take(seen)) return true;
+      } else if (deadline && Clock::now() >= *deadline) {
+        return false;
+      } else {
+        Sleep(seen, deadline);
+      }
+    }
+  }
+
+  std::intptr_t native() const override { return file_.get(); }
+
+ private:
+  // One wait's place in `waiters`. A new generation begins when those of the old one have not used their
+  // grace: the killed among them are forgotten, the living register again when they notice.
+  class Registration {
+   public:
+    explicit Registration(Shared& shared) : waiters_(shared.waiters), generation_(Enter()) {}
+    ~Registration() {
+      std::uint64_t seen = waiters_.load();
+      while (seen >> 32 == generation_ && !waiters_.compare_exchange_weak(seen, seen - 1)) {
+      }
+    }
+    Registration(const Registration&) = delete;
+    Registration& operator=(const Registration&) = delete;
+
+    void Renew() {
+      if (waiters_.load() >> 32 != generation_) generation_ = Enter();
+    }
+
+   private:
+    std::uint64_t Enter() { return waiters_.fetch_add(1) >> 32; }
+
+    std::atomic<std::uint64_t>& waiters_;
+    std::uint64_t generation_;
+  };
+
+  static bool IsSignalled(std::uint32_t changes) { return changes % 2 != 0; }
+
+  bool Take(std::uint32_t seen) {
+    if (!shared_.changes.compare_exchange_strong(seen, seen + 1)) return false;
+    WakeAll();  // those that give way
+    return true;
+  }
+
+  // Leaves a signal to the waits that are under way. Takes its time even when the caller has less: to
+  // take the signal at once would break the order, and to leave it for good would let a killed process
+  // keep it.
+  void GiveWay() {
+    const std::uint32_t seen = shared_.changes.load();
+    const auto count = static_cast<std::uint32_t>(shared_.waiters.load());
+    if (!IsSignalled(seen) || count == 0) return;
+    const auto deadline = Clock::now() + kGrace;
+    while (shared_.changes.load() == seen) {
+      if (Clock::now() >= deadline) {
+        std::uint64_t waiters = shared_.waiters.load();
+        shared_.waiters.compare_exchange_strong(waiters, ((waiters >> 32) + 1) << 32);
+        return;
+      }
+      Sleep(seen, deadline);
+    }
+  }
+
+  // Until `changes` is not `seen` any more, the deadline, or for no reason.
+  void Sleep(std::uint32_t seen, const std::optional<Clock::time_point>& deadline) {
+    timespec until{};  // on the monotonic clock, which steady_clock is
+    if (deadline) {
+      const auto since_boot =
+          std::chrono::duration_cast<std::chrono::nanoseconds>(deadline->time_since_epoch());
+      until.tv_sec = static_cast<time_t>(since_boot.count() / 1'000'000'000);
+      until.tv_nsec = static_cast<long>(since_boot.count() % 1'000'000'000);
+    }
+    ::syscall(SYS_futex, &shared_.changes, FUTEX_WAIT_BITSET, seen, deadline ? &until : nullptr, nullptr,
+              FUTEX_BITSET_MATCH_ANY);
+  }
+
+  void WakeAll() { ::syscall(SYS_futex, &shared_.changes, FUTEX_WAKE, INT_MAX); }
+
+  const Descriptor file_;
+  const std::string path_;
+  Shared& shared_;
+};
+
+/// Becomes one of the holders; `file` is locked for inspection, which ends. Null with errno set.
+std::unique_ptr<NamedEvent> Join(Descriptor file, std::string path) {
+  if (!SetLock(file, F_RDLCK, kHolders) || !SetLock(file, F_UNLCK, kInspection)) return nullptr;
+  void* const memory = ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
+  if (memory == MAP_FAILED) return nullptr;
+  return std::make_unique<FileEvent>(std::move(file), std::move(path), static_cast<Shared*>(memory));
+}
+
+}  // namespace
+
+std::unique_ptr<NamedEvent> NamedEvent::Create(const std::string& name, int& error) {
+  error = 0;
+  std::string path = Path(name);
+  if (path.empty()) {
+    error = name.empty() ? EINVAL : EACCES;
+    return nullptr;
+  }
+  Descriptor file = OpenForInspection(path, O_CREAT);
+  std::unique_ptr<NamedEvent> event;
+  if (file && (HasOtherHolders(file) || MakeFresh(file))) event = Join(std::move(file), std::move(path));
+  if (event == nullptr) error = errno;
+  return event;
+}
+
+std::unique_ptr<NamedEvent> NamedEvent::Open(const std::string& name) {
+  std::string path = Path(name);
+  if (path.empty()) return nullptr;
+  Descriptor file = OpenForInspection(path, 0);
+  if (!file) return nullptr;
+  if (!HasOtherHolders(file)) {
+    ::unlink(path.c_str());
+    return nullptr;
+  }
+  return Join(std::move(file), std::move(path));
+}
+
+}  // namespace os

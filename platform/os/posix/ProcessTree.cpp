@@ -1,0 +1,243 @@
+#include "ProcessTree.h"
+
+#include <poll.h>
+#include <semaphore.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <set>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "ProcessTable.h"
+#include "os/ChildProcess.h"
+#include "os/ThreadName.h"
+
+namespace os {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// A killed process is gone within milliseconds, unless a device or a network file system holds it.
+constexpr std::chrono::milliseconds kEndOfKilled{1000};
+
+/// The children that are not collected yet.
+struct Children {
+  std::mutex mutex;
+  std::map<pid_t, TreeRoot> roots;  // guarded by mutex
+};
+
+Children& TheChildren() {
+  static Children* const children = new Children;
+  return *children;
+}
+
+std::atomic<bool> g_adopts{false};
+sem_t g_child_ended;
+
+bool CarriesMark(pid_t id, const std::string& mark) {
+  const std::string found = EnvironmentOf(id, kMarkVariable);
+  return found.starts_with(mark) && (found.size() == mark.size() || found[mark.size()] == '/');
+}
+
+std::multimap<pid_t, const ProcessRow*> ByParent(const std::vector<ProcessRow>& rows) {
+  std::multimap<pid_t, const ProcessRow*> by_parent;
+  for (const ProcessRow& row : rows) by_parent.emplace(row.parent, &row);
+  return by_parent;
+}
+
+/// Adds to `found` everything below its members.
+void AddDescendants(const std::vector<ProcessRow>& rows, std::set<pid_t>& found) {
+  const auto by_parent = ByParent(rows);
+  std::vector<pid_t> open(found.begin(), found.end());
+  while (!open.empty()) {
+    const auto [begin, end] = by_parent.equal_range(open.back());
+    open.pop_back();
+    for (auto child = begin; child != end; ++child) {
+      if (found.insert(child->second->id).second) open.push_back(child->second->id);
+    }
+  }
+}
+
+/// The root and all that came from it.
+std::set<pid_t> TreeOf(const TreeRoot& root, const std::vector<ProcessRow>& rows) {
+  std::set<pid_t> tree{root.id};
+  AddDescendants(rows, tree);
+  for (const ProcessRow& row : rows) {
+    // Nothing that is older than the root can have come from it; that spares most environments.
+    if (row.start_time < root.start_time || !row.IsAlive() || tree.count(row.id) != 0) continue;
+    if (row.group == root.id || (!root.mark.empty() && CarriesMark(row.id, root.mark))) tree.insert(row.id);
+  }
+  AddDescendants(rows, tree);
+  return tree;
+}
+
+std::vector<ProcessRow> LivingOf(const std::vector<ProcessRow>& rows, const std::set<pid_t>& ids) {
+  std::vector<ProcessRow> living;
+  std::copy_if(rows.begin(), rows.end(), std::back_inserter(living),
+               [&](const ProcessRow& row) { return row.IsAlive() && ids.count(row.id) != 0; });
+  return living;
+}
+
+/// Kills what `choose` picks of the processes, again and again until it picks nobody: a process may
+/// start another one right before it is killed. False when some do not end in time.
+bool KillUntilNoneIsLeft(const std::function<std::set<pid_t>(const std::vector<ProcessRow>&)>& choose) {
+  std::map<std::pair<pid_t, std::uint64_t>, Descriptor> killed;
+  const auto deadline = Clock::now() + kEndOfKilled;
+  for (;;) {
+    const std::vector<ProcessRow> rows = ReadProcesses();
+    const std::vector<ProcessRow> living = LivingOf(rows, choose(rows));
+    if (living.empty()) return true;
+
+    bool met_new_one = false;
+    std::vector<pollfd> dying;
+    for (const ProcessRow& row : living) {
+      const auto [entry, is_new] = killed.try_emplace({row.id, row.start_time});
+      if (is_new) {
+        met_new_one = true;
+        entry->second = Kill(row);
+      }
+      if (entry->second) dying.push_back({entry->second.get(), POLLIN, 0});
+    }
+    if (!met_new_one && Clock::now() >= deadline) return false;
+    constexpr int kLookAgainMs = 20;
+    ::poll(dying.data(), dying.size(), kLookAgainMs);
+  }
+}
+
+/// Orphans that were adopted and have ended wait to be collected, and nobody else does it.
+void CollectAdopted() {
+  const pid_t self = ::getpid();
+  for (const ProcessRow& row : ReadProcesses()) {
+    if (row.parent != self || row.IsAlive()) continue;
+    Children& children = TheChildren();
+    const std::lock_guard lock(children.mutex);
+    if (children.roots.count(row.id) != 0) continue;  // its ChildProcess does it
+    siginfo_t ignored{};
+    ::waitid(P_PID, static_cast<id_t>(row.id), &ignored, WEXITED | WNOHANG);
+  }
+}
+
+void TellCollector(int) {
+  const int error = errno;
+  ::sem_post(&g_child_ended);
+  errno = error;
+}
+
+void CollectForever() {
+  SetThreadName("tolm-orphans");
+  for (;;) {
+    while (::sem_wait(&g_child_ended) != 0 && errno == EINTR) {
+    }
+    while (::sem_trywait(&g_child_ended) == 0) {
+      // One look serves all that ended so far.
+    }
+    CollectAdopted();
+  }
+}
+
+}  // namespace
+
+std::string MakeMark() {
+  static std::atomic<unsigned> count{0};
+  const auto self = ReadProcess(::getpid());
+  const char* const above = std::getenv(kMarkVariable);
+  // A number alone may have belonged to an earlier process, of which something may be left.
+  return (above != nullptr ? std::string(above) + "/" : std::string()) + std::to_string(::getpid()) + "." +
+         std::to_string(self ? self->start_time : 0) + "." + std::to_string(++count);
+}
+
+pid_t ForkChild(TreeRoot& root) {
+  Children& children = TheChildren();
+  // Forked and noted in one step: whoever looks for strays in between would take the new child for one.
+  const std::lock_guard lock(children.mutex);
+  const pid_t id = ::fork();
+  if (id <= 0) return id;
+  root.id = id;
+  // It is there, though it may have ended: only CollectChild takes it away.
+  if (const auto row = ReadProcess(id)) root.start_time = row->start_time;
+  children.roots[id] = root;
+  return id;
+}
+
+void CollectChild(pid_t id) {
+  siginfo_t ignored{};
+  while (::waitid(P_PID, static_cast<id_t>(id), &ignored, WEXITED | WNOWAIT) != 0 && errno == EINTR) {
+  }
+  Children& children = TheChildren();
+  const std::lock_guard lock(children.mutex);
+  ::waitid(P_PID, static_cast<id_t>(id), &ignored, WEXITED | WNOHANG);
+  children.roots.erase(id);
+}
+
+bool HasDescendants(const TreeRoot& root) {
+  const std::vector<ProcessRow> rows = ReadProcesses();
+  std::set<pid_t> tree = TreeOf(root, rows);
+  tree.erase(root.id);
+  return !LivingOf(rows, tree).empty();
+}
+
+bool KillTreeOf(const TreeRoot& root) {
+  return KillUntilNoneIsLeft([&root](const std::vector<ProcessRow>& rows) { return TreeOf(root, rows); });
+}
+
+bool AdoptsOrphans() {
+  return g_adopts.load(std::memory_order_relaxed);
+}
+
+void AdoptOrphans() {
+  if (g_adopts.exchange(true)) return;
+  ::prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0);
+  ::sem_init(&g_child_ended, 0, 0);
+
+  sigset_t all;
+  sigset_t before;
+  sigfillset(&all);
+  ::pthread_sigmask(SIG_BLOCK, &all, &before);
+  std::thread(CollectForever).detach();
+  ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+
+  struct sigaction action {};
+  action.sa_handler = TellCollector;
+  action.sa_flags = SA_RESTART | SA_NOCLDSTOP;
+  ::sigaction(SIGCHLD, &action, nullptr);
+}
+
+void KillStrayDescendants() {
+  KillUntilNoneIsLeft([self = ::getpid()](const std::vector<ProcessRow>& rows) {
+    // Read after the processes: a child that is among them is then known as well.
+    std::map<pid_t, TreeRoot> roots;
+    {
+      Children& children = TheChildren();
+      const std::lock_guard lock(children.mutex);
+      roots = children.roots;
+    }
+    std::set<pid_t> strays{self};
+    AddDescendants(rows, strays);
+    strays.erase(self);
+    for (const auto& [id, root] : roots) {
+      for (const pid_t ours : TreeOf(root, rows)) strays.erase(ours);
+    }
+    return strays;
+  });
+}
+
+void EndWithParent() {
+  const pid_t parent = ::getppid();
+  ::prctl(PR_SET_PDEATHSIG, SIGKILL, 0, 0, 0);
+  // The parent may have ended before its end could have been reported.
+  if (::getppid() != parent) ::raise(SIGKILL);
+}
+
+}  // namespace os

@@ -1,0 +1,14 @@
+#pragma once
+
+#include <string>
+
+namespace os {
+
+/// Where this user's processes keep what they share while they run: sockets, locks, events.
+std::string RuntimeFolder();
+
+/// Makes the folder, for this user alone, when it is not there; its path either way. `fault` says why it
+/// may not be used, or is empty.
+std::string EnsureRuntimeFolder(std::string& fault);
+
+}  // namespace os

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+#include <vector>
+
+#include "os/PortTable.h"
+
+namespace os {
+
+/// One line of /proc/net/tcp or /proc/net/udp.
+struct SocketLine {
+  PortRow row;  ///< without the owner
+  std::uint32_t user = 0;
+  std::uint64_t inode = 0;  ///< 0: no process holds the socket
+};
+
+/// Appends what the lines of `text` below its heading say. False when one cannot be read; `lines` is then
+/// unchanged.
+bool ParseTcpTable(std::string_view text, std::vector<SocketLine>& lines);
+bool ParseUdpTable(std::string_view text, std::vector<SocketLine>& lines);
+
+}  // namespace os

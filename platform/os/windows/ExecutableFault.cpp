@@ -1,0 +1,68 @@
+#include "ExecutableFault.h"
+
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string_view>
+
+namespace os {
+namespace {
+
+std::string HeadOf(const std::string& path) {
+  constexpr std::size_t kEnough = 4096;
+  std::ifstream file(std::filesystem::path(Widen(path)), std::ios::binary);
+  std::string head(kEnough, '\0');
+  file.read(head.data(), static_cast<std::streamsize>(head.size()));
+  head.resize(static_cast<std::size_t>(file.gcount()));
+  return head;
+}
+
+template <typename T>
+bool ReadAt(std::string_view bytes, std::size_t offset, T& value) {
+  if (offset > bytes.size() || bytes.size() - offset < sizeof value) return false;
+  std::memcpy(&value, bytes.data() + offset, sizeof value);
+  return true;
+}
+
+std::string MachineName(WORD machine) {
+  switch (machine) {
+    case IMAGE_FILE_MACHINE_AMD64:
+      return "x86_64";
+    case IMAGE_FILE_MACHINE_I386:
+      return "i386";
+    case IMAGE_FILE_MACHINE_ARM64:
+      return "aarch64";
+    default:
+      return "number " + std::to_string(machine);
+  }
+}
+
+std::string FormatFault(std::string_view head) {
+  if (head.empty()) return "it is empty or cannot be read";
+  if (head.starts_with("\x7f"
+                       "ELF")) {
+    return "it is made for another system";
+  }
+  if (!head.starts_with("MZ")) return "it is no program";
+  std::uint32_t header = 0;
+  WORD machine = 0;
+  constexpr std::size_t kMachineBehindSignature = 4;
+  if (!ReadAt(head, offsetof(IMAGE_DOS_HEADER, e_lfanew), header) ||
+      !ReadAt(head, std::size_t{header} + kMachineBehindSignature, machine)) {
+    return "it is cut off";
+  }
+  return "it is made for another machine (" + MachineName(machine) + "), or damaged";
+}
+
+}  // namespace
+
+std::string ExecutableFault(const std::string& path, DWORD error) {
+  const DWORD attributes = ::GetFileAttributesW(Widen(path).c_str());
+  if (attributes == INVALID_FILE_ATTRIBUTES) return {};  // the system's text says it
+  if ((attributes & FILE_ATTRIBUTE_DIRECTORY) != 0) return "it is a directory";
+  const bool is_format = error == ERROR_BAD_EXE_FORMAT || error == ERROR_EXE_MACHINE_TYPE_MISMATCH;
+  return is_format ? FormatFault(HeadOf(path)) : std::string();
+}
+
+}  // namespace os

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <string>
+
+#include "Handle.h"
+
+namespace os {
+
+/// A job whose processes, descendants included, are killed when its last handle is closed, that is also
+/// when this process is killed. None when the system says no.
+Handle MakeJob();
+
+/// Kills what is in the job and waits, for a second at most, until nothing of it runs.
+void EndJob(const Handle& job);
+
+/// The event through which the process with this number is asked to end.
+std::wstring StopEventName(DWORD process_id);
+
+/// "doing something: what the system says about GetLastError()".
+std::string SystemMessage(const std::string& doing, DWORD error);
+
+}  // namespace os

@@ -1,0 +1,97 @@
+#include "os/PortTable.h"
+
+// Before windows.h, which would bring an older one of it.
+#include <winsock2.h>
+
+#include <iphlpapi.h>
+
+#include <memory>
+#include <new>
+
+#include "Handle.h"
+#include "ProcessUser.h"
+
+namespace os {
+namespace {
+
+/// A table's memory, filled; null when the system does not tell. `read` asks the system: with no memory it
+/// tells the size.
+template <typename Read>
+std::unique_ptr<char[]> ReadTable(Read&& read) {
+  DWORD size = 0;
+  const DWORD asked = read(nullptr, size);
+  if (asked != NO_ERROR && asked != ERROR_INSUFFICIENT_BUFFER) return nullptr;
+  std::unique_ptr<char[]> table(new (std::nothrow) char[size]);
+  if (table == nullptr || size == 0 || read(table.get(), size) != NO_ERROR) return nullptr;
+  return table;
+}
+
+std::unique_ptr<char[]> ReadTcp() {
+  return ReadTable([](void* table, DWORD& size) {
+    return ::GetExtendedTcpTable(table, &size, TRUE, AF_INET, TCP_TABLE_OWNER_PID_ALL, 0);
+  });
+}
+
+/// Ports stand in network order in the low 16 bits; what the high ones hold means nothing.
+std::uint16_t Port(DWORD field) {
+  return ::ntohs(static_cast<std::uint16_t>(field & 0xFFFF));
+}
+
+PortRow Convert(const MIB_TCPROW_OWNER_PID& from) {
+  PortRow row;
+  row.local_address = from.dwLocalAddr;
+  row.local_port = Port(from.dwLocalPort);
+  row.remote_address = from.dwRemoteAddr;
+  // The field of a socket that listens is not filled in.
+  if (from.dwState != kTcpStateListen) row.remote_port = Port(from.dwRemotePort);
+  row.state = from.dwState;
+  row.owning_process_id = from.dwOwningPid;
+  return row;
+}
+
+PortRow Convert(const MIB_UDPROW_OWNER_PID& from) {
+  PortRow row;
+  row.local_address = from.dwLocalAddr;
+  row.local_port = Port(from.dwLocalPort);
+  row.owning_process_id = from.dwOwningPid;
+  return row;
+}
+
+template <typename Table>
+bool Append(const std::unique_ptr<char[]>& memory, std::vector<PortRow>& rows) {
+  if (memory == nullptr) return false;
+  const auto* table = reinterpret_cast<const Table*>(memory.get());
+  for (DWORD i = 0; i < table->dwNumEntries; ++i) rows.push_back(Convert(table->table[i]));
+  return true;
+}
+
+}  // namespace
+
+bool ReadTcpTable(std::vector<PortRow>& rows) {
+  return Append<MIB_TCPTABLE_OWNER_PID>(ReadTcp(), rows);
+}
+
+bool ReadUdpTable(std::vector<PortRow>& rows) {
+  return Append<MIB_UDPTABLE_OWNER_PID>(ReadTable([](void* table, DWORD& size) {
+                                          return ::GetExtendedUdpTable(table, &size, TRUE, AF_INET,
+                                                                       UDP_TABLE_OWNER_PID, 0);
+                                        }),
+                                        rows);
+}
+
+bool IsLoopbackPeerSameUser(std::uint16_t local_port, std::uint16_t remote_port) {
+  std::vector<PortRow> rows;
+  if (!ReadTcpTable(rows)) return false;
+  const std::uint32_t loopback = ::htonl(INADDR_LOOPBACK);
+  for (const PortRow& row : rows) {
+    if (row.owning_process_id != 0 && row.local_address == loopback && row.local_port == remote_port &&
+        row.remote_address == loopback && row.remote_port == local_port) {
+      const Handle owner(::OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, row.owning_process_id));
+      const std::vector<char> user = UserOf(owner);
+      return !user.empty() && user == OwnUser();
+    }
+  }
+  return false;
+}
+
+}  // namespace os

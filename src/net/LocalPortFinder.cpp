@@ -1,0 +1,79 @@
+#include "net/LocalPortFinder.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+#include "os/PortTable.h"
+
+namespace TolmLPCFrame {
+namespace {
+
+/// What the narrowest C runtime's rand gives; a wider one is cut down to it, which keeps the port range.
+constexpr int kRandomValues = 32768;
+constexpr int kTries = 49;
+
+bool HoldsPort(const std::vector<PortTableEntry>& entries, std::int32_t port) {
+  return std::any_of(entries.begin(), entries.end(), [port](const PortTableEntry& entry) {
+    return entry.owning_process_id != 0 && entry.local_port == static_cast<std::uint32_t>(port);
+  });
+}
+
+}  // namespace
+
+CLocalPortFinder& CLocalPortFinder::GetInstance() {
+  return Tolm::Base::CSingleton<CLocalPortFinder>::Instance();
+}
+
+std::int32_t CLocalPortFinder::GetFreePort() {
+  std::int32_t candidate = std::rand() % kRandomValues % 60000 + 1024;
+  for (int step = 1; step <= kTries; ++step) {
+    candidate += step;
+    if (!IsPortInUse(candidate)) return candidate;
+  }
+  return 0;
+}
+
+bool CLocalPortFinder::IsPortInUse(std::int32_t port) {
+  std::vector<PortTableEntry> entries;
+  CollectTcpTable(entries);
+  if (HoldsPort(entries, port)) return true;
+  entries.clear();
+  CollectUdpTable(entries);
+  return HoldsPort(entries, port);
+}
+
+bool CLocalPortFinder::CollectTcpTable(std::vector<PortTableEntry>& entries) {
+  std::vector<os::PortRow> rows;
+  if (!os::ReadTcpTable(rows)) return false;
+  entries.reserve(entries.size() + rows.size());
+  for (const os::PortRow& row : rows) {
+    entries.push_back({FormatIpv4(row.local_address), row.local_port, FormatIpv4(row.remote_address),
+                       row.state == os::kTcpStateListen ? 0U : row.remote_port, row.state,
+                       row.owning_process_id});
+  }
+  return true;
+}
+
+bool CLocalPortFinder::CollectUdpTable(std::vector<PortTableEntry>& entries) {
+  std::vector<os::PortRow> rows;
+  if (!os::ReadUdpTable(rows)) return false;
+  entries.reserve(entries.size() + rows.size());
+  for (const os::PortRow& row : rows) {
+    entries.push_back({FormatIpv4(row.local_address), row.local_port, {}, 0, 0, row.owning_process_id});
+  }
+  return true;
+}
+
+std::string FormatIpv4(std::uint32_t address) {
+  unsigned char bytes[sizeof address];
+  std::memcpy(bytes, &address, sizeof address);
+  std::string text;
+  for (const unsigned char byte : bytes) {
+    if (!text.empty()) text += '.';
+    text += std::to_string(byte);
+  }
+  return text;
+}
+
+}  // namespace TolmLPCFrame

@@ -1,0 +1,132 @@
+#include "Folder.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <charconv>
+#include <csignal>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <system_error>
+
+#include "support/Wait.h"
+
+namespace tolm::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+/// A link where the file system allows it: a program's path is what it was started by.
+void Place(const fs::path& from, const fs::path& to) {
+  fs::create_directories(to.parent_path());
+  std::error_code other_file_system;
+  fs::create_hard_link(from, to, other_file_system);
+  if (other_file_system) fs::copy_file(from, to);
+}
+
+void Write(const fs::path& path, const std::string& text) {
+  std::ofstream file(path);
+  file << text;
+  if (!file.flush()) throw std::runtime_error("cannot write " + path.string());
+}
+
+/// One that is free at the moment.
+int FreePort() {
+  const int probe = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof address;
+  auto* const generic = reinterpret_cast<sockaddr*>(&address);
+  const bool bound = ::bind(probe, generic, size) == 0 && ::getsockname(probe, generic, &size) == 0;
+  ::close(probe);
+  if (!bound) throw std::runtime_error("no free port");
+  return ntohs(address.sin_port);
+}
+
+std::string InJson(const std::vector<std::string>& texts) {
+  std::string json;
+  for (const std::string& text : texts) json += (json.empty() ? "\"" : ", \"") + text + "\"";
+  return "[" + json + "]";
+}
+
+}  // namespace
+
+Folder::Folder() : runtime_("XDG_RUNTIME_DIR", (directory_.path() / "run").string()) {
+  const fs::path built = TEST_PROGRAMS;
+  Place(built / "tolm_host", Host());
+  Place(built / "TolmAgent/TolmAgent/TolmAgent_Exe64.exe", Agent());
+  Place(built / "TolmAgent/TolmGuard/TolmGuard.exe", Guard());
+  fs::create_directory(path() / "run");
+  fs::permissions(path() / "run", fs::perms::owner_all);
+  Write(Config(), "<Config>\n<ServerPort>" + std::to_string(FreePort()) + "</ServerPort>\n<ClientPort>" +
+                      std::to_string(FreePort()) + "</ClientPort>\n</Config>\n");
+}
+
+Folder::~Folder() {
+  // Whatever starts others goes first, as often as it takes.
+  WaitFor([this] {
+    const auto left = Processes();
+    for (const char* const program : {"TolmAgent_Exe64.exe", "TolmGuard.exe", ""}) {
+      for (const auto& [id, name] : left) {
+        if (*program == '\0' || name == program) ::kill(id, SIGKILL);
+      }
+    }
+    return left.empty();
+  });
+}
+
+void Folder::AddPlugin(const std::string& id, const std::vector<std::string>& arguments,
+                       const std::string& members) const {
+  const fs::path folder = path() / "plugins" / id;
+  Place(fs::path(TEST_PROGRAMS) / "guarded_plugin", folder / "guarded_plugin");
+  Write(folder / "plugin.json", "{\n\"program\": \"guarded_plugin\",\n\"arguments\": " + InJson(arguments) +
+                                    (members.empty() ? "" : ",\n" + members) + "\n}\n");
+}
+
+int Folder::Port(const std::string& element) const {
+  const std::string text = ReadAll(Config());
+  const std::size_t begin = text.find("<" + element + ">");
+  return begin == std::string::npos ? -1 : std::stoi(text.substr(begin + element.size() + 2));
+}
+
+std::map<pid_t, std::string> Folder::Processes() const {
+  std::map<pid_t, std::string> processes;
+  std::error_code gone;
+  for (const auto& entry : fs::directory_iterator("/proc", gone)) {
+    const std::string name = entry.path().filename();
+    pid_t id = 0;
+    const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), id);
+    if (error != std::errc() || end != name.data() + name.size()) continue;
+    const fs::path program = fs::read_symlink(entry.path() / "exe", gone);
+    if (!gone && program.string().starts_with(path().string() + "/")) processes[id] = program.filename();
+  }
+  return processes;
+}
+
+std::vector<pid_t> Folder::ProcessesOf(const fs::path& program) const {
+  std::vector<pid_t> ids;
+  std::error_code gone;
+  for (const auto& [id, name] : Processes()) {
+    if (fs::read_symlink("/proc/" + std::to_string(id) + "/exe", gone) == program) ids.push_back(id);
+  }
+  return ids;
+}
+
+std::vector<std::string> Folder::RuntimeFiles() const {
+  std::vector<std::string> files;
+  for (const auto& entry : fs::recursive_directory_iterator(path() / "run")) {
+    if (!entry.is_directory()) files.push_back(entry.path());
+  }
+  return files;
+}
+
+std::string ReadAll(const fs::path& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+}  // namespace tolm::test

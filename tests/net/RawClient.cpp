@@ -1,0 +1,206 @@
+#include "RawClient.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <utility>
+#include <vector>
+
+namespace tolm::test {
+namespace {
+
+constexpr char kMask[4] = {0x12, 0x34, 0x56, 0x78};
+
+bool WaitReady(int socket, short what) {
+  pollfd waiting{socket, what, 0};
+  return ::poll(&waiting, 1, static_cast<int>(kLong.count())) == 1;
+}
+
+}  // namespace
+
+int SeenFrame::close_code() const {
+  if (payload.size() < 2) return 0;
+  return static_cast<unsigned char>(payload[0]) << 8 | static_cast<unsigned char>(payload[1]);
+}
+
+std::string FrameBytes::Header(std::uint64_t length, int width) const {
+  if (width == 0) width = length < 126 ? 1 : length < 65536 ? 2 : 8;
+  std::string bytes;
+  bytes.push_back(static_cast<char>((fin ? 0x80 : 0) | reserved << 4 | opcode));
+  const int mask_bit = masked ? 0x80 : 0;
+  if (width == 1) {
+    bytes.push_back(static_cast<char>(mask_bit | static_cast<int>(length)));
+  } else {
+    bytes.push_back(static_cast<char>(mask_bit | (width == 2 ? 126 : 127)));
+    for (int i = width - 1; i >= 0; --i) bytes.push_back(static_cast<char>(length >> (8 * i) & 0xFF));
+  }
+  if (masked) bytes.append(kMask, 4);
+  return bytes;
+}
+
+std::string FrameBytes::operator()(std::string_view payload) const {
+  std::string bytes = Header(payload.size());
+  const std::size_t begin = bytes.size();
+  bytes.append(payload);
+  if (masked) {
+    for (std::size_t i = 0; i < payload.size(); ++i) {
+      bytes[begin + i] = static_cast<char>(bytes[begin + i] ^ kMask[i & 3]);
+    }
+  }
+  return bytes;
+}
+
+std::string Text(std::string_view payload, bool fin) {
+  return FrameBytes{.opcode = 1, .fin = fin}(payload);
+}
+
+std::string CloseBytes(int code, std::string_view reason) {
+  std::string payload{static_cast<char>(code >> 8), static_cast<char>(code & 0xFF)};
+  payload.append(reason);
+  return FrameBytes{.opcode = 8}(payload);
+}
+
+std::string UpgradeRequestBytes(std::initializer_list<std::string_view> changes,
+                                std::string_view request_line) {
+  std::vector<std::string> lines{"Host: 127.0.0.1", "Upgrade: websocket", "Connection: Upgrade",
+                                 "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==", "Sec-WebSocket-Version: 13"};
+  for (const std::string_view change : changes) {
+    const std::string_view name = change.substr(0, change.find(':') + 1);
+    std::erase_if(lines, [&](const std::string& line) { return line.starts_with(name); });
+    if (name != change) lines.emplace_back(change);
+  }
+  std::string bytes(request_line);
+  bytes += "\r\n";
+  for (const auto& line : lines) bytes += line + "\r\n";
+  return bytes + "\r\n";
+}
+
+RawClient::RawClient(std::uint16_t port, int receive_buffer) {
+  const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (socket < 0) return;
+  if (receive_buffer > 0) {
+    ::setsockopt(socket, SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof receive_buffer);
+  }
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (::connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
+    socket_ = socket;
+  } else {
+    ::close(socket);
+  }
+}
+
+RawClient::~RawClient() {
+  Close();
+}
+
+RawClient::RawClient(RawClient&& other) noexcept
+    : socket_(std::exchange(other.socket_, -1)), in_(std::move(other.in_)) {}
+
+RawClient& RawClient::operator=(RawClient&& other) noexcept {
+  std::swap(socket_, other.socket_);
+  std::swap(in_, other.in_);
+  return *this;
+}
+
+RawClient RawClient::Upgraded(std::uint16_t port, int receive_buffer) {
+  RawClient client(port, receive_buffer);
+  client.Send(UpgradeRequestBytes());
+  if (!client.ReadHead().starts_with("HTTP/1.1 101 ")) client.Close();
+  return client;
+}
+
+bool RawClient::HasInput() const {
+  pollfd waiting{socket_, POLLIN, 0};
+  return !in_.empty() || ::poll(&waiting, 1, 0) == 1;
+}
+
+bool RawClient::Send(std::string_view bytes) {
+  while (!bytes.empty()) {
+    if (socket_ < 0 || !WaitReady(socket_, POLLOUT)) return false;
+    const ssize_t sent = ::send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (sent < 0 && errno != EAGAIN) return false;
+    if (sent > 0) bytes.remove_prefix(static_cast<std::size_t>(sent));
+  }
+  return true;
+}
+
+bool RawClient::ReceiveOnce() {
+  if (socket_ < 0 || !WaitReady(socket_, POLLIN)) return false;
+  char buffer[65536];
+  const ssize_t got = ::recv(socket_, buffer, sizeof buffer, 0);
+  if (got <= 0) return false;
+  in_.append(buffer, static_cast<std::size_t>(got));
+  return true;
+}
+
+bool RawClient::Fill(std::size_t bytes) {
+  while (in_.size() < bytes) {
+    if (!ReceiveOnce()) return false;
+  }
+  return true;
+}
+
+std::string RawClient::ReadHead() {
+  std::size_t end = 0;
+  while ((end = in_.find("\r\n\r\n")) == std::string::npos) {
+    if (!ReceiveOnce()) return std::exchange(in_, {});
+  }
+  const std::string head = in_.substr(0, end + 4);
+  in_.erase(0, end + 4);
+  return head;
+}
+
+std::optional<SeenFrame> RawClient::ReadFrame() {
+  if (!Fill(2)) return std::nullopt;
+  const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(in_[i]); };
+  SeenFrame frame;
+  frame.opcode = byte(0) & 0x0F;
+  frame.fin = (byte(0) & 0x80) != 0;
+  frame.masked = (byte(1) & 0x80) != 0;
+  std::uint64_t length = byte(1) & 0x7F;
+  std::size_t header = 2;
+  if (length >= 126) {
+    header += length == 126 ? 2 : 8;
+    if (!Fill(header)) return std::nullopt;
+    length = 0;
+    for (std::size_t i = 2; i < header; ++i) length = length << 8 | byte(i);
+  }
+  if (!Fill(header + length)) return std::nullopt;
+  frame.payload = in_.substr(header, length);
+  in_.erase(0, header + length);
+  return frame;
+}
+
+bool RawClient::ReadToEnd() {
+  while (socket_ >= 0 && WaitReady(socket_, POLLIN)) {
+    char buffer[65536];
+    if (::recv(socket_, buffer, sizeof buffer, 0) <= 0) return true;
+  }
+  return socket_ < 0;
+}
+
+std::size_t RawClient::TakeSome(std::size_t bytes) {
+  if (socket_ < 0 || !WaitReady(socket_, POLLIN)) return 0;
+  std::vector<char> buffer(bytes);
+  const ssize_t got = ::recv(socket_, buffer.data(), bytes, 0);
+  return got > 0 ? static_cast<std::size_t>(got) : 0;
+}
+
+void RawClient::Reset() {
+  const linger at_once{1, 0};
+  if (socket_ >= 0) ::setsockopt(socket_, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
+  Close();
+}
+
+void RawClient::Close() {
+  if (socket_ >= 0) ::close(socket_);
+  socket_ = -1;
+}
+
+}  // namespace tolm::test

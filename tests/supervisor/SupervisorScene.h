@@ -1,0 +1,142 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "FakeProcesses.h"
+#include "Supervisor.h"
+#include "TolmProto/RapidJsonProto.h"
+#include "VirtualScheduler.h"
+#include "support/LogCapture.h"
+#include "support/TempDirectory.h"
+
+namespace guard::test {
+
+/// A frame that keeps what it is sent.
+class FakeFrame : public FrameChannel {
+ public:
+  struct Sent {
+    std::string method;
+    std::string guid;
+    std::string process_id;  ///< of an end that is told
+    std::string text;
+  };
+
+  bool Send(std::string text) override {
+    if (!connected) return false;
+    proto::CRapidJsonProto json;
+    EXPECT_TRUE(json.set_str(text));
+    sent.push_back({json.get_v("/requestData/method", ""), json.get_v("/guid", ""),
+                    json.get_v("/requestData/processId", ""), text});
+    return true;
+  }
+
+  std::vector<std::string> Methods() const {
+    std::vector<std::string> methods;
+    for (const Sent& one : sent) methods.push_back(one.method);
+    return methods;
+  }
+  std::vector<std::string> Ends() const {
+    std::vector<std::string> ends;
+    for (const Sent& one : sent) {
+      if (one.method == "NotifyProcessState") ends.push_back(one.process_id);
+    }
+    return ends;
+  }
+
+  bool connected = false;
+  std::vector<Sent> sent;
+};
+
+/// A supervisor between a frame that the test plays and processes that are none, with real manifests.
+class SupervisorScene : public testing::Test {
+ protected:
+  SupervisorScene() {
+    for (const char* id : {"clock", "relay", "shop"}) AddManifest(id);
+  }
+
+  void AddManifest(const std::string& id, const std::string& more = "") {
+    AddManifestIn(plugins_folder(), id, more);
+  }
+  static void AddManifestIn(const std::filesystem::path& folder, const std::string& id,
+                            const std::string& more = "") {
+    std::filesystem::create_directories(folder / id);
+    std::ofstream(folder / id / "plugin.json") << "{\"program\": \"" << id << "\"" << more << "}";
+  }
+  std::filesystem::path plugins_folder() const { return directory_.path() / "plugins"; }
+
+  // What the frame does.
+  void Connect() {
+    frame_.connected = true;
+    supervisor_->OnFrameConnected();
+  }
+  void LoseFrame() {
+    frame_.connected = false;
+    supervisor_->OnFrameLost();
+  }
+  void Say(const std::string& text) {
+    supervisor_->OnFrameText(text);
+    clock_.RunPosted();
+  }
+  void SayMethod(const std::string& method, const std::string& more = "") {
+    Say(R"({"guid":"g-)" + method + R"(","requestData":{"method":")" + method + "\"" + more + "}}");
+  }
+  void Start(const std::vector<std::string>& plugins, const std::string& command_line = "--endpoint e") {
+    std::string list;
+    for (const std::string& plugin : plugins) list += (list.empty() ? "\"" : ",\"") + plugin + "\"";
+    SayMethod("NotifyFrameInitState",
+              R"(,"initState":1,"cmdline":")" + command_line + R"(","PluginList":[)" + list + "]");
+  }
+  void Protect(const std::vector<std::pair<std::string, int>>& plugins) {
+    std::string list;
+    for (const auto& [plugin, type] : plugins) {
+      list += std::string(list.empty() ? "" : ",") + R"({"processName":")" + plugin + R"(","type":)" +
+              std::to_string(type) + "}";
+    }
+    SayMethod("SetProcessGuardStateList",
+              ",\"guardInfoList\":[" + list + "],\"total\":" + std::to_string(plugins.size()));
+  }
+
+  // What the plugins do.
+  std::size_t Runs(const std::string& id) const { return processes_.RunsOf("/" + id + "/" + id).size(); }
+  FakeRun& Run(const std::string& id) const { return *processes_.RunsOf("/" + id + "/" + id).back(); }
+  bool IsRunning(const std::string& id) const {
+    const PluginSupervisor* const plugin = supervisor_->plugin(id);
+    return plugin != nullptr && plugin->state() == PluginSupervisor::State::kRunning;
+  }
+  void End(const std::string& id, int status, int signal = 0) {
+    Run(id).Ends(status, signal);
+    clock_.RunPosted();
+  }
+
+  std::size_t CountInLog(const std::string& text) const {
+    std::size_t count = 0;
+    for (const auto& line : capture_.Lines()) count += line.text.find(text) != std::string::npos ? 1 : 0;
+    return count;
+  }
+
+  void MakeSupervisor(bool plugins_may_move) {
+    SupervisorOptions options;
+    options.plugins = plugins_folder();
+    options.plugins_may_move = plugins_may_move;
+    options.logs = directory_.path() / "log";
+    supervisor_ =
+        std::make_unique<Supervisor>(options, clock_, frame_, processes_.Starter(), [] { return 0.5; });
+  }
+
+  const tolm::test::TempDirectory directory_;
+  tolm::test::LogCapture capture_{3};
+  VirtualScheduler clock_;
+  FakeFrame frame_;
+  FakeProcesses processes_;
+  std::unique_ptr<Supervisor> supervisor_;
+};
+
+}  // namespace guard::test
