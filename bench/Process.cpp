@@ -10,6 +10,7 @@
 #include <unistd.h>
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -24,8 +25,11 @@
 namespace bench {
 namespace {
 
+namespace fs = std::filesystem;
+
 // A signal that comes just before the wait does not end that.
 constexpr int kLookAtSignalMs = 200;
+constexpr auto kLongestEnd = std::chrono::seconds(2);
 constexpr int kHighestPriority = -20;
 constexpr char kRuntimeVariable[] = "XDG_RUNTIME_DIR";
 
@@ -194,15 +198,42 @@ int LastCore() {
   return last;
 }
 
-RuntimeFolder::RuntimeFolder()
-    : path_((std::filesystem::temp_directory_path() / "tolm-bench-XXXXXX").string()) {
+std::map<pid_t, fs::path> ProcessesBelow(const fs::path& folder) {
+  std::map<pid_t, fs::path> processes;
+  std::error_code gone;
+  for (const auto& entry : fs::directory_iterator("/proc", gone)) {
+    const std::string name = entry.path().filename();
+    pid_t id = 0;
+    const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), id);
+    if (error != std::errc() || end != name.data() + name.size()) continue;
+    const fs::path program = fs::read_symlink(entry.path() / "exe", gone);
+    if (!gone && program.string().starts_with(folder.string() + '/')) processes[id] = program;
+  }
+  return processes;
+}
+
+void EndProcessesBelow(const fs::path& folder) try {
+  const fs::path canonical = fs::canonical(folder);  // as the system shows it
+  const auto deadline = std::chrono::steady_clock::now() + kLongestEnd;
+  // Some may just be starting others.
+  for (auto left = ProcessesBelow(canonical); !left.empty(); left = ProcessesBelow(canonical)) {
+    for (const auto& entry : left) ::kill(entry.first, SIGKILL);
+    if (std::chrono::steady_clock::now() >= deadline) throw std::runtime_error("they do not end");
+    ::sched_yield();
+  }
+} catch (const std::exception& error) {
+  std::fprintf(stderr, "frame_bench: what runs in %s is left alone: %s\n", folder.c_str(), error.what());
+}
+
+RuntimeFolder::RuntimeFolder() : path_((fs::temp_directory_path() / "tolm-bench-XXXXXX").string()) {
   if (::mkdtemp(path_.data()) == nullptr) Fail("no folder for the endpoints");
   ::setenv(kRuntimeVariable, path_.c_str(), 1);
 }
 
 RuntimeFolder::~RuntimeFolder() {
+  EndProcessesBelow(path_);
   std::error_code ignored;
-  std::filesystem::remove_all(path_, ignored);
+  fs::remove_all(path_, ignored);
 }
 
 std::string RuntimeFolder::Path() {

@@ -4,7 +4,9 @@
 
 #include <sys/types.h>
 #include <cstddef>
+#include <filesystem>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -63,6 +65,11 @@ bool MayRaisePriority();
 void PinTo(int core);
 /// The core to be used when none was given: the last of those that are allowed.
 int LastCore();
+
+/// Whose program lies below `folder`, a path without links, with that program.
+std::map<pid_t, std::filesystem::path> ProcessesBelow(const std::filesystem::path& folder);
+/// Ends them: an agent stands on its own feet, and so do those that it starts. Says so when it cannot.
+void EndProcessesBelow(const std::filesystem::path& folder);
 
 /// A folder of this run's own as the user's runtime folder, which is where endpoints are made.
 class RuntimeFolder {

@@ -1,14 +1,10 @@
 #include "Stage.h"
 
-#include <signal.h>
-#include <unistd.h>
 #include <charconv>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
-#include <map>
 #include <stdexcept>
-#include <string_view>
 #include <system_error>
 
 #include "Process.h"
@@ -37,21 +33,6 @@ void Write(const fs::path& path, const std::string& text) {
   if (!file.flush()) throw std::runtime_error("cannot write " + path.string());
 }
 
-/// All whose program lies below `folder`, with that.
-std::map<pid_t, fs::path> ProcessesBelow(const fs::path& folder) {
-  std::map<pid_t, fs::path> processes;
-  std::error_code gone;
-  for (const auto& entry : fs::directory_iterator("/proc", gone)) {
-    const std::string name = entry.path().filename();
-    pid_t id = 0;
-    const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), id);
-    if (error != std::errc() || end != name.data() + name.size()) continue;
-    const fs::path program = fs::read_symlink(entry.path() / "exe", gone);
-    if (!gone && program.string().starts_with(folder.string() + '/')) processes[id] = program;
-  }
-  return processes;
-}
-
 }  // namespace
 
 Stage::Stage() {
@@ -62,18 +43,8 @@ Stage::Stage() {
 }
 
 Stage::~Stage() {
+  EndProcessesBelow(folder_);  // usually all have ended by now
   std::error_code ignored;
-  try {
-    // Who starts others goes first: the agent before the guard, that before the plugins. Usually all of
-    // them have ended by now.
-    for (const char* const starts_others : {kAgent, kGuard, ""}) {
-      for (const auto& [id, program] : ProcessesBelow(folder_)) {
-        if (program.string().ends_with(starts_others)) ::kill(id, SIGKILL);
-      }
-    }
-  } catch (const std::exception&) {
-    // What cannot be found cannot be ended; it ends by itself when its host has gone.
-  }
   fs::remove_all(folder_, ignored);
 }
 

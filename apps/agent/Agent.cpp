@@ -73,7 +73,7 @@ Agent::Agent(const Options& options, const Layout& layout, std::shared_ptr<Inbox
       next_look_(Clock::now()),
       next_start_(next_look_) {}
 
-bool Agent::Run() {
+bool Agent::Run(std::unique_ptr<os::ProcessLock> only_one) {
   int error = 0;
   const auto event = os::NamedEvent::Create(layout_.event_name, error);
   if (!event) {
@@ -86,6 +86,10 @@ bool Agent::Run() {
   WorkUntilEnd();
   StopGuard();
   AGENT_LOG_INFO("The agent ends");
+  // Whoever waits for the answer kills what is left of the agent then, so nothing may be left of it that
+  // only it can remove.
+  event->GiveUpName();
+  only_one.reset();
   return true;
 }
 

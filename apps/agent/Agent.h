@@ -18,9 +18,9 @@ class Agent {
  public:
   Agent(const Options& options, const Layout& layout, std::shared_ptr<Inbox> inbox);
 
-  /// Returns when the guard has ended and nothing of it is left. False when it could not begin, since there
-  /// is no event.
-  bool Run();
+  /// Returns when the guard has ended and nothing of it is left; `only_one` is then freed. False when it
+  /// could not begin, since there is no event.
+  bool Run(std::unique_ptr<os::ProcessLock> only_one);
 
  private:
   using Clock = std::chrono::steady_clock;

@@ -4,6 +4,7 @@
 #include <iostream>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "Agent.h"
 #include "AgentLog.h"
@@ -27,7 +28,7 @@ int RunAgent(const tolm::agent::Options& options) {
 
   const tolm::agent::Layout layout = tolm::agent::FindLayout(options.agent_path);
   std::string fault;
-  const auto only_one = os::ProcessLock::TryTake(layout.event_name, fault);
+  auto only_one = os::ProcessLock::TryTake(layout.event_name, fault);
   if (!only_one && !fault.empty()) {
     std::cerr << "cannot find out whether an agent is running: " << fault << std::endl;
     return kCannotBegin;
@@ -38,7 +39,7 @@ int RunAgent(const tolm::agent::Options& options) {
   }
   // By now no other agent writes the same file.
   tolm::agent::OpenLog(layout);
-  return tolm::agent::Agent(options, layout, inbox).Run() ? kEnded : kCannotBegin;
+  return tolm::agent::Agent(options, layout, inbox).Run(std::move(only_one)) ? kEnded : kCannotBegin;
 }
 
 }  // namespace

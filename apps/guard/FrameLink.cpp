@@ -62,6 +62,8 @@ class FrameLink::Impl {
     if (!thread_.joinable()) return;
     asio::post(context_, [this] { Close(); });
     thread_.join();
+    // Handlers that never ran hold it as well, for as long as the link exists.
+    if (current_) beast::get_lowest_layer(current_->stream).close();
   }
 
   bool Send(std::string text) {

@@ -1,7 +1,7 @@
 #pragma once
 
-// The texts that the guard and the frame exchange, one JSON document each. docs of the members stand with
-// the frame, which is the other side of each.
+// The texts that the guard and the frame exchange: one JSON document each, with a "guid" that a reply
+// repeats; the members of requests stand under "requestData", those of answers under "responseData".
 
 #include <string>
 #include <utility>

@@ -2,7 +2,7 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdlib>
-#include <map>
+#include <string>
 
 namespace guard {
 namespace {
@@ -60,12 +60,12 @@ std::optional<int> ReadOptions(int argc, const char* const* argv, Options& optio
   app.add_option("--config", options.config,
                  "The frame's configuration file. Default: <host folder>/LpcFrame.xml")
       ->type_name("FILE");
-  const std::map<std::string, Role> roles{{"Client", Role::kClient}, {"Server", Role::kServer}};
+  std::string role = "Client";
   app.add_option(
-         "--role", options.role,
+         "--role", role,
          "Client or Server: whether the port stands in the element ClientPort or ServerPort. Default: "
          "Client")
-      ->transform(CLI::CheckedTransformer(roles).description(""))
+      ->check(CLI::IsMember({"Client", "Server"}).description(""))
       ->type_name("ROLE");
   app.add_option("--host", options.host, "The host's program; plugins are in the folder plugins beside it")
       ->type_name("PATH");
@@ -95,6 +95,7 @@ std::optional<int> ReadOptions(int argc, const char* const* argv, Options& optio
     return app.exit(error) == 0 ? 0 : kExitUsage;
   }
   options.lost_grace = Milliseconds(static_cast<Milliseconds::rep>(lost_grace * 1000.0));
+  options.role = role == "Server" ? Role::kServer : Role::kClient;
   options.check = check->count() > 0;
   return std::nullopt;
 }

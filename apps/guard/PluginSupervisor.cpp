@@ -1,6 +1,8 @@
 #include "PluginSupervisor.h"
 
 #include <algorithm>
+#include <cstdio>
+#include <exception>
 #include <utility>
 
 #include "TolmBase/LogLine.h"
@@ -23,6 +25,15 @@ std::string Seconds(Milliseconds time) {
   char text[32];
   std::snprintf(text, sizeof text, "%.3f s", static_cast<double>(time.count()) / 1000.0);
   return text;
+}
+
+template <typename Work>
+void OnOtherThread(const Work& work) {
+  try {
+    work();
+  } catch (const std::exception& error) {
+    TOLM_LOG(kLogLevelError, kTag, "output or the end of a plugin is lost: %s", error.what());
+  }
 }
 
 }  // namespace
@@ -100,12 +111,6 @@ void PluginSupervisor::Stop(StopWay way, std::optional<Milliseconds> longest_gra
   }
 }
 
-void PluginSupervisor::Kill() {
-  if (!process_) return;
-  state_ = State::kStopping;
-  Climb(Rung::kKilled);
-}
-
 void PluginSupervisor::SetProtected(bool is_protected) {
   is_protected_ = is_protected;
   if (is_protected || state_ != State::kWaiting) return;
@@ -123,12 +128,16 @@ void PluginSupervisor::StartProcess() {
   request.arguments.insert(request.arguments.end(), extra_arguments_.begin(), extra_arguments_.end());
   request.working_folder = manifest_.working_folder.string();
   request.environment = manifest_.environment;
-  // These run on threads of the process's own.
-  request.on_output = [output = output_](std::string_view bytes) { output->Write(bytes); };
+  // These run on threads of the process's own, which no exception may leave.
+  request.on_output = [output = output_](std::string_view bytes) {
+    OnOtherThread([&] { output->Write(bytes); });
+  };
   request.on_end = [weak = weak_from_this(), &scheduler = surroundings_.scheduler,
                     run](const os::ProcessEnd& end) {
-    scheduler.Post([weak, run, end] {
-      if (const auto self = weak.lock()) self->OnEnded(run, end);
+    OnOtherThread([&] {
+      scheduler.Post([weak, run, end] {
+        if (const auto self = weak.lock()) self->OnEnded(run, end);
+      });
     });
   };
 

@@ -54,8 +54,6 @@ class PluginSupervisor : public std::enable_shared_from_this<PluginSupervisor> {
   /// Wants it not to run. May be called again; a stop that lets it end becomes one that asks, not the other
   /// way round, and a grace is never made longer.
   void Stop(StopWay way, std::optional<Milliseconds> longest_grace = std::nullopt);
-  /// Kills what runs, now.
-  void Kill();
   /// Whether it is restarted when it ends. Taking the protection cancels a restart that is due.
   void SetProtected(bool is_protected);
 

@@ -55,7 +55,6 @@ PluginSupervisor* Supervisor::Find(const std::string& id) {
 // ------------------------------------------------------------------------------------------ The link
 
 void Supervisor::OnFrameConnected() {
-  TOLM_LOG(kLogLevelInfo, kTag, "connected to the frame");
   scheduler_.Cancel(std::exchange(lost_timer_, 0));
   channel_.Send(BuildMainProcessPathQuestion());
   // A plugin that runs again may have told the frame already that it is initialised.

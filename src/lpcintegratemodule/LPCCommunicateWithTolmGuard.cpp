@@ -85,6 +85,7 @@ bool CLPCCommunicateWithTolmGuard::NotifyGuardLPCFrameInit() {
 
 void CLPCCommunicateWithTolmGuard::NotifyFrameInitedFinished(const std::string& cmdline) {
   TOLM_LOG(kLogLevelInfo, kTagInfo, "Notify FrameInited Finished");
+  const std::uint64_t life = Life();
   // Cleared before frame_inited_finished_ is set: a handshake, which runs where replies arrive, comes here
   // only when that is set, and so never waits for a reply.
   if (need_notify_lpc_frame_init_.exchange(false)) {
@@ -104,13 +105,16 @@ void CLPCCommunicateWithTolmGuard::NotifyFrameInitedFinished(const std::string& 
   if (!cmdline.empty()) message.set_v("/requestData/cmdline", cmdline);
   {
     const std::lock_guard lock(mutex_);
+    // The frame was stopped while the guard was waited for: this was not announced to the guards of its
+    // next life.
+    if (life_ != life) return;
     plugin_cmdline_ = cmdline;
+    frame_inited_finished_ = true;
     int n = 0;
     for (const std::string& name : verified_plugins_) {
       message.set_v(Element("/requestData/PluginList", ++n), name);
     }
   }
-  frame_inited_finished_ = true;
   TOLM_LOG(kLogLevelInfo, kTagPluginFrame, "Start to Load LPC Plugin");
   TOLM_LOG(kLogLevelInfo, kTagTrace, "Start to Load LPC Plugin");
   SendFrameInitState(message.get_str(0));
@@ -172,7 +176,14 @@ void CLPCCommunicateWithTolmGuard::ForgetFrameInitStateSent() {
 
 void CLPCCommunicateWithTolmGuard::ForgetAnnouncement() {
   ForgetFrameInitStateSent();
+  const std::lock_guard lock(mutex_);
   frame_inited_finished_ = false;
+  ++life_;
+}
+
+std::uint64_t CLPCCommunicateWithTolmGuard::Life() const {
+  const std::lock_guard lock(mutex_);
+  return life_;
 }
 
 // ------------------------------------------------------------------------------- Other messages

@@ -72,6 +72,7 @@ class CLPCCommunicateWithTolmGuard {
 
   void AddVerifiedPlugin(const std::string& name);
   void SendFrameInitState(std::string text);
+  std::uint64_t Life() const;
 
   std::atomic<bool> need_notify_lpc_frame_init_{true};
   std::atomic<bool> frame_inited_finished_{false};
@@ -83,6 +84,7 @@ class CLPCCommunicateWithTolmGuard {
   std::vector<std::string> verified_plugins_;
   bool frame_init_state_sent_ = false;
   std::string frame_init_state_;       ///< the latest text of the notice
+  std::uint64_t life_ = 0;             ///< how often the endpoint has closed
   bool sending_ = false;               ///< a thread is sending the notice
   bool send_again_ = false;            ///< and is to look again when it has
   std::uint64_t forgotten_sends_ = 0;  ///< how often frame_init_state_sent_ was taken back

@@ -2,7 +2,6 @@
 #include <string>
 
 #include "GuardScene.h"
-#include "InitLogical.h"
 
 namespace tolm::test {
 namespace {

@@ -3,7 +3,6 @@
 #include <thread>
 
 #include "GuardScene.h"
-#include "InitLogical.h"
 
 namespace tolm::test {
 namespace {

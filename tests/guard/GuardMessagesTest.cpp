@@ -213,11 +213,12 @@ TEST_F(GuardMessages, ASendThatFailsIsLoggedWithItsNumber) {
 }
 
 TEST_F(GuardMessages, ASendOfNothingFailsWithoutACall) {
+  const LogLine line =
+      Line(5, "WebSocket", "CTolmGuardConnectManager::SendMessageToTolmGuard", "SendMessage  data_len = 0");
   EXPECT_FALSE(Endpoint().SendMessageToTolmGuard(7, Tolm::Net::kWebsocketText, "x", 0, true));
+  EXPECT_FALSE(Endpoint().SendMessageToTolmGuard(7, Tolm::Net::kWebsocketText, nullptr, 0, false));
   EXPECT_THAT(net_.Sent(), IsEmpty());
-  EXPECT_THAT(log_.Lines(),
-              ElementsAre(Line(5, "WebSocket", "CTolmGuardConnectManager::SendMessageToTolmGuard",
-                               "SendMessage  data_len = 0")));
+  EXPECT_THAT(log_.Lines(), ElementsAre(line, line));
 }
 
 TEST_F(GuardMessages, OfATextThatIsNotTerminatedOnlyItsLengthIsSentAndLogged) {

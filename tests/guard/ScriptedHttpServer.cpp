@@ -42,11 +42,6 @@ std::vector<SentFrame> ScriptedHttpServer::Sent(const std::string& method) const
   return sent;
 }
 
-bool ScriptedHttpServer::IsOpen() const {
-  const std::lock_guard lock(mutex_);
-  return static_cast<bool>(websocket_callback_);
-}
-
 void ScriptedHttpServer::Deliver(std::int32_t socket_id, const WebsocketRecv& recv) {
   Tolm::Net::WebSocketServerCallBack callback;
   {

@@ -41,7 +41,6 @@ class ScriptedHttpServer {
   std::vector<SentFrame> Sent() const;
   /// The texts that were sent with this method.
   std::vector<SentFrame> Sent(const std::string& method) const;
-  bool IsOpen() const;
 
   // What guards do, on the calling thread as on the server's. Without effect when no server is open.
 

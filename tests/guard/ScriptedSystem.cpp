@@ -23,6 +23,7 @@ class ScriptedEvent final : public os::NamedEvent {
     Journal::Note("event.Wait " + std::to_string(timeout_ms));
     return ScriptedSystem::Get().event_wait(timeout_ms);
   }
+  void GiveUpName() override {}
   std::intptr_t native() const override { return kEventHandle; }
 };
 
@@ -61,7 +62,6 @@ void ScriptedSystem::Reset() {
   event_exists = false;
   event_wait = true;
   start = [](const std::string&) { return os::StartedProcess{true, 4711, 0}; };
-  remove = [](const std::string&) {};
   tcp_table = true;
   udp_table = true;
   file_open = true;
@@ -87,12 +87,6 @@ std::string ExecutableDirectory() {
   return ScriptedSystem::Get().directory();
 }
 
-std::unique_ptr<NamedEvent> NamedEvent::Create(const std::string& name, int& error) {
-  Journal::Note("event.Create " + name);
-  error = 0;
-  return std::make_unique<tolm::test::ScriptedEvent>();
-}
-
 std::unique_ptr<NamedEvent> NamedEvent::Open(const std::string& name) {
   Journal::Note("event.Open " + name);
   if (!ScriptedSystem::Get().event_exists(name)) return nullptr;
@@ -106,7 +100,6 @@ StartedProcess StartHidden(const std::string& command_line) {
 
 void RunRemovalCommand(const std::string& command) {
   Journal::Note("process.Remove " + command);
-  ScriptedSystem::Get().remove(command);
 }
 
 bool ReadTcpTable(std::vector<PortRow>& rows) {

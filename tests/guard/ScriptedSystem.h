@@ -14,7 +14,7 @@ namespace tolm::test {
 /// Stands behind the operating system's events, processes, port tables and unbuffered files. Noted in the
 /// journal before a script runs:
 ///
-///   event.Open <name>     event.Create <name>     event.Set     event.Wait 5000
+///   event.Open <name>     event.Set     event.Wait 5000
 ///   process.Start <command line>                  process.Remove <command>
 ///   table.Tcp             table.Udp
 ///   file.Open <path>      file.Size               file.Write <block> <bytes>
@@ -30,7 +30,6 @@ class ScriptedSystem {
   Scripted<bool(const std::string& name)> event_exists;
   Scripted<bool(int timeout_ms)> event_wait;
   Scripted<os::StartedProcess(const std::string& command_line)> start;
-  Scripted<void(const std::string& command)> remove;
 
   Scripted<bool(std::vector<os::PortRow>&)> tcp_table;
   Scripted<bool(std::vector<os::PortRow>&)> udp_table;

@@ -46,6 +46,9 @@ class IndependentGuardTest : public GuardedTest {
     return host;
   }
 
+  /// As Announce, but when there is no guard.
+  static void AnnounceToNobody(ChildProcess& host) { host.Type("announce --endpoint host"); }
+
   /// Checks that the frame answers on this guard's connection. What it has sent there before has been read
   /// then; what the guard has sent before may still wait, since several threads of the frame handle it.
   void ExpectAnswered(ChildProcess& guard) {

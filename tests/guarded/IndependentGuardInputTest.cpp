@@ -30,6 +30,14 @@ class IndependentGuardInput : public IndependentGuardTest {
     SeeItDoesNoHarm(typed);
     EXPECT_TRUE(host_->WaitForLines(text, before + 1)) << typed;
   }
+  /// Checks that the guard's connection ends, and that the frame goes on without it.
+  void SeeItsEndHarmsNobody() {
+    EXPECT_TRUE(guard_->WaitForLine("connection ended"));
+    EXPECT_EQ(guard_->WaitExit(), (Exit{0, 0}));
+    ExpectAnswered(*witness_);
+    SeeTheNextGuardIsTold();
+    StopHost(*host_);
+  }
   /// Checks that the next guard is told what there is to tell.
   void SeeTheNextGuardIsTold() {
     ChildProcess& next = StartGuard(*host_, {"--start-nothing"});
@@ -50,10 +58,11 @@ TEST_F(IndependentGuardInput, ThatIsNoMessageIsDropped) {
         "[{\"guid\":\"x\"}]", "{}", "{\"guid\":\"x\"}", "\"\\ud800\"", "{\"guid\":\"x\"} behind"}) {
     SeeItDoesNoHarm(std::string("text ") + text);
   }
-  SeeItDoesNoHarm("hex fffe");
   SeeItDoesNoHarm("hex 00");
   SeeTheNextGuardIsTold();
   StopHost(*host_);
+  EXPECT_EQ(guard_->WaitExit(), (Exit{0, 0}));
+  EXPECT_EQ(guard_->CountLines("unasked"), 0U) << "none of it is a question";
 }
 
 TEST_F(IndependentGuardInput, WithMembersOfAnotherTypeIsHarmless) {
@@ -123,11 +132,12 @@ TEST_F(IndependentGuardInput, IsAnsweredWithTheGuidAsItIs) {
   StopHost(*host_);
 }
 
-TEST_F(IndependentGuardInput, ThatIsDeeplyNestedIsHarmless) {
-  guard_->Type("deep 100 shallow");
-  EXPECT_TRUE(guard_->WaitForLine("answer GetMianProcessPath shallow: "));
+TEST_F(IndependentGuardInput, MayBeNestedDeeply) {
   SeeItDoesNoHarm("nest 100000");
-  SeeItDoesNoHarm("deep 100000 abyss");
+  for (const char* const depth : {"100", "100000"}) {
+    guard_->Type(std::string("deep ") + depth + " deep-" + depth);
+    EXPECT_TRUE(guard_->WaitForLine(std::string("answer GetMianProcessPath deep-") + depth + ": "));
+  }
   SeeTheNextGuardIsTold();
   StopHost(*host_);
 }
@@ -137,8 +147,11 @@ TEST_F(IndependentGuardInput, TellsTheHostWhoseProcessHasEnded) {
     return R"(text {"guid":"x","requestData":{"method":"NotifyProcessState",)" + members + "}}";
   };
   SeeItDoesNoHarm(ended(R"("state":0,"processId":"a")"));
-  SeeItDoesNoHarm(ended(R"("state":1,"processId":"stranger")"));
-  SeeItDoesNoHarm(ended(R"("state":-1,"processId":"stranger")"));
+  for (const char* const state :
+       {"", R"("state":1,)", R"("state":-1,)", R"("state":4294967296,)", R"("state":0.4,)", R"("state":"0",)",
+        R"("state":false,)", R"("state":null,)"}) {
+    SeeItDoesNoHarm(ended(state + std::string(R"("processId":"stranger")")));
+  }
   guard_->Type(ended(R"("state":0,"processId":"stranger")"));
   EXPECT_TRUE(SeeEvent(*host_, "stranger", "uninitialised")) << "not listed at all";
   guard_->Type(ended(R"("state":0)"));
@@ -170,21 +183,45 @@ TEST_F(IndependentGuardInput, ThatIsNoWholeTextIsDroppedAndLogged) {
   EXPECT_EQ(guard_->CountLines("dropped"), 0U) << "no answer, asked for or not";
 }
 
-TEST_F(IndependentGuardInput, ThatIsNotMaskedEndsItsConnectionOnly) {
-  guard_->Type(R"(unmasked {"guid":"x","requestData":{"method":"GetMianProcessPath"}})");
-  EXPECT_TRUE(guard_->WaitForLine("connection ended"));
-  EXPECT_EQ(guard_->WaitExit(), (Exit{0, 0}));
+TEST_F(IndependentGuardInput, ThatBreaksTheProtocolEndsItsConnectionOnly) {
+  const std::string ping_of_126 = "frame 89fe007e00000000" + std::string(2 * 126, '0');
+  for (const std::string& typed : {
+           std::string(R"(unmasked {"guid":"x","requestData":{"method":"GetMianProcessPath"}})"),
+           std::string("hex 7b22ff227d"),                      // not UTF-8
+           std::string("frame c18000000000"),                  // a reserved bit
+           std::string("frame 838000000000"),                  // an opcode that means nothing
+           std::string("frame 098000000000"),                  // a ping in fragments
+           std::string("frame 81ff800000000000000000000000"),  // a negative size
+           ping_of_126,
+       }) {
+    SCOPED_TRACE(typed);
+    ChildProcess& guard = StartGuard(*host_, {"--silent", "--start-nothing"});
+    guard.Type(typed);
+    EXPECT_TRUE(guard.WaitForLine("connection ended"));
+    EXPECT_EQ(guard.WaitExit(), (Exit{0, 0}));
+    ExpectAnswered(*guard_);
+    ExpectAnswered(*witness_);
+  }
+  SeeTheNextGuardIsTold();
+  StopHost(*host_);
+}
+
+TEST_F(IndependentGuardInput, ThatAnnouncesMoreThanThereIsHoldsUpNobody) {
+  guard_->Type("frame 81ff7fffffffffffffff000000007b7d7b7d");
   ExpectAnswered(*witness_);
   SeeTheNextGuardIsTold();
   StopHost(*host_);
 }
 
+TEST_F(IndependentGuardInput, ThatIsACloseIsAnsweredInKind) {
+  guard_->Type("frame 88820000000003e8");
+  EXPECT_TRUE(guard_->WaitForLine("connection ended: close 1000"));
+  SeeItsEndHarmsNobody();
+}
+
 TEST_F(IndependentGuardInput, ThatEndsInTheMiddleOfAFrameEndsItsConnectionOnly) {
   guard_->Type(R"(half {"guid":"x","requestData":{"method":"GetMianProcessPath"}})");
-  EXPECT_EQ(guard_->WaitExit(), (Exit{0, 0}));
-  ExpectAnswered(*witness_);
-  SeeTheNextGuardIsTold();
-  StopHost(*host_);
+  SeeItsEndHarmsNobody();
 }
 
 TEST_F(IndependentGuardInput, InABurstIsAnsweredCompletely) {

@@ -74,6 +74,23 @@ TEST_F(IndependentGuard, ReportsAKilledPluginAndBringsItBack) {
   StopHost(host);
 }
 
+TEST_F(IndependentGuard, IsBelievedWhenItSaysThatAProcessHasEnded) {
+  folder_.AddPlugin("a");
+  ChildProcess& host = StartHost(0);
+  ChildProcess& guard = StartGuard(host);
+  Announce(host);
+  ASSERT_TRUE(SeeEvent(host, "a", "initialised"));
+  const std::string ended =
+      R"(text {"guid":"1","requestData":{"method":"NotifyProcessState","state":0,"processId":"a"}})";
+  guard.Type(ended);
+  EXPECT_TRUE(SeeEvent(host, "a", "uninitialised"));
+  EXPECT_EQ(States(guard), "a=0");
+  guard.Type(ended);
+  ExpectAnswered(guard);
+  StopHost(host);
+  EXPECT_EQ(CountOf(host, "a", "uninitialised"), 1U) << "it was not initialised any more";
+}
+
 TEST_F(IndependentGuard, StartsThePluginThatTheHostAsksFor) {
   folder_.AddPlugin("a");
   folder_.AddPlugin("b");
@@ -190,7 +207,7 @@ TEST_F(IndependentGuard, ThatRepliesTwiceDisturbsNothing) {
 TEST_F(IndependentGuard, ThatComesLateIsToldOnceForEachConnection) {
   folder_.AddPlugin("a");
   ChildProcess& host = StartHost(0);
-  Announce(host);
+  AnnounceToNobody(host);
   ASSERT_TRUE(host.WaitForLine("announced"));
   EXPECT_EQ(host.CountLines("Notify Guard LPCFrame Init failed"), 3U);
   ChildProcess& guard = StartGuard(host);
@@ -213,7 +230,7 @@ TEST_F(IndependentGuard, ThatComesLateIsToldOnceForEachConnection) {
 TEST_F(IndependentGuard, ThatComesDuringTheFirstAnnouncementIsToldOnce) {
   folder_.AddPlugin("a");
   ChildProcess& host = StartHost(0);
-  Announce(host);
+  AnnounceToNobody(host);
   ASSERT_TRUE(host.WaitForLine("Notify Guard LPCFrame Init failed"));
   ChildProcess& guard = StartGuard(host);
   EXPECT_TRUE(host.WaitForLine("announced"));
@@ -273,6 +290,26 @@ TEST_F(IndependentGuard, ThatCameLastIsTheOneThatIsTold) {
   EXPECT_EQ(earlier.CountLines("told"), 0U) << earlier.Output();
   EXPECT_EQ(earlier.CountLines("asked"), 0U) << earlier.Output();
   EXPECT_EQ(earlier.CountLines("unasked"), 0U) << earlier.Output();
+}
+
+TEST_F(IndependentGuard, ThatCameEarlierIsNotToldWhenTheLaterOneHasGone) {
+  ChildProcess& host = StartHostWith({"a"});
+  ChildProcess& earlier = StartGuard(host, {"--start-nothing"});
+  ChildProcess& later = StartGuard(host, {"--start-nothing"});
+  Announce(host);
+  EXPECT_TRUE(later.WaitForLine("told to start a"));
+  later.CloseInput();
+  EXPECT_EQ(later.WaitExit(), (Exit{0, 0}));
+  ASSERT_TRUE(host.WaitForLine("WebsocketServerClose"));
+  host.Type("start a");
+  EXPECT_TRUE(host.WaitForLine("WebsocketServerSend fail error code = 1"));
+  ExpectAnswered(earlier);
+  ChildProcess& next = StartGuard(host, {"--start-nothing"});
+  EXPECT_TRUE(next.WaitForLine("told to start a"));
+  StopHost(host);
+  EXPECT_EQ(next.CountLines("told StartProcess"), 0U) << "nothing is kept for a guard that is not there";
+  EXPECT_EQ(earlier.WaitExit(), (Exit{0, 0}));
+  EXPECT_EQ(earlier.CountLines("told"), 0U);
 }
 
 TEST_F(IndependentGuard, TakesTheAgentsGuardsPlace) {

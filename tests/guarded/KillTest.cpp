@@ -17,7 +17,7 @@ using LongKill = GuardedTest;
 
 TEST_F(LongKill, OfPluginsAndGuardsUnderLoadEndsEveryCallAndLeavesNobody) {
   const std::string never_give_up =
-      R"("restart": {"giveUpAfter": 100000, "firstDelayMs": 5, "maxDelayMs": 20})";
+      R"("restart": {"giveUpAfter": 10000, "firstDelayMs": 5, "maxDelayMs": 20})";
   const std::vector<std::string> ids{"a", "b", "c"};
   for (const std::string& id : ids) folder_.AddPlugin(id, {}, never_give_up);
   ChildProcess& host = StartAll();

@@ -119,7 +119,9 @@ TEST_F(Restart, WithoutItsAgentTheGuardAndThePluginsEndAndTheHostStopsInOrder) {
   ChildProcess& host = StartAll();
   ::kill(OnlyProcessOf(folder_.Agent()), SIGKILL);
   EXPECT_TRUE(SeeEvent(host, "a", "disconnected"));
-  StopHost(host);
+  host.Type("stop");
+  EXPECT_EQ(host.WaitExit(), (Exit{0, 0}));
+  EXPECT_TRUE(WaitFor([this] { return folder_.Processes().empty(); }, kPatience));
 }
 
 }  // namespace

@@ -15,6 +15,7 @@ Lines of its input make it do more than a guard does:
   nest DEPTH              so many arrays, one within the other
   deep DEPTH GUID         a request that also carries so many arrays, one within the other
   hex BYTES               a text message of these bytes
+  frame BYTES             these bytes as they are
   split TEXT              a text message in two fragments
   binary TEXT             a binary message
   ping TEXT               a ping
@@ -195,10 +196,11 @@ class Connection:
 class Plugins:
     """The processes that this guard has started, and which of them it starts again."""
 
-    def __init__(self, folder, selector, on_end):
+    def __init__(self, folder, selector, on_end, on_restart):
         self.folder = folder
         self.selector = selector
         self.on_end = on_end
+        self.on_restart = on_restart
         self.running = {}
         self.unwatched = set()
         self.restarts = {}
@@ -239,7 +241,7 @@ class Plugins:
         if self.restarts[name] > MOST_RESTARTS:
             say(f"given up {name}")
         else:
-            self.start(name)
+            self.on_restart(name)
 
     def stop(self, name):
         self.unwatched.add(name)
@@ -261,7 +263,8 @@ class Guard:
     def __init__(self, options):
         self.options = options
         self.selector = selectors.DefaultSelector()
-        self.plugins = Plugins(os.path.dirname(options.config), self.selector, self.tell_end)
+        folder = os.path.dirname(options.config)
+        self.plugins = Plugins(folder, self.selector, self.tell_end, self.restart)
         self.connection = None
         self.mute = {}
         for word in options.mute:
@@ -269,6 +272,7 @@ class Guard:
             self.mute[name] = int(times or 1 << 30)
         self.guids = 0
         self.asked = {}  # guid of each question that has no answer yet: its method
+        self.restarting = {}  # guid of a question: the plugin that is started when the answer allows it
         self.seen = set()  # guids that the frame has used
         self.input = b""
         self.hanging = []
@@ -301,6 +305,7 @@ class Guard:
         self.selector.unregister(self.connection.peer)
         self.connection.peer.close()
         self.asked.clear()
+        self.restarting.clear()
 
     def send_text(self, text):
         self.connection.send(frame(TEXT, text.encode()))
@@ -340,6 +345,12 @@ class Guard:
             say(f"unasked answer {guid}")
             return
         say(f"answer {method} {guid}: {content or 'none'}")
+        if guid in self.restarting:
+            name = self.restarting.pop(guid)
+            if {"processName": name, "initState": 1} in data.get("initInfoList", []):
+                self.restart(name)
+            elif name not in self.plugins.unwatched:
+                self.plugins.start(name)
 
     def receive_request(self, guid, data):
         method = data["method"]
@@ -410,11 +421,16 @@ class Guard:
         guid = guid or f"question-{self.guids}"
         self.asked[guid] = method
         self.send_text(json.dumps({"guid": guid, "requestData": {"method": method}}, ensure_ascii=False))
+        return guid
 
     def tell_end(self, name):
         self.guids += 1
         data = {"method": "NotifyProcessState", "state": 0, "processId": name}
         self.send_text(json.dumps({"guid": f"end-{self.guids}", "requestData": data}))
+
+    def restart(self, name):
+        """Starts it when the frame counts it as ended: it would take late news for the successor's end."""
+        self.restarting[self.ask("GetProcessInitStateList")] = name
 
     # What is typed
 
@@ -442,6 +458,8 @@ class Guard:
             self.send_text(question[:-1] + f', "extra": {arrays}' + "}")
         elif verb == "hex":
             send(frame(TEXT, bytes.fromhex(rest)))
+        elif verb == "frame":
+            send(bytes.fromhex(rest))
         elif verb == "split":
             text, middle = rest.encode(), len(rest) // 2
             send(frame(TEXT, text[:middle], final=False) + frame(CONTINUATION, text[middle:]))

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <new>
 #include <stdexcept>
 #include <thread>
 
@@ -258,6 +259,25 @@ TEST(NetCallback, MaySendAndReplaceItself) {
   client.Send(Text("x"));
   EXPECT_TRUE(WaitFor([&] { return by_second == 1; }));
   EXPECT_EQ(server.Stop(), 0);
+}
+
+TEST(NetShortage, OfMemoryCostsOnlyTheConnectionThatWantsIt) {
+  ServerOptions options;
+  std::atomic<int> asked{0};
+  options.is_peer_same_user = [&](std::uint16_t, std::uint16_t) -> bool {
+    if (++asked == 2) throw std::bad_alloc();
+    return true;
+  };
+  ServerEnd server(options);
+  auto before = RawClient::Upgraded(server.port());
+  RawClient unlucky(server.port());
+  unlucky.Send(UpgradeRequestBytes());
+  EXPECT_TRUE(unlucky.ReadToEnd());
+  before.Send(Text("before"));
+  auto after = RawClient::Upgraded(server.port());
+  EXPECT_TRUE(after.connected());
+  EXPECT_TRUE(server.WaitStory("handshake, text 'before', handshake")) << Story(server.Events());
+  EXPECT_EQ(server.log().LinesOf("Guarded").size(), 1U);
 }
 
 TEST(NetArguments, AreChecked) {

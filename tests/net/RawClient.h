@@ -11,7 +11,7 @@
 
 namespace tolm::test {
 
-inline constexpr std::chrono::milliseconds kLong{20000};
+inline constexpr std::chrono::milliseconds kLong{60000};
 
 /// A frame as a server sends it.
 struct SeenFrame {

@@ -164,6 +164,22 @@ TEST(NetStop, SendsWhatTheSystemTakesBefore) {
   EXPECT_EQ(CHttpServer::SendWebSocketMsg(socket, kWebsocketText, "x", 1, true), kNetNoSuchHandle);
 }
 
+TEST(NetStop, OfOneServerLeavesTheOthersAlone) {
+  ServerEnd stays;
+  auto client = RawClient::Upgraded(stays.port());
+  const auto socket = stays.WaitSocket();
+  std::int32_t handle = -1;
+  int result = -1;
+  for (int attempt = 0; attempt < 20 && result != kNetOk; ++attempt) {
+    result = CHttpServer::StartHttpServer(handle, "127.0.0.1", FreePort(), IgnoreRequest);
+  }
+  ASSERT_EQ(result, kNetOk);
+  EXPECT_NE(handle, stays.handle());
+  EXPECT_EQ(CHttpServer::StopServer(handle), kNetOk);
+  EXPECT_EQ(CHttpServer::SendWebSocketMsg(socket, kWebsocketText, "on", 2, true), kNetOk);
+  EXPECT_EQ(client.ReadFrame()->payload, "on");
+}
+
 TEST(NetStop, ASecondTimeIsNoSuchHandle) {
   ServerEnd server;
   EXPECT_EQ(server.Stop(), kNetOk);
@@ -192,6 +208,7 @@ TEST(NetStop, OnManyThreadsIsDoneOnce) {
 }
 
 TEST(NetStop, WithinACallbackReturnsAtOnceAndTheRestFollows) {
+  { const ServerEnd warm_up; }
   const std::size_t threads = CountThreads();
   ServerEnd server;
   std::atomic<int> result{-1};

@@ -30,7 +30,6 @@ namespace {
 
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::Not;
 namespace fs = std::filesystem;
 
 constexpr std::chrono::seconds kPatience{40};

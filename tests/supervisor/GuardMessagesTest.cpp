@@ -127,7 +127,8 @@ TEST(GuardMessages, WhatIsNoMessageSaysWhy) {
       {R"({"guid":"g","requestData":{"method":"StopProcess","processName":{}}})", "no processName"},
       {R"({"guid":"g","requestData":{"method":"SetProcessGuardStateList","guardInfoList":[{"type":0}]}})",
        "guardInfoList[1] has no processName"},
-      {R"({"guid":"g","requestData":{"method":"SetProcessGuardStateList","guardInfoList":[{"processName":"a","type":1},)"
+      {R"({"guid":"g","requestData":{"method":"SetProcessGuardStateList","guardInfoList":[)"
+       R"({"processName":"a","type":1},)"
        R"({"processName":"b","type":2}]}})",
        "guardInfoList[2] has no processName, or its type is neither 0 nor 1"},
       {R"({"guid":"g","responseData":{}})", "answers nothing"},

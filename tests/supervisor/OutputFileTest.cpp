@@ -7,6 +7,7 @@
 #include <iterator>
 #include <regex>
 #include <sstream>
+#include <string_view>
 #include <thread>
 
 #include "support/LogCapture.h"
@@ -19,6 +20,7 @@ namespace {
 namespace fs = std::filesystem;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using namespace std::string_view_literals;
 
 class Output : public testing::Test {
  protected:
@@ -63,7 +65,7 @@ TEST_F(Output, LinesAreWhateverPiecesTheyComeIn) {
 
 TEST_F(Output, BytesThatCouldUpsetATerminalAreSpelledOut) {
   OutputFile output(file(), {});
-  output.Write(std::string_view("\x1b[31mred\0\x07\ttab \xc3\xa4 \xff\x7f\n", 23));
+  output.Write("\x1b[31mred\0\x07\ttab \xc3\xa4 \xff\x7f\n"sv);
   EXPECT_THAT(Lines(file()), ElementsAre("[out] \\x1b[31mred\\x00\\x07\ttab \xc3\xa4 \xff\\x7f"));
 }
 

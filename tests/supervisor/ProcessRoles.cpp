@@ -66,8 +66,8 @@ int ReadInput(const Arguments&) {
   return 0;
 }
 
-int Wait(const Arguments&) {
-  SayWithId("ready");
+int Wait(const Arguments& arguments) {
+  SayWithId(arguments.empty() ? "ready" : arguments.front());
   WaitForever();
 }
 
@@ -141,7 +141,7 @@ void BeDaemon(int ready) {
 void Escape(int) {
   const std::string program = ThisProgram();
   char* const nothing[] = {nullptr};
-  ::execle(program.c_str(), program.c_str(), "--role", "wait", nullptr, nothing);
+  ::execle(program.c_str(), program.c_str(), "--role", "wait", "escaped", nullptr, nothing);
   ::_exit(1);
 }
 
@@ -162,6 +162,20 @@ int HaveFamily(const Arguments&) {
   StartDaemon(BeDaemon);
   SayWithId("ready");
   WaitForever();
+}
+
+// Each generation lives for a moment only: whoever looks for it finds the one before.
+int Breed(const Arguments&) {
+  if (::fork() != 0) {
+    SayWithId("ready");
+    WaitForever();
+  }
+  constexpr int kGenerations = 100000;
+  for (int i = 0; i < kGenerations; ++i) {
+    if (::fork() != 0) ::_exit(0);
+  }
+  SayWithId("old age");
+  return 0;
 }
 
 int LeaveDaemon(const Arguments&) {
@@ -253,6 +267,7 @@ int RunAsRole(int argc, char** argv) {
       {"list-descriptors", ListDescriptors},
       {"show-surroundings", ShowSurroundings},
       {"family", HaveFamily},
+      {"breed", Breed},
       {"leave-daemon", LeaveDaemon},
       {"leave-escaped", LeaveEscaped},
       {"hold-lock", HoldLock},

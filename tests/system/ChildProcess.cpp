@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -41,9 +42,11 @@ ChildProcess::ChildProcess(std::vector<std::string> command) {
   for (std::string& word : command) argv.push_back(word.data());
   argv.push_back(nullptr);
 
-  int input[2];
+  int input[2];  // sockets: typing for a child that has ended raises no signal then
   int output[2];
-  if (::pipe2(input, O_CLOEXEC) != 0 || ::pipe2(output, O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
+  if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, input) != 0 || ::pipe2(output, O_CLOEXEC) != 0) {
+    throw std::runtime_error("no pipe");
+  }
   const pid_t parent = ::getpid();
   id_ = ::fork();
   if (id_ == 0) Become(argv.data(), input[0], output[1], parent);
@@ -68,7 +71,7 @@ void ChildProcess::Signal(int signal) {
 void ChildProcess::Type(const std::string& line) {
   const std::string whole = line + "\n";
   // A child that has ended is noticed where its answer is missed.
-  (void)!::write(input_, whole.data(), whole.size());
+  (void)!::send(input_, whole.data(), whole.size(), MSG_NOSIGNAL);
 }
 
 void ChildProcess::CloseInput() {

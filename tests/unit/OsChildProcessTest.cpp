@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <filesystem>
@@ -29,6 +30,7 @@ namespace os {
 namespace {
 
 using testing::HasSubstr;
+using testing::Not;
 using testing::StartsWith;
 using tolm::test::IsGone;
 using tolm::test::Printed;
@@ -416,6 +418,16 @@ TEST(OsChildProcess, ATreeEndsAsAWholeWithThoseThatLeftGroupAndSession) {
   EXPECT_TRUE(actor.WaitEndOfOutput());
 }
 
+TEST(OsChildProcess, AGroupThatKeepsStartingProcessesIsKilled) {
+  Actor actor({"breed"});
+  ASSERT_TRUE(actor.Start()) << actor.why();
+  ASSERT_GT(actor.printed().WaitForNumberAfter("ready"), 0);
+  actor.process().KillTree();
+  // The last one that could write is gone, and not because it had enough.
+  ASSERT_TRUE(actor.WaitEndOfOutput());
+  EXPECT_THAT(actor.printed().Text(), Not(HasSubstr("old age")));
+}
+
 TEST(OsChildProcess, WhatAProcessLeftWhenItEndedIsKilledWithItsTree) {
   Actor actor({"leave-daemon"});
   ASSERT_TRUE(actor.Start()) << actor.why();
@@ -441,7 +453,7 @@ TEST(OsChildProcess, DestroyingARunningOneKillsItsTreeAndTellsItsEnd) {
 TEST(OsChildProcess, DestructionDoesNotWaitForWhoeverKeepsTheOutput) {
   Actor actor({"leave-escaped"});
   ASSERT_TRUE(actor.Start()) << actor.why();
-  const pid_t escaped = actor.printed().WaitForNumberAfter("ready");
+  const pid_t escaped = actor.printed().WaitForNumberAfter("escaped");
   ASSERT_GT(escaped, 0);
   ASSERT_TRUE(actor.WaitEnd());
   EXPECT_EQ(actor.ends_of_output(), 0);
@@ -547,24 +559,9 @@ TEST(OsSupervisor, StraysAreKilledAndLivingTreesAreSpared) {
   ASSERT_TRUE(supervisor.Start()) << supervisor.why();
   const Family family(supervisor.printed());
   ASSERT_GT(supervisor.printed().WaitForNumberAfter("supervisor"), 0);
-  // Two say "ready": the family's head, and the one that escaped and is the supervisor's orphan now.
-  pid_t escaped = -1;
-  ASSERT_TRUE(WaitFor(
-      [&] {
-        for (const auto& entry : fs::directory_iterator("/proc")) {
-          const pid_t id = std::atoi(entry.path().filename().c_str());
-          std::ifstream file(entry.path() / "cmdline");
-          const std::string line(std::istreambuf_iterator<char>(file), {});
-          std::ifstream status(entry.path() / "status");
-          const std::string text(std::istreambuf_iterator<char>(status), {});
-          if (line.ends_with(std::string("--role\0wait\0", 12)) &&
-              text.find("PPid:\t" + std::to_string(supervisor.id()) + "\n") != std::string::npos) {
-            escaped = id;
-          }
-        }
-        return escaped > 0;
-      },
-      kPatience));
+  const pid_t escaped = supervisor.printed().WaitForNumberAfter("escaped");
+  ASSERT_GT(escaped, 0);
+  ASSERT_FALSE(IsGone(escaped)) << "else this case shows nothing";
   ASSERT_TRUE(family.IsComplete());
   ::kill(supervisor.id(), SIGUSR1);
   ASSERT_TRUE(supervisor.printed().WaitForText("strays are killed\n"));

@@ -45,6 +45,16 @@ std::string Replaced(std::string text, const std::string& from, const std::strin
   return text;
 }
 
+/// What a process has open, by number.
+std::map<std::string, std::string> Descriptors(long id) {
+  std::map<std::string, std::string> descriptors;
+  std::error_code gone;
+  for (const auto& entry : fs::directory_iterator("/proc/" + std::to_string(id) + "/fd", gone)) {
+    descriptors[entry.path().filename().string()] = fs::read_symlink(entry.path(), gone).string();
+  }
+  return descriptors;
+}
+
 class OsHiddenProcess : public testing::Test {
  protected:
   ~OsHiddenProcess() override {
@@ -134,12 +144,14 @@ TEST_F(OsHiddenProcess, InheritsNoDescriptor) {
   const long id = StartSleeper(Program("sleeper"));
   ::close(file);
   ::close(high);
-  std::map<std::string, std::string> descriptors;
-  for (const auto& entry : fs::directory_iterator("/proc/" + std::to_string(id) + "/fd")) {
-    descriptors[entry.path().filename().string()] = fs::read_symlink(entry.path()).string();
-  }
   const std::map<std::string, std::string> expected = {
       {"0", "/dev/null"}, {"1", "/dev/null"}, {"2", "/dev/null"}};
+  std::map<std::string, std::string> descriptors;
+  // While it begins, the program has files of its own open.
+  WaitFor([&] {
+    descriptors = Descriptors(id);
+    return descriptors == expected;
+  });
   EXPECT_EQ(descriptors, expected);
 }
 

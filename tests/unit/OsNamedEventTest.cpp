@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -183,8 +184,36 @@ TEST_F(OsNamedEvent, AKilledWaiterCostsOneGraceAndKeepsNoSignal) {
   const auto begin = Clock::now();
   EXPECT_TRUE(event->Wait(0)) << "nobody alive wants it";
   EXPECT_GE(Clock::now() - begin, kGrace) << "the killed one could have been alive";
+
+  constexpr int kRounds = 200;
+  const auto later = Clock::now();
+  for (int i = 0; i < kRounds; ++i) {
+    event->Set();
+    EXPECT_TRUE(event->Wait(0));
+  }
+  EXPECT_LT(Clock::now() - later, kRounds * kGrace / 2) << "it costs that once and not each time";
+}
+
+TEST_F(OsNamedEvent, AWaiterThatWasTooSlowOnceHasItsGraceAgain) {
+  const Event event = Make(name_);
+  ForkedChild child([&](const auto& voice) {
+    const Event own = NamedEvent::Open(name_);
+    voice.Say('r');
+    return own->Wait(kLong) ? 0 : 2;
+  });
+  ASSERT_EQ(child.Hear(), 'r');
+  for (int round = 0; round < 2; ++round) {
+    ASSERT_TRUE(child.Sleeps());
+    ::kill(child.id(), SIGSTOP);
+    ASSERT_TRUE(tolm::test::WaitFor([&] { return tolm::test::ProcessState(child.id()) == 'T'; }));
+    event->Set();
+    const auto begin = Clock::now();
+    EXPECT_TRUE(event->Wait(0)) << "it does not take the signal";
+    EXPECT_GE(Clock::now() - begin, kGrace) << round;
+    ::kill(child.id(), SIGCONT);
+  }
   event->Set();
-  EXPECT_TRUE(event->Wait(0));
+  EXPECT_EQ(child.Join(), 0);
 }
 
 TEST_F(OsNamedEvent, ALivingWaiterIsWokenBesideAKilledOne) {
@@ -303,8 +332,7 @@ TEST_F(OsNamedEvent, TwoCreatorsAtOnceShareOneEvent) {
     std::atomic<int> ready = 0;
     const auto create = [&](Event& event) {
       ++ready;
-      while (ready < 2) {
-      }
+      while (ready < 2) std::this_thread::yield();
       int error = 0;
       event = NamedEvent::Create(name_, error);
     };
@@ -400,6 +428,36 @@ TEST_F(OsNamedEvent, ALinkInItsPlaceIsNotFollowed) {
   EXPECT_EQ(error, ELOOP);
   EXPECT_FALSE(NamedEvent::Open(name_));
   EXPECT_EQ(fs::file_size(target), 7u);
+}
+
+TEST_F(OsNamedEvent, WhoSetsItAndWaitsLeavesTheSignalToItsMakerThatWaitsOnlyThen) {
+  const Event maker = Make(name_);
+  const Event asking = NamedEvent::Open(name_);
+  ASSERT_TRUE(asking);
+  asking->Set();
+  std::atomic<bool> answered{false};
+  std::thread waiter([&] { answered = asking->Wait(kLong); });
+  EXPECT_TRUE(maker->Wait(kLong));
+  EXPECT_FALSE(answered);
+  maker->Set();
+  waiter.join();
+  EXPECT_TRUE(answered);
+}
+
+TEST_F(OsNamedEvent, WithoutItsNameItIsFoundByNobodyAndServesItsHolders) {
+  const Event maker = Make(name_);
+  const Event found = NamedEvent::Open(name_);
+  ASSERT_TRUE(found);
+  maker->GiveUpName();
+  EXPECT_EQ(Files(), 0u);
+  EXPECT_FALSE(NamedEvent::Open(name_));
+  maker->Set();
+  EXPECT_TRUE(found->Wait(kLong));
+
+  const Event another = Make(name_);
+  EXPECT_EQ(Files(), 1u);
+  another->Set();
+  EXPECT_FALSE(found->Wait(0)) << "another event under the same name";
 }
 
 TEST_F(OsNamedEvent, ItsHandleIsTold) {

@@ -2,7 +2,6 @@
 
 #define RAPIDJSON_HAS_STDSTRING 1
 #include <rapidjson/document.h>
-#include <rapidjson/memorystream.h>
 #include <rapidjson/prettywriter.h>
 #include <rapidjson/reader.h>
 #include <rapidjson/stringbuffer.h>
@@ -167,17 +166,21 @@ class Builder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Builder> 
   rapidjson::Document& document_;
 };
 
-/// Reads the whole of `text`. Iterative, so that no nesting exhausts the stack.
-bool ParseInto(rapidjson::Document& document, std::string_view text) {
+/// Reads the whole of `text` in place: the document's texts stay where they are, so that a long one is held
+/// once and not three times over. Iterative, so that no nesting exhausts the stack. `text` must outlive
+/// `document`.
+bool ParseInto(rapidjson::Document& document, std::string& text) {
   if (text.size() > kMaxTextSize) return false;
-  if (text.starts_with("\xEF\xBB\xBF")) text.remove_prefix(3);
-  rapidjson::MemoryStream stream(text.data(), text.size());
-  const auto read = [&stream](rapidjson::Document& target) {
-    constexpr unsigned kFlags = rapidjson::kParseIterativeFlag | rapidjson::kParseNumbersAsStringsFlag;
+  const std::size_t mark = text.starts_with("\xEF\xBB\xBF") ? 3 : 0;
+  rapidjson::InsituStringStream stream(text.data() + mark);
+  const char* const end = text.data() + text.size();
+  const auto read = [&stream, end](rapidjson::Document& target) {
+    constexpr unsigned kFlags =
+        rapidjson::kParseIterativeFlag | rapidjson::kParseInsituFlag | rapidjson::kParseNumbersAsStringsFlag;
     Builder builder(target);
     rapidjson::Reader reader;
     // The stream shows its end as a NUL; a NUL in the text must not pass for it.
-    return !reader.Parse<kFlags>(stream, builder).IsError() && stream.src_ == stream.end_;
+    return !reader.Parse<kFlags>(stream, builder).IsError() && stream.src_ == end;
   };
   bool complete = false;
   const auto generate = [&](rapidjson::Document& target) { return complete = read(target); };
@@ -227,6 +230,7 @@ std::size_t Walk(const Value& root, Handler& handler) {
 }  // namespace
 
 struct CRapidJsonProto::Document {
+  std::string text;  // what was read; texts of `json` lie in it
   rapidjson::Document json{rapidjson::kObjectType};
 };
 
@@ -237,7 +241,8 @@ CRapidJsonProto::~CRapidJsonProto() = default;
 bool CRapidJsonProto::set_str(const std::string& text) {
   // A new document each time: the old one's memory pool only ever grows.
   auto parsed = std::make_unique<Document>();
-  const bool complete = ParseInto(parsed->json, text);
+  parsed->text = text;
+  const bool complete = ParseInto(parsed->json, parsed->text);
   document_ = complete ? std::move(parsed) : std::make_unique<Document>();
   return complete;
 }

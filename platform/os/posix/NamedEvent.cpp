@@ -26,7 +26,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 /// How long a wait that finds the event signalled leaves the signal to those that waited before.
-constexpr std::chrono::milliseconds kGrace{50};
+constexpr std::chrono::milliseconds kGrace{200};
 
 // -------------------------------------------------------------------------------------- The file
 
@@ -137,14 +137,17 @@ bool MakeFresh(const Descriptor& file) {
 
 class FileEvent final : public NamedEvent {
  public:
-  FileEvent(Descriptor file, std::string path, Shared* shared)
-      : file_(std::move(file)), path_(std::move(path)), shared_(*shared) {}
+  /// The maker of an event counts as one who waits from the beginning: it serves those who find the event,
+  /// and its first wait may not have begun when the first of them is there.
+  FileEvent(Descriptor file, std::string path, Shared* shared, bool is_maker)
+      : file_(std::move(file)), path_(std::move(path)), shared_(*shared) {
+    if (is_maker) standing_.emplace(shared_);
+  }
 
   ~FileEvent() override {
+    standing_.reset();
     ::munmap(&shared_, sizeof(Shared));
-    if (SetLock(file_, F_WRLCK, kInspection) && !HasOtherHolders(file_) && LiesAt(file_, path_)) {
-      ::unlink(path_.c_str());
-    }
+    if (SetLock(file_, F_WRLCK, kInspection) && !HasOtherHolders(file_)) RemoveName();
   }
 
   void Set() override {
@@ -160,7 +163,8 @@ class FileEvent final : public NamedEvent {
     std::optional<Clock::time_point> deadline;
     if (timeout_ms >= 0) deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
     GiveWay();
-    Registration registration(shared_);
+    std::optional<Registration> passing;
+    Registration& registration = standing_ ? *standing_ : passing.emplace(shared_);
     for (;;) {
       registration.Renew();
       const std::uint32_t seen = shared_.changes.load();
@@ -174,9 +178,20 @@ class FileEvent final : public NamedEvent {
     }
   }
 
+  void GiveUpName() override {
+    if (!SetLock(file_, F_WRLCK, kInspection)) return;
+    RemoveName();
+    SetLock(file_, F_UNLCK, kInspection);
+  }
+
   std::intptr_t native() const override { return file_.get(); }
 
  private:
+  // REQUIRES: the file is locked for inspection.
+  void RemoveName() {
+    if (LiesAt(file_, path_)) ::unlink(path_.c_str());
+  }
+
   // One wait's place in `waiters`. A new generation begins when those of the old one have not used their
   // grace: the killed among them are forgotten, the living register again when they notice.
   class Registration {
@@ -215,7 +230,7 @@ class FileEvent final : public NamedEvent {
   void GiveWay() {
     const std::uint32_t seen = shared_.changes.load();
     const auto count = static_cast<std::uint32_t>(shared_.waiters.load());
-    if (!IsSignalled(seen) || count == 0) return;
+    if (!IsSignalled(seen) || count <= (standing_ ? 1U : 0U)) return;
     const auto deadline = Clock::now() + kGrace;
     while (shared_.changes.load() == seen) {
       if (Clock::now() >= deadline) {
@@ -245,14 +260,16 @@ class FileEvent final : public NamedEvent {
   const Descriptor file_;
   const std::string path_;
   Shared& shared_;
+  std::optional<Registration> standing_;
 };
 
 /// Becomes one of the holders; `file` is locked for inspection, which ends. Null with errno set.
-std::unique_ptr<NamedEvent> Join(Descriptor file, std::string path) {
+std::unique_ptr<NamedEvent> Join(Descriptor file, std::string path, bool is_maker) {
   if (!SetLock(file, F_RDLCK, kHolders) || !SetLock(file, F_UNLCK, kInspection)) return nullptr;
   void* const memory = ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
   if (memory == MAP_FAILED) return nullptr;
-  return std::make_unique<FileEvent>(std::move(file), std::move(path), static_cast<Shared*>(memory));
+  return std::make_unique<FileEvent>(std::move(file), std::move(path), static_cast<Shared*>(memory),
+                                     is_maker);
 }
 
 }  // namespace
@@ -266,7 +283,10 @@ std::unique_ptr<NamedEvent> NamedEvent::Create(const std::string& name, int& err
   }
   Descriptor file = OpenForInspection(path, O_CREAT);
   std::unique_ptr<NamedEvent> event;
-  if (file && (HasOtherHolders(file) || MakeFresh(file))) event = Join(std::move(file), std::move(path));
+  if (file) {
+    const bool is_maker = !HasOtherHolders(file);
+    if (!is_maker || MakeFresh(file)) event = Join(std::move(file), std::move(path), is_maker);
+  }
   if (event == nullptr) error = errno;
   return event;
 }
@@ -280,7 +300,7 @@ std::unique_ptr<NamedEvent> NamedEvent::Open(const std::string& name) {
     ::unlink(path.c_str());
     return nullptr;
   }
-  return Join(std::move(file), std::move(path));
+  return Join(std::move(file), std::move(path), false);
 }
 
 }  // namespace os

@@ -65,15 +65,20 @@ bool ReadUdpTable(std::vector<PortRow>& rows) {
 }
 
 bool IsLoopbackPeerSameUser(std::uint16_t local_port, std::uint16_t remote_port) {
-  std::vector<SocketLine> lines;
-  if (!ReadSockets("/proc/net/tcp", ParseTcpTable, lines)) return false;
+  // The system tells the table in pieces, between which rows may shift: one that is missing is looked for
+  // once more.
+  constexpr int kReadings = 2;
   const std::uint32_t loopback = htonl(INADDR_LOOPBACK);
-  for (const SocketLine& line : lines) {
-    const PortRow& row = line.row;
-    // Of a socket that no process holds any more the user is shown as 0, whoever it was.
-    if (line.inode != 0 && row.local_address == loopback && row.local_port == remote_port &&
-        row.remote_address == loopback && row.remote_port == local_port) {
-      return line.user == ::geteuid();
+  for (int reading = 0; reading < kReadings; ++reading) {
+    std::vector<SocketLine> lines;
+    if (!ReadSockets("/proc/net/tcp", ParseTcpTable, lines)) return false;
+    for (const SocketLine& line : lines) {
+      const PortRow& row = line.row;
+      // Of a socket that no process holds any more the user is shown as 0, whoever it was.
+      if (line.inode != 0 && row.local_address == loopback && row.local_port == remote_port &&
+          row.remote_address == loopback && row.remote_port == local_port) {
+        return line.user == ::geteuid();
+      }
     }
   }
   return false;

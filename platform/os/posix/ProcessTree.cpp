@@ -31,6 +31,12 @@ using Clock = std::chrono::steady_clock;
 
 // A killed process is gone within milliseconds, unless a device or a network file system holds it.
 constexpr std::chrono::milliseconds kEndOfKilled{1000};
+// Processes that leave their group and start others faster than they can be looked for are not to be had.
+constexpr std::chrono::milliseconds kEndOfChase{3000};
+
+// The numbers are listed first and looked at one by one then. A process that starts another one behind the
+// list and ends before its turn hides it from this look; the next one finds it.
+constexpr int kEmptyLooks = 2;
 
 /// The children that are not collected yet.
 struct Children {
@@ -94,11 +100,15 @@ std::vector<ProcessRow> LivingOf(const std::vector<ProcessRow>& rows, const std:
 /// start another one right before it is killed. False when some do not end in time.
 bool KillUntilNoneIsLeft(const std::function<std::set<pid_t>(const std::vector<ProcessRow>&)>& choose) {
   std::map<std::pair<pid_t, std::uint64_t>, Descriptor> killed;
-  const auto deadline = Clock::now() + kEndOfKilled;
-  for (;;) {
+  const auto begin = Clock::now();
+  for (int empty_looks = 0;;) {
     const std::vector<ProcessRow> rows = ReadProcesses();
     const std::vector<ProcessRow> living = LivingOf(rows, choose(rows));
-    if (living.empty()) return true;
+    if (living.empty()) {
+      if (++empty_looks == kEmptyLooks) return true;
+      continue;
+    }
+    empty_looks = 0;
 
     bool met_new_one = false;
     std::vector<pollfd> dying;
@@ -110,7 +120,7 @@ bool KillUntilNoneIsLeft(const std::function<std::set<pid_t>(const std::vector<P
       }
       if (entry->second) dying.push_back({entry->second.get(), POLLIN, 0});
     }
-    if (!met_new_one && Clock::now() >= deadline) return false;
+    if (Clock::now() - begin >= (met_new_one ? kEndOfChase : kEndOfKilled)) return false;
     constexpr int kLookAgainMs = 20;
     ::poll(dying.data(), dying.size(), kLookAgainMs);
   }
@@ -182,13 +192,18 @@ void CollectChild(pid_t id) {
 }
 
 bool HasDescendants(const TreeRoot& root) {
-  const std::vector<ProcessRow> rows = ReadProcesses();
-  std::set<pid_t> tree = TreeOf(root, rows);
-  tree.erase(root.id);
-  return !LivingOf(rows, tree).empty();
+  for (int look = 0; look < kEmptyLooks; ++look) {
+    const std::vector<ProcessRow> rows = ReadProcesses();
+    std::set<pid_t> tree = TreeOf(root, rows);
+    tree.erase(root.id);
+    if (!LivingOf(rows, tree).empty()) return true;
+  }
+  return false;
 }
 
 bool KillTreeOf(const TreeRoot& root) {
+  // The group first: that is one step for the system, so that nobody in it gets away by starting another.
+  ::kill(-root.id, SIGKILL);
   return KillUntilNoneIsLeft([&root](const std::vector<ProcessRow>& rows) { return TreeOf(root, rows); });
 }
 

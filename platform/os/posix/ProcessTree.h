@@ -38,8 +38,8 @@ void CollectChild(pid_t id);
 /// its number is also its group's; so for KillTreeOf.
 bool HasDescendants(const TreeRoot& root);
 
-/// Kills a tree and waits until nothing of it runs. False when the system does not let go of a part of it
-/// for a second.
+/// Kills a tree and waits until nothing of it runs. False when a part of it does not end within a second, or
+/// others come up for three.
 bool KillTreeOf(const TreeRoot& root);
 
 /// Whether AdoptOrphans was called.

@@ -17,6 +17,8 @@ class KernelEvent final : public NamedEvent {
     return ::WaitForSingleObject(event_.get(), timeout) == WAIT_OBJECT_0;
   }
 
+  void GiveUpName() override {}  // a kernel object's name goes with its last handle
+
   std::intptr_t native() const override { return reinterpret_cast<std::intptr_t>(event_.get()); }
 
  private:

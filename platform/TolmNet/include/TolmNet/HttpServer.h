@@ -72,13 +72,14 @@ class CHttpServer {
   /// A client that has not finished its handshake after so long is cut off.
   static constexpr int kHandshakeMs = 5000;
 
-  /// Listens on `ip`, an IPv4 address of this machine, and `port`, on a thread of its own. `handle` receives
-  /// the server's handle, 1 or more, and is left as it is after a failure. A port that another socket
-  /// listens on is a failure.
+  /// Listens on `ip`, an IPv4 address of this machine, and `port`, not 0, on a thread of its own. `handle`
+  /// receives the server's handle, 1 or more, and is left as it is after a failure. A port that another
+  /// socket listens on is a failure.
   static int StartHttpServer(std::int32_t& handle, const std::string& ip, std::uint16_t port,
                              HttpServerCallBack callback);
 
-  /// Who receives the events of a server's connections. Events from before are kept and delivered first.
+  /// Who receives the events of a server's connections. Events from before are kept and delivered first;
+  /// when 4096 of them or 64 MiB are kept, nothing more is read or accepted until then.
   static int SetWebSocketServerCallBack(std::int32_t handle, WebSocketServerCallBack callback);
 
   /// Queues one frame; the server's thread sends it. The data are copied. Masking does not apply (RFC 6455,

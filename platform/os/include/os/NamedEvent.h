@@ -8,8 +8,8 @@ namespace os {
 
 /// An event that processes of one user share by name. It exists while somebody holds it; a holder that is
 /// killed leaves nothing behind. Auto-reset: one Set releases one Wait. A Wait that is under way comes
-/// before one that begins later, so whoever sets an event and then waits for the answer on the same
-/// event does not take its own signal while the other side waits.
+/// before one that begins later, and whoever made the event before those who found it; so whoever sets an
+/// event and then waits for the answer on the same event does not take its own signal.
 ///
 /// `name` is any text, compared exactly ("Global\\C:/App/Agent.exe-agent" on every system).
 class NamedEvent {
@@ -27,6 +27,10 @@ class NamedEvent {
   virtual void Set() = 0;
   /// Whether the event was signalled within `timeout_ms`; below 0: waits as long as it takes.
   virtual bool Wait(int timeout_ms) = 0;
+  /// For a holder that is about to end: from now on nobody opens the event any more, and the same name makes
+  /// another one. Those who hold it go on with it. (On systems whose events are no files the name lasts
+  /// until its last holder lets go.)
+  virtual void GiveUpName() = 0;
   /// The handle's value, for log lines.
   virtual std::intptr_t native() const = 0;
 
