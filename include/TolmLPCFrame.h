@@ -118,8 +118,9 @@ inline constexpr int kFrameFailed = -8;
 inline constexpr int kFrameAlreadyInitialised = -9;
 
 /// Starts the frame: listens as `lpc_server_name` (1 to 64 letters, digits, '.', '_' or '-', not
-/// beginning with '.'), starts the worker threads and takes over the plugin list. Register the
-/// callback first. Returns 0, or -8 when the endpoint cannot be opened (the log says why). A second
+/// beginning with '.'), starts the worker threads, opens the guard's endpoint on the port in "LpcFrame.xml"
+/// (without that file there is none) and takes over the plugin list. Register the callback first.
+/// Returns 0, or -8 when the endpoint for plugins cannot be opened (the log says why). A second
 /// call repeats the start: the same endpoint name succeeds, another one gives -8.
 TOLM_LPCFRAME_API int TolmLPCFrameInit(const std::string& lpc_server_name, const PlatformInfo& info);
 
@@ -157,7 +158,8 @@ TOLM_LPCFRAME_API bool AsyncSend(std::uint64_t& msg_id, const LPCData& data);
 
 /// Tells the guard that the plugins of the list given at the start, but for those that are not_verified,
 /// may be started with `plugin_cmdline`. A guard that connects later, or again, is told then. The first
-/// call may block for about fifteen seconds when no guard answers.
+/// call waits for a guard's answer three times, five seconds each: about five seconds when the guard
+/// connects meanwhile, as one does that was started with the frame a moment ago, fifteen without a guard.
 TOLM_LPCFRAME_API void TolmLPCFrameNotifyStartPlugins(const std::string& plugin_cmdline);
 
 /// Asks the guard to start one plugin of the list given at the start; an unknown id is only logged.

@@ -84,11 +84,12 @@ bool Agent::Run(std::unique_ptr<os::ProcessLock> only_one) {
                  host_executable_.empty() ? "(not watched)" : host_executable_.c_str());
   const EventWaiter waiter(*event, inbox_);
   WorkUntilEnd();
+  // A frame that starts from now on finds no event, and starts an agent that waits for this one's end.
+  event->GiveUpName();
   StopGuard();
   AGENT_LOG_INFO("The agent ends");
   // Whoever waits for the answer kills what is left of the agent then, so nothing may be left of it that
   // only it can remove.
-  event->GiveUpName();
   only_one.reset();
   return true;
 }

@@ -1,9 +1,11 @@
 // The agent: keeps the guard running. Started by the frame; see --help.
 
+#include <chrono>
 #include <exception>
 #include <iostream>
 #include <memory>
 #include <string>
+#include <thread>
 #include <utility>
 
 #include "Agent.h"
@@ -12,6 +14,7 @@
 #include "Layout.h"
 #include "Options.h"
 #include "os/ChildProcess.h"
+#include "os/NamedEvent.h"
 #include "os/StopSignal.h"
 
 namespace {
@@ -19,6 +22,23 @@ namespace {
 constexpr int kEnded = 0;
 constexpr int kCannotBegin = 1;
 constexpr int kNotUnderstood = 2;
+
+/// An agent that ends has ended after so long, whatever its guard does.
+constexpr std::chrono::seconds kLongestEnd{10};
+constexpr std::chrono::milliseconds kLookAgain{20};
+
+/// The right to be the one agent; nothing when another one works. An agent that ends has no event any more
+/// and is waited for: the frame that started this one found no event, and counts on it.
+std::unique_ptr<os::ProcessLock> TakeTurn(const std::string& event_name, std::string& fault) {
+  const auto deadline = std::chrono::steady_clock::now() + kLongestEnd;
+  for (;;) {
+    auto only_one = os::ProcessLock::TryTake(event_name, fault);
+    if (only_one || !fault.empty() || std::chrono::steady_clock::now() >= deadline) return only_one;
+    // The lock comes before the event: an agent that has just begun is looked for twice.
+    std::this_thread::sleep_for(kLookAgain);
+    if (os::NamedEvent::Open(event_name)) return nullptr;
+  }
+}
 
 int RunAgent(const tolm::agent::Options& options) {
   // Both before anything else makes threads or children.
@@ -28,7 +48,7 @@ int RunAgent(const tolm::agent::Options& options) {
 
   const tolm::agent::Layout layout = tolm::agent::FindLayout(options.agent_path);
   std::string fault;
-  auto only_one = os::ProcessLock::TryTake(layout.event_name, fault);
+  auto only_one = TakeTurn(layout.event_name, fault);
   if (!only_one && !fault.empty()) {
     std::cerr << "cannot find out whether an agent is running: " << fault << std::endl;
     return kCannotBegin;

@@ -20,6 +20,8 @@ constexpr char kTag[] = "TolmGuard";
 constexpr Milliseconds kFirstSeconds{5000};
 /// Output that was on its way when the process ended arrives within that time, or never.
 constexpr Milliseconds kOutputLag{25};
+/// A restart that waits for the frame looks again after that time.
+constexpr Milliseconds kLookAgain{5};
 
 std::string Seconds(Milliseconds time) {
   char text[32];
@@ -119,6 +121,15 @@ void PluginSupervisor::SetProtected(bool is_protected) {
   output_->Note("not restarted: it is not protected any more");
 }
 
+// A successor that has initialised before the frame takes note of the end would count as ended from then on.
+void PluginSupervisor::Restart() {
+  if (surroundings_.is_end_known(id_)) {
+    StartProcess();
+  } else {
+    SetTimer(kLookAgain, &PluginSupervisor::Restart);
+  }
+}
+
 void PluginSupervisor::StartProcess() {
   Diagnose();
   const std::uint64_t run = ++run_;
@@ -214,7 +225,7 @@ void PluginSupervisor::FollowEnd(Milliseconds ran_for, bool crashed) {
     case RestartPolicy::Decision::Kind::kRestart:
       state_ = State::kWaiting;
       output_->Note("restarted in " + Seconds(decision.delay));
-      SetTimer(decision.delay, &PluginSupervisor::StartProcess);
+      SetTimer(decision.delay, &PluginSupervisor::Restart);
       break;
   }
 }

@@ -19,6 +19,9 @@ using Tolm::Base::kLogLevelWarning;
 
 constexpr char kTag[] = "TolmGuard";
 constexpr char kPluginsFolder[] = "plugins";
+/// How long the frame may take to note an end, and when it is asked again whether it has.
+constexpr Milliseconds kNotedWithin{1000};
+constexpr Milliseconds kAskAgain{10};
 
 /// What the frame calls a command line is what stands behind the program in one.
 std::vector<std::string> SplitArguments(const std::string& text) {
@@ -35,9 +38,11 @@ Supervisor::Supervisor(SupervisorOptions options, Scheduler& scheduler, FrameCha
       scheduler_(scheduler),
       channel_(channel),
       surroundings_{scheduler, std::move(start), std::move(random),
-                    [this](const std::string& id) { OnPluginEnded(id); }} {}
+                    [this](const std::string& id) { OnPluginEnded(id); },
+                    [this](const std::string& id) { return IsEndKnown(id); }} {}
 
 Supervisor::~Supervisor() {
+  scheduler_.Cancel(ask_timer_);
   scheduler_.Cancel(lost_timer_);
   scheduler_.Cancel(shutdown_timer_);
 }
@@ -68,6 +73,8 @@ void Supervisor::OnFrameConnected() {
 void Supervisor::OnFrameLost() {
   TOLM_LOG(kLogLevelWarning, kTag, "the connection to the frame is lost; plugins run on for %lld ms",
            static_cast<long long>(options_.lost_grace.count()));
+  unconfirmed_.clear();  // another frame knows of nobody
+  scheduler_.Cancel(std::exchange(ask_timer_, 0));
   scheduler_.Cancel(lost_timer_);
   lost_timer_ = scheduler_.After(options_.lost_grace, [this] {
     lost_timer_ = 0;
@@ -149,6 +156,15 @@ void Supervisor::On(const FrameMessage&, const InitStates& states) {
              is_initialised ? "initialised" : "not initialised any more");
   }
   init_states_.swap(now);
+  std::erase_if(unconfirmed_, [this](const auto& ended) {
+    const auto state = init_states_.find(ended.first);
+    return state == init_states_.end() || !state->second || scheduler_.Now() >= ended.second;
+  });
+  if (unconfirmed_.empty() || ask_timer_ != 0) return;
+  ask_timer_ = scheduler_.After(kAskAgain, [this] {
+    ask_timer_ = 0;
+    channel_.Send(BuildInitStatesQuestion());
+  });
 }
 
 void Supervisor::On(const FrameMessage&, const MainProcessPath& main_process) {
@@ -213,7 +229,19 @@ void Supervisor::OnPluginEnded(const std::string& id) {
 }
 
 void Supervisor::ReportEnd(const std::string& id) {
-  if (!channel_.Send(BuildProcessEnded(id))) unreported_.insert(id);
+  if (!channel_.Send(BuildProcessEnded(id))) {
+    unreported_.insert(id);
+    return;
+  }
+  const auto state = init_states_.find(id);
+  if (state == init_states_.end() || !state->second) return;
+  unconfirmed_[id] = scheduler_.Now() + kNotedWithin;
+  channel_.Send(BuildInitStatesQuestion());
+}
+
+bool Supervisor::IsEndKnown(const std::string& id) const {
+  const auto ended = unconfirmed_.find(id);
+  return ended == unconfirmed_.end() || scheduler_.Now() >= ended->second;
 }
 
 // -------------------------------------------------------------------------------------- The guard's end

@@ -70,6 +70,7 @@ class Supervisor {
   PluginSupervisor* Find(const std::string& id);
   void OnPluginEnded(const std::string& id);
   void ReportEnd(const std::string& id);
+  bool IsEndKnown(const std::string& id) const;
   void FinishShutdownWhenDone();
 
   SupervisorOptions options_;
@@ -83,6 +84,9 @@ class Supervisor {
   std::string command_line_;
   std::map<std::string, bool> init_states_;
   std::set<std::string> unreported_;  // ended while no frame was connected
+  /// Told to the frame, which counted them as initialised, and until when its taking note is waited for.
+  std::map<std::string, TimePoint> unconfirmed_;
+  Scheduler::TimerId ask_timer_ = 0;
   Scheduler::TimerId lost_timer_ = 0;
   bool shutting_down_ = false;
   std::function<void()> done_;

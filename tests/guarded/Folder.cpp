@@ -5,14 +5,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <charconv>
-#include <csignal>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
 #include <system_error>
-
-#include "support/Wait.h"
 
 namespace tolm::test {
 namespace {
@@ -67,16 +63,7 @@ Folder::Folder() : runtime_("XDG_RUNTIME_DIR", (directory_.path() / "run").strin
 }
 
 Folder::~Folder() {
-  // Whatever starts others goes first, as often as it takes.
-  WaitFor([this] {
-    const auto left = Processes();
-    for (const char* const program : {"TolmAgent_Exe64.exe", "TolmGuard.exe", ""}) {
-      for (const auto& [id, name] : left) {
-        if (*program == '\0' || name == program) ::kill(id, SIGKILL);
-      }
-    }
-    return left.empty();
-  });
+  KillProcessesBelow(path());
 }
 
 void Folder::AddPlugin(const std::string& id, const std::vector<std::string>& arguments,
@@ -93,25 +80,10 @@ int Folder::Port(const std::string& element) const {
   return begin == std::string::npos ? -1 : std::stoi(text.substr(begin + element.size() + 2));
 }
 
-std::map<pid_t, std::string> Folder::Processes() const {
-  std::map<pid_t, std::string> processes;
-  std::error_code gone;
-  for (const auto& entry : fs::directory_iterator("/proc", gone)) {
-    const std::string name = entry.path().filename();
-    pid_t id = 0;
-    const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), id);
-    if (error != std::errc() || end != name.data() + name.size()) continue;
-    const fs::path program = fs::read_symlink(entry.path() / "exe", gone);
-    if (!gone && program.string().starts_with(path().string() + "/")) processes[id] = program.filename();
-  }
-  return processes;
-}
-
 std::vector<pid_t> Folder::ProcessesOf(const fs::path& program) const {
   std::vector<pid_t> ids;
-  std::error_code gone;
-  for (const auto& [id, name] : Processes()) {
-    if (fs::read_symlink("/proc/" + std::to_string(id) + "/exe", gone) == program) ids.push_back(id);
+  for (const auto& [id, running] : Processes()) {
+    if (running == program) ids.push_back(id);
   }
   return ids;
 }

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "support/Processes.h"
 #include "support/TempDirectory.h"
 
 namespace tolm::test {
@@ -33,8 +34,8 @@ class Folder {
   /// The port that is in the file, under this element.
   int Port(const std::string& element) const;
 
-  /// Every process that runs a program of the folder: id and program name.
-  std::map<pid_t, std::string> Processes() const;
+  /// Every process that runs a program of the folder.
+  std::map<pid_t, std::filesystem::path> Processes() const { return ProcessesBelow(path()); }
   std::vector<pid_t> ProcessesOf(const std::filesystem::path& program) const;
   /// Sockets, locks and events.
   std::vector<std::string> RuntimeFiles() const;

@@ -143,9 +143,8 @@ TEST_F(IndependentGuard, GetsListsOfAnyLength) {
   std::string states;
   std::string unwatched;
   for (int i = 0; i < 3000; ++i) {
-    char id[8];
-    std::snprintf(id, sizeof id, "p%04d", i);
-    ids.emplace_back(id);
+    const std::string digits = std::to_string(i);
+    ids.push_back("p" + std::string(4 - digits.size(), '0') + digits);
     states += (i == 0 ? "" : " ") + ids.back() + "=0";
     unwatched += " " + ids.back() + "=0";
   }

@@ -22,6 +22,7 @@
 #include "os/ChildProcess.h"
 #include "os/HiddenProcess.h"
 #include "os/NamedEvent.h"
+#include "support/Processes.h"
 #include "support/TempDirectory.h"
 #include "support/Wait.h"
 
@@ -76,6 +77,9 @@ class AgentTest : public testing::Test {
     PlaceGuard();
     Behave("run");
   }
+
+  // A stand-in that is killed while it starts others may leave one of them behind.
+  void TearDown() override { KillProcessesBelow(folder_); }
 
   void PlaceGuard() {
     // In one step: an agent that looks for it meanwhile finds all of it or nothing.

@@ -131,6 +131,35 @@ TEST_F(Guard, TellsTheFrameOfEveryEndBeforeItRestarts) {
   EXPECT_THAT(frame_.Ends(), ElementsAre("clock", "relay"));
 }
 
+TEST_F(Guard, ASuccessorWaitsUntilTheFrameCountsItsPredecessorAsEnded) {
+  const auto states = [this](int clock) {
+    Say(R"({"guid":"g","responseData":{"initInfoList":[{"processName":"clock","initState":)" +
+        std::to_string(clock) + R"(}],"total":1}})");
+  };
+  Start({"clock"});
+  states(1);
+  frame_.sent.clear();
+  End("clock", 1);
+  EXPECT_THAT(frame_.Methods(), ElementsAre("NotifyProcessState", "GetProcessInitStateList"));
+  states(1);
+  clock_.Advance(Milliseconds(100));
+  EXPECT_EQ(Runs("clock"), 1u);
+  EXPECT_EQ(frame_.Methods().back(), "GetProcessInitStateList") << "it is asked again";
+  states(0);
+  clock_.Advance(Milliseconds(10));
+  EXPECT_EQ(Runs("clock"), 2u);
+}
+
+TEST_F(Guard, ASuccessorDoesNotWaitForAFrameThatDoesNotAnswer) {
+  Start({"clock"});
+  Say(R"({"guid":"g","responseData":{"initInfoList":[{"processName":"clock","initState":1}],"total":1}})");
+  End("clock", 1);
+  clock_.Advance(Milliseconds(900));
+  EXPECT_EQ(Runs("clock"), 1u);
+  clock_.Advance(Milliseconds(200));
+  EXPECT_EQ(Runs("clock"), 2u);
+}
+
 TEST_F(Guard, DoesNotTellTheEndOfWhatNeverStarted) {
   processes_.failure = "no such file";
   Start({"clock"});

@@ -3,9 +3,9 @@
 #include <csignal>
 #include <filesystem>
 #include <string>
-#include <system_error>
 
 #include "SystemTest.h"
+#include "support/Processes.h"
 #include "support/Wait.h"
 
 namespace tolm::test {
@@ -70,15 +70,6 @@ class Tour : public SystemTest {
     const std::size_t found = line.find(before);
     return found == std::string::npos ? std::string() : line.substr(found + before.size());
   }
-
-  static bool RunsBelow(const std::filesystem::path& folder) {
-    std::error_code gone;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc", gone)) {
-      const auto program = std::filesystem::read_symlink(entry.path() / "exe", gone);
-      if (!gone && program.string().starts_with(folder.string() + "/")) return true;
-    }
-    return false;
-  }
 };
 
 TEST_F(Tour, ShowsEverythingAndEnds) {
@@ -126,10 +117,10 @@ TEST_F(Tour, LeavesNobodyBehindWhenItIsKilled) {
   const std::filesystem::path folder = FolderOf(tour);
   ASSERT_FALSE(folder.empty());
   ASSERT_TRUE(tour.WaitForLine("--id guest")) << tour.Output();
-  EXPECT_TRUE(RunsBelow(folder));
+  EXPECT_FALSE(ProcessesBelow(folder).empty());
   tour.Signal(SIGKILL);
   EXPECT_EQ(tour.WaitExit(), (Exit{-1, SIGKILL}));
-  EXPECT_TRUE(tolm::test::WaitFor([&] { return !RunsBelow(folder); }, kPatience));
+  EXPECT_TRUE(tolm::test::WaitFor([&] { return ProcessesBelow(folder).empty(); }, kPatience));
   std::filesystem::remove_all(folder);
 }
 

@@ -43,42 +43,12 @@ struct Shared {
 static_assert(sizeof(Shared) == 16 && std::atomic<std::uint64_t>::is_always_lock_free &&
               sizeof(std::atomic<std::uint32_t>) == sizeof(std::uint32_t));
 
-constexpr std::size_t kMaxPlainName = 200;
-constexpr std::size_t kKeptOfLongName = 120;
-
-std::string Hash(const std::string& text, std::uint64_t hash) {
-  for (const char c : text) hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001B3;
-  std::string digits(16, '0');
-  for (std::size_t i = 0; i < digits.size(); ++i) digits[i] = "0123456789abcdef"[hash >> (60 - 4 * i) & 15];
-  return digits;
-}
-
-// '=' stands in no escaped name, so that a long name's file is never a short one's.
-std::string FileName(const std::string& name) {
-  std::string escaped;
-  for (const char c : name) {
-    const auto byte = static_cast<unsigned char>(c);
-    const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-                       c == '.' || c == '_' || c == '-';
-    if (plain) {
-      escaped += c;
-    } else {
-      escaped += {'%', "0123456789ABCDEF"[byte >> 4], "0123456789ABCDEF"[byte & 15]};
-    }
-  }
-  if (escaped.size() > kMaxPlainName) {
-    escaped = "=" + Hash(name, 0xCBF29CE484222325) + Hash(name, 0x9E3779B97F4A7C15) + "-" +
-              escaped.substr(escaped.size() - kKeptOfLongName);
-  }
-  return escaped + ".event";
-}
-
 /// Where the event's file lies; nothing when the name is empty or the folder may not be used.
 std::string Path(const std::string& name) {
   if (name.empty()) return {};
   std::string fault;
   const std::string folder = EnsureRuntimeFolder(fault);
-  return fault.empty() ? folder + "/" + FileName(name) : std::string();
+  return fault.empty() ? folder + "/" + RuntimeFileName(name) + ".event" : std::string();
 }
 
 // ------------------------------------------------------------------------------------- The locks

@@ -4,9 +4,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdint>
-#include <cstdio>
-#include <string_view>
 #include <utility>
 
 #include "Descriptor.h"
@@ -15,36 +12,6 @@
 
 namespace os {
 namespace {
-
-std::string Hex(std::uint64_t value) {
-  char text[17];
-  std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(value));
-  return text;
-}
-
-std::uint64_t Fnv1a(std::string_view text) {
-  std::uint64_t hash = 0xcbf29ce484222325;
-  for (const char c : text) hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001b3;
-  return hash;
-}
-
-/// A file name for any text. The colon keeps it apart from the endpoints in the same folder.
-std::string FileName(const std::string& name) {
-  std::string encoded;
-  for (const char c : name) {
-    const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-                       c == '.' || c == '-' || c == '_';
-    if (plain) {
-      encoded += c;
-    } else {
-      encoded += "%" + Hex(static_cast<unsigned char>(c)).substr(14);
-    }
-  }
-  // File systems end names at 255 bytes. The end of a long text tells people more than its beginning.
-  constexpr std::size_t kLongest = 200;
-  if (encoded.size() > kLongest) encoded = Hex(Fnv1a(name)) + "-" + encoded.substr(encoded.size() - kLongest);
-  return "only-one:" + encoded;
-}
 
 class PosixProcessLock final : public ProcessLock {
  public:
@@ -72,7 +39,8 @@ std::unique_ptr<ProcessLock> ProcessLock::TryTake(const std::string& name, std::
   why.clear();
   const std::string folder = EnsureRuntimeFolder(why);
   if (!why.empty()) return nullptr;
-  const std::string path = folder + "/" + FileName(name);
+  const std::string path =
+      folder + "/only-one:" + RuntimeFileName(name);  // the colon keeps it apart from endpoints
   for (;;) {
     Descriptor file(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
     if (!file) {

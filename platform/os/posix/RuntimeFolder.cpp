@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 
 #include "Descriptor.h"
@@ -39,6 +40,39 @@ std::string EnsureRuntimeFolder(std::string& fault) {
     fault = FolderFault(folder);
   }
   return folder;
+}
+
+namespace {
+
+// File systems end names at 255 bytes, of which others take some for their own ends.
+constexpr std::size_t kMaxPlainName = 200;
+constexpr std::size_t kKeptOfLongName = 120;  // the end: it tells people more than the beginning
+
+std::string Hash(const std::string& text, std::uint64_t hash) {
+  for (const char c : text) hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001B3;
+  std::string digits(16, '0');
+  for (std::size_t i = 0; i < digits.size(); ++i) digits[i] = "0123456789abcdef"[hash >> (60 - 4 * i) & 15];
+  return digits;
+}
+
+}  // namespace
+
+// '=' stands in no escaped name, so that a long name's file is never a short one's.
+std::string RuntimeFileName(const std::string& name) {
+  std::string escaped;
+  for (const char c : name) {
+    const auto byte = static_cast<unsigned char>(c);
+    const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                       c == '.' || c == '_' || c == '-';
+    if (plain) {
+      escaped += c;
+    } else {
+      escaped += {'%', "0123456789ABCDEF"[byte >> 4], "0123456789ABCDEF"[byte & 15]};
+    }
+  }
+  if (escaped.size() <= kMaxPlainName) return escaped;
+  return "=" + Hash(name, 0xCBF29CE484222325) + Hash(name, 0x9E3779B97F4A7C15) + "-" +
+         escaped.substr(escaped.size() - kKeptOfLongName);
 }
 
 }  // namespace os

@@ -11,4 +11,8 @@ std::string RuntimeFolder();
 /// may not be used, or is empty.
 std::string EnsureRuntimeFolder(std::string& fault);
 
+/// A file name for any text: others than letters, digits, '.', '_' and '-' are escaped, and what is too
+/// long for a file system becomes a hash and its end. At most 200 bytes.
+std::string RuntimeFileName(const std::string& name);
+
 }  // namespace os
