@@ -69,7 +69,12 @@ void BuildIn(const fs::path& folder) {
 }  // namespace
 
 void Stage::BuildAndEnter(const std::vector<std::string>& arguments) {
-  std::string folder = (fs::temp_directory_path() / "tolm-tour-XXXXXX").string();
+  std::error_code error;
+  const fs::path temporary = fs::temp_directory_path(error);
+  const char* const chosen = std::getenv("TMPDIR");
+  if (error)
+    throw std::runtime_error(std::string("no temporary directory ") + (chosen != nullptr ? chosen : ""));
+  std::string folder = (temporary / "tolm-tour-XXXXXX").string();
   if (::mkdtemp(folder.data()) == nullptr) throw std::runtime_error("cannot make " + folder);
   try {
     BuildIn(folder);

@@ -169,6 +169,21 @@ TEST_F(AgentTest, ASecondOneEndsAtOnceAndChangesNothing) {
   EXPECT_EQ(Noted("guard").size(), 1u);
 }
 
+TEST_F(AgentTest, OneThatIsStartedWhileTheFirstEndsTakesItsPlace) {
+  Behave("ignore-requests");
+  ASSERT_TRUE(StartAgent({"--grace-ms", "500"}));
+  ASSERT_GT(WaitForGuard(1), 0);
+  ::kill(agent_.id(), SIGTERM);
+  EXPECT_TRUE(WaitFor([this] { return OpenEvent() == nullptr; }, kPatience))
+      << "nobody counts on it any more";
+  Program second;
+  ASSERT_TRUE(second.Start(agent_path_, {"", "Client", "-process"}));
+  EXPECT_EQ(agent_.End(), "exit status 0");
+  EXPECT_TRUE(WaitFor([this] { return OpenEvent() != nullptr; }, kPatience));
+  EXPECT_GT(WaitForGuard(2), 0);
+  EXPECT_THAT(second.Printed(), testing::Not(HasSubstr("already running")));
+}
+
 TEST_F(AgentTest, AnotherOneMayFollowOneThatWasKilled) {
   ASSERT_TRUE(StartAgent());
   ASSERT_GT(WaitForGuard(1), 0);

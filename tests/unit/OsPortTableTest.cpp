@@ -176,9 +176,11 @@ TEST(OsPortTable, TellsTheNewOwnerOfASocketThatWasGivenAway) {
   ASSERT_EQ(child.Hear(), 'r');
   listening.reset();
   const Socket other = Bound(SOCK_DGRAM);  // where it was lies another one now
-  row = RowOf(ReadTcpTable, port, 0);
-  ASSERT_TRUE(row);
-  EXPECT_EQ(row->owning_process_id, static_cast<std::uint32_t>(child.id()));
+  // What was seen a moment ago is told for that moment.
+  EXPECT_TRUE(tolm::test::WaitFor([&] {
+    row = RowOf(ReadTcpTable, port, 0);
+    return row && row->owning_process_id == static_cast<std::uint32_t>(child.id());
+  }));
 }
 
 TEST(OsPortTable, ForgetsASocketThatIsClosed) {

@@ -21,6 +21,9 @@ using Folder = std::unique_ptr<DIR, int (*)(DIR*)>;
 /// and the few that were under way between two processes have arrived.
 constexpr std::chrono::seconds kNotSeenFor{1};
 
+/// What was seen so lately is there: both tables are read one behind the other.
+constexpr std::chrono::milliseconds kStillThere{50};
+
 Folder OpenFolder(int below, const char* path) {
   const int folder = ::openat(below, path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   DIR* const opened = folder >= 0 ? ::fdopendir(folder) : nullptr;
@@ -86,6 +89,7 @@ std::vector<std::uint32_t> SocketOwners::Find(const std::vector<std::uint64_t>& 
 /// What is known of the owner without looking everywhere.
 std::optional<std::uint32_t> SocketOwners::Recall(int processes, std::uint64_t inode) const {
   if (const auto place = places_.find(inode); place != places_.end()) {
+    if (Clock::now() - looked_everywhere_ < kStillThere) return place->second.process;
     char path[32];
     std::snprintf(path, sizeof path, "%u/fd/%u", place->second.process, place->second.descriptor);
     if (SocketAt(processes, path) == inode) return place->second.process;
@@ -116,6 +120,7 @@ void SocketOwners::LookEverywhere(int processes) {
       if (inode != 0) places_.try_emplace(inode, Place{*process, *number});
     }
   }
+  looked_everywhere_ = Clock::now();
 }
 
 }  // namespace os

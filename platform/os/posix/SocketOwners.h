@@ -35,6 +35,7 @@ class SocketOwners {
   std::mutex mutex_;
   std::unordered_map<std::uint64_t, Place> places_;                // guarded by mutex_, as is what follows
   std::unordered_map<std::uint64_t, Clock::time_point> not_seen_;  // when they were looked for in vain
+  Clock::time_point looked_everywhere_{};
 };
 
 }  // namespace os
