@@ -96,7 +96,7 @@ TEST_F(ThreadShortage, OneThreadRunsEverythingWhenNoOtherCanBeMade) {
     EXPECT_EQ(Logged(4), 1U) << "once for the whole shortage";
   }
   EXPECT_TRUE(Post());
-  EXPECT_EQ(pool_.ThreadCount(), 2U) << "when the shortage is over the pool grows again";
+  EXPECT_GE(pool_.ThreadCount(), 2U) << "when the shortage is over the pool grows again";
   hold_ = false;
   EXPECT_TRUE(WaitFor([this] { return run_ == 11; }));
 }
