@@ -22,14 +22,14 @@ namespace {
 using TolmPlugin::Message;
 using TolmPlugin::Request;
 
-[[noreturn]] void Sleep() {
+[[noreturn]] void Linger() {
   for (;;) ::pause();
 }
 
 void StartFamily() {
   if (::fork() != 0) return;
   ::setsid();
-  Sleep();
+  Linger();
 }
 
 }  // namespace
@@ -65,13 +65,13 @@ int main(int argc, char** argv) {
   });
   plugin.OnUninit([stubborn] {
     std::cout << "asked to uninitialise" << std::endl;
-    if (stubborn) Sleep();
+    if (stubborn) Linger();
   });
   plugin.OnReady([&] { std::cout << id << " is ready" << std::endl; });
   if (stubborn) {
     std::signal(SIGTERM, SIG_IGN);
     if (options.size() < 5 || !plugin.Start(options[4])) return 1;
-    Sleep();
+    Linger();
   }
   return plugin.Run(static_cast<int>(options.size()), options.data());
 }

@@ -34,6 +34,7 @@ import ctypes
 import hashlib
 import json
 import os
+import select
 import selectors
 import signal
 import socket
@@ -291,7 +292,7 @@ class Guard:
             except (OSError, TypeError, ValueError, xml.etree.ElementTree.ParseError) as error:
                 if time.monotonic() > deadline:
                     raise ConnectionEnded(f"never made: {error}") from None
-                time.sleep(0.02)
+                select.select([], [], [], 0.02)
         peer.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         try:
             behind = upgrade(peer, self.port, self.options.path, piecewise=self.options.slow_handshake)

@@ -195,8 +195,8 @@ TEST(AgentLayout, ARelativePathIsRelativeToTheCurrentFolder) {
 TEST(AgentLayout, LogsOfAUserLieInTheHomeFolderOrNowhere) {
   const test::EnvironmentValue state("XDG_STATE_HOME", std::string("relative"));
   {
-    const test::EnvironmentValue home("HOME", std::string("/home/somebody"));
-    EXPECT_EQ(FindLayout("/a/b/c").user_log_path, "/home/somebody/.local/state/tolm-agent/agent.log");
+    const test::EnvironmentValue home("HOME", std::string("/users/somebody"));
+    EXPECT_EQ(FindLayout("/a/b/c").user_log_path, "/users/somebody/.local/state/tolm-agent/agent.log");
   }
   const test::EnvironmentValue home("HOME", std::nullopt);
   EXPECT_EQ(FindLayout("/a/b/c").user_log_path, "");

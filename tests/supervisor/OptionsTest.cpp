@@ -86,22 +86,22 @@ TEST(Options, VersionIsOneLine) {
 }
 
 TEST(Places, AreFoundFromTheGuardsOwnFolder) {
-  const tolm::test::EnvironmentValue state("XDG_STATE_HOME", "/home/me/state");
+  const tolm::test::EnvironmentValue state("XDG_STATE_HOME", "/users/me/state");
   for (const char* const own : {"/opt/app/TolmAgent/TolmGuard/", "/opt/app/TolmAgent/TolmGuard"}) {
     const Places places = FindPlaces({}, own);
     EXPECT_EQ(places.config, "/opt/app/LpcFrame.xml");
     EXPECT_EQ(places.plugins, "/opt/app/plugins");
     EXPECT_TRUE(places.plugins_may_move);
-    EXPECT_THAT(places.logs, ElementsAre("/opt/app/TolmAgent/log", "/home/me/state/tolm-guard"));
+    EXPECT_THAT(places.logs, ElementsAre("/opt/app/TolmAgent/log", "/users/me/state/tolm-guard"));
   }
 }
 
 TEST(Places, LogsMayGoToTheUsersOwnFolder) {
   const tolm::test::EnvironmentValue state("XDG_STATE_HOME", std::nullopt);
-  const tolm::test::EnvironmentValue home("HOME", "/home/me");
-  EXPECT_EQ(FindPlaces({}, "/opt/app/TolmAgent/TolmGuard/").logs.back(), "/home/me/.local/state/tolm-guard");
+  const tolm::test::EnvironmentValue home("HOME", "/users/me");
+  EXPECT_EQ(FindPlaces({}, "/opt/app/TolmAgent/TolmGuard/").logs.back(), "/users/me/.local/state/tolm-guard");
   const tolm::test::EnvironmentValue relative("XDG_STATE_HOME", "state");
-  EXPECT_EQ(FindPlaces({}, "/opt/app/TolmAgent/TolmGuard/").logs.back(), "/home/me/.local/state/tolm-guard");
+  EXPECT_EQ(FindPlaces({}, "/opt/app/TolmAgent/TolmGuard/").logs.back(), "/users/me/.local/state/tolm-guard");
 }
 
 TEST(Places, PluginsAreBesideTheHostThatTheCommandLineNames) {

@@ -53,10 +53,10 @@ using WebSocketServerCallBack = std::function<void(std::int32_t handle, const We
 /// Results other than 0.
 enum HttpServerError : int {
   kNetOk = 0,
-  kNetNoSuchHandle = 1,     ///< no such server or connection, or not any more
-  kNetBadArgument = 2,      ///< not an address, no callback, a type that cannot be sent, null data
-  kNetCannotListen = 3,     ///< the port is taken, or the system says no; the log has its text
-  kNetQueueFull = 4,        ///< the client does not read: too much waits to be sent to it
+  kNetNoSuchHandle = 1,  ///< no such server or connection, or not any more
+  kNetBadArgument = 2,   ///< not an address, no callback, a type that cannot be sent, null data
+  kNetCannotListen = 3,  ///< the port is taken, or the system says no; the log has its text
+  kNetQueueFull = 4,     ///< the client does not read: too much waits to be sent to it
   kNetNoMemory = 5,
 };
 

@@ -17,7 +17,7 @@ struct PortRow {
   std::uint16_t local_port = 0;
   std::uint32_t remote_address = 0;
   std::uint16_t remote_port = 0;
-  std::uint32_t state = 0;             ///< 0 for UDP
+  std::uint32_t state = 0;              ///< 0 for UDP
   std::uint32_t owning_process_id = 0;  ///< 0: held by no process any more (a closed connection's rest)
 };
 
