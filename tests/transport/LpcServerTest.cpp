@@ -320,7 +320,8 @@ TEST_F(LpcServer, AllCallsWorkFromInsideTheCallback) {
   Begin();
   PluginEnd plugin(os::SystemTransport(), "alpha");
   ASSERT_TRUE(Meet(plugin));
-  ASSERT_TRUE(plugin.client().Notify({"0", {}, "go"}));
+  // What it gives is not told: the connection may end before it returns.
+  plugin.client().Notify({"0", {}, "go"});
   EXPECT_TRUE(WaitFor([&] { return done.load(); }, std::chrono::milliseconds(kLong)));
 }
 

@@ -86,8 +86,8 @@ int ServerThread::MakeContext(const SocketAddress& address) {
   info.protocols = kProtocols;
   info.user = this;
   info.pt_serv_buf_size = kReadBytes;
-  info.gid = static_cast<gid_t>(-1);
-  info.uid = static_cast<uid_t>(-1);
+  info.gid = -1;
+  info.uid = -1;
   info.options = LWS_SERVER_OPTION_SKIP_SERVER_CANONICAL_NAME | LWS_SERVER_OPTION_DISABLE_OS_CA_CERTS;
   if (DescriptorLimit() > kMaxDescriptors) info.fd_limit_per_thread = kMaxDescriptors;
   TakeLibraryLog();
@@ -140,9 +140,9 @@ void ServerThread::ThreadMain() {
     FollowSink();
     FlushAll();
   }
-  for (const auto& [key, client] : clients_) {
+  for (const auto& entry : clients_) {
     Guarded([&] {
-      client->connection->SayGoodbye();
+      entry.second->connection->SayGoodbye();
       return true;
     });
   }
@@ -207,11 +207,12 @@ void ServerThread::Settle(Client& client) {
 }
 
 void ServerThread::FlushAll() {
-  for (const auto& [key, client] : clients_) {
-    if (Guarded([&] { return client->connection->Flush(); })) {
-      Settle(*client);
+  for (const auto& entry : clients_) {
+    Client& client = *entry.second;
+    if (Guarded([&] { return client.connection->Flush(); })) {
+      Settle(client);
     } else {
-      Kill(*client);
+      Kill(client);
     }
   }
 }
@@ -306,11 +307,12 @@ void ServerThread::OnTick(lws_sorted_usec_list_t* timer) {
 void ServerThread::LookAtClocks() {
   ticking_ = false;
   const auto now = Connection::Clock::now();
-  for (const auto& [key, client] : clients_) {
-    if (Guarded([&] { return client->connection->OnTime(now); })) {
-      Settle(*client);
+  for (const auto& entry : clients_) {
+    Client& client = *entry.second;
+    if (Guarded([&] { return client.connection->OnTime(now); })) {
+      Settle(client);
     } else {
-      Kill(*client);
+      Kill(client);
     }
   }
   FollowSink();

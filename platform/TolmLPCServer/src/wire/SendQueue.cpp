@@ -194,8 +194,9 @@ SendQueue::Outcome SendQueue::WriteDirectly(Item& item) {
 
     std::unique_lock lock(mutex_);
     // What was written whole was sent, even if the peer has read it and gone by now.
-    if (closed_ || broken) return StopWritingLocked(item.done() ? Outcome::kSent : Outcome::kBroken);
-    if (!item.done()) {
+    const bool sent = item.done();
+    if (closed_ || broken) return StopWritingLocked(sent ? Outcome::kSent : Outcome::kBroken);
+    if (!sent) {
       // The stream is full, or others wait for their turn between two chunks.
       if (result.status == os::IoStatus::kDone && items_.empty()) continue;
       auto rest = std::make_unique<Item>(std::move(item));
@@ -204,7 +205,8 @@ SendQueue::Outcome SendQueue::WriteDirectly(Item& item) {
       items_.push_front(std::move(rest));
     }
     if (items_.empty()) return StopWritingLocked(Outcome::kSent);
-    return Write(lock);
+    const Outcome of_the_rest = Write(lock);
+    return sent && of_the_rest == Outcome::kBroken ? Outcome::kSent : of_the_rest;
   }
 }
 
