@@ -5,7 +5,8 @@
 #include <rapidjson/reader.h>
 
 #include <algorithm>
-#include <cstdint>
+#include <charconv>
+#include <limits>
 #include <utility>
 
 namespace guard {
@@ -35,8 +36,9 @@ class PositionFinder {
 };
 
 /// Builds the tree from the parser's events. The parser tells only where a token ended; what lies between
-/// that and the next token is blanks, commas and colons.
-class Builder {
+/// that and the next token is blanks, commas and colons. Numbers arrive as texts and are converted here: the
+/// parser's own arithmetic is not defined for all of them.
+class Builder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Builder> {
  public:
   Builder(std::string_view text, std::size_t max_depth, const rapidjson::MemoryStream& stream,
           JsonValue& root)
@@ -50,16 +52,13 @@ class Builder {
     Add(JsonValue::Kind::kBoolean)->boolean = value;
     return true;
   }
-  bool Int(int value) { return Double(value); }
-  bool Uint(unsigned value) { return Double(value); }
-  bool Int64(std::int64_t value) { return Double(static_cast<double>(value)); }
-  bool Uint64(std::uint64_t value) { return Double(static_cast<double>(value)); }
-  bool Double(double value) {
-    Add(JsonValue::Kind::kNumber)->number = value;
+  bool RawNumber(const char* bytes, rapidjson::SizeType size, bool) {
+    // What no double can hold is outside of every member's bounds.
+    double number = std::numeric_limits<double>::infinity();
+    std::from_chars(bytes, bytes + size, number);
+    Add(JsonValue::Kind::kNumber)->number = number;
     return true;
   }
-  // Asked for only by a parser that leaves numbers as text, which ours does not.
-  bool RawNumber(const char*, rapidjson::SizeType, bool) { return false; }
   bool String(const char* bytes, rapidjson::SizeType size, bool) {
     Add(JsonValue::Kind::kText)->text.assign(bytes, size);
     return true;
@@ -127,8 +126,8 @@ bool ReadJson(std::string_view text, std::size_t max_depth, JsonValue& value, Po
   Builder builder(text, max_depth, stream, value);
   rapidjson::Reader reader;
   const rapidjson::ParseResult result =
-      reader.Parse<rapidjson::kParseValidateEncodingFlag | rapidjson::kParseFullPrecisionFlag>(stream,
-                                                                                               builder);
+      reader.Parse<rapidjson::kParseValidateEncodingFlag | rapidjson::kParseNumbersAsStringsFlag>(stream,
+                                                                                                  builder);
   if (!result.IsError()) return true;
   if (builder.too_deep()) {
     where = builder.last();
