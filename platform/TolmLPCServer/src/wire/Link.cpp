@@ -125,6 +125,9 @@ int Link::Send(const OutgoingMessage& message) {
       return kOk;
     case SendQueue::Outcome::kFull:
       return kQueueFull;
+    case SendQueue::Outcome::kSentLast:
+      CutOff(kPeerGone, kNotWritable);
+      return kOk;
     case SendQueue::Outcome::kBroken:
       break;
   }

@@ -206,7 +206,7 @@ SendQueue::Outcome SendQueue::WriteDirectly(Item& item) {
     }
     if (items_.empty()) return StopWritingLocked(Outcome::kSent);
     const Outcome of_the_rest = Write(lock);
-    return sent && of_the_rest == Outcome::kBroken ? Outcome::kSent : of_the_rest;
+    return sent && of_the_rest == Outcome::kBroken ? Outcome::kSentLast : of_the_rest;
   }
 }
 

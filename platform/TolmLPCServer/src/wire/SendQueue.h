@@ -37,6 +37,7 @@ class SendQueue {
     kBlocked,  ///< the stream takes no more now: call Resume when it is writable again
     kFull,     ///< refused: too much is queued already
     kBroken,   ///< refused: the connection is no more
+    kSentLast  ///< of Send: it was sent, and the connection broke behind it
   };
 
   Outcome Send(const OutgoingMessage& message);
