@@ -1,6 +1,5 @@
 // TolmGuard: starts the plugin processes of a host, keeps them alive and stops them, as its frame says.
 
-#include <cstdint>
 #include <cstdio>
 #include <exception>
 #include <iostream>
@@ -26,20 +25,14 @@ constexpr int kExitFailed = 1;
 constexpr int kExitRunsAlready = 3;
 
 constexpr char kTag[] = "TolmGuard";
-constexpr char kProgram[] = "TolmGuard.exe";
 constexpr std::size_t kLogFileBytes = 1048576;
 constexpr std::size_t kOldLogFiles = 2;
 
-/// The same for every way to write a path; short, since some systems bound the names of locks.
+/// The same for every way to write a path.
 std::string LockName(const fs::path& config) {
   std::error_code error;
-  fs::path canonical = fs::weakly_canonical(config, error);
-  if (error) canonical = config;
-  std::uint64_t hash = 0xcbf29ce484222325;  // FNV-1a
-  for (const char c : canonical.string()) hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001b3;
-  char name[48];
-  std::snprintf(name, sizeof name, "tolm-guard-%016llx", static_cast<unsigned long long>(hash));
-  return name;
+  const fs::path canonical = fs::weakly_canonical(config, error);
+  return "guard " + (error ? config : canonical).string();
 }
 
 /// Begins the guard's log in the first folder that can be written to; gives that, or the first one.
@@ -56,9 +49,9 @@ fs::path OpenLog(const std::vector<fs::path>& folders) {
   return folders.front();
 }
 
-int Check(const Options& options, const Places& places, const fs::path& own_program) {
+int Check(const Options& options, const Places& places) {
   const fs::path& folder = options.check_folder.empty() ? places.plugins : options.check_folder;
-  return CheckManifests(folder, own_program, std::cout) ? 0 : kExitFailed;
+  return CheckManifests(folder, std::cout) ? 0 : kExitFailed;
 }
 
 int Supervise(const Options& options, const Places& places) {
@@ -115,7 +108,7 @@ int main(int argc, char** argv) {
     if (const auto status = guard::ReadOptions(argc, argv, options)) return *status;
     const std::filesystem::path own_folder(os::ExecutableDirectory());
     const guard::Places places = guard::FindPlaces(options, own_folder);
-    if (options.check) return guard::Check(options, places, own_folder / guard::kProgram);
+    if (options.check) return guard::Check(options, places);
     return guard::Supervise(options, places);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "TolmGuard: %s\n", error.what());

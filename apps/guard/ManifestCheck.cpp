@@ -2,12 +2,12 @@
 
 #include <algorithm>
 #include <cctype>
-#include <fstream>
 #include <map>
 #include <system_error>
 #include <vector>
 
 #include "ManifestReader.h"
+#include "os/ExecutableFault.h"
 
 namespace guard {
 namespace {
@@ -15,34 +15,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::size_t kMaxFolderDepth = 8;
-
-std::string ReadBytes(std::ifstream& file, std::streamoff offset, std::streamsize count) {
-  std::string bytes(static_cast<std::size_t>(count), '\0');
-  file.clear();
-  file.seekg(offset);
-  file.read(bytes.data(), count);
-  bytes.resize(static_cast<std::size_t>(file.gcount()));
-  return bytes;
-}
-
-/// The bytes of an executable's header that say what it runs on; empty for a format that is not known.
-std::string MachineOf(std::ifstream& file) {
-  const std::string begin = ReadBytes(file, 0, 64);
-  if (begin.starts_with("\x7f"
-                        "ELF") &&
-      begin.size() >= 20) {
-    return "ELF" + begin.substr(4, 2) + begin.substr(18, 2);  // class and byte order, machine
-  }
-  if (begin.starts_with("MZ") && begin.size() == 64) {
-    std::streamoff header = 0;
-    for (std::size_t i = 64; i-- > 60;) header = header * 256 + static_cast<unsigned char>(begin[i]);
-    const std::string signature = ReadBytes(file, header, 6);
-    if (signature.starts_with(std::string_view("PE\0\0", 4)) && signature.size() == 6) {
-      return "PE" + signature.substr(4, 2);
-    }
-  }
-  return {};
-}
 
 std::string LowerCase(std::string text) {
   for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
@@ -78,26 +50,7 @@ std::vector<fs::path> FindManifests(const fs::path& folder, std::error_code& err
 
 }  // namespace
 
-std::string WhyNotRunnable(const fs::path& program, const fs::path& reference) {
-  std::error_code error;
-  const fs::file_status status = fs::status(program, error);
-  if (status.type() == fs::file_type::not_found) return program.string() + " does not exist";
-  if (status.type() != fs::file_type::regular) {
-    return program.string() + (error ? " cannot be looked at: " + error.message() : " is not a file");
-  }
-  constexpr fs::perms kExecutable = fs::perms::owner_exec | fs::perms::group_exec | fs::perms::others_exec;
-  if ((status.permissions() & kExecutable) == fs::perms::none) return program.string() + " is not executable";
-  std::ifstream file(program, std::ios::binary);
-  std::ifstream reference_file(reference, std::ios::binary);
-  const std::string machine = MachineOf(file);
-  const std::string here = MachineOf(reference_file);
-  if (!machine.empty() && !here.empty() && machine != here) {
-    return program.string() + " is made for another kind of machine";
-  }
-  return {};
-}
-
-bool CheckManifests(const fs::path& folder, const fs::path& reference, std::ostream& out) {
+bool CheckManifests(const fs::path& folder, std::ostream& out) {
   std::error_code error;
   const std::vector<fs::path> folders = FindManifests(Named(folder), error);
   std::size_t faults = 0;
@@ -119,8 +72,9 @@ bool CheckManifests(const fs::path& folder, const fs::path& reference, std::ostr
           {{}, "id", "\"" + reading.claimed_id + "\" is claimed by " + first->second.string() + " as well"}));
     }
     if (!reading.manifest) continue;
-    const std::string why = WhyNotRunnable(reading.manifest->program, reference);
-    if (!why.empty()) say(Describe(file, {reading.program_position, "program", why}));
+    const std::string program = reading.manifest->program.string();
+    const std::string why = os::ExecutableFault(program);
+    if (!why.empty()) say(Describe(file, {reading.program_position, "program", program + ": " + why}));
     if (!fs::is_directory(reading.manifest->working_folder, error)) {
       say(Describe(file, {reading.working_folder_position, "workingFolder",
                           reading.manifest->working_folder.string() + " is not a folder"}));

@@ -1,4 +1,4 @@
-#include "ExecutableFault.h"
+#include "os/ExecutableFault.h"
 
 #include <elf.h>
 #include <sys/stat.h>
@@ -100,15 +100,15 @@ std::string InterpreterFault(std::string_view head) {
          " is missing" + (foreign_line_end ? " (the first line ends with a carriage return)" : "");
 }
 
+/// Empty for what has the form of a program of this machine, or of a script.
 std::string FormatFault(std::string_view head) {
-  if (head.empty()) return "it is empty or cannot be read";
+  if (head.starts_with("#!")) return {};
   if (head.starts_with("MZ")) return "it is made for another system (Windows)";
   if (!IsElf(head)) return "it is neither a program nor a script whose first line names an interpreter";
   Elf64_Half machine = 0;
   if (!ReadAt(head, offsetof(Elf64_Ehdr, e_machine), machine)) return "it is cut off";
   if (head[EI_DATA] == ELFDATA2MSB) machine = static_cast<Elf64_Half>((machine >> 8) | (machine << 8));
-  if (machine != kThisMachine) return "it is made for another machine (" + MachineName(machine) + ")";
-  return "it is damaged";
+  return machine == kThisMachine ? "" : "it is made for another machine (" + MachineName(machine) + ")";
 }
 
 std::string MissingFolder(const std::string& path) {
@@ -134,6 +134,23 @@ std::string AccessFault(const std::string& path, const struct stat& status) {
 
 }  // namespace
 
+std::string ExecutableFault(const std::string& path) {
+  struct stat status {};
+  if (::stat(path.c_str(), &status) != 0) {
+    const bool is_missing = errno == ENOENT;
+    const std::string folder = MissingFolder(path);
+    if (!folder.empty()) return folder;
+    return is_missing ? "it does not exist" : "it cannot be looked at";
+  }
+  if (S_ISDIR(status.st_mode)) return "it is a directory";
+  if (const std::string fault = AccessFault(path, status); !fault.empty()) return fault;
+  if (status.st_size == 0) return "it is empty";
+  const std::string head = HeadOf(path);
+  if (head.empty()) return {};  // it may be executed all the same
+  const std::string fault = InterpreterFault(head);
+  return fault.empty() ? FormatFault(head) : fault;
+}
+
 std::string ExecutableFault(const std::string& path, int error) {
   struct stat status {};
   if (::stat(path.c_str(), &status) != 0) return MissingFolder(path);
@@ -143,8 +160,12 @@ std::string ExecutableFault(const std::string& path, int error) {
       return AccessFault(path, status);
     case ENOENT:
       return InterpreterFault(HeadOf(path));
-    case ENOEXEC:
-      return FormatFault(HeadOf(path));
+    case ENOEXEC: {
+      const std::string head = HeadOf(path);
+      if (head.empty()) return "it is empty or cannot be read";
+      const std::string fault = FormatFault(head);
+      return fault.empty() ? "it is damaged" : fault;
+    }
     default:
       return {};
   }

@@ -22,6 +22,17 @@ std::string FolderFault(const std::string& folder) {
   return {};
 }
 
+// File systems end names at 255 bytes, of which others take some for their own ends.
+constexpr std::size_t kMaxPlainName = 200;
+constexpr std::size_t kKeptOfLongName = 120;  // the end: it tells people more than the beginning
+
+std::string Hash(const std::string& text, std::uint64_t hash) {
+  for (const char c : text) hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001B3;
+  std::string digits(16, '0');
+  for (std::size_t i = 0; i < digits.size(); ++i) digits[i] = "0123456789abcdef"[hash >> (60 - 4 * i) & 15];
+  return digits;
+}
+
 }  // namespace
 
 std::string RuntimeFolder() {
@@ -41,21 +52,6 @@ std::string EnsureRuntimeFolder(std::string& fault) {
   }
   return folder;
 }
-
-namespace {
-
-// File systems end names at 255 bytes, of which others take some for their own ends.
-constexpr std::size_t kMaxPlainName = 200;
-constexpr std::size_t kKeptOfLongName = 120;  // the end: it tells people more than the beginning
-
-std::string Hash(const std::string& text, std::uint64_t hash) {
-  for (const char c : text) hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001B3;
-  std::string digits(16, '0');
-  for (std::size_t i = 0; i < digits.size(); ++i) digits[i] = "0123456789abcdef"[hash >> (60 - 4 * i) & 15];
-  return digits;
-}
-
-}  // namespace
 
 // '=' stands in no escaped name, so that a long name's file is never a short one's.
 std::string RuntimeFileName(const std::string& name) {

@@ -16,9 +16,9 @@
 #include <utility>
 #include <vector>
 
-#include "ExecutableFault.h"
 #include "ProcessTable.h"
 #include "ProcessTree.h"
+#include "os/ExecutableFault.h"
 #include "os/ThreadName.h"
 
 extern char** environ;

@@ -6,8 +6,8 @@
 #include <thread>
 #include <utility>
 
-#include "ExecutableFault.h"
 #include "Job.h"
+#include "os/ExecutableFault.h"
 #include "os/HiddenProcess.h"
 #include "os/ThreadName.h"
 
@@ -146,8 +146,9 @@ bool Spawn(const ProcessRequest& request, Spawned& spawned, std::string& why) {
                         environment.data(), folder.empty() ? nullptr : folder.c_str(), &start.StartupInfo,
                         &made)) {
     const DWORD error = ::GetLastError();
-    const std::string fault = error == ERROR_DIRECTORY ? "cannot go to the folder " + request.working_folder
-                                                       : ExecutableFault(request.program, error);
+    const std::string fault = error == ERROR_DIRECTORY
+                                  ? "cannot go to the folder " + request.working_folder
+                                  : ExecutableFault(request.program, static_cast<int>(error));
     fail(doing, error);
     if (!fault.empty()) why += ": " + fault;
     return false;

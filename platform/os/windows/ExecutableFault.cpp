@@ -1,10 +1,12 @@
-#include "ExecutableFault.h"
+#include "os/ExecutableFault.h"
 
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string_view>
+
+#include "Handle.h"
 
 namespace os {
 namespace {
@@ -38,8 +40,14 @@ std::string MachineName(WORD machine) {
   }
 }
 
+#if defined(__x86_64__)
+constexpr WORD kThisMachine = IMAGE_FILE_MACHINE_AMD64;
+#else
+#error "The number of this machine is to be added here"
+#endif
+
+/// Empty for what has the form of a program of this machine.
 std::string FormatFault(std::string_view head) {
-  if (head.empty()) return "it is empty or cannot be read";
   if (head.starts_with("\x7f"
                        "ELF")) {
     return "it is made for another system";
@@ -52,17 +60,28 @@ std::string FormatFault(std::string_view head) {
       !ReadAt(head, std::size_t{header} + kMachineBehindSignature, machine)) {
     return "it is cut off";
   }
-  return "it is made for another machine (" + MachineName(machine) + "), or damaged";
+  return machine == kThisMachine ? "" : "it is made for another machine (" + MachineName(machine) + ")";
 }
 
 }  // namespace
 
-std::string ExecutableFault(const std::string& path, DWORD error) {
+std::string ExecutableFault(const std::string& path) {
+  const DWORD attributes = ::GetFileAttributesW(Widen(path).c_str());
+  if (attributes == INVALID_FILE_ATTRIBUTES) return "it does not exist";
+  if ((attributes & FILE_ATTRIBUTE_DIRECTORY) != 0) return "it is a directory";
+  const std::string head = HeadOf(path);
+  return head.empty() ? "it is empty or cannot be read" : FormatFault(head);
+}
+
+std::string ExecutableFault(const std::string& path, int error) {
   const DWORD attributes = ::GetFileAttributesW(Widen(path).c_str());
   if (attributes == INVALID_FILE_ATTRIBUTES) return {};  // the system's text says it
-  if ((attributes & FILE_ATTRIBUTE_DIRECTORY) != 0) return "it is a directory";
-  const bool is_format = error == ERROR_BAD_EXE_FORMAT || error == ERROR_EXE_MACHINE_TYPE_MISMATCH;
-  return is_format ? FormatFault(HeadOf(path)) : std::string();
+  if (error != ERROR_BAD_EXE_FORMAT && error != ERROR_EXE_MACHINE_TYPE_MISMATCH &&
+      (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
+    return {};
+  }
+  const std::string fault = ExecutableFault(path);
+  return fault.empty() ? "it is damaged" : fault;
 }
 
 }  // namespace os
