@@ -26,8 +26,9 @@ long long Count(std::chrono::steady_clock::duration time) {
   return std::chrono::duration_cast<milliseconds>(time).count();
 }
 
-/// Waits for the event on a thread of its own, without a pause in between: were the event set while nobody
-/// waits, whoever set it and waits for the answer would take its own signal for it.
+/// Waits for the event on a thread of its own, from the beginning to the end: whoever sets it and waits for
+/// the answer must not take its own signal for that. The event's maker comes first, but not for long, and not
+/// on every system.
 class EventWaiter {
  public:
   EventWaiter(os::NamedEvent& event, std::shared_ptr<Inbox> inbox)

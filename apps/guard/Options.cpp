@@ -13,18 +13,15 @@ constexpr int kExitUsage = 2;
 constexpr double kMaxLostGraceSeconds = 86400;
 
 constexpr char kAbout[] =
-    "Starts the plugin processes of a host application, restarts those that crash and stops them in order, "
-    "as "
-    "the host's frame says.\n"
-    "It connects to the frame at the port that stands in the configuration file, and waits for one when "
-    "there "
-    "is none. Each plugin has a folder with a manifest, plugin.json.";
+    "Starts the plugin processes of a host application, restarts those that crash and stops them in order,\n"
+    "as the host's frame says. It connects to the frame at the port that stands in the configuration file, "
+    "and\n"
+    "waits for one when there is none. Each plugin has a folder with a manifest, plugin.json.";
 
 constexpr char kFooter[] =
     "Signals: SIGTERM and SIGINT stop all plugins in order, within 3 seconds, and end the guard.\n"
-    "Exit status: 0 ended as asked, --check found no fault; 1 --check found faults, or the guard cannot "
-    "start; "
-    "2 a mistake on the command line; 3 a guard for this configuration file runs already.\n"
+    "Exit status: 0 ended as asked, --check found no fault; 1 --check found faults, or the guard cannot\n"
+    "start; 2 a mistake on the command line; 3 a guard for this configuration file runs already.\n"
     "Environment: XDG_STATE_HOME, HOME: where the logs go when the host's folder cannot be written to.\n"
     "<host folder> is two levels above the folder of this program. See also TolmGuard.exe(1).";
 
