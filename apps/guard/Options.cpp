@@ -14,9 +14,8 @@ constexpr double kMaxLostGraceSeconds = 86400;
 
 constexpr char kAbout[] =
     "Starts the plugin processes of a host application, restarts those that crash and stops them in order,\n"
-    "as the host's frame says. It connects to the frame at the port that stands in the configuration file, "
-    "and\n"
-    "waits for one when there is none. Each plugin has a folder with a manifest, plugin.json.";
+    "as the host's frame says. It connects to the frame at the port that stands in the configuration file,\n"
+    "and waits for one when there is none. Each plugin has a folder with a manifest, plugin.json.";
 
 constexpr char kFooter[] =
     "Signals: SIGTERM and SIGINT stop all plugins in order, within 3 seconds, and end the guard.\n"
