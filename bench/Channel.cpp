@@ -1,21 +1,9 @@
 #include "Channel.h"
 
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-#include <cerrno>
 #include <stdexcept>
-#include <string>
-#include <system_error>
 
 namespace bench {
 namespace {
-
-constexpr int kAnswerMs = 60'000;
-
-[[noreturn]] void Fail(const char* what) {
-  throw std::system_error(errno, std::generic_category(), what);
-}
 
 template <typename T>
 void WriteValue(Channel& channel, const T& value) {
@@ -28,30 +16,6 @@ bool ReadValue(Channel& channel, T& value) {
 }
 
 }  // namespace
-
-Channel::~Channel() {
-  ::close(descriptor_);
-}
-
-void Channel::Write(const char* data, std::size_t size) {
-  while (size > 0) {
-    const ssize_t written = ::write(descriptor_, data, size);
-    if (written < 0) Fail("writing to a child or parent failed");
-    data += written;
-    size -= static_cast<std::size_t>(written);
-  }
-}
-
-bool Channel::Read(char* data, std::size_t size) {
-  while (size > 0) {
-    const ssize_t got = ::read(descriptor_, data, size);
-    if (got == 0 || (got < 0 && errno == ECONNRESET)) return false;
-    if (got < 0) Fail("reading from a child or parent failed");
-    data += got;
-    size -= static_cast<std::size_t>(got);
-  }
-  return true;
-}
 
 void Channel::Send(const Order& order) {
   WriteValue(*this, order);
@@ -69,8 +33,7 @@ void Channel::Answer(const std::vector<double>& samples) {
 }
 
 std::vector<double> Channel::TakeAnswer() {
-  pollfd watched{descriptor_, POLLIN, 0};
-  if (::poll(&watched, 1, kAnswerMs) <= 0) throw std::runtime_error("a child did not answer in time");
+  AwaitInput();
   std::uint64_t count = 0;
   if (!ReadValue(*this, count)) throw std::runtime_error("a child ended, or could not do what it was told");
   std::vector<double> samples(count);
@@ -78,6 +41,19 @@ std::vector<double> Channel::TakeAnswer() {
     throw std::runtime_error("a child ended in its answer");
   }
   return samples;
+}
+
+void Channel::Say(const std::string& text) {
+  WriteValue(*this, std::uint64_t{text.size()});
+  Write(text.data(), text.size());
+}
+
+std::string Channel::TakeText() {
+  std::uint64_t size = 0;
+  if (!ReadValue(*this, size)) throw std::runtime_error("the measuring process ended too soon");
+  std::string text(size, '\0');
+  if (!Read(text.data(), size)) throw std::runtime_error("the measuring process ended in its report");
+  return text;
 }
 
 }  // namespace bench

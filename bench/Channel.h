@@ -1,10 +1,12 @@
 #pragma once
 
-// What the measuring process and its children say to each other, over a socket pair.
+// What the measuring process and its children say to each other, over the system's own local stream: a
+// socket pair, or a pipe that goes both ways. Twin files: posix/Channel.cpp and windows/Channel.cpp.
 
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <vector>
 
 namespace bench {
@@ -25,12 +27,14 @@ enum class Task : std::uint32_t {
   kRegister,    ///< register `count` urls beginning with number `size`
   kIdlePeers,   ///< connect `count` more clients that do nothing
   // A host. Each is answered when it is done.
-  kStartFrame,    ///< start the frame as frame_type `size` with `count` listed plugins; milliseconds
-  kStartPlugins,  ///< wait for the guard that frame_type 1 brings, and have it start them
-  kAwaitInit,     ///< wait until plugin `size` has initialised for the `count`-th time; when, in seconds
-  kForgetPeak,    ///< forget how much memory was resident at most; how much is, in KiB
-  kPeak,          ///< how much was resident at most since then, in KiB
-  kStopFrame,     ///< stop the frame in order
+  kSilence,        ///< print no line of the frame's log
+  kStartFrame,     ///< start the frame as frame_type `size` with `count` listed plugins; milliseconds
+  kStartPlugins,   ///< wait for the guard that frame_type 1 brings, and have it start them
+  kAwaitInit,      ///< wait until plugin `size` has initialised for the `count`-th time; when, in seconds
+  kForgetPeak,     ///< forget how much memory was resident at most; how much is, in KiB
+  kPeak,           ///< how much was resident at most since then, in KiB
+  kProcessorTime,  ///< how much of the processor's time it has used, in milliseconds
+  kStopFrame,      ///< stop the frame in order
 };
 
 struct Order {
@@ -39,11 +43,12 @@ struct Order {
   std::uint64_t count = 0;
 };
 
-/// One end of a socket pair. Every failure but the other side's end is a std::runtime_error.
+/// One end, which reads and writes without any detour: what is measured beside the frame is this. Every
+/// failure but the other side's end is a std::runtime_error.
 class Channel {
  public:
-  /// Takes over `descriptor`.
-  explicit Channel(int descriptor) : descriptor_(descriptor) {}
+  /// Takes over a descriptor or handle.
+  explicit Channel(std::intptr_t descriptor) : descriptor_(descriptor) {}
   ~Channel();
   Channel(const Channel&) = delete;
   Channel& operator=(const Channel&) = delete;
@@ -56,11 +61,19 @@ class Channel {
   std::optional<Order> Receive();
 
   void Answer(const std::vector<double>& samples = {});
-  /// Waits for at most a minute.
+  /// Waits for at most a minute, where pipes can be waited for with a limit.
   std::vector<double> TakeAnswer();
 
+  std::intptr_t descriptor() const { return descriptor_; }
+
+  void Say(const std::string& text);
+  std::string TakeText();
+
  private:
-  const int descriptor_;
+  /// Waits for the first byte, or the end, for at most a minute; throws when that is over.
+  void AwaitInput() const;
+
+  const std::intptr_t descriptor_;
 };
 
 }  // namespace bench

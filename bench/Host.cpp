@@ -1,8 +1,8 @@
 #include "Host.h"
 
-#include <sched.h>
 #include <chrono>
 #include <stdexcept>
+#include <thread>
 #include <utility>
 
 #include "TolmLPCFrameDiagnostics.h"
@@ -51,7 +51,10 @@ std::string Host::Call(const std::string& url, const std::string& body) const {
   request.url = url;
   request.body = body;
   LPCData response;
-  if (!TolmLPCFrame::SyncSend(response, request, kCallMs)) throw std::runtime_error("no answer from " + url);
+  if (!TolmLPCFrame::SyncSend(response, request, kCallMs)) {
+    throw std::runtime_error("no answer from " + url + ": error " +
+                             std::to_string(TolmLPCFrame::GetLPCLastError()));
+  }
   return std::move(response.body);
 }
 
@@ -89,7 +92,7 @@ void MustNotify(const LPCData& notification) {
   std::uint64_t unused = 0;
   while (!TolmLPCFrame::AsyncSend(unused, notification)) {
     if (TolmLPCFrame::GetLPCLastError() != lpc::kQueueFull) throw std::runtime_error("a notification failed");
-    ::sched_yield();
+    std::this_thread::yield();
   }
 }
 

@@ -2,7 +2,6 @@
 #include <condition_variable>
 #include <cstdint>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <mutex>
 #include <stdexcept>
@@ -88,14 +87,14 @@ InitTimes& g_times = *new InitTimes;
 GuardWatch& g_guard = *new GuardWatch;
 
 double MillisecondsToStart(const std::string& endpoint, const Order& order) {
-  const std::string program = fs::read_symlink("/proc/self/exe");
+  const fs::path program = ThisProgram();
   TolmLPCFrame::PlatformInfo info;
-  info.frame_full_path = program;
+  info.frame_full_path = program.string();
   info.frame_type = static_cast<std::int32_t>(order.size);
   for (std::size_t i = 0; i < order.count; ++i) info.plugin_map[PluginName(i)].plugin_id = PluginName(i);
   TolmLPCFrame::RegisterLpcMsgCallback(InitTimes::Callback, &g_times);
   // Who has no such file does so to see what it costs, and knows what the frame says about it.
-  if (!fs::exists(fs::path(program).parent_path() / "LpcFrame.xml")) {
+  if (!fs::exists(program.parent_path() / "LpcFrame.xml")) {
     TolmLPCFrame::SetLogStderrLevel(TolmLPCFrame::kLogNothing);
   }
   if (order.size == kFrameTypeWithAgent) g_guard.Begin();
@@ -106,28 +105,16 @@ double MillisecondsToStart(const std::string& endpoint, const Order& order) {
   return SecondsSince(begin) * 1e3;
 }
 
-double KiBOf(const std::string& what) {
-  std::ifstream status("/proc/self/status");
-  for (std::string word; status >> word;) {
-    double kib = 0;
-    if (word == what && status >> kib) return kib;
-  }
-  throw std::runtime_error("the system does not say " + what);
-}
-
-void ForgetPeak() {
-  std::ofstream file("/proc/self/clear_refs");
-  file << 5;
-  if (!file.flush()) throw std::runtime_error("the system does not forget the peak");
-}
-
 }  // namespace
 
 int RunHostRole(const std::string& endpoint) {
-  Channel channel(kChildDescriptor);
+  Channel channel(ParentDescriptor());
   while (const auto order = channel.Receive()) {
     std::vector<double> answer;
     switch (order->task) {
+      case Task::kSilence:
+        TolmLPCFrame::SetLogStderrLevel(TolmLPCFrame::kLogNothing);
+        break;
       case Task::kStartFrame:
         answer = {MillisecondsToStart(endpoint, *order)};
         break;
@@ -142,11 +129,13 @@ int RunHostRole(const std::string& endpoint) {
         break;
       }
       case Task::kForgetPeak:
-        ForgetPeak();
-        answer = {KiBOf("VmRSS:")};
+        answer = {ForgetPeak()};
         break;
       case Task::kPeak:
-        answer = {KiBOf("VmHWM:")};
+        answer = {PeakKiB()};
+        break;
+      case Task::kProcessorTime:
+        answer = {ProcessorMilliseconds()};
         break;
       case Task::kStopFrame:
         TolmLPCFrame::TolmLPCFrameUnInit();

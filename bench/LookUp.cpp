@@ -1,12 +1,12 @@
 // Whether a url belongs to a plugin, asked while ever more urls are registered.
 
-#include <sched.h>
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <random>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Host.h"
@@ -36,7 +36,7 @@ void Register(Child& plugin, std::uint64_t first, std::uint64_t end) {
     const std::string last = RegisteredUrl(std::min(end, number + kUrlsPerRegistration) - 1, 1);
     while (!IsKnown(last)) {
       if (Clock::now() >= deadline) throw std::runtime_error("a registration is not in force in time");
-      ::sched_yield();
+      std::this_thread::yield();
     }
   }
 }

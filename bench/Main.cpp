@@ -1,12 +1,14 @@
-// frame_bench: the frame measured beside the bare socket that it stands on. See --help.
+// frame_bench: the frame measured beside the bare stream that it stands on. See --help.
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <fstream>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -21,33 +23,30 @@
 namespace bench {
 namespace {
 
-constexpr Measurement kMeasurements[] = {
-    {"raw", "ping-pong of two processes over a bare Unix socket, blocking read and write: the yardstick",
-     MeasureRaw},
-    {"sync", "host -> plugin and back, SyncSend, the plugin echoes the body", MeasureSyncSend},
-    {"tohost", "plugin -> host and back, answered in the host's callback, measured in the plugin",
-     MeasurePluginToHost},
-    {"plugins", "plugin -> frame -> plugin and back, measured in the calling plugin", MeasurePluginToPlugin},
-    {"notify", "notifications until the last has been handled; raw: writes of frames of the same size",
-     MeasureNotifications},
-    {"callers", "calls of 64 B in a second, from threads of the host", MeasureCallers},
-    {"bandwidth", "1 MiB in a message; raw: 1 MiB one way, one byte the other", MeasureBandwidth},
-    {"lookup", "IsPluginURL for any of the registered urls, and for others", MeasureLookUp},
-    {"memory", "resident memory of the host with idle plugins", MeasureMemory},
-    {"start", "TolmLPCFrameInit to the first answered call", MeasureStart},
-    {"log", "a log line that nobody wants", MeasureUnwantedLogLine},
-    {"ports", "who holds which port, on a busy machine; raw: the same files read once and not looked into",
-     MeasurePortTables},
-    {"endpoint", "TolmLPCFrameInit with the guard's endpoint; raw: without LpcFrame.xml, hence without it",
-     MeasureGuardEndpoint},
-    {"guard", "a guard's question and its answer; raw: as many bytes over a bare loopback TCP socket",
-     MeasureGuardMessages},
-    {"return", "kill -9 of a plugin to its successor's InitFinish; raw: the plugin started directly",
-     MeasureReturn},
-    {"large", "a guard's text of 60 MiB: how much memory of the host it takes, in copies of it",
-     MeasureLargeGuardText},
-    {"raw again", "the yardstick once more: has the machine changed its pace?", MeasureRaw},
-};
+std::vector<Measurement> AllMeasurements() {
+  std::vector<Measurement> all = {
+      {"raw",
+       "ping-pong of two processes over a bare stream, blocking read and write: the yardstick (a Unix "
+       "socket; on "
+       "Windows a named pipe)",
+       MeasureRaw},
+      {"sync", "host -> plugin and back, SyncSend, the plugin echoes the body", MeasureSyncSend},
+      {"tohost", "plugin -> host and back, answered in the host's callback, measured in the plugin",
+       MeasurePluginToHost},
+      {"plugins", "plugin -> frame -> plugin and back, measured in the calling plugin",
+       MeasurePluginToPlugin},
+      {"notify", "notifications until the last has been handled; raw: writes of frames of the same size",
+       MeasureNotifications},
+      {"callers", "calls of 64 B in a second, from threads of the host", MeasureCallers},
+      {"bandwidth", "1 MiB in a message; raw: 1 MiB one way, one byte the other", MeasureBandwidth},
+      {"lookup", "IsPluginURL for any of the registered urls, and for others", MeasureLookUp},
+      {"log", "a log line that nobody wants", MeasureUnwantedLogLine},
+      {"idle", "the processor's time of an idle host in ten seconds", MeasureIdle},
+  };
+  for (const Measurement& own : OwnMeasurements()) all.push_back(own);
+  all.push_back({"raw again", "the yardstick once more: has the machine changed its pace?", MeasureRaw});
+  return all;
+}
 
 constexpr int kSecondsForOne = 120;
 
@@ -61,7 +60,27 @@ struct Options {
   std::string id;
 };
 
+/// Makes the measurement `name` and says its rows; the first character says how it went.
+[[noreturn]] void RunMeasureRole(const std::string& name, const Settings& settings) {
+  Channel channel(ParentDescriptor());
+  RaisePriority();
+  std::ostringstream text;
+  try {
+    for (const Measurement& measurement : AllMeasurements()) {
+      if (measurement.name != name) continue;
+      text << '+';
+      for (const Row& row : measurement.make(settings)) text << row;
+    }
+  } catch (const std::exception& error) {
+    text.str(std::string(1, '-') + error.what());
+  }
+  channel.Say(text.str());
+  // Without destructors: the frame's threads still run, and its end is not what is measured.
+  std::_Exit(0);
+}
+
 int RunRole(const Options& options) {
+  if (options.role == "measure") RunMeasureRole(options.id, options.settings);
   if (options.role == "raw") return RunRawRole();
   if (options.role == "idle") return RunIdleRole(options.endpoint, options.id);
   if (options.role == "host") return RunHostRole(options.endpoint);
@@ -75,23 +94,21 @@ bool IsWanted(const Options& options, const std::string& name) {
 }
 
 std::vector<Row> Measure(const Measurement& measurement, const Settings& settings) {
-  std::stringstream rows_text(RunApart(
-      [&] {
-        std::ostringstream text;
-        for (const Row& row : measurement.make(settings)) text << row;
-        return text.str();
-      },
-      kSecondsForOne));
+  std::vector<std::string> arguments{"--role", "measure", "--id", measurement.name};
+  if (settings.quick) arguments.push_back("--quick");
+  Child apart(arguments);
+  apart.AwaitWord(kSecondsForOne);
+  const std::string said = apart.channel().TakeText();
+  if (said.empty() || said.front() != '+')
+    throw std::runtime_error(said.substr(std::min<std::size_t>(1, said.size())));
+  std::istringstream rows_text(said.substr(1));
   std::vector<Row> rows;
   for (Row row; rows_text >> row;) rows.push_back(row);
   return rows;
 }
 
 void SayLoad(const char* when) {
-  std::ifstream file("/proc/loadavg");
-  std::string load;
-  std::getline(file, load);
-  std::printf("load %s: %s\n", when, load.c_str());
+  if (const std::string load = Load(); !load.empty()) std::printf("load %s: %s\n", when, load.c_str());
 }
 
 void SayHowItIsMeasured(int core) {
@@ -106,9 +123,9 @@ void SayHowItIsMeasured(int core) {
                   ? "They have the highest priority, so that other programs disturb them less.\n"
                   : "Their priority is the usual one: other programs disturb them.\n");
   std::printf(
-      "Frame and bare socket take turns, round by round. median and p99 are of all rounds; spread is how far "
+      "Frame and bare stream take turns, round by round. median and p99 are of all rounds; spread is how far "
       "the\n"
-      "rounds' medians lie apart; raw is the bare socket with the same bytes; ratio is median to raw "
+      "rounds' medians lie apart; raw is the bare stream with the same bytes; ratio is median to raw "
       "median.\n");
 }
 
@@ -125,7 +142,7 @@ int RunAll(const Options& options) {
   int met = 0;
   int missed = 0;
   std::string json;
-  for (const Measurement& measurement : kMeasurements) {
+  for (const Measurement& measurement : AllMeasurements()) {
     if (!IsWanted(options, measurement.name)) continue;
     try {
       const auto rows = Measure(measurement, options.settings);
@@ -158,10 +175,10 @@ int RunAll(const Options& options) {
 
 int main(int argc, char** argv) try {
   bench::Options options;
-  CLI::App app("Measures the frame beside the bare socket that it stands on.");
+  CLI::App app("Measures the frame beside the bare stream that it stands on.");
   app.add_flag("--quick", options.settings.quick, "Fewer and shorter rounds");
   std::vector<std::string> names;
-  for (const auto& measurement : bench::kMeasurements) names.emplace_back(measurement.name);
+  for (const auto& measurement : bench::AllMeasurements()) names.emplace_back(measurement.name);
   app.add_option("--only", options.only, "Only this measurement; may be given several times")
       ->check(CLI::IsMember(names));
   app.add_option("--json", options.json, "Also write the figures into this file");

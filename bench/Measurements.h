@@ -22,6 +22,9 @@ struct Measurement {
   std::vector<Row> (*make)(const Settings& settings);
 };
 
+/// Those that only this system has. Twin files: posix/OwnMeasurements.cpp and windows/OwnMeasurements.cpp.
+std::vector<Measurement> OwnMeasurements();
+
 // Each runs in a process of its own, with a frame of its own where it needs one.
 std::vector<Row> MeasureRaw(const Settings& settings);
 std::vector<Row> MeasureSyncSend(const Settings& settings);
@@ -31,9 +34,10 @@ std::vector<Row> MeasureNotifications(const Settings& settings);
 std::vector<Row> MeasureCallers(const Settings& settings);
 std::vector<Row> MeasureBandwidth(const Settings& settings);
 std::vector<Row> MeasureLookUp(const Settings& settings);
+std::vector<Row> MeasureUnwantedLogLine(const Settings& settings);
+std::vector<Row> MeasureIdle(const Settings& settings);
 std::vector<Row> MeasureMemory(const Settings& settings);
 std::vector<Row> MeasureStart(const Settings& settings);
-std::vector<Row> MeasureUnwantedLogLine(const Settings& settings);
 std::vector<Row> MeasurePortTables(const Settings& settings);
 std::vector<Row> MeasureGuardEndpoint(const Settings& settings);
 std::vector<Row> MeasureGuardMessages(const Settings& settings);

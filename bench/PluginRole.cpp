@@ -1,8 +1,8 @@
-#include <sched.h>
 #include <algorithm>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -66,7 +66,7 @@ std::vector<double> CallAgainAndAgain(TolmPlugin::Plugin& plugin, const std::str
 void MustNotify(TolmPlugin::Plugin& plugin, const Message& message) {
   while (!plugin.Notify(message)) {
     if (TolmPlugin::Plugin::LastError() != lpc::kQueueFull) throw std::runtime_error("a notification failed");
-    ::sched_yield();
+    std::this_thread::yield();
   }
 }
 
@@ -86,7 +86,7 @@ void RegisterUrls(TolmPlugin::Plugin& plugin, const Order& order) {
 }  // namespace
 
 int RunPluginRole(const std::string& endpoint, const std::string& id) {
-  Channel channel(kChildDescriptor);
+  Channel channel(ParentDescriptor());
   Counter counter;
   TolmPlugin::Plugin plugin(id);
   ServeAll(plugin, counter);
@@ -129,7 +129,7 @@ int RunGuardedRole(const std::string& endpoint, const std::string& id) {
 }
 
 int RunIdleRole(const std::string& endpoint, const std::string& id) {
-  Channel channel(kChildDescriptor);
+  Channel channel(ParentDescriptor());
   std::vector<std::unique_ptr<lpcclient::CLpcClient>> clients;
   while (const auto order = channel.Receive()) {
     for (std::uint64_t i = 0; i < order->count; ++i) {

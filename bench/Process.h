@@ -1,12 +1,11 @@
 #pragma once
 
-// The processes of a run. None of them outlives its parent, however that ends.
+// The processes of a run. None of them outlives its parent, however that ends. Twin files:
+// posix/Process.cpp and windows/Process.cpp.
 
-#include <sys/types.h>
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
-#include <functional>
-#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -15,10 +14,13 @@
 
 namespace bench {
 
+/// The program that runs.
+std::filesystem::path ThisProgram();
+
 /// This program once more, in a process of its own, with `arguments` and a channel to it.
 class Child {
  public:
-  explicit Child(const std::vector<std::string>& arguments);
+  explicit Child(const std::vector<std::string>& arguments) : Child(ThisProgram().string(), arguments) {}
   /// A copy of this program that lies elsewhere.
   Child(const std::string& program, const std::vector<std::string>& arguments);
   /// Ends it.
@@ -29,36 +31,22 @@ class Child {
   Channel& channel() { return *channel_; }
   /// Gives an order and waits until it has been done.
   std::vector<double> Do(Task task, std::size_t size, std::size_t count);
+  /// Waits until it says something, or ends. A std::runtime_error when that takes longer than
+  /// `time_out_seconds`, or this process is asked to end meanwhile.
+  void AwaitWord(int time_out_seconds);
 
  private:
-  pid_t process_ = -1;
+  std::intptr_t process_ = -1;  // an id or a handle
   std::unique_ptr<Channel> channel_;
 };
 
-/// A copy of this process that does `work` and ends. To be made while this process has one thread.
-class Copy {
- public:
-  explicit Copy(const std::function<void()>& work);
-  /// Ends it.
-  ~Copy();
-  Copy(const Copy&) = delete;
-  Copy& operator=(const Copy&) = delete;
+/// In a child: the channel to the process that made it, to be taken over once.
+std::intptr_t ParentDescriptor();
 
-  pid_t process() const { return process_; }
-
- private:
-  pid_t process_ = -1;
-};
-
-/// In a child: the channel to the process that made it.
-inline constexpr int kChildDescriptor = 3;
-
-/// Runs `work` in a copy of this process and gives what it returns. An exception in it, and its end before
-/// it returned, are a std::runtime_error here. To be called while this process has one thread. The copy
-/// and its children have a high priority, if the system allows it, so that other programs disturb less.
-std::string RunApart(const std::function<std::string()>& work, int time_out_seconds);
-
-/// Whether the system allows a higher priority.
+/// Raises this process's priority and that of its later children, so that other programs disturb less;
+/// false when the system does not allow it.
+bool RaisePriority();
+/// Whether that would succeed.
 bool MayRaisePriority();
 
 /// Keeps this process and all later children on `core`.
@@ -66,12 +54,25 @@ void PinTo(int core);
 /// The core to be used when none was given: the last of those that are allowed.
 int LastCore();
 
-/// Whose program lies below `folder`, a path without links, with that program.
-std::map<pid_t, std::filesystem::path> ProcessesBelow(const std::filesystem::path& folder);
-/// Ends them: an agent stands on its own feet, and so do those that it starts. Says so when it cannot.
+/// How busy the machine is, in the system's words; empty when it has none.
+std::string Load();
+
+/// The processor's time that this process has used since it was started.
+double ProcessorMilliseconds();
+
+/// How much memory of this process was resident at most since ForgetPeak, which gives how much is now, in
+/// KiB. Both throw where the system does not forget a peak.
+double PeakKiB();
+double ForgetPeak();
+
+/// Ends whose program lies below `folder`: an agent stands on its own feet, and so do those that it starts.
+/// Says so when it cannot.
 void EndProcessesBelow(const std::filesystem::path& folder);
 
-/// A folder of this run's own as the user's runtime folder, which is where endpoints are made.
+/// What has to lie in a folder, this program first, for this program to run there.
+std::vector<std::filesystem::path> FilesToRunElsewhere();
+
+/// A folder of this run's own as the user's runtime folder. Endpoints lie in it, or have it in their names.
 class RuntimeFolder {
  public:
   RuntimeFolder();
@@ -83,10 +84,10 @@ class RuntimeFolder {
   static std::string Path();
 
  private:
-  std::string path_;
+  std::filesystem::path path_;
 };
 
-/// From here on SIGINT, SIGTERM and SIGHUP end what RunApart waits for, with an exception.
+/// From here on, a request to end ends what AwaitWord waits for, with an exception.
 void EndInOrderOnSignals();
 
 }  // namespace bench

@@ -11,7 +11,7 @@ namespace {
 constexpr std::size_t kSinkBuffer = 64u << 10;
 
 void MustRead(Channel& channel, char* data, std::size_t size) {
-  if (!channel.Read(data, size)) throw std::runtime_error("the bare socket's other side ended");
+  if (!channel.Read(data, size)) throw std::runtime_error("the bare stream's other side ended");
 }
 
 }  // namespace
@@ -56,7 +56,7 @@ double RawPeer::WritesPerSecond(std::size_t size, std::size_t count) {
 }
 
 int RunRawRole() {
-  Channel channel(kChildDescriptor);
+  Channel channel(ParentDescriptor());
   while (const auto order = channel.Receive()) {
     std::string buffer(std::max<std::size_t>(order->size, kSinkBuffer), 'x');
     if (order->task == Task::kRawSink) {

@@ -8,7 +8,7 @@
 
 namespace bench {
 
-/// The physical yardstick: two processes, a stream socket between them, blocking reads and writes.
+/// The physical yardstick: two processes, a stream of the system's between them, blocking reads and writes.
 class RawPeer {
  public:
   RawPeer() : peer_({"--role", "raw"}) {}

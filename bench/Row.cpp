@@ -29,11 +29,13 @@ Row MakeRow(std::string name, std::string unit, const Rounds& rounds, const Roun
 }
 
 void WantAtMost(Row& row, double value, double limit, std::string target) {
+  if (limit == kNone) return;
   row.target = std::move(target);
   row.missed = std::max(0.0, value / limit - 1);
 }
 
 void WantAtLeast(Row& row, double value, double limit, std::string target) {
+  if (limit == kNone) return;
   row.target = std::move(target);
   row.missed = std::max(0.0, 1 - value / limit);
 }

@@ -17,7 +17,7 @@ struct Row {
   double median = kNone;
   double p99 = kNone;
   double spread = kNone;
-  double raw_median = kNone;  ///< of the bare socket, or of what `name` says it is compared with
+  double raw_median = kNone;  ///< of the bare stream, or of what `name` says it is compared with
   double raw_p99 = kNone;
   double raw_spread = kNone;
   double ratio = kNone;
@@ -27,9 +27,10 @@ struct Row {
 };
 
 Row MakeRow(std::string name, std::string unit, const Rounds& rounds);
-/// With the bare socket's figures, and the ratio to them.
+/// With the bare stream's figures, and the ratio to them.
 Row MakeRow(std::string name, std::string unit, const Rounds& rounds, const Rounds& raw);
 
+// Neither does anything with kNone as the limit.
 void WantAtMost(Row& row, double value, double limit, std::string target);
 void WantAtLeast(Row& row, double value, double limit, std::string target);
 

@@ -1,7 +1,6 @@
 #include "Stage.h"
 
 #include <charconv>
-#include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
@@ -14,32 +13,20 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr char kAgent[] = "TolmAgent/TolmAgent/TolmAgent_Exe64.exe";
-constexpr char kGuard[] = "TolmAgent/TolmGuard/TolmGuard.exe";
 constexpr char kConfiguration[] = "LpcFrame.xml";
 
-fs::path ThisProgram() {
-  return fs::read_symlink("/proc/self/exe");
-}
-
-void Place(const fs::path& from, const fs::path& to) {
-  fs::create_directories(to.parent_path());
-  fs::copy_file(from, to);
-}
-
-void Write(const fs::path& path, const std::string& text) {
-  std::ofstream file(path);
-  file << text;
-  if (!file.flush()) throw std::runtime_error("cannot write " + path.string());
+// Only this run writes into the run's folder.
+fs::path MakeFolder() {
+  for (int number = 0;; ++number) {
+    const fs::path folder = fs::path(RuntimeFolder::Path()) / ("host-" + std::to_string(number));
+    if (fs::create_directory(folder)) return fs::canonical(folder);
+  }
 }
 
 }  // namespace
 
-Stage::Stage() {
-  std::string folder = RuntimeFolder::Path() + "/host-XXXXXX";
-  if (::mkdtemp(folder.data()) == nullptr) throw std::runtime_error("cannot make " + folder);
-  folder_ = fs::canonical(folder);
-  Place(ThisProgram(), Host());
+Stage::Stage() : folder_(MakeFolder()) {
+  for (const fs::path& file : FilesToRunElsewhere()) fs::copy_file(file, folder_ / file.filename());
 }
 
 Stage::~Stage() {
@@ -50,8 +37,9 @@ Stage::~Stage() {
 
 void Stage::WritePort(const char* element, std::uint16_t port) const {
   const std::string name(element);
-  Write(folder_ / kConfiguration,
-        "<Config>\n  <" + name + '>' + std::to_string(port) + "</" + name + ">\n</Config>\n");
+  std::ofstream file(folder_ / kConfiguration);
+  file << "<Config>\n  <" << name << '>' << port << "</" << name << ">\n</Config>\n";
+  if (!file.flush()) throw std::runtime_error("cannot write into " + folder_.string());
 }
 
 void Stage::RemovePort() const {
@@ -68,32 +56,6 @@ std::uint16_t Stage::Port() const {
     throw std::runtime_error("there is no port in the configuration");
   }
   return port;
-}
-
-void Stage::PlaceAgentAndGuard() const {
-  for (const char* const program : {kAgent, kGuard}) {
-    Place(ThisProgram().parent_path() / program, folder_ / program);
-  }
-}
-
-fs::path Stage::PluginProgram(const std::string& id) const {
-  return folder_ / "plugins" / id / kProgram;
-}
-
-void Stage::PlacePlugin(const std::string& id) const {
-  const fs::path program = PluginProgram(id);
-  Place(ThisProgram(), program);
-  Write(program.parent_path() / "plugin.json",
-        "{\"program\": \"" + std::string(kProgram) +
-            "\", \"arguments\": [\"--role\", \"guarded\", \"--id\", \"" + id + "\"]}\n");
-}
-
-pid_t Stage::PluginProcess(const std::string& id) const {
-  const auto processes = ProcessesBelow(PluginProgram(id).parent_path());
-  if (processes.size() != 1) {
-    throw std::runtime_error(std::to_string(processes.size()) + " processes run the plugin " + id);
-  }
-  return processes.begin()->first;
 }
 
 }  // namespace bench

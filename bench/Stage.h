@@ -1,9 +1,10 @@
 #pragma once
 
-#include <sys/types.h>
 #include <cstdint>
 #include <filesystem>
 #include <string>
+
+#include "Process.h"
 
 namespace bench {
 
@@ -17,7 +18,7 @@ class Stage {
   Stage(const Stage&) = delete;
   Stage& operator=(const Stage&) = delete;
 
-  std::string Host() const { return folder_ / kProgram; }
+  std::string Host() const { return (folder_ / ThisProgram().filename()).string(); }
 
   /// Writes LpcFrame.xml. `element`: "ClientPort" when the host is to start an agent, else "ServerPort".
   void WritePort(const char* element, std::uint16_t port) const;
@@ -25,17 +26,10 @@ class Stage {
   /// The port in LpcFrame.xml.
   std::uint16_t Port() const;
 
-  void PlaceAgentAndGuard() const;
-  /// A copy of this program as the plugin `id`, with a manifest that says nothing but how to start it.
-  void PlacePlugin(const std::string& id) const;
-  /// The process of the plugin `id`, of which there must be one.
-  pid_t PluginProcess(const std::string& id) const;
+  /// Without links in it.
+  const std::filesystem::path& folder() const { return folder_; }
 
  private:
-  static constexpr char kProgram[] = "frame_bench";
-
-  std::filesystem::path PluginProgram(const std::string& id) const;
-
   std::filesystem::path folder_;
 };
 

@@ -23,8 +23,6 @@ if(TOLM_CCACHE)
   set(CMAKE_CXX_COMPILER_LAUNCHER ${TOLM_CCACHE})
 endif()
 
-find_package(Threads REQUIRED)
-
 # What every target of ours is compiled with. Third-party code gets none of it.
 add_library(tolm_flags INTERFACE)
 target_compile_options(tolm_flags INTERFACE -Wall -Wextra -Wconversion -Wshadow -Werror
@@ -39,6 +37,19 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
   target_compile_options(tolm_flags INTERFACE -Wno-missing-field-initializers)
 endif()
 target_link_libraries(tolm_flags INTERFACE Threads::Threads)
+
+if(WIN32)
+  # Windows 10 and newer, no macros named min and max, nothing of windows.h that is not asked for.
+  add_compile_definitions(_WIN32_WINNT=0x0A00 WINVER=0x0A00 NOMINMAX WIN32_LEAN_AND_MEAN)
+endif()
+if(MINGW)
+  # What is built needs nothing beside Windows itself.
+  add_link_options(-static)
+  # printf as the standard has it, %zu included.
+  add_compile_definitions(__USE_MINGW_ANSI_STDIO=1)
+  # Templates make more sections than the usual object format can count.
+  add_compile_options(-Wa,-mbig-obj)
+endif()
 
 if(TOLM_SANITIZE AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   # What the sanitizers add hides from GCC that the standard library's own code initialises everything.

@@ -19,6 +19,7 @@ function(tolm_program name)
   cmake_parse_arguments(ARG "" "" "SOURCES;LIBS" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE tolm_flags ${ARG_LIBS})
+  tolm_resources(${name} "TolmLPCFrame: ${name}")
 endfunction()
 
 # tolm_test(<name> SOURCES <file>... LIBS <lib>... [TIMEOUT <seconds>] [LABELS <label>...]

@@ -5,6 +5,7 @@
 
 #include "TolmBase/LogLine.h"
 #include "common/Constants.h"
+#include "common/Gate.h"
 #include "lpcintegratemodule/LPCIntegrate.h"
 #include "lpcsevermanager/LpcServerManager.h"
 #include "net/TolmGuardConnectionManager.h"
@@ -19,16 +20,17 @@ namespace {
 std::atomic<bool> g_logical_init{false};
 /// Whether the pools were stopped and not started again since.
 std::atomic<bool> g_pools_stopped{false};
-/// Whether StartAll runs and no earlier start is in force.
-std::atomic<bool> g_starting{false};
+/// Closed while StartAll runs and no earlier start is in force.
+Gate& ArrivalGate() {
+  // Never destroyed: threads may come to it while the process exits.
+  static Gate& gate = *new Gate(true);
+  return gate;
+}
 
 class Starting {
  public:
-  Starting() { g_starting = true; }
-  ~Starting() {
-    g_starting = false;
-    g_starting.notify_all();
-  }
+  Starting() { ArrivalGate().Close(); }
+  ~Starting() { ArrivalGate().Open(); }
   Starting(const Starting&) = delete;
   Starting& operator=(const Starting&) = delete;
 };
@@ -81,7 +83,7 @@ bool InitLogical(const std::string& lpc_server_name, const PlatformInfo& info) {
 }
 
 void WaitWhileStarting() {
-  g_starting.wait(true);
+  ArrivalGate().Pass();
 }
 
 bool UninitLogical() {

@@ -1,7 +1,7 @@
 #include "Agent.h"
 
 #include <algorithm>
-#include <latch>
+#include <future>
 #include <random>
 #include <thread>
 #include <utility>
@@ -34,14 +34,14 @@ class EventWaiter {
   EventWaiter(os::NamedEvent& event, std::shared_ptr<Inbox> inbox)
       : event_(event), thread_([this, &event, inbox = std::move(inbox)] {
           os::SetThreadName("agent-event");
-          begun_.count_down();
+          begun_.set_value();
           if (event.Wait(-1)) {
             inbox->AskToEnd(true);
           } else {
             AGENT_LOG_ERROR("The event cannot be waited for; a signal ends the agent");
           }
         }) {
-    begun_.wait();
+    begun_.get_future().wait();
   }
 
   /// One signal serves both: it is the answer when the event was set, and otherwise ends the wait above,
@@ -55,7 +55,7 @@ class EventWaiter {
 
  private:
   os::NamedEvent& event_;
-  std::latch begun_{1};
+  std::promise<void> begun_;  // no latch: where the system has no futex, GCC 12 may lose its wake-up
   std::thread thread_;
 };
 

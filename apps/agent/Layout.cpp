@@ -1,12 +1,13 @@
 #include "Layout.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <filesystem>
 #include <system_error>
 
 #include "common/AgentNames.h"
 #include "os/ExecutablePath.h"
+#include "os/UserPlaces.h"
+#include "os/Utf8Path.h"
 
 namespace tolm::agent {
 namespace {
@@ -14,18 +15,8 @@ namespace {
 namespace fs = std::filesystem;
 
 std::string UserLogPath() {
-  const auto absolute = [](const char* name) {
-    const char* value = std::getenv(name);
-    const fs::path path = value == nullptr ? "" : value;
-    return path.is_absolute() ? path : fs::path();
-  };
-  fs::path state = absolute("XDG_STATE_HOME");
-  if (state.empty()) {
-    const fs::path home = absolute("HOME");
-    if (home.empty()) return {};
-    state = home / ".local" / "state";
-  }
-  return (state / "tolm-agent" / "agent.log").string();
+  const fs::path state = os::Utf8Path(os::UserStateFolder());
+  return state.empty() ? std::string() : (state / "tolm-agent" / "agent.log").string();
 }
 
 }  // namespace
@@ -37,9 +28,9 @@ Layout FindLayout(const std::string& agent_path) {
   std::replace(frame_path.begin(), frame_path.end(), '/', '\\');
   layout.event_name = TolmLPCFrame::AgentEventName(frame_path);
 
-  fs::path folder = fs::path(agent_path).parent_path();
+  fs::path folder = os::Utf8Path(agent_path).parent_path();
   // Called by its name alone: found by whoever started it, in a folder that only the system tells.
-  if (folder.empty()) folder = os::ExecutableDirectory();
+  if (folder.empty()) folder = os::Utf8Path(os::ExecutableDirectory());
   std::error_code error;
   const fs::path whole = fs::absolute(folder, error);
   // Without a ".." in it, so that a process list shows the guard by its usual path.
@@ -53,7 +44,7 @@ Layout FindLayout(const std::string& agent_path) {
 std::string ResolvedExecutable(const std::string& path) {
   if (path.empty()) return {};
   std::error_code error;
-  const fs::path resolved = fs::canonical(path, error);
+  const fs::path resolved = fs::canonical(os::Utf8Path(path), error);
   return error ? std::string() : resolved.string();
 }
 

@@ -16,6 +16,7 @@
 #include "os/ChildProcess.h"
 #include "os/NamedEvent.h"
 #include "os/StopSignal.h"
+#include "os/UserPlaces.h"
 
 namespace {
 
@@ -68,7 +69,7 @@ int main(int argc, char** argv) {
   try {
     tolm::agent::Options options;
     std::string fault;
-    switch (tolm::agent::ReadCommandLine(argc, argv, options, fault)) {
+    switch (tolm::agent::ReadCommandLine(os::OwnArguments(argc, argv), options, fault)) {
       case tolm::agent::Order::kShowHelp:
         std::cout << tolm::agent::HelpText();
         return kEnded;

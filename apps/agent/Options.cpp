@@ -3,7 +3,6 @@
 #include <charconv>
 #include <string_view>
 #include <system_error>
-#include <vector>
 
 #include "common/AgentNames.h"
 
@@ -45,9 +44,12 @@ bool ReadTime(std::string_view text, std::chrono::milliseconds& time) {
 
 // The frame's own form has an option with one dash behind the words, which the usual libraries read as
 // several short options; hence by hand.
-Order ReadCommandLine(int argc, const char* const* argv, Options& options, std::string& fault) {
-  const std::vector<std::string_view> words(argv + (argc > 0 ? 1 : 0), argv + argc);
-  options.agent_path = argc > 0 ? argv[0] : "";
+Order ReadCommandLine(const std::vector<std::string>& command_line, Options& options, std::string& fault) {
+  std::vector<std::string_view> words(command_line.begin(), command_line.end());
+  if (!words.empty()) {
+    options.agent_path = words.front();
+    words.erase(words.begin());
+  }
   for (const std::string_view word : words) {
     if (word == "--help" || word == "-h") return Order::kShowHelp;
     if (word == "--version") return Order::kShowVersion;
@@ -110,13 +112,15 @@ Times in milliseconds, for tests and special cases; see the manual page TolmAgen
   --grace-ms, --host-gone-ms, --host-interval-ms, --restart-ms, --longest-restart-ms, --stable-ms
 
 It ends, and the guard before it, when its named event is set (the frame does so when the host
-stops), on SIGTERM or SIGINT, and when the host is gone. A guard that ends without having been
+stops), on SIGTERM or SIGINT (on Windows Ctrl-C, the console's end and the event
+Local\tolm-stop-<process id>), and when the host is gone. A guard that ends without having been
 asked to is started again.
 
 Files, seen from the folder of this program:
   ../TolmGuard/TolmGuard.exe  the guard
   ../log/agent.log            what happened; where that cannot be written, it is in
-                              $XDG_STATE_HOME/tolm-agent or ~/.local/state/tolm-agent
+                              $XDG_STATE_HOME/tolm-agent or ~/.local/state/tolm-agent,
+                              on Windows in %LOCALAPPDATA%\tolm-agent
 
 Exit status: 0 when it ended as asked, or an agent is already running for this place; 1 when it
 cannot begin; 2 when the command line is not understood.

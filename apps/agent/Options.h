@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <string>
+#include <vector>
 
 namespace tolm::agent {
 
@@ -26,7 +27,7 @@ enum class Order { kRun, kShowHelp, kShowVersion, kRefuse };
 
 /// What the command line asks for: "<agent> [times] <main process path> <role> -process". `fault` tells
 /// what is wrong with one that is refused.
-Order ReadCommandLine(int argc, const char* const* argv, Options& options, std::string& fault);
+Order ReadCommandLine(const std::vector<std::string>& command_line, Options& options, std::string& fault);
 
 /// What --help shows, and how the program is called.
 std::string HelpText();

@@ -143,7 +143,7 @@ class FrameLink::Impl {
   void Begin(const ConnectionPtr& connection) {
     error_code error;
     const auto local = beast::get_lowest_layer(connection->stream).socket().local_endpoint(error);
-    if (error || !os::IsLoopbackPeerSameUser(local.port(), connection->endpoint.port())) {
+    if (error || !os::IsLoopbackServerSameUser(local.port(), connection->endpoint.port())) {
       Lose(connection, connection->host + " does not belong to the user of this guard");
       return;
     }

@@ -15,6 +15,8 @@
 #include "TolmBase/LogLine.h"
 #include "os/ExecutablePath.h"
 #include "os/StopSignal.h"
+#include "os/UserPlaces.h"
+#include "os/Utf8Path.h"
 
 namespace guard {
 namespace {
@@ -105,8 +107,8 @@ int Supervise(const Options& options, const Places& places) {
 int main(int argc, char** argv) {
   try {
     guard::Options options;
-    if (const auto status = guard::ReadOptions(argc, argv, options)) return *status;
-    const std::filesystem::path own_folder(os::ExecutableDirectory());
+    if (const auto status = guard::ReadOptions(os::OwnArguments(argc, argv), options)) return *status;
+    const std::filesystem::path own_folder = os::Utf8Path(os::ExecutableDirectory());
     const guard::Places places = guard::FindPlaces(options, own_folder);
     if (options.check) return guard::Check(options, places);
     return guard::Supervise(options, places);

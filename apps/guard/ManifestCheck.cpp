@@ -8,6 +8,7 @@
 
 #include "ManifestReader.h"
 #include "os/ExecutableFault.h"
+#include "os/UserPlaces.h"
 
 namespace guard {
 namespace {
@@ -72,7 +73,7 @@ bool CheckManifests(const fs::path& folder, std::ostream& out) {
           {{}, "id", "\"" + reading.claimed_id + "\" is claimed by " + first->second.string() + " as well"}));
     }
     if (!reading.manifest) continue;
-    const std::string program = reading.manifest->program.string();
+    const std::string program = os::ProgramFile(reading.manifest->program.string());
     const std::string why = os::ExecutableFault(program);
     if (!why.empty()) say(Describe(file, {reading.program_position, "program", program + ": " + why}));
     if (!fs::is_directory(reading.manifest->working_folder, error)) {

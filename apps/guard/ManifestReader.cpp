@@ -11,6 +11,9 @@
 #include <system_error>
 #include <utility>
 
+#include "os/UserPlaces.h"
+#include "os/Utf8Path.h"
+
 namespace guard {
 namespace {
 
@@ -139,7 +142,7 @@ class Reader {
       Fault(value.position, key, "must not be empty");
       return;
     }
-    into = (folder_ / fs::path(std::u8string(text.begin(), text.end()))).lexically_normal();
+    into = (folder_ / os::Utf8Path(text)).lexically_normal();
   }
 
   void Id(const JsonValue& value, const std::string& key) {

@@ -1,8 +1,10 @@
 #include "Options.h"
 
 #include <CLI/CLI.hpp>
-#include <cstdlib>
 #include <string>
+
+#include "os/UserPlaces.h"
+#include "os/Utf8Path.h"
 
 namespace guard {
 namespace {
@@ -18,23 +20,19 @@ constexpr char kAbout[] =
     "and waits for one when there is none. Each plugin has a folder with a manifest, plugin.json.";
 
 constexpr char kFooter[] =
-    "Signals: SIGTERM and SIGINT stop all plugins in order, within 3 seconds, and end the guard.\n"
+    "Signals: SIGTERM and SIGINT (on Windows Ctrl-C, the console's end and the event "
+    "Local\\tolm-stop-<process\n"
+    "id>) stop all plugins in order, within 3 seconds, and end the guard.\n"
     "Exit status: 0 ended as asked, --check found no fault; 1 --check found faults, or the guard cannot\n"
     "start; 2 a mistake on the command line; 3 a guard for this configuration file runs already.\n"
-    "Environment: XDG_STATE_HOME, HOME: where the logs go when the host's folder cannot be written to.\n"
+    "Environment: XDG_STATE_HOME, HOME; on Windows LOCALAPPDATA: where the logs go when the host's folder\n"
+    "cannot be written to.\n"
     "<host folder> is two levels above the folder of this program. See also TolmGuard.exe(1).";
 
-/// The folder for logs of a user who may not write beside the program; empty when none is known.
-fs::path StateFolder() {
-  const auto variable = [](const char* name) {
-    const char* const value = std::getenv(name);
-    const fs::path path(value == nullptr ? "" : value);
-    return path.is_absolute() ? path : fs::path();
-  };
-  if (const fs::path state = variable("XDG_STATE_HOME"); !state.empty()) return state / "tolm-guard";
-  if (const fs::path home = variable("HOME"); !home.empty()) return home / ".local" / "state" / "tolm-guard";
-  if (const fs::path local = variable("LOCALAPPDATA"); !local.empty()) return local / "tolm-guard";
-  return {};
+/// Lets `app` have an option whose value is a path.
+CLI::Option* AddPath(CLI::App& app, const char* name, fs::path& path, const char* about) {
+  return app.add_option_function<std::string>(
+      name, [&path](const std::string& text) { path = os::Utf8Path(text); }, about);
 }
 
 fs::path Absolute(const fs::path& path) {
@@ -49,12 +47,12 @@ fs::path Above(const fs::path& folder) {
 
 }  // namespace
 
-std::optional<int> ReadOptions(int argc, const char* const* argv, Options& options) {
+std::optional<int> ReadOptions(const std::vector<std::string>& command_line, Options& options) {
   CLI::App app(kAbout);
   app.footer(kFooter);
   app.set_version_flag("--version", std::string("TolmGuard ") + TOLM_GUARD_VERSION);
-  app.add_option("--config", options.config,
-                 "The frame's configuration file. Default: <host folder>/LpcFrame.xml")
+  AddPath(app, "--config", options.config,
+          "The frame's configuration file. Default: <host folder>/LpcFrame.xml")
       ->type_name("FILE");
   std::string role = "Client";
   app.add_option(
@@ -63,16 +61,16 @@ std::optional<int> ReadOptions(int argc, const char* const* argv, Options& optio
          "Client")
       ->check(CLI::IsMember({"Client", "Server"}).description(""))
       ->type_name("ROLE");
-  app.add_option("--host", options.host, "The host's program; plugins are in the folder plugins beside it")
+  AddPath(app, "--host", options.host, "The host's program; plugins are in the folder plugins beside it")
       ->type_name("PATH");
-  app.add_option(
-         "--plugins", options.plugins,
-         "The folder with a folder for each plugin. Default: the folder plugins beside --host, or else "
-         "beside the program that the frame names, or else in <host folder>")
+  AddPath(app, "--plugins", options.plugins,
+          "The folder with a folder for each plugin. Default: the folder plugins beside --host, or else "
+          "beside the program that the frame names, or else in <host folder>")
       ->type_name("DIR");
-  app.add_option("--logs", options.logs,
-                 "The folder for guard.log and the plugins' output. Default: <host folder>/TolmAgent/log, or "
-                 "tolm-guard in $XDG_STATE_HOME or ~/.local/state when that cannot be written to")
+  AddPath(app, "--logs", options.logs,
+          "The folder for guard.log and the plugins' output. Default: <host folder>/TolmAgent/log, or "
+          "tolm-guard in $XDG_STATE_HOME or ~/.local/state (on Windows in %LOCALAPPDATA%) when that "
+          "cannot be written to")
       ->type_name("DIR");
   double lost_grace = static_cast<double>(options.lost_grace.count()) / 1000.0;
   app.add_option("--lost-grace", lost_grace,
@@ -80,13 +78,15 @@ std::optional<int> ReadOptions(int argc, const char* const* argv, Options& optio
       ->check(CLI::Range(0.0, kMaxLostGraceSeconds).description(""))
       ->type_name("SECONDS");
   auto* const check =
-      app.add_option("--check", options.check_folder,
-                     "Start nothing: check every manifest below DIR (default: the folder of --plugins), name "
-                     "file, line, column and key of each fault, and end")
+      AddPath(app, "--check", options.check_folder,
+              "Start nothing: check every manifest below DIR (default: the folder of --plugins), name "
+              "file, line, column and key of each fault, and end")
           ->expected(0, 1)
           ->type_name("[DIR]");
   try {
-    app.parse(argc, argv);
+    std::vector<const char*> words;
+    for (const std::string& word : command_line) words.push_back(word.c_str());
+    app.parse(static_cast<int>(words.size()), words.data());
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? 0 : kExitUsage;
   }
@@ -107,7 +107,10 @@ Places FindPlaces(const Options& options, const fs::path& own_folder) {
     places.logs = {Absolute(options.logs)};
   } else {
     places.logs = {host_folder / "TolmAgent" / "log"};
-    if (const fs::path state = StateFolder(); !state.empty()) places.logs.push_back(state);
+    // For a user who may not write beside the program.
+    if (const fs::path state = os::Utf8Path(os::UserStateFolder()); !state.empty()) {
+      places.logs.push_back(state / "tolm-guard");
+    }
   }
   return places;
 }

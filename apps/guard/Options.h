@@ -30,9 +30,10 @@ struct Places {
   std::vector<std::filesystem::path> logs;  ///< the first one that can be written to counts
 };
 
-/// Reads the command line. When the process is to end at once (--help, --version, or a mistake, which is
+/// Reads the command line, the program's own name first. When the process is to end at once (--help,
+/// --version, or a mistake, which is
 /// explained on stderr), gives the exit status.
-std::optional<int> ReadOptions(int argc, const char* const* argv, Options& options);
+std::optional<int> ReadOptions(const std::vector<std::string>& command_line, Options& options);
 
 /// Fills in what the options leave open, from the folder that the guard's own program lies in.
 Places FindPlaces(const Options& options, const std::filesystem::path& own_folder);

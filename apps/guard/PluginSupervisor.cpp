@@ -7,6 +7,7 @@
 
 #include "TolmBase/LogLine.h"
 #include "os/HiddenProcess.h"
+#include "os/UserPlaces.h"
 
 namespace guard {
 namespace {
@@ -134,7 +135,7 @@ void PluginSupervisor::StartProcess() {
   Diagnose();
   const std::uint64_t run = ++run_;
   os::ProcessRequest request;
-  request.program = manifest_.program.string();
+  request.program = os::ProgramFile(manifest_.program.string());
   request.arguments = manifest_.arguments;
   request.arguments.insert(request.arguments.end(), extra_arguments_.begin(), extra_arguments_.end());
   request.working_folder = manifest_.working_folder.string();
@@ -196,7 +197,7 @@ void PluginSupervisor::OnEnded(std::uint64_t run, const os::ProcessEnd& end) {
     return;
   }
   if (crashed && ran_for < kFirstSeconds) {
-    diagnosis_ = manifest_.program.string() + ", " + how;
+    diagnosis_ = os::ProgramFile(manifest_.program.string()) + ", " + how;
     diagnosis_timer_ = surroundings_.scheduler.After(kOutputLag, [weak = weak_from_this()] {
       if (const auto self = weak.lock()) self->Diagnose();
     });

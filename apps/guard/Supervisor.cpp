@@ -7,6 +7,8 @@
 #include "ManifestReader.h"
 #include "TolmBase/LogLine.h"
 #include "os/HiddenProcess.h"
+#include "os/UserPlaces.h"
+#include "os/Utf8Path.h"
 
 namespace guard {
 namespace {
@@ -172,7 +174,7 @@ void Supervisor::On(const FrameMessage&, const MainProcessPath& main_process) {
   // The frame writes paths with either kind of separator, on every system.
   std::string text = main_process.path;
   std::replace(text.begin(), text.end(), '\\', '/');
-  const fs::path folder = (fs::path(text).parent_path() / kPluginsFolder).lexically_normal();
+  const fs::path folder = (os::Utf8Path(text).parent_path() / kPluginsFolder).lexically_normal();
   if (folder == options_.plugins) return;
   std::error_code error;
   if (!folder.is_absolute() || !fs::is_directory(folder, error)) {
@@ -198,7 +200,7 @@ void Supervisor::Start(const std::string& id, bool at_once) {
     TOLM_LOG(kLogLevelError, kTag, "plugin \"%.128s\" is not started: %s", id.c_str(), not_an_id.c_str());
     return;
   }
-  const fs::path folder = options_.plugins / id;
+  const fs::path folder = options_.plugins / os::Utf8Path(id);
   ManifestReading reading = ReadManifest(folder);
   const std::string file = (folder / kManifestFileName).string();
   if (!reading.file_exists) {
@@ -213,7 +215,7 @@ void Supervisor::Start(const std::string& id, bool at_once) {
     return;
   }
   std::shared_ptr<PluginSupervisor>& plugin = plugins_[id];
-  if (!plugin) plugin = PluginSupervisor::Make(id, options_.logs / (id + ".log"), surroundings_);
+  if (!plugin) plugin = PluginSupervisor::Make(id, options_.logs / os::Utf8Path(id + ".log"), surroundings_);
   plugin->Start(std::move(*reading.manifest), SplitArguments(command_line_), at_once);
 }
 

@@ -1,22 +1,19 @@
 #include "Console.h"
 
-#include <csignal>
 #include <cstdio>
 #include <iostream>
 #include <thread>
+
+#include "os/StopSignal.h"
 
 namespace host {
 
 Console& Console::Open() {
   static Console& console = *new Console;
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGINT);
-  sigaddset(&signals, SIGTERM);
-  ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-  std::thread([signals] {
-    for (int signal = 0; ::sigwait(&signals, &signal) == 0;) console.Push("stop");
-  }).detach();
+  os::OnStopSignal([] { console.Push("stop"); });
+  // With a buffer of its own: a thread that waits for a line in the C library's stream holds that stream,
+  // and the end of the process would wait for it where every stream is flushed then.
+  std::ios::sync_with_stdio(false);
   std::thread([] {
     for (std::string line; std::getline(std::cin, line);) console.Push(line);
     console.Push("stop");

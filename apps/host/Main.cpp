@@ -12,6 +12,8 @@
 
 #include "Commands.h"
 #include "Console.h"
+#include "os/ExecutablePath.h"
+#include "os/Utf8Path.h"
 
 namespace {
 
@@ -95,7 +97,7 @@ int main(int argc, char** argv) {
       ->option_text("trace|info|warning|error");
   CLI11_PARSE(app, argc, argv);
   try {
-    return Run(options, std::filesystem::read_symlink("/proc/self/exe"));
+    return Run(options, os::Utf8Path(os::ExecutablePath()));
   } catch (const std::exception& failure) {
     std::fprintf(stderr, "tolm_host: %s\n", failure.what());
     return 1;

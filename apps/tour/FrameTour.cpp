@@ -4,11 +4,8 @@
 
 #include <TolmLPCFrame.h>
 #include <TolmLPCFrameDiagnostics.h>
-#include <dlfcn.h>
-#include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <future>
@@ -17,11 +14,15 @@
 #include <string>
 #include <thread>
 
+#include "Entry.h"
 #include "HostCalls.h"
 #include "HostEvents.h"
 #include "Narration.h"
 #include "PluginLog.h"
+#include "Processes.h"
 #include "Stage.h"
+#include "System.h"
+#include "os/Utf8Path.h"
 
 namespace tour {
 namespace {
@@ -69,7 +70,7 @@ std::string InHex(const std::string& bytes) {
 class Tour {
  public:
   Tour(HostEvents& events, const std::filesystem::path& folder, bool stay)
-      : events_(events), stage_(folder), stay_(stay) {
+      : events_(events), stage_(folder, kEndpoint), stay_(stay) {
     for (const char* const id : {"kitchen", "waiter"}) logs_.try_emplace(id, stage_.LogOf(id));
   }
   ~Tour() {
@@ -117,14 +118,12 @@ class Tour {
         "The host starts the frame",
         "The frame is a shared library in the host's own process. With frame_type 1 it starts the agent; the "
         "agent starts the guard, and the guard connects to the frame.");
-    Dl_info library{};
-    if (::dladdr(reinterpret_cast<void*>(&TolmLPCFrame::TolmLPCFrameInit), &library) != 0) {
-      say_.Seen("process " + std::to_string(::getpid()) + " has loaded " + library.dli_fname);
-    }
+    const std::string library = LibraryOf(reinterpret_cast<void*>(&TolmLPCFrame::TolmLPCFrameInit));
+    if (!library.empty()) say_.Seen("process " + std::to_string(OwnProcessId()) + " has loaded " + library);
     TolmLPCFrame::PlatformInfo info;
     for (const char* const id : {"kitchen", "waiter", "guest"}) info.plugin_map[id].plugin_id = id;
     info.plugin_map["guest"].not_verified = true;  // whoever comes by hand: nothing for the guard to start
-    info.frame_full_path = stage_.folder() / "frame_tour";
+    info.frame_full_path = stage_.Program().string();
     info.frame_type = 1;
     TolmLPCFrame::RegisterLpcMsgCallback(&HostEvents::Callback, &events_);
     TolmLPCFrame::SetLogSink(&HostEvents::LogSink, &events_);
@@ -137,6 +136,7 @@ class Tour {
     say_.Seen("the frame waits for plugins under the name " + Quoted(kEndpoint));
     Expect("the agent starts as process " + std::to_string(ExpectProcess("TolmAgent_Exe64.exe")));
     ExpectGuard();
+    if (!stage_.AgentHasEvent()) throw std::runtime_error("the agent cannot be asked to end");
   }
 
   void StartPlugins() {
@@ -214,7 +214,7 @@ class Tour {
     say_.Does("GET /kitchen/roast, waiting for up to 60 s");
     auto call = std::async(std::launch::async, &Call, Request("GET", "/kitchen/roast"), kLongCallTimeOutMs);
     ExpectPrinted("kitchen", "the roast is in the oven");
-    const auto killed = Kill(ExpectProcess("tour_kitchen"));
+    const auto killed = Kill(ExpectProcess(Stage::PluginProgram("kitchen")));
     if (call.wait_for(kPatience) != std::future_status::ready) {
       throw std::runtime_error("the call still waits for its answer");
     }
@@ -242,7 +242,7 @@ class Tour {
               "Its plugins go with it, so that nobody runs unwatched. The agent starts another guard, which "
               "is told by "
               "the frame what to start.");
-    const pid_t guard = ExpectProcess(kGuardProgram);
+    const ProcessId guard = ExpectProcess(kGuardProgram);
     Kill(guard);
     Expect("kitchen is disconnected");
     Expect("waiter is disconnected");
@@ -255,8 +255,8 @@ class Tour {
   void Stay() {
     say_.Step("The frame stays up",
               "Until Ctrl-C. You may join in from another terminal, for instance with:");
-    say_.Note("  XDG_RUNTIME_DIR=" + (stage_.folder() / "run").string() +
-              " build/dev/bin/example_clock_plugin --endpoint " + kEndpoint + " --id guest");
+    say_.Note("  " + WithVariable("XDG_RUNTIME_DIR", stage_.RuntimeFolder().string(), TOLM_EXAMPLE_PLUGIN,
+                                  "--endpoint " + std::string(kEndpoint) + " --id guest"));
     events_.ForgetAll();  // what the steps above did not care about
     while (const auto event = events_.TakeNext()) say_.Seen(event->text);
     events_.Resume();  // what remains is worth waiting for
@@ -288,7 +288,7 @@ class Tour {
     const auto collect = [&] {
       left.clear();
       for (const auto& [id, program] : stage_.Processes()) left += " " + program + " " + std::to_string(id);
-      for (const std::string& file : stage_.RuntimeFiles()) left += " " + file;
+      for (const std::string& object : stage_.RuntimeObjects()) left += " " + object;
       return left.empty();
     };
     if (!Await(collect)) throw std::runtime_error("this is left:" + left);
@@ -309,8 +309,8 @@ class Tour {
     return true;
   }
 
-  pid_t ExpectProcess(const std::string& program) {
-    pid_t id = 0;
+  ProcessId ExpectProcess(const std::string& program) {
+    ProcessId id = 0;
     if (!Await([&] { return (id = stage_.ProcessOf(program)) != 0; })) {
       throw std::runtime_error("not one process runs " + program);
     }
@@ -336,10 +336,10 @@ class Tour {
     say_.Seen(id + " prints: " + text);
   }
 
-  Clock::time_point Kill(pid_t process) {
-    say_.Does("kill -9 " + std::to_string(process));
+  Clock::time_point Kill(ProcessId process) {
+    say_.Does(KillCommand(process));
     const auto now = Clock::now();
-    ::kill(process, SIGKILL);
+    KillProcess(process);
     return now;
   }
 
@@ -391,7 +391,7 @@ class Tour {
   void ExpectCookedBy(const LPCData& answer, const std::string& id) {
     const auto header = answer.http_headers.find("X-Cooked-By");
     const std::string cook = header == answer.http_headers.end() ? "nobody" : header->second;
-    const std::string expected = "process " + std::to_string(ExpectProcess("tour_" + id));
+    const std::string expected = "process " + std::to_string(ExpectProcess(Stage::PluginProgram(id)));
     if (cook != expected) throw std::runtime_error("cooked by " + cook + " and not by " + expected);
     say_.Seen("  with the header X-Cooked-By: " + cook + ", which is the " + id);
   }
@@ -405,21 +405,6 @@ class Tour {
   Clock::time_point killed_;
 };
 
-namespace {
-
-/// Ctrl-C and a polite kill end the tour in order: `events` is interrupted. Before other threads start.
-void InterruptOnSignal(HostEvents& events) {
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGINT);
-  sigaddset(&signals, SIGTERM);
-  ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-  std::thread([signals, &events] {
-    for (int signal = 0; ::sigwait(&signals, &signal) == 0;) events.Interrupt();
-  }).detach();
-}
-
-}  // namespace
 }  // namespace tour
 
 int main(int argc, char** argv) {
@@ -437,18 +422,16 @@ int main(int argc, char** argv) {
                                                                      {"error", TolmLPCFrame::kLogError}}))
       ->option_text("trace|info|warning|error");
   CLI11_PARSE(options, argc, argv);
-  if (folder.empty()) {
-    try {
-      tour::Stage::BuildAndEnter({argv + 1, argv + argc});
-    } catch (const std::exception& failure) {
-      std::fprintf(stderr, "frame_tour: %s\n", failure.what());
-      return tour::kExitFailed;
-    }
+  try {
+    if (folder.empty()) return tour::Stage::BuildAndEnter({argv + 1, argv + argc});
+    // Lasts as long as the process: the thread that waits for signals knows it.
+    static tour::HostEvents& events = *new tour::HostEvents;
+    tour::OnInterrupt(folder, [] { events.Interrupt(); });
+    tour::PrintInUtf8();
+    TolmLPCFrame::SetLogStderrLevel(log_level);
+    return tour::Tour(events, os::Utf8Path(folder), stay).Run();
+  } catch (const std::exception& failure) {
+    std::fprintf(stderr, "frame_tour: %s\n", failure.what());
+    return tour::kExitFailed;
   }
-  TolmLPCFrame::SetLogStderrLevel(log_level);
-
-  // Lasts as long as the process: the thread that waits for signals knows it.
-  static tour::HostEvents events;
-  tour::InterruptOnSignal(events);
-  return tour::Tour(events, folder, stay).Run();
 }

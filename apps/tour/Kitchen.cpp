@@ -1,12 +1,13 @@
 // A plugin of the tour: cooks dishes. Whatever it prints, the host shows.
 
 #include <TolmPlugin/Plugin.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <iostream>
 #include <string>
 #include <thread>
+
+#include "Processes.h"
 
 using TolmPlugin::Message;
 using TolmPlugin::Request;
@@ -24,7 +25,7 @@ Message CookDish(const Request& request) {
   dish.body = "dish " + LastSegment(request.message.url) + " for table " +
               (table == request.message.headers.end() ? "?" : table->second);
   for (const TolmPlugin::Part& wish : request.message.parts) dish.body += ", " + wish.body_data;
-  dish.headers["X-Cooked-By"] = "process " + std::to_string(::getpid());
+  dish.headers["X-Cooked-By"] = "process " + std::to_string(tour::OwnProcessId());
   TolmPlugin::Part photo;
   photo.content_type = "image/raw";
   photo.name = "photo";

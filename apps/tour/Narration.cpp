@@ -1,10 +1,10 @@
 #include "Narration.h"
 
-#include <unistd.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
+
+#include "System.h"
 
 namespace tour {
 namespace {
@@ -17,7 +17,7 @@ constexpr char kHeading[] = "1;36";
 
 }  // namespace
 
-Narration::Narration() : colour_(::isatty(STDOUT_FILENO) != 0 && std::getenv("NO_COLOR") == nullptr) {}
+Narration::Narration() : colour_(std::getenv("NO_COLOR") == nullptr && ShowsColours()) {}
 
 void Narration::Title(const std::string& text) {
   std::cout << '\n' << Styled(kBold, text) << std::endl;

@@ -134,7 +134,7 @@ void CTolmGuardConnectManager::WebsocketTolmGuardServerMsgCallback(std::int32_t 
 }
 
 void CTolmGuardConnectManager::PostEvent(std::int32_t handle, const WebsocketRecv& recv) {
-  auto this_event = std::make_shared<std::atomic<bool>>(false);
+  auto this_event = std::make_shared<Gate>(false);
   const std::lock_guard lock(event_order_mutex_);
   auto* const task =
       new CTolmGuardRawMsgTask(handle, recv.type, recv.status, last_event_handled_, this_event);
@@ -158,14 +158,12 @@ CTolmGuardRawMsgTask::CTolmGuardRawMsgTask(std::int32_t session_id, std::int32_t
       this_event_(std::move(this_event)) {}
 
 CTolmGuardRawMsgTask::~CTolmGuardRawMsgTask() {
-  if (this_event_ == nullptr) return;
-  *this_event_ = true;
-  this_event_->notify_all();
+  if (this_event_ != nullptr) this_event_->Open();
 }
 
 void CTolmGuardRawMsgTask::Run() {
   WaitWhileStarting();
-  if (event_before_ != nullptr) event_before_->wait(false);
+  if (event_before_ != nullptr) event_before_->Pass();
   CSingleton<CTolmGuardConnectManager>::Instance().TolmGuardOnRawMsgEIT(session_id_, msg_type_, error_code_,
                                                                         data_);
 }

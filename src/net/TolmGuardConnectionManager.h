@@ -19,6 +19,7 @@
 #include "TolmBase/Singleton.h"
 #include "TolmBase/Task.h"
 #include "TolmNet/HttpServer.h"
+#include "common/Gate.h"
 #include "net/ConditionAndMutex.h"
 
 namespace TolmLPCFrame {
@@ -26,8 +27,8 @@ namespace TolmLPCFrame {
 /// The longest text that is taken from a guard.
 inline constexpr std::uint32_t kMaxGuardText = 62914560;
 
-/// Whether a connection's event has been handled, or dropped with its task.
-using EventHandled = std::shared_ptr<std::atomic<bool>>;
+/// Open once a connection's event has been handled, or dropped with its task.
+using EventHandled = std::shared_ptr<Gate>;
 
 /// One instance in the process: Tolm::Base::CSingleton<CTolmGuardConnectManager>::Instance(). All
 /// operations but InitManager and UninitManager may run on many threads at once.

@@ -2,10 +2,8 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <filesystem>
 #include <memory>
 #include <string_view>
-#include <system_error>
 
 #include "os/UnbufferedFile.h"
 
@@ -28,12 +26,12 @@ struct OpenedFile {
 
 /// The file and its size; no file when it cannot be opened or holds nothing.
 OpenedFile OpenWithContent(const std::string& path) {
-  std::error_code ignored;
-  if (std::filesystem::is_directory(path, ignored)) return {};  // some systems open those, too
   File file(std::fopen(path.c_str(), "rb"));
   if (file == nullptr || std::fseek(file.get(), 0, SEEK_END) != 0) return {};
   const long size = std::ftell(file.get());
   if (size <= 0 || std::fseek(file.get(), 0, SEEK_SET) != 0) return {};
+  // Some systems open folders, too, and tell a size of them, but nothing can be read there.
+  if (std::fgetc(file.get()) == EOF || std::fseek(file.get(), 0, SEEK_SET) != 0) return {};
   return {std::move(file), static_cast<std::size_t>(size)};
 }
 

@@ -1,8 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <mutex>
@@ -12,6 +10,7 @@
 
 #include "TolmLPCFrame.h"
 #include "TolmLPCFrameDiagnostics.h"
+#include "support/TempDirectory.h"
 
 namespace tolm::test {
 namespace {
@@ -133,24 +132,24 @@ TEST_F(FrameDiagnostics, OnlyErrorsGoToStderrUntilTheHostSaysOtherwise) {
 
 TEST_F(FrameDiagnostics, ALogFileReceivesTheSameLinesAsTheSink) {
   SetLogStderrLevel(kLogNothing);
-  const std::filesystem::path folder =
-      std::filesystem::temp_directory_path() / ("tolm-frame-test-" + std::to_string(::getpid()));
-  std::filesystem::create_directories(folder);
-  ASSERT_TRUE(SetLogFile((folder / "frame.log").string(), 1 << 20, 1));
+  const TempDirectory folder;
+  ASSERT_TRUE(SetLogFile((folder.path() / "frame.log").string(), 1 << 20, 1));
   SaySomethingOfTrace();
   SaySomethingOfInformation();
   SetLogFile("", 0, 0);
   SaySomethingOfError();
-  std::ifstream file(folder / "frame.log");
+  std::ifstream file(folder.path() / "frame.log");
   const std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-  std::filesystem::remove_all(folder);
+  file.close();
   EXPECT_THAT(text, HasSubstr("Up RegisterUrl url[/information]"));
   EXPECT_THAT(text, Not(HasSubstr("AsyncSend")));
 }
 
 TEST_F(FrameDiagnostics, ALogFileThatCannotBeWrittenIsRefused) {
   SetLogStderrLevel(kLogNothing);
-  EXPECT_FALSE(SetLogFile("/proc/nowhere/frame.log", 1 << 20, 1));
+  const TempDirectory folder;
+  std::ofstream(folder.path() / "no folder") << "but a file";
+  EXPECT_FALSE(SetLogFile((folder.path() / "no folder" / "frame.log").string(), 1 << 20, 1));
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
 #include <atomic>
+#include <climits>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -161,7 +162,8 @@ TEST_F(FrameServerManager, EveryInboundMessageIsLoggedWithoutItsQueryAtTheOddLev
   Receive(Message().From("C"));
   EXPECT_THAT(LinesOf("::LPCServerCallback"),
               ElementsAre(Line(3, "LPCFrameTrace", "CLpcServerManager::LPCServerCallback",
-                               "[LPCServer Callback], url=[/a/b], msg_id[18446744073709551615], src_id[A]"),
+                               "[LPCServer Callback], url=[/a/b], msg_id[" + std::to_string(ULONG_MAX) +
+                                   "], src_id[A]"),
                           Line(3, "LPCFrameTrace", "CLpcServerManager::LPCServerCallback",
                                "[LPCServer Callback], url=[], msg_id[0], src_id[B]"),
                           Line(3, "LPCFrameTrace", "CLpcServerManager::LPCServerCallback",

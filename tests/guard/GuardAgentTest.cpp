@@ -193,7 +193,7 @@ TEST_F(GuardAgent, TheAgentWaitsForItsEventWithNothingHeldUp) {
   Guard().InitTolmAgent("h", kAgentPath, "Client");
   system_.event_exists = true;
   // While the stop waits for the agent, the guard's side can be used.
-  system_.event_wait = [this](int) {
+  system_.event_wait = [](int) {
     Guard().NotifyState();
     EXPECT_EQ(AgentEventNameOf(Guard()), kAgentEvent);
     return true;

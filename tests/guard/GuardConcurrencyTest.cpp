@@ -1,4 +1,5 @@
 #include <atomic>
+#include <list>
 #include <map>
 #include <mutex>
 #include <set>
@@ -193,7 +194,7 @@ TEST_F(GuardConcurrency, EverythingAtOnce) {
   waits_.how_long = [](std::int32_t) { return 0; };
   List(Plugins({"A", "B"}));
   {
-    std::vector<std::jthread> threads;
+    std::list<std::jthread> threads;
     const auto again = [&](auto what) {
       threads.emplace_back([what] {
         for (int i = 0; i < 100; ++i) what(i);

@@ -240,7 +240,7 @@ TEST_F(GuardLifecycle, WhileAFirstStartRunsPluginsWait) {
 
 TEST_F(GuardLifecycle, AGuardThatConnectsWhileAFirstStartRunsFindsTheRegistryFilled) {
   // The server is open before the registry knows a plugin.
-  net_.set_callback = [this](std::int32_t) {
+  net_.set_callback = [](std::int32_t) {
     const std::string text = Asks("GetProcessInitStateList", "g");
     Endpoint().WebsocketTolmGuardServerMsgCallback(
         7, {true, 1, 0, static_cast<std::uint32_t>(text.size()), text.data()});

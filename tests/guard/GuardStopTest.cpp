@@ -2,6 +2,7 @@
 #include <string>
 
 #include "GuardScene.h"
+#include "TolmBase/StringUtil.h"
 
 namespace tolm::test {
 namespace {
@@ -31,7 +32,8 @@ class GuardStop : public GuardTest {
   std::string RemoveGuard() const { return Removal("TolmGuard\\\\TolmGuard.exe"); }
   std::string RemoveAgent() const { return Removal("TolmAgent\\\\TolmAgent_Exe64.exe"); }
   std::string Removal(const std::string& program) const {
-    return "process.Remove wmic process where ExecutablePath=\"" + Folder() + "TolmAgent\\\\" + program +
+    const std::string folder = Tolm::Base::StringUtil::StringReplace(Folder(), "\\", "\\\\");
+    return "process.Remove wmic process where ExecutablePath=\"" + folder + "TolmAgent\\\\" + program +
            "\" delete";
   }
   static constexpr char kOpenEvent[] =

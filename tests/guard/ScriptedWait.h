@@ -21,7 +21,4 @@ class ScriptedWait {
   ScriptedWait() { Reset(); }
 };
 
-/// The clock that the calling thread's latest timed wait on a condition went by, or -1 before the first.
-int ClockOfLatestWait();
-
 }  // namespace tolm::test

@@ -1,46 +1,28 @@
 #include "Folder.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
 #include <system_error>
+#include "os/Utf8Path.h"
 
 namespace tolm::test {
 namespace {
 
 namespace fs = std::filesystem;
 
-/// A link where the file system allows it: a program's path is what it was started by.
+/// A link where the system and the file system allow it: a program's path is what it was started by.
 void Place(const fs::path& from, const fs::path& to) {
   fs::create_directories(to.parent_path());
   std::error_code other_file_system;
-  fs::create_hard_link(from, to, other_file_system);
-  if (other_file_system) fs::copy_file(from, to);
+  if (TEST_MAY_LINK) fs::create_hard_link(from, to, other_file_system);
+  if (!TEST_MAY_LINK || other_file_system) fs::copy_file(from, to);
 }
 
 void Write(const fs::path& path, const std::string& text) {
-  std::ofstream file(path);
+  std::ofstream file(path, std::ios::binary);
   file << text;
   if (!file.flush()) throw std::runtime_error("cannot write " + path.string());
-}
-
-/// One that is free at the moment.
-int FreePort() {
-  const int probe = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof address;
-  auto* const generic = reinterpret_cast<sockaddr*>(&address);
-  const bool bound = ::bind(probe, generic, size) == 0 && ::getsockname(probe, generic, &size) == 0;
-  ::close(probe);
-  if (!bound) throw std::runtime_error("no free port");
-  return ntohs(address.sin_port);
 }
 
 std::string InJson(const std::vector<std::string>& texts) {
@@ -53,7 +35,11 @@ std::string InJson(const std::vector<std::string>& texts) {
 
 Folder::Folder() : runtime_("XDG_RUNTIME_DIR", (directory_.path() / "run").string()) {
   const fs::path built = TEST_PROGRAMS;
-  Place(built / "tolm_host", Host());
+  Place(ProgramFile(built / "tolm_host"), Host());
+  // Where programs look for their libraries in their own folder first.
+  if (const fs::path library = TEST_LIBRARY_BESIDE_HOST; !library.empty()) {
+    Place(library, path() / library.filename());
+  }
   Place(built / "TolmAgent/TolmAgent/TolmAgent_Exe64.exe", Agent());
   Place(built / "TolmAgent/TolmGuard/TolmGuard.exe", Guard());
   fs::create_directory(path() / "run");
@@ -68,8 +54,8 @@ Folder::~Folder() {
 
 void Folder::AddPlugin(const std::string& id, const std::vector<std::string>& arguments,
                        const std::string& members) const {
-  const fs::path folder = path() / "plugins" / id;
-  Place(fs::path(TEST_PROGRAMS) / "guarded_plugin", folder / "guarded_plugin");
+  const fs::path folder = path() / "plugins" / os::Utf8Path(id);
+  Place(ProgramFile(fs::path(TEST_PROGRAMS) / "guarded_plugin"), Plugin(id));
   Write(folder / "plugin.json", "{\n\"program\": \"guarded_plugin\",\n\"arguments\": " + InJson(arguments) +
                                     (members.empty() ? "" : ",\n" + members) + "\n}\n");
 }
@@ -80,8 +66,8 @@ int Folder::Port(const std::string& element) const {
   return begin == std::string::npos ? -1 : std::stoi(text.substr(begin + element.size() + 2));
 }
 
-std::vector<pid_t> Folder::ProcessesOf(const fs::path& program) const {
-  std::vector<pid_t> ids;
+std::vector<ProcessId> Folder::ProcessesOf(const fs::path& program) const {
+  std::vector<ProcessId> ids;
   for (const auto& [id, running] : Processes()) {
     if (running == program) ids.push_back(id);
   }
@@ -91,7 +77,7 @@ std::vector<pid_t> Folder::ProcessesOf(const fs::path& program) const {
 std::vector<std::string> Folder::RuntimeFiles() const {
   std::vector<std::string> files;
   for (const auto& entry : fs::recursive_directory_iterator(path() / "run")) {
-    if (!entry.is_directory()) files.push_back(entry.path());
+    if (!entry.is_directory()) files.push_back(entry.path().string());
   }
   return files;
 }

@@ -1,12 +1,12 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <filesystem>
 #include <map>
 #include <string>
 #include <vector>
 
+#include "os/UserPlaces.h"
+#include "os/Utf8Path.h"
 #include "support/Processes.h"
 #include "support/TempDirectory.h"
 
@@ -20,12 +20,15 @@ class Folder {
   ~Folder();
 
   const std::filesystem::path& path() const { return directory_.path(); }
-  std::filesystem::path Host() const { return path() / "tolm_host"; }
-  std::filesystem::path Agent() const { return path() / "TolmAgent/TolmAgent/TolmAgent_Exe64.exe"; }
-  std::filesystem::path Guard() const { return path() / "TolmAgent/TolmGuard/TolmGuard.exe"; }
+  std::filesystem::path Host() const { return ProgramFile(path() / "tolm_host"); }
+  std::filesystem::path Agent() const { return path() / "TolmAgent" / "TolmAgent" / "TolmAgent_Exe64.exe"; }
+  std::filesystem::path Guard() const { return path() / "TolmAgent" / "TolmGuard" / "TolmGuard.exe"; }
+  std::filesystem::path Plugin(const std::string& id) const {
+    return ProgramFile(path() / "plugins" / os::Utf8Path(id) / "guarded_plugin");
+  }
   std::filesystem::path Config() const { return path() / "LpcFrame.xml"; }
   std::filesystem::path Log(const std::string& name) const {
-    return path() / "TolmAgent/log" / (name + ".log");
+    return path() / "TolmAgent" / "log" / os::Utf8Path(name + ".log");
   }
 
   /// `members` stand in the manifest beside "program" and "arguments".
@@ -35,8 +38,8 @@ class Folder {
   int Port(const std::string& element) const;
 
   /// Every process that runs a program of the folder.
-  std::map<pid_t, std::filesystem::path> Processes() const { return ProcessesBelow(path()); }
-  std::vector<pid_t> ProcessesOf(const std::filesystem::path& program) const;
+  std::map<ProcessId, std::filesystem::path> Processes() const { return ProcessesBelow(path()); }
+  std::vector<ProcessId> ProcessesOf(const std::filesystem::path& program) const;
   /// Sockets, locks and events.
   std::vector<std::string> RuntimeFiles() const;
 

@@ -1,6 +1,5 @@
 #include "GuardedTest.h"
 
-#include <csignal>
 #include <filesystem>
 #include <iostream>
 #include <utility>
@@ -17,7 +16,7 @@ void GuardedTest::TearDown() {
     std::cout << "--- process " << child->id() << " printed\n" << child->Output();
   }
   std::error_code none;
-  for (const auto& entry : fs::directory_iterator(folder_.path() / "TolmAgent/log", none)) {
+  for (const auto& entry : fs::directory_iterator(folder_.path() / "TolmAgent" / "log", none)) {
     std::cout << "--- " << entry.path().filename() << "\n" << ReadAll(entry.path());
   }
 }
@@ -27,7 +26,8 @@ ChildProcess& GuardedTest::Launch(std::vector<std::string> command) {
 }
 
 ChildProcess& GuardedTest::StartHost(int frame_type) {
-  ChildProcess& host = Launch({folder_.Host(), "--frame-type", std::to_string(frame_type), "--log", "info"});
+  ChildProcess& host =
+      Launch({folder_.Host().string(), "--frame-type", std::to_string(frame_type), "--log", "info"});
   EXPECT_TRUE(host.WaitForLine("the frame listens as \"host\""));
   return host;
 }
@@ -36,7 +36,7 @@ ChildProcess& GuardedTest::StartAll() {
   ChildProcess& host = StartHost();
   Announce(host);
   for (const auto& entry : fs::directory_iterator(folder_.path() / "plugins")) {
-    const std::string id = entry.path().filename();
+    const std::string id = entry.path().filename().string();
     EXPECT_TRUE(SeeEvent(host, id, "initialised")) << id;
   }
   return host;
@@ -49,8 +49,8 @@ std::string GuardedTest::Call(ChildProcess& host, const std::string& url, const 
   return line.substr(before.size(), line.rfind(" (") - before.size());
 }
 
-pid_t GuardedTest::OnlyProcessOf(const fs::path& program) const {
-  std::vector<pid_t> found;
+ProcessId GuardedTest::OnlyProcessOf(const fs::path& program) const {
+  std::vector<ProcessId> found;
   EXPECT_TRUE(WaitFor([&] { return (found = folder_.ProcessesOf(program)).size() == 1; }, kPatience))
       << found.size() << " processes run " << program;
   return found.size() == 1 ? found.front() : -1;
@@ -58,16 +58,16 @@ pid_t GuardedTest::OnlyProcessOf(const fs::path& program) const {
 
 void GuardedTest::KillAndSeeItBack(ChildProcess& host, const std::string& id) {
   const std::size_t inited = CountOf(host, id, "initialised");
-  const pid_t killed = PluginProcess(id);
+  const ProcessId killed = PluginProcess(id);
   ASSERT_GT(killed, 0);
-  ::kill(killed, SIGKILL);
+  KillProcess(killed);
   EXPECT_TRUE(SeeEvent(host, id, "initialised", inited + 1));
   EXPECT_NE(PluginProcess(id), killed);
 }
 
 void GuardedTest::StopHost(ChildProcess& host) {
   host.Type("stop");
-  EXPECT_EQ(host.WaitExit(), (Exit{0, 0}));
+  EXPECT_EQ(host.WaitExit(), (Exit{0, false}));
   ExpectNothingLeft();
 }
 

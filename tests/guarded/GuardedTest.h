@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "Folder.h"
-#include "system/ChildProcess.h"
+#include "support/ChildProcess.h"
 
 namespace tolm::test {
 
@@ -43,10 +43,8 @@ class GuardedTest : public ::testing::Test {
   /// Tells Call that the test itself has typed so many calls.
   void CountCalls(const ChildProcess& host, int calls) { calls_[&host] += calls; }
   /// The only process that runs `program`; waits until there is just one.
-  pid_t OnlyProcessOf(const std::filesystem::path& program) const;
-  pid_t PluginProcess(const std::string& id) const {
-    return OnlyProcessOf(folder_.path() / "plugins" / id / "guarded_plugin");
-  }
+  ProcessId OnlyProcessOf(const std::filesystem::path& program) const;
+  ProcessId PluginProcess(const std::string& id) const { return OnlyProcessOf(folder_.Plugin(id)); }
   /// Kills a plugin and waits until its successor has initialised.
   void KillAndSeeItBack(ChildProcess& host, const std::string& id);
 

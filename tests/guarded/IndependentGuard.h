@@ -15,6 +15,9 @@ namespace tolm::test {
 /// docs/wire/guard-messages.md says. What does not agree with that page fails the test.
 class IndependentGuardTest : public GuardedTest {
  protected:
+  void SetUp() override {
+    if (*TEST_PYTHON == '\0') GTEST_SKIP() << TEST_NO_PYTHON;
+  }
   void TearDown() override {
     for (const ChildProcess* guard : guards_) {
       EXPECT_EQ(guard->CountLines("wrong:"), 0U) << guard->Output();
@@ -28,7 +31,7 @@ class IndependentGuardTest : public GuardedTest {
                            const std::string& element = "ServerPort") {
     const std::size_t known = host.CountLines("Get client info");
     std::vector<std::string> command{
-        TEST_PYTHON, TEST_INDEPENDENT_GUARD, "--config", folder_.Config(), "--element", element};
+        TEST_PYTHON, TEST_INDEPENDENT_GUARD, "--config", folder_.Config().string(), "--element", element};
     command.insert(command.end(), options.begin(), options.end());
     ChildProcess& guard = Launch(std::move(command));
     guards_.push_back(&guard);
@@ -39,7 +42,7 @@ class IndependentGuardTest : public GuardedTest {
 
   /// Starts the host with these plugins listed, none of which needs to exist.
   ChildProcess& StartHostWith(const std::vector<std::string>& plugins) {
-    std::vector<std::string> command{folder_.Host(), "--frame-type", "0", "--log", "info"};
+    std::vector<std::string> command{folder_.Host().string(), "--frame-type", "0", "--log", "info"};
     for (const std::string& id : plugins) command.insert(command.end(), {"--plugin", id});
     ChildProcess& host = Launch(std::move(command));
     EXPECT_TRUE(host.WaitForLine("the frame listens as \"host\""));

@@ -12,6 +12,8 @@ namespace {
 class IndependentGuardInput : public IndependentGuardTest {
  protected:
   void SetUp() override {
+    IndependentGuardTest::SetUp();
+    if (IsSkipped()) return;
     host_ = &StartHostWith({"a", "b"});
     witness_ = &StartGuard(*host_, {"--silent", "--start-nothing"});
     guard_ = &StartGuard(*host_, {"--silent", "--start-nothing"});
@@ -33,7 +35,7 @@ class IndependentGuardInput : public IndependentGuardTest {
   /// Checks that the guard's connection ends, and that the frame goes on without it.
   void SeeItsEndHarmsNobody() {
     EXPECT_TRUE(guard_->WaitForLine("connection ended"));
-    EXPECT_EQ(guard_->WaitExit(), (Exit{0, 0}));
+    EXPECT_EQ(guard_->WaitExit(), (Exit{0, false}));
     ExpectAnswered(*witness_);
     SeeTheNextGuardIsTold();
     StopHost(*host_);
@@ -61,7 +63,7 @@ TEST_F(IndependentGuardInput, ThatIsNoMessageIsDropped) {
   SeeItDoesNoHarm("hex 00");
   SeeTheNextGuardIsTold();
   StopHost(*host_);
-  EXPECT_EQ(guard_->WaitExit(), (Exit{0, 0}));
+  EXPECT_EQ(guard_->WaitExit(), (Exit{0, false}));
   EXPECT_EQ(guard_->CountLines("unasked"), 0U) << "none of it is a question";
 }
 
@@ -100,7 +102,7 @@ TEST_F(IndependentGuardInput, WithAnUnknownMethodIsNotAnswered) {
   }
   SeeTheNextGuardIsTold();
   StopHost(*host_);
-  EXPECT_EQ(guard_->WaitExit(), (Exit{0, 0}));
+  EXPECT_EQ(guard_->WaitExit(), (Exit{0, false}));
   EXPECT_EQ(guard_->CountLines("answer "), guard_->CountLines("answer GetMianProcessPath check-"))
       << guard_->Output();
 }
@@ -168,7 +170,7 @@ TEST_F(IndependentGuardInput, MayBeAsLargeAsThePageSays) {
   SeeItIsLogged("pad 62914561 " + question, "data error");
   SeeTheNextGuardIsTold();
   StopHost(*host_);
-  EXPECT_EQ(guard_->WaitExit(), (Exit{0, 0}));
+  EXPECT_EQ(guard_->WaitExit(), (Exit{0, false}));
   EXPECT_EQ(guard_->CountLines("large"), 1U) << "no second answer, asked for or not";
 }
 
@@ -179,7 +181,7 @@ TEST_F(IndependentGuardInput, ThatIsNoWholeTextIsDroppedAndLogged) {
   SeeItIsLogged("empty", "data error");
   SeeTheNextGuardIsTold();
   StopHost(*host_);
-  EXPECT_EQ(guard_->WaitExit(), (Exit{0, 0}));
+  EXPECT_EQ(guard_->WaitExit(), (Exit{0, false}));
   EXPECT_EQ(guard_->CountLines("dropped"), 0U) << "no answer, asked for or not";
 }
 
@@ -198,7 +200,7 @@ TEST_F(IndependentGuardInput, ThatBreaksTheProtocolEndsItsConnectionOnly) {
     ChildProcess& guard = StartGuard(*host_, {"--silent", "--start-nothing"});
     guard.Type(typed);
     EXPECT_TRUE(guard.WaitForLine("connection ended"));
-    EXPECT_EQ(guard.WaitExit(), (Exit{0, 0}));
+    EXPECT_EQ(guard.WaitExit(), (Exit{0, false}));
     ExpectAnswered(*guard_);
     ExpectAnswered(*witness_);
   }

@@ -22,7 +22,7 @@ TEST_F(IndependentGuard, LearnsWhoTheHostIsAndWhichPluginsItHas) {
   EXPECT_EQ(guard.CountLines("told"), 0U) << "before the host announces anything";
   EXPECT_EQ(guard.CountLines("asked"), 0U);
   StopHost(host);
-  EXPECT_EQ(guard.WaitExit(), (Exit{0, 0}));
+  EXPECT_EQ(guard.WaitExit(), (Exit{0, false}));
 }
 
 TEST_F(IndependentGuard, StartsThePluginsAndTheyServe) {
@@ -49,7 +49,7 @@ TEST_F(IndependentGuard, IsToldBeforeAndAfterThePluginsWhenTheHostStops) {
   Announce(host);
   ASSERT_TRUE(SeeEvent(host, "a", "initialised"));
   StopHost(host);
-  EXPECT_EQ(guard.WaitExit(), (Exit{0, 0}));
+  EXPECT_EQ(guard.WaitExit(), (Exit{0, false}));
   EXPECT_TRUE(InOrder(guard, "asked SetProcessGuardStateList", "watching a=0"));
   EXPECT_TRUE(InOrder(guard, "watching a=0", "asked to uninitialise")) << "printed by the plugin";
   EXPECT_TRUE(InOrder(guard, "asked to uninitialise", "told NotifyFrameUninit"));
@@ -109,7 +109,8 @@ TEST_F(IndependentGuard, StartsThePluginThatTheHostAsksFor) {
 }
 
 TEST_F(IndependentGuard, IsNotToldToStartAPluginThatIsNotVerified) {
-  ChildProcess& host = Launch({folder_.Host(), "--log", "info", "--plugin", "a", "--unverified", "b"});
+  ChildProcess& host =
+      Launch({folder_.Host().string(), "--log", "info", "--plugin", "a", "--unverified", "b"});
   ASSERT_TRUE(host.WaitForLine("the frame listens"));
   ChildProcess& guard = StartGuard(host, {"--start-nothing"});
   EXPECT_EQ(States(guard), "a=0 b=0") << "every plugin that the host has listed";
@@ -160,7 +161,8 @@ TEST_F(IndependentGuard, GetsListsOfAnyLength) {
 TEST_F(IndependentGuard, FindsThePortThatTheFrameHasWritten) {
   ChildProcess& first = StartHost(0);
   const int taken = folder_.Port("ServerPort");
-  ChildProcess& second = Launch({folder_.Host(), "--endpoint", "second", "--log", "info", "--plugin", "x"});
+  ChildProcess& second =
+      Launch({folder_.Host().string(), "--endpoint", "second", "--log", "info", "--plugin", "x"});
   ASSERT_TRUE(second.WaitForLine("the frame listens as \"second\""));
   EXPECT_NE(folder_.Port("ServerPort"), taken);
   const std::string file = ReadAll(folder_.Config());
@@ -199,7 +201,7 @@ TEST_F(IndependentGuard, ThatRepliesTwiceDisturbsNothing) {
   EXPECT_TRUE(SeeEvent(host, "a", "initialised"));
   ExpectAnswered(guard);
   StopHost(host);
-  EXPECT_EQ(guard.WaitExit(), (Exit{0, 0}));
+  EXPECT_EQ(guard.WaitExit(), (Exit{0, false}));
 }
 
 // The first announcement without a guard takes fifteen seconds.
@@ -263,7 +265,7 @@ TEST_F(IndependentGuard, ThatIsMuteAtTheStopIsSentAwayBeforeThePluginsAreAsked) 
   Announce(host);
   ASSERT_TRUE(SeeEvent(host, "a", "initialised"));
   StopHost(host);
-  EXPECT_EQ(guard.WaitExit(), (Exit{0, 0}));
+  EXPECT_EQ(guard.WaitExit(), (Exit{0, false}));
   EXPECT_TRUE(InOrder(guard, "asked SetProcessGuardStateList", "told NotifyFrameUninit"));
   EXPECT_EQ(guard.CountLines("told NotifyFrameUninit"), 1U) << "and not afterwards";
   const std::string said = host.Output();
@@ -284,7 +286,7 @@ TEST_F(IndependentGuard, ThatCameLastIsTheOneThatIsTold) {
   EXPECT_TRUE(earlier.WaitForLine("answer GetProcessInitStateList same: a=1"));
   EXPECT_TRUE(later.WaitForLine("answer GetProcessInitStateList same: a=1"));
   StopHost(host);
-  EXPECT_EQ(earlier.WaitExit(), (Exit{0, 0}));
+  EXPECT_EQ(earlier.WaitExit(), (Exit{0, false}));
   EXPECT_EQ(later.CountLines("told NotifyFrameUninit"), 1U);
   EXPECT_EQ(earlier.CountLines("told"), 0U) << earlier.Output();
   EXPECT_EQ(earlier.CountLines("asked"), 0U) << earlier.Output();
@@ -298,7 +300,7 @@ TEST_F(IndependentGuard, ThatCameEarlierIsNotToldWhenTheLaterOneHasGone) {
   Announce(host);
   EXPECT_TRUE(later.WaitForLine("told to start a"));
   later.CloseInput();
-  EXPECT_EQ(later.WaitExit(), (Exit{0, 0}));
+  EXPECT_EQ(later.WaitExit(), (Exit{0, false}));
   ASSERT_TRUE(host.WaitForLine("WebsocketServerClose"));
   host.Type("start a");
   EXPECT_TRUE(host.WaitForLine("WebsocketServerSend fail error code = 1"));
@@ -307,7 +309,7 @@ TEST_F(IndependentGuard, ThatCameEarlierIsNotToldWhenTheLaterOneHasGone) {
   EXPECT_TRUE(next.WaitForLine("told to start a"));
   StopHost(host);
   EXPECT_EQ(next.CountLines("told StartProcess"), 0U) << "nothing is kept for a guard that is not there";
-  EXPECT_EQ(earlier.WaitExit(), (Exit{0, 0}));
+  EXPECT_EQ(earlier.WaitExit(), (Exit{0, false}));
   EXPECT_EQ(earlier.CountLines("told"), 0U);
 }
 
@@ -320,7 +322,7 @@ TEST_F(IndependentGuard, TakesTheAgentsGuardsPlace) {
   EXPECT_TRUE(SeeEvent(host, "a", "initialised"));
   EXPECT_TRUE(guard.WaitForLine("started a"));
   StopHost(host);
-  EXPECT_EQ(guard.WaitExit(), (Exit{0, 0}));
+  EXPECT_EQ(guard.WaitExit(), (Exit{0, false}));
 }
 
 }  // namespace

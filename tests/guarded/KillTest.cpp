@@ -1,6 +1,5 @@
 // Death at random, under load.
 
-#include <csignal>
 #include <random>
 #include <string>
 #include <vector>
@@ -29,13 +28,11 @@ TEST_F(LongKill, OfPluginsAndGuardsUnderLoadEndsEveryCallAndLeavesNobody) {
       for (int i = 0; i < 5; ++i, ++calls) host.Type("call /" + id + "/echo " + std::to_string(calls));
     }
     // The guard now and then, a plugin mostly.
-    const auto program = random() % 8 == 0
-                             ? folder_.Guard()
-                             : folder_.path() / "plugins" / ids[random() % ids.size()] / "guarded_plugin";
-    std::vector<pid_t> victims;
+    const auto program = random() % 8 == 0 ? folder_.Guard() : folder_.Plugin(ids[random() % ids.size()]);
+    std::vector<ProcessId> victims;
     ASSERT_TRUE(WaitFor([&] { return !(victims = folder_.ProcessesOf(program)).empty(); }, kPatience))
         << program;
-    ::kill(victims.front(), SIGKILL);
+    KillProcess(victims.front());
   }
 
   const auto ended = [&] { return host.CountLines("answer from ") + host.CountLines("no answer, error "); };

@@ -1,11 +1,11 @@
 // The plugin of these tests. Its folder's name is its id; what it does besides echoing is in its arguments:
 //
 //   --stubborn        ends neither when the frame nor when the system asks it to
-//   --crash-at-once   ends with a signal before it does anything
+//   --crash-at-once   crashes before it does anything
 //   --family          starts a process of its own, which leaves the process group
+//   --member          is that process
 
 #include <TolmPlugin/Plugin.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <csignal>
@@ -17,25 +17,26 @@
 #include <thread>
 #include <vector>
 
+#include "os/HiddenProcess.h"
+#include "support/System.h"
+
 namespace {
 
 using TolmPlugin::Message;
 using TolmPlugin::Request;
 
 [[noreturn]] void Linger() {
-  for (;;) ::pause();
+  for (;;) std::this_thread::sleep_for(std::chrono::hours(1));
 }
 
 void StartFamily() {
-  if (::fork() != 0) return;
-  ::setsid();
-  Linger();
+  os::StartHidden(os::JoinCommandLine({tolm::test::ThisProgram().string(), "--member"}));
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  const std::string id = std::filesystem::current_path().filename();
+  const std::string id = std::filesystem::current_path().filename().string();
   bool stubborn = false;
   std::vector<const char*> options{argv[0], "--id", id.c_str()};
   for (int i = 1; i < argc; ++i) {
@@ -48,6 +49,8 @@ int main(int argc, char** argv) {
       std::abort();
     } else if (option == "--family") {
       StartFamily();
+    } else if (option == "--member") {
+      Linger();
     } else {
       options.push_back(argv[i]);
     }
@@ -56,7 +59,8 @@ int main(int argc, char** argv) {
   TolmPlugin::Plugin plugin(id, "a plugin of the tests");
   plugin.Serve("/" + id + "/echo",
                [](const Request& request) { return Message{.body = request.message.body}; });
-  plugin.Serve("/" + id + "/pid", [](const Request&) { return Message{.body = std::to_string(::getpid())}; });
+  plugin.Serve("/" + id + "/pid",
+               [](const Request&) { return Message{.body = std::to_string(tolm::test::OwnProcessId())}; });
   plugin.Serve("/" + id + "/crash", [](const Request&) -> Message { std::abort(); });
   plugin.Serve("/" + id + "/exit", [](const Request&) -> Message { std::_Exit(0); });
   plugin.Serve("/" + id + "/environment", [](const Request& request) {

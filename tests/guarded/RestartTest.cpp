@@ -1,7 +1,6 @@
 // What comes back when something dies.
 
 #include <algorithm>
-#include <csignal>
 #include <string>
 
 #include "GuardedTest.h"
@@ -36,7 +35,7 @@ TEST_F(Restart, APluginThatEndsInOrderStaysEndedUntilItIsAskedFor) {
   ChildProcess& host = StartAll();
   EXPECT_EQ(Call(host, "/a/exit"), "no answer, error 7");
   EXPECT_TRUE(SeeEvent(host, "a", "uninitialised"));
-  EXPECT_TRUE(folder_.ProcessesOf(folder_.path() / "plugins/a/guarded_plugin").empty());
+  EXPECT_TRUE(folder_.ProcessesOf(folder_.Plugin("a")).empty());
   host.Type("start a");
   EXPECT_TRUE(SeeEvent(host, "a", "initialised", 2));
   StopHost(host);
@@ -67,23 +66,21 @@ TEST_F(Restart, APluginThatCrashesAgainAndAgainIsGivenUp) {
 TEST_F(Restart, AKilledGuardComesBackAndThePluginsWithIt) {
   folder_.AddPlugin("a", {"--family"});
   ChildProcess& host = StartAll();
-  const pid_t guard = OnlyProcessOf(folder_.Guard());
-  ::kill(guard, SIGKILL);
+  const ProcessId guard = OnlyProcessOf(folder_.Guard());
+  KillProcess(guard);
   EXPECT_TRUE(SeeEvent(host, "a", "disconnected")) << "it does not outlive its guard";
   EXPECT_TRUE(SeeEvent(host, "a", "initialised", 2));
   EXPECT_NE(OnlyProcessOf(folder_.Guard()), guard);
   EXPECT_EQ(host.CountLines("\"method\":\"NotifyFrameInitState\""), 2U) << "once for each connection";
   // The plugin and the process that it started; those of before are gone.
-  EXPECT_TRUE(
-      WaitFor([this] { return folder_.ProcessesOf(folder_.path() / "plugins/a/guarded_plugin").size() == 2; },
-              kPatience));
+  EXPECT_TRUE(WaitFor([this] { return folder_.ProcessesOf(folder_.Plugin("a")).size() == 2; }, kPatience));
   StopHost(host);
 }
 
 TEST_F(Restart, WhatAPluginStartedGoesWithIt) {
   folder_.AddPlugin("a", {"--family"});
   ChildProcess& host = StartAll();
-  const auto program = folder_.path() / "plugins/a/guarded_plugin";
+  const auto program = folder_.Plugin("a");
   ASSERT_TRUE(WaitFor([&] { return folder_.ProcessesOf(program).size() == 2; }, kPatience));
   const auto before = folder_.ProcessesOf(program);
   EXPECT_EQ(Call(host, "/a/crash"), "no answer, error 7");
@@ -91,7 +88,7 @@ TEST_F(Restart, WhatAPluginStartedGoesWithIt) {
   EXPECT_TRUE(WaitFor(
       [&] {
         const auto now = folder_.ProcessesOf(program);
-        for (const pid_t id : before) {
+        for (const ProcessId id : before) {
           if (std::find(now.begin(), now.end(), id) != now.end()) return false;
         }
         return now.size() == 2;
@@ -103,9 +100,9 @@ TEST_F(Restart, WhatAPluginStartedGoesWithIt) {
 TEST_F(Restart, ThePluginsOutliveAHostThatComesBackAtOnce) {
   folder_.AddPlugin("a");
   ChildProcess& first = StartAll();
-  const pid_t plugin = PluginProcess("a");
-  const pid_t guard = OnlyProcessOf(folder_.Guard());
-  first.Signal(SIGKILL);
+  const ProcessId plugin = PluginProcess("a");
+  const ProcessId guard = OnlyProcessOf(folder_.Guard());
+  first.Kill();
   first.WaitExit();
   ChildProcess& second = StartAll();
   EXPECT_EQ(PluginProcess("a"), plugin);
@@ -117,10 +114,10 @@ TEST_F(Restart, ThePluginsOutliveAHostThatComesBackAtOnce) {
 TEST_F(Restart, WithoutItsAgentTheGuardAndThePluginsEndAndTheHostStopsInOrder) {
   folder_.AddPlugin("a");
   ChildProcess& host = StartAll();
-  ::kill(OnlyProcessOf(folder_.Agent()), SIGKILL);
+  KillProcess(OnlyProcessOf(folder_.Agent()));
   EXPECT_TRUE(SeeEvent(host, "a", "disconnected"));
   host.Type("stop");
-  EXPECT_EQ(host.WaitExit(), (Exit{0, 0}));
+  EXPECT_EQ(host.WaitExit(), (Exit{0, false}));
   EXPECT_TRUE(WaitFor([this] { return folder_.Processes().empty(); }, kPatience));
 }
 

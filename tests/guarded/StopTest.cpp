@@ -1,6 +1,5 @@
 // Ends, asked for or not.
 
-#include <csignal>
 #include <string>
 
 #include "GuardedTest.h"
@@ -43,7 +42,7 @@ TEST_F(Stop, WithoutPluginsIsQuick) {
 TEST_F(Stop, OfAHostThatIsKilledLeavesNothingAfterTheGrace) {
   folder_.AddPlugin("a", {"--family"});
   ChildProcess& host = StartAll();
-  host.Signal(SIGKILL);
+  host.Kill();
   host.WaitExit();
   EXPECT_TRUE(WaitFor([this] { return folder_.Processes().empty(); }, kPatience));
 }

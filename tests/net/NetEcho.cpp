@@ -4,11 +4,18 @@
 //   7 handshake
 //   7 text+ 5          (a plus: final; the length)
 //   7 close
+//
+// usage: net_echo [--any-user]
+//
+// --any-user: for a client whose owner the system cannot tell, as when a Windows server runs beside a client
+// that does not belong to that world.
 
 #include <cstdio>
 #include <exception>
+#include <string_view>
 
-#include "FreePort.h"
+#include "ServerPort.h"
+#include "ServerTable.h"
 #include "TolmNet/HttpServer.h"
 
 namespace {
@@ -42,13 +49,18 @@ void Print(std::int32_t socket, const WebsocketRecv& recv) {
 
 }  // namespace
 
-int main() try {
+int main(int argc, char** argv) try {
+  Tolm::Net::ServerOptions options;
+  if (argc > 1 && std::string_view(argv[1]) == "--any-user") {
+    options.is_peer_same_user = [](std::uint16_t, std::uint16_t) { return true; };
+  }
   std::int32_t handle = -1;
   std::uint16_t port = 0;
   // Somebody else may take the port in between.
   for (int attempt = 0; attempt < 20 && handle == -1; ++attempt) {
-    port = tolm::test::FreePort();
-    CHttpServer::StartHttpServer(handle, "127.0.0.1", port, [](auto, const auto&) {});
+    port = tolm::test::ServerPort();
+    Tolm::Net::ServerTable::Instance().Start(
+        handle, "127.0.0.1", port, [](auto, const auto&) {}, options);
   }
   if (CHttpServer::SetWebSocketServerCallBack(handle, Print) != 0) return 1;
   std::printf("port %d\n", static_cast<int>(port));

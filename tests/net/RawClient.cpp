@@ -1,13 +1,6 @@
 #include "RawClient.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <utility>
 #include <vector>
@@ -16,11 +9,6 @@ namespace tolm::test {
 namespace {
 
 constexpr char kMask[4] = {0x12, 0x34, 0x56, 0x78};
-
-bool WaitReady(int socket, short what) {
-  pollfd waiting{socket, what, 0};
-  return ::poll(&waiting, 1, static_cast<int>(kLong.count())) == 1;
-}
 
 }  // namespace
 
@@ -88,29 +76,14 @@ std::string UpgradeRequestBytes(std::initializer_list<std::string_view> changes,
   return bytes + "\r\n";
 }
 
-RawClient::RawClient(std::uint16_t port, int receive_buffer) {
-  const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (socket < 0) return;
-  if (receive_buffer > 0) {
-    ::setsockopt(socket, SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof receive_buffer);
-  }
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (::connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
-    socket_ = socket;
-  } else {
-    ::close(socket);
-  }
-}
+RawClient::RawClient(std::uint16_t port, int receive_buffer) : socket_(Connect(port, receive_buffer)) {}
 
 RawClient::~RawClient() {
   Close();
 }
 
 RawClient::RawClient(RawClient&& other) noexcept
-    : socket_(std::exchange(other.socket_, -1)), in_(std::move(other.in_)) {}
+    : socket_(std::exchange(other.socket_, kNoClientSocket)), in_(std::move(other.in_)) {}
 
 RawClient& RawClient::operator=(RawClient&& other) noexcept {
   std::swap(socket_, other.socket_);
@@ -126,24 +99,23 @@ RawClient RawClient::Upgraded(std::uint16_t port, int receive_buffer) {
 }
 
 bool RawClient::HasInput() const {
-  pollfd waiting{socket_, POLLIN, 0};
-  return !in_.empty() || ::poll(&waiting, 1, 0) == 1;
+  return !in_.empty() || WaitForInput(socket_, std::chrono::milliseconds(0));
 }
 
 bool RawClient::Send(std::string_view bytes) {
   while (!bytes.empty()) {
-    if (socket_ < 0 || !WaitReady(socket_, POLLOUT)) return false;
-    const ssize_t sent = ::send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (sent < 0 && errno != EAGAIN) return false;
-    if (sent > 0) bytes.remove_prefix(static_cast<std::size_t>(sent));
+    if (!connected() || !WaitForRoom(socket_, kLong)) return false;
+    const std::ptrdiff_t sent = SendSome(socket_, bytes);
+    if (sent < 0) return false;
+    bytes.remove_prefix(static_cast<std::size_t>(sent));
   }
   return true;
 }
 
 bool RawClient::ReceiveOnce() {
-  if (socket_ < 0 || !WaitReady(socket_, POLLIN)) return false;
+  if (!connected() || !WaitForInput(socket_, kLong)) return false;
   char buffer[65536];
-  const ssize_t got = ::recv(socket_, buffer, sizeof buffer, 0);
+  const std::ptrdiff_t got = Receive(socket_, buffer, sizeof buffer);
   if (got <= 0) return false;
   in_.append(buffer, static_cast<std::size_t>(got));
   return true;
@@ -188,29 +160,28 @@ std::optional<SeenFrame> RawClient::ReadFrame() {
 }
 
 bool RawClient::ReadToEnd() {
-  while (socket_ >= 0 && WaitReady(socket_, POLLIN)) {
+  while (connected() && WaitForInput(socket_, kLong)) {
     char buffer[65536];
-    if (::recv(socket_, buffer, sizeof buffer, 0) <= 0) return true;
+    if (Receive(socket_, buffer, sizeof buffer) <= 0) return true;
   }
-  return socket_ < 0;
+  return !connected();
 }
 
 std::size_t RawClient::TakeSome(std::size_t bytes) {
-  if (socket_ < 0 || !WaitReady(socket_, POLLIN)) return 0;
+  if (!connected() || !WaitForInput(socket_, kLong)) return 0;
   std::vector<char> buffer(bytes);
-  const ssize_t got = ::recv(socket_, buffer.data(), bytes, 0);
+  const std::ptrdiff_t got = Receive(socket_, buffer.data(), bytes);
   return got > 0 ? static_cast<std::size_t>(got) : 0;
 }
 
 void RawClient::Reset() {
-  const linger at_once{1, 0};
-  if (socket_ >= 0) ::setsockopt(socket_, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
+  if (connected()) ResetOnClose(socket_);
   Close();
 }
 
 void RawClient::Close() {
-  if (socket_ >= 0) ::close(socket_);
-  socket_ = -1;
+  if (connected()) CloseSocket(socket_);
+  socket_ = kNoClientSocket;
 }
 
 }  // namespace tolm::test

@@ -9,6 +9,8 @@
 #include <string>
 #include <string_view>
 
+#include "ClientSocket.h"
+
 namespace tolm::test {
 
 inline constexpr std::chrono::milliseconds kLong{60000};
@@ -56,7 +58,7 @@ class RawClient {
   /// Connects and shakes hands; closed when it was refused.
   static RawClient Upgraded(std::uint16_t port, int receive_buffer = 0);
 
-  bool connected() const { return socket_ >= 0; }
+  bool connected() const { return socket_ != kNoClientSocket; }
   /// Whether something, or the end, is there to be read now.
   bool HasInput() const;
 
@@ -78,7 +80,7 @@ class RawClient {
   bool Fill(std::size_t bytes);
   bool ReceiveOnce();
 
-  int socket_ = -1;
+  ClientSocket socket_ = kNoClientSocket;
   std::string in_;
 };
 

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Outbox.h"
+#include "OwnProcess.h"
 #include "ServerEnd.h"
 
 namespace tolm::test {
@@ -207,6 +208,25 @@ TEST(NetOutbox, CountsFramesWithoutContent) {
   EXPECT_EQ(outbox.Send(1, nullptr, 0, true), kNetOk);
   EXPECT_EQ(outbox.Shut(), 10U);
   EXPECT_EQ(outbox.Send(1, nullptr, 0, true), kNetNoSuchHandle);
+}
+
+// Processor time while nothing happens that a test waits for.
+double SecondsUsedMeanwhile() {
+  const double before = ProcessorSeconds();
+  const auto until = std::chrono::steady_clock::now() + milliseconds(500);
+  WaitFor([&] { return std::chrono::steady_clock::now() >= until; });
+  return ProcessorSeconds() - before;
+}
+
+TEST(NetSending, WaitingCostsNoProcessorTime) {
+  ServerEnd server;
+  auto silent = RawClient::Upgraded(server.port());
+  EXPECT_LT(SecondsUsedMeanwhile(), 0.25);
+  auto full = RawClient::Upgraded(server.port(), 4096);
+  const auto socket = server.WaitSocket(2);
+  EXPECT_EQ(SendText(socket, std::string(32U << 20, 'w')), kNetOk);
+  EXPECT_TRUE(WaitFor([&] { return full.HasInput(); }));
+  EXPECT_LT(SecondsUsedMeanwhile(), 0.25);
 }
 
 }  // namespace

@@ -3,7 +3,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "FreePort.h"
+#include "ServerPort.h"
 #include "ServerTable.h"
 
 namespace tolm::test {
@@ -48,7 +48,7 @@ ServerEnd::ServerEnd(const Tolm::Net::ServerOptions& options, bool take_events) 
   // Somebody else may take the port in between.
   int result = -1;
   for (int attempt = 0; attempt < 20 && result != 0; ++attempt) {
-    port_ = FreePort();
+    port_ = ServerPort();
     result = Tolm::Net::ServerTable::Instance().Start(handle_, "127.0.0.1", port_, on_http, options);
   }
   if (result != 0) throw std::runtime_error("the server does not start: " + std::to_string(result));

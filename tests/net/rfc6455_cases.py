@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
 """RFC 6455 from a client's side: what the server makes of bytes, right and wrong.
 
-usage: rfc6455_cases.py NET_ECHO
+usage: rfc6455_cases.py NET_ECHO [ARGUMENT...]
 
-Starts NET_ECHO, plays each case against it over a connection of its own, and prints a table. A verdict is
+Starts NET_ECHO with the arguments, plays each case against it over a connection of its own, and prints a table. A verdict is
 what the server handed on, frame by frame ("text+ 5": final, five bytes), and how the connection then stood:
 
   open          it still answered a ping
@@ -136,8 +136,8 @@ class Client:
 
 
 class Server:
-    def __init__(self, program):
-        self.process = subprocess.Popen([program], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+    def __init__(self, command):
+        self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
         self.port = int(self.process.stdout.readline().split()[1])
 
     def events_of_one(self):
@@ -360,11 +360,11 @@ def handshake():
 
 
 def main():
-    if len(sys.argv) != 2:
+    if len(sys.argv) < 2:
         sys.exit(__doc__)
     for rows in (handshake, lengths, masking, reserved, fragments, control, closing, utf8):
         rows()
-    server = Server(sys.argv[1])
+    server = Server(sys.argv[1:])
     differing = 0
     width = max(len(name) for _, name, *_ in CASES)
     print(f"{'':4}{'section':8} {'case':{width}} expected | seen")

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <filesystem>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "HostWatch.h"
@@ -14,6 +15,8 @@
 #include "Options.h"
 #include "OutputLines.h"
 #include "RestartBackoff.h"
+#include "UserState.h"
+#include "support/System.h"
 #include "support/TempDirectory.h"
 
 namespace tolm::agent {
@@ -88,9 +91,9 @@ TEST_F(HostWatchTest, AHostThatWasNeverSeenIsNotMissed) {
 
 class CommandLine : public testing::Test {
  protected:
-  Order Read(std::vector<const char*> words) {
+  Order Read(std::vector<std::string> words) {
     words.insert(words.begin(), "/a/TolmAgent_Exe64.exe");
-    return ReadCommandLine(static_cast<int>(words.size()), words.data(), options_, fault_);
+    return ReadCommandLine(words, options_, fault_);
   }
 
   Options options_;
@@ -130,7 +133,7 @@ TEST_F(CommandLine, HelpAndVersionAreShown) {
 }
 
 TEST_F(CommandLine, AnythingElseIsRefusedWithAReason) {
-  const std::vector<std::pair<std::vector<const char*>, std::string>> cases{
+  const std::vector<std::pair<std::vector<std::string>, std::string>> cases{
       {{}, "a main process path and a role are needed"},
       {{"/opt/Host"}, "a main process path and a role are needed"},
       {{"/opt/Host", "Client"}, "-process is missing"},
@@ -169,46 +172,67 @@ TEST(OutputLines, ALineWithoutEndIsCut) {
   EXPECT_THAT(lines, ElementsAre(std::string(OutputLines::kLongest, 'x'), "x"));
 }
 
+/// What absolute paths begin with: nothing, or a drive.
+std::string Drive() {
+  return std::filesystem::current_path().root_name().string();
+}
+
+/// As the system writes it.
+std::string Native(const std::filesystem::path& path) {
+  return std::filesystem::path(path).make_preferred().string();
+}
+
+/// The event of an agent at `path`, which has no separator in front.
+std::string Event(const std::string& path) {
+  return "Global\\" + path + "-agent";
+}
+
 TEST(AgentLayout, LiesBelowTheHostsFolder) {
-  const test::EnvironmentValue state("XDG_STATE_HOME", std::string("/state"));
-  const Layout layout = FindLayout("/opt/app/TolmAgent/TolmAgent/TolmAgent_Exe64.exe");
-  EXPECT_EQ(layout.event_name, "Global\\opt/app/TolmAgent/TolmAgent/TolmAgent_Exe64.exe-agent");
-  EXPECT_EQ(layout.guard_path, "/opt/app/TolmAgent/TolmGuard/TolmGuard.exe");
-  EXPECT_EQ(layout.log_path, "/opt/app/TolmAgent/log/agent.log");
-  EXPECT_EQ(layout.user_log_path, "/state/tolm-agent/agent.log");
+  const std::string app = Drive() + "/opt/app";
+  const test::UserState state(Native(Drive() + "/state"));
+  const Layout layout = FindLayout(app + "/TolmAgent/TolmAgent/TolmAgent_Exe64.exe");
+  EXPECT_EQ(layout.event_name,
+            Event((Drive().empty() ? app.substr(1) : app) + "/TolmAgent/TolmAgent/TolmAgent_Exe64.exe"));
+  EXPECT_EQ(layout.guard_path, Native(app + "/TolmAgent/TolmGuard/TolmGuard.exe"));
+  EXPECT_EQ(layout.log_path, Native(app + "/TolmAgent/log/agent.log"));
+  EXPECT_EQ(layout.user_log_path, Native(Drive() + "/state/tolm-agent/agent.log"));
 }
 
 TEST(AgentLayout, TheEventsNameIsTheOneThatTheFrameMakesOfTheSamePath) {
   EXPECT_EQ(FindLayout("/opt/x/../app/TolmAgent/TolmAgent/TolmAgent_Exe64.exe").event_name,
-            "Global\\opt/app/TolmAgent/TolmAgent/TolmAgent_Exe64.exe-agent");
-  EXPECT_EQ(FindLayout("../../a.exe").event_name, "Global\\../../a.exe-agent");
+            Event("opt/app/TolmAgent/TolmAgent/TolmAgent_Exe64.exe"));
+  EXPECT_EQ(FindLayout("C:\\x\\..\\app\\a.exe").event_name, Event("C:/app/a.exe"));
+  EXPECT_EQ(FindLayout("../../a.exe").event_name, Event("../../a.exe"));
   EXPECT_EQ(FindLayout("TolmAgent/TolmAgent/TolmAgent_Exe64.exe").event_name,
-            "Global\\TolmAgent/TolmAgent/TolmAgent_Exe64.exe-agent");
+            Event("TolmAgent/TolmAgent/TolmAgent_Exe64.exe"));
 }
 
 TEST(AgentLayout, ARelativePathIsRelativeToTheCurrentFolder) {
-  const std::string here = std::filesystem::current_path().string();
   EXPECT_EQ(FindLayout("TolmAgent/TolmAgent/agent.exe").guard_path,
-            here + "/TolmAgent/TolmGuard/TolmGuard.exe");
+            Native(std::filesystem::current_path() / "TolmAgent/TolmGuard/TolmGuard.exe"));
 }
 
-TEST(AgentLayout, LogsOfAUserLieInTheHomeFolderOrNowhere) {
-  const test::EnvironmentValue state("XDG_STATE_HOME", std::string("relative"));
-  {
-    const test::EnvironmentValue home("HOME", std::string("/users/somebody"));
-    EXPECT_EQ(FindLayout("/a/b/c").user_log_path, "/users/somebody/.local/state/tolm-agent/agent.log");
-  }
-  const test::EnvironmentValue home("HOME", std::nullopt);
+TEST(AgentLayout, AUserWithoutAStateFolderHasNoLogThere) {
+  const test::UserState none;
   EXPECT_EQ(FindLayout("/a/b/c").user_log_path, "");
+}
+
+TEST(AgentLayout, TheHostIsNamedAsTheSystemShowsIt) {
+  const test::TempDirectory folder;
+  const std::filesystem::path program = test::ThisProgram();
+  EXPECT_EQ(ResolvedExecutable((program.parent_path() / "." / program.filename()).generic_string()),
+            std::filesystem::canonical(program).string());
+  EXPECT_EQ(ResolvedExecutable((folder.path() / "missing").string()), "");
+  EXPECT_EQ(ResolvedExecutable(""), "");
 }
 
 TEST(AgentLayout, LinksToTheHostAreResolved) {
   const test::TempDirectory folder;
-  const auto link = folder.path() / "link";
-  std::filesystem::create_symlink("/bin/true", link);
-  EXPECT_EQ(ResolvedExecutable(link), std::filesystem::canonical("/bin/true"));
-  EXPECT_EQ(ResolvedExecutable(folder.path() / "missing"), "");
-  EXPECT_EQ(ResolvedExecutable(""), "");
+  const std::filesystem::path link = folder.path() / "link";
+  std::error_code error;
+  std::filesystem::create_symlink(test::ThisProgram(), link, error);
+  if (error) GTEST_SKIP() << "no links can be made here: " << error.message();
+  EXPECT_EQ(ResolvedExecutable(link.string()), std::filesystem::canonical(test::ThisProgram()).string());
 }
 
 TEST(AgentInbox, ARequestToEndComesFirstAndStays) {

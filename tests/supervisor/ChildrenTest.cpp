@@ -6,6 +6,8 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "support/Wait.h"
 
@@ -30,10 +32,11 @@ struct Witness {
   }
 };
 
-os::ProcessRequest Shell(const std::string& script, const std::shared_ptr<Witness>& witness) {
+/// A program that does one thing.
+os::ProcessRequest Program(std::vector<std::string> arguments, const std::shared_ptr<Witness>& witness) {
   os::ProcessRequest request;
-  request.program = "/bin/sh";
-  request.arguments = {"-c", script};
+  request.program = TEST_STAND_IN;
+  request.arguments = std::move(arguments);
   request.on_output = [witness](std::string_view bytes) {
     const std::lock_guard lock(witness->mutex);
     witness->output += bytes;
@@ -49,10 +52,10 @@ TEST(Children, ARealProcessIsHeardAndItsEndIsTold) {
   Children children;
   const auto witness = std::make_shared<Witness>();
   std::string why;
-  const auto process = children.Start(Shell("echo hello; exit 3", witness), why);
+  const auto process = children.Start(Program({"--say", "hello", "3"}, witness), why);
   ASSERT_NE(process, nullptr) << why;
   EXPECT_GT(process->id(), 0);
-  ASSERT_TRUE(WaitFor([&] { return witness->HasEnded() && witness->HasWritten("hello\n"); }));
+  ASSERT_TRUE(WaitFor([&] { return witness->HasEnded() && witness->HasWritten("hello"); }));
   EXPECT_EQ(witness->end->exit_status, 3);
 }
 
@@ -61,15 +64,15 @@ TEST(Children, AProcessThatIsLetGoIsKilledOnceTheyAreGone) {
   {
     Children children;
     std::string why;
-    auto process = children.Start(Shell("trap '' TERM; echo ready; while :; do sleep 1; done", witness), why);
+    auto process = children.Start(Program({"--wait"}, witness), why);
     ASSERT_NE(process, nullptr) << why;
-    ASSERT_TRUE(WaitFor([&] { return witness->HasWritten("ready"); }));
+    ASSERT_TRUE(WaitFor([&] { return witness->HasWritten("waits"); }));
     process->AskToEnd();
     EXPECT_FALSE(witness->HasEnded());
     process.reset();
   }
   ASSERT_TRUE(witness->HasEnded()) << "nothing of it is left behind";
-  EXPECT_EQ(witness->end->signal, 9);
+  EXPECT_NE(os::Describe(*witness->end), "exit status 0");
 }
 
 TEST(Children, AProgramThatCannotBeStartedSaysWhy) {

@@ -1,42 +1,12 @@
-#include "ManifestCheck.h"
+#include "ManifestCheckTest.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include <system_error>
 
-#include <fstream>
-#include <sstream>
-
-#include "support/TempDirectory.h"
-
-namespace guard {
+namespace guard::test {
 namespace {
 
 namespace fs = std::filesystem;
 using testing::HasSubstr;
-
-class Check : public testing::Test {
- protected:
-  fs::path plugins() const { return directory_.path() / "plugins"; }
-  void Write(const fs::path& file, const std::string& text, bool executable = false) const {
-    fs::create_directories((plugins() / file).parent_path());
-    std::ofstream(plugins() / file, std::ios::binary) << text;
-    if (executable) fs::permissions(plugins() / file, fs::perms::owner_exec, fs::perm_options::add);
-  }
-  void AddGood(const std::string& id) const {
-    Write(fs::path(id) / "plugin.json", R"({"program": "run"})");
-    Write(fs::path(id) / "run", "#!/bin/sh\n", true);
-  }
-  bool Run(const fs::path& folder) {
-    std::ostringstream out;
-    const bool good = CheckManifests(folder, out);
-    said_ = out.str();
-    return good;
-  }
-  bool Run() { return Run(plugins()); }
-
-  const tolm::test::TempDirectory directory_;
-  std::string said_;
-};
 
 TEST_F(Check, GoodManifestsAreCounted) {
   AddGood("clock");
@@ -50,7 +20,9 @@ TEST_F(Check, AFolderWithoutManifestsIsNoFaultButAMissingOneIs) {
   EXPECT_TRUE(Run());
   EXPECT_EQ(said_, "0 manifests below " + plugins().string() + ", 0 faults\n");
   EXPECT_FALSE(Run(plugins() / "missing"));
-  EXPECT_THAT(said_, HasSubstr("missing: cannot be read: No such file or directory"));
+  std::error_code error;
+  fs::directory_iterator(plugins() / "missing", error);
+  EXPECT_THAT(said_, HasSubstr("missing: cannot be read: " + error.message()));
 }
 
 TEST_F(Check, EveryFaultOfEveryManifestHasItsLine) {
@@ -61,57 +33,29 @@ TEST_F(Check, EveryFaultOfEveryManifestHasItsLine) {
   Write("shop/plugin.json", "{");
   EXPECT_FALSE(Run());
   EXPECT_THAT(said_,
-              HasSubstr("plugins/clock/plugin.json:4:15: restart.factor: must be a number from 1 to 100\n"));
-  EXPECT_THAT(said_, HasSubstr("plugins/shop/plugin.json:1:2: "));
+              HasSubstr(Manifest("clock") + ":4:15: restart.factor: must be a number from 1 to 100\n"));
+  EXPECT_THAT(said_, HasSubstr(Manifest("shop") + ":1:2: "));
   EXPECT_THAT(said_, HasSubstr("3 manifests below " + plugins().string() + ", 2 faults\n"));
 }
 
-TEST_F(Check, ProgramsThatCannotRunAreFaults) {
-  AddGood("missing");
-  fs::remove(plugins() / "missing" / "run");
-  AddGood("plain");
-  fs::permissions(plugins() / "plain" / "run", fs::perms::owner_read);
-  AddGood("folder");
-  fs::remove(plugins() / "folder" / "run");
-  fs::create_directories(plugins() / "folder" / "run");
-  AddGood("foreign");
-  std::string header(64, '\0');
-  header.replace(0, 6,
-                 "\x7f"
-                 "ELF\x02\x01");
-  header[18] = '\x2a';  // no machine of ours
-  Write("foreign/run", header, true);
-  AddGood("script");
-  Write("script/run", "#!/no/such/shell\n", true);
-  EXPECT_FALSE(Run());
-  for (const char* const fault :
-       {"missing/plugin.json:1:13: program: ", "missing/run: it does not exist\n",
-        "plain/run: it is not executable\n", "folder/run: it is a directory\n",
-        "foreign/run: it is made for another machine (number 42)\n",
-        "script/run: its interpreter /no/such/shell is missing\n", ", 5 faults\n"}) {
-    EXPECT_THAT(said_, HasSubstr(fault));
+TEST_F(Check, ProgramsThatAreNoneAreFaults) {
+  for (const char* const id : {"missing", "folder"}) {
+    AddGood(id);
+    fs::remove(plugins() / id / "run");
   }
-}
-
-TEST_F(Check, AProgramOfAnotherSystemIsAFault) {
-  AddGood("clock");
-  Write("clock/run", "MZ" + std::string(126, '\0'), true);
+  fs::create_directories(plugins() / "folder" / "run");
   EXPECT_FALSE(Run());
-  EXPECT_THAT(said_, HasSubstr("clock/run: it is made for another system (Windows)\n"));
-}
-
-TEST_F(Check, ProgramsOfThisMachineCanRun) {
-  AddGood("clock");
-  fs::remove(plugins() / "clock" / "run");
-  fs::copy_file("/proc/self/exe", plugins() / "clock" / "run");
-  EXPECT_TRUE(Run()) << said_;
+  EXPECT_THAT(said_, HasSubstr(Manifest("missing") + ":1:13: program: " + Program("missing") +
+                               ": it does not exist\n"));
+  EXPECT_THAT(said_, HasSubstr(Program("folder") + ": it is a directory\n"));
+  EXPECT_THAT(said_, HasSubstr(", 2 faults\n"));
 }
 
 TEST_F(Check, AMissingWorkingFolderIsAFault) {
   AddGood("clock");
   Write("clock/plugin.json", "{\"program\": \"run\",\n\"workingFolder\": \"data\"}");
   EXPECT_FALSE(Run());
-  EXPECT_THAT(said_, HasSubstr("clock/plugin.json:2:18: workingFolder: "));
+  EXPECT_THAT(said_, HasSubstr(Manifest("clock") + ":2:18: workingFolder: "));
   fs::create_directories(plugins() / "clock" / "data");
   EXPECT_TRUE(Run()) << said_;
 }
@@ -120,8 +64,8 @@ TEST_F(Check, TwoFoldersThatClaimOneIdAreAFault) {
   AddGood("clock");
   AddGood("other/Clock");
   EXPECT_FALSE(Run());
-  EXPECT_THAT(said_, HasSubstr("other/Clock/plugin.json: id: \"Clock\" is claimed by "));
-  EXPECT_THAT(said_, HasSubstr("plugins/clock/plugin.json as well\n"));
+  EXPECT_THAT(said_, HasSubstr((plugins() / "other" / "Clock" / "plugin.json").string() +
+                               ": id: \"Clock\" is claimed by " + Manifest("clock") + " as well\n"));
   EXPECT_THAT(said_, HasSubstr(", 1 fault\n"));
 }
 
@@ -130,8 +74,8 @@ TEST_F(Check, AClaimCountsAlsoWhereItIsNotTheFoldersName) {
   AddGood("watch");
   Write("watch/plugin.json", R"({"program": "run", "id": "clock"})");
   EXPECT_FALSE(Run());
-  EXPECT_THAT(said_, HasSubstr("watch/plugin.json:1:26: id: must be the folder's name, \"watch\"\n"));
-  EXPECT_THAT(said_, HasSubstr("watch/plugin.json: id: \"clock\" is claimed by "));
+  EXPECT_THAT(said_, HasSubstr(Manifest("watch") + ":1:26: id: must be the folder's name, \"watch\"\n"));
+  EXPECT_THAT(said_, HasSubstr(Manifest("watch") + ": id: \"clock\" is claimed by "));
 }
 
 TEST_F(Check, OnePluginsOwnFolderCanBeChecked) {
@@ -143,4 +87,4 @@ TEST_F(Check, OnePluginsOwnFolderCanBeChecked) {
 }
 
 }  // namespace
-}  // namespace guard
+}  // namespace guard::test

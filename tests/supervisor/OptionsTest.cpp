@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "support/TempDirectory.h"
+#include "UserState.h"
 
 namespace guard {
 namespace {
@@ -11,10 +11,16 @@ namespace {
 namespace fs = std::filesystem;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using tolm::test::UserState;
 
-std::optional<int> Read(std::vector<const char*> words, Options& options) {
+std::optional<int> Read(std::vector<std::string> words, Options& options) {
   words.insert(words.begin(), "TolmGuard.exe");
-  return ReadOptions(static_cast<int>(words.size()), words.data(), options);
+  return ReadOptions(words, options);
+}
+
+/// An absolute path; the system's roots differ.
+fs::path Root() {
+  return fs::current_path().root_path();
 }
 
 TEST(Options, WithoutWordsEverythingIsLeftToThePlace) {
@@ -52,7 +58,7 @@ TEST(Options, TheFolderToCheckMayBeLeftOut) {
 }
 
 TEST(Options, MistakesEndWithStatusTwo) {
-  const std::vector<std::vector<const char*>> mistakes = {{"--role", "Other"},
+  const std::vector<std::vector<std::string>> mistakes = {{"--role", "Other"},
                                                           {"--lost-grace", "-1"},
                                                           {"--lost-grace", "soon"},
                                                           {"--config"},
@@ -73,7 +79,7 @@ TEST(Options, HelpNamesEveryOptionAndExitStatus) {
   const std::string help = testing::internal::GetCapturedStdout();
   for (const char* const word :
        {"--config", "--role", "--host", "--plugins", "--logs", "--lost-grace", "--check", "--version",
-        "--help", "SIGTERM", "Exit status", "LpcFrame.xml", "XDG_STATE_HOME"}) {
+        "--help", "SIGTERM", "Exit status", "LpcFrame.xml", "XDG_STATE_HOME", "LOCALAPPDATA"}) {
     EXPECT_THAT(help, HasSubstr(word));
   }
 }
@@ -86,39 +92,42 @@ TEST(Options, VersionIsOneLine) {
 }
 
 TEST(Places, AreFoundFromTheGuardsOwnFolder) {
-  const tolm::test::EnvironmentValue state("XDG_STATE_HOME", "/users/me/state");
-  for (const char* const own : {"/opt/app/TolmAgent/TolmGuard/", "/opt/app/TolmAgent/TolmGuard"}) {
-    const Places places = FindPlaces({}, own);
-    EXPECT_EQ(places.config, "/opt/app/LpcFrame.xml");
-    EXPECT_EQ(places.plugins, "/opt/app/plugins");
+  const fs::path app = Root() / "opt/app";
+  for (const char* const own : {"TolmAgent/TolmGuard/", "TolmAgent/TolmGuard"}) {
+    const Places places = FindPlaces({}, app / own);
+    EXPECT_EQ(places.config, app / "LpcFrame.xml");
+    EXPECT_EQ(places.plugins, app / "plugins");
     EXPECT_TRUE(places.plugins_may_move);
-    EXPECT_THAT(places.logs, ElementsAre("/opt/app/TolmAgent/log", "/users/me/state/tolm-guard"));
+    EXPECT_EQ(places.logs.front(), app / "TolmAgent/log");
   }
 }
 
 TEST(Places, LogsMayGoToTheUsersOwnFolder) {
-  const tolm::test::EnvironmentValue state("XDG_STATE_HOME", std::nullopt);
-  const tolm::test::EnvironmentValue home("HOME", "/users/me");
-  EXPECT_EQ(FindPlaces({}, "/opt/app/TolmAgent/TolmGuard/").logs.back(), "/users/me/.local/state/tolm-guard");
-  const tolm::test::EnvironmentValue relative("XDG_STATE_HOME", "state");
-  EXPECT_EQ(FindPlaces({}, "/opt/app/TolmAgent/TolmGuard/").logs.back(), "/users/me/.local/state/tolm-guard");
+  const fs::path own = Root() / "opt/app/TolmAgent/TolmGuard";
+  {
+    const UserState state(Root() / "users/me/state");
+    EXPECT_THAT(FindPlaces({}, own).logs,
+                ElementsAre(Root() / "opt/app/TolmAgent/log", Root() / "users/me/state/tolm-guard"));
+  }
+  const UserState none;
+  EXPECT_EQ(FindPlaces({}, own).logs.size(), 1u);
 }
 
 TEST(Places, PluginsAreBesideTheHostThatTheCommandLineNames) {
   Options options;
-  options.host = "/srv/host/Host.exe";
-  const Places places = FindPlaces(options, "/opt/app/TolmAgent/TolmGuard/");
-  EXPECT_EQ(places.plugins, "/srv/host/plugins");
+  options.host = Root() / "srv/host/Host.exe";
+  const Places places = FindPlaces(options, Root() / "opt/app/TolmAgent/TolmGuard/");
+  EXPECT_EQ(places.plugins, Root() / "srv/host/plugins");
   EXPECT_FALSE(places.plugins_may_move);
 }
 
 TEST(Places, WhatTheCommandLineNamesIsUsedAndMadeAbsolute) {
   Options options;
   options.config = "./c.xml";
-  options.host = "/srv/host/Host.exe";
+  options.host = Root() / "srv/host/Host.exe";
   options.plugins = "a/../p";
   options.logs = "l";
-  const Places places = FindPlaces(options, "/opt/app/TolmAgent/TolmGuard/");
+  const Places places = FindPlaces(options, Root() / "opt/app/TolmAgent/TolmGuard/");
   EXPECT_EQ(places.config, fs::current_path() / "c.xml");
   EXPECT_EQ(places.plugins, fs::current_path() / "p");
   EXPECT_FALSE(places.plugins_may_move);

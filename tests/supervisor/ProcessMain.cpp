@@ -2,12 +2,14 @@
 
 #include <gtest/gtest.h>
 
-#include <string_view>
-
 #include "ProcessRoles.h"
+#include "SystemRoles.h"
 
 int main(int argc, char** argv) {
-  if (argc > 1 && std::string_view(argv[1]) == "--role") return tolm::test::RunAsRole(argc - 2, argv + 2);
+  const tolm::test::Arguments arguments = tolm::test::ProgramArguments(argc, argv);
+  if (!arguments.empty() && arguments.front() == "--role") {
+    return tolm::test::RunAsRole({arguments.begin() + 1, arguments.end()});
+  }
   ::testing::InitGoogleTest(&argc, argv);
   return RUN_ALL_TESTS();
 }

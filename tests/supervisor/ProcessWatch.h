@@ -1,13 +1,11 @@
 #pragma once
 
-#include <sys/types.h>
-
-#include <cstddef>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
+
+#include "support/System.h"
 
 namespace tolm::test {
 
@@ -17,9 +15,9 @@ class Printed {
   void Add(std::string_view piece);
   std::string Text() const;
   /// The number behind `word` at the beginning of a line, once such a line is complete.
-  std::optional<pid_t> NumberAfter(const std::string& word) const;
+  std::optional<ProcessId> NumberAfter(const std::string& word) const;
   /// Waits for it; -1 when it does not come.
-  pid_t WaitForNumberAfter(const std::string& word) const;
+  ProcessId WaitForNumberAfter(const std::string& word) const;
   bool WaitForText(const std::string& text) const;
 
  private:
@@ -28,12 +26,7 @@ class Printed {
 };
 
 /// Ended, whether or not somebody has collected it.
-bool IsGone(pid_t id);
-bool WaitUntilGone(pid_t id);
-
-/// Children of `parent` that have ended and wait to be collected.
-std::size_t CountZombiesOf(pid_t parent);
-
-std::size_t CountOpenDescriptors();
+bool IsGone(ProcessId id);
+bool WaitUntilGone(ProcessId id);
 
 }  // namespace tolm::test

@@ -45,9 +45,9 @@ TEST(RestartPolicy, FollowsItsFormulaUpToTheCap) {
 
 TEST(RestartPolicy, TheDefaultsAreFiftyMillisecondsDoubled) {
   RestartPolicy policy(RestartRules(), Middle);
-  std::vector<long> delays;
+  std::vector<Milliseconds::rep> delays;
   for (int n = 0; n < 5; ++n) delays.push_back(policy.OnEnd(At(n), kShortRun, true).delay.count());
-  EXPECT_EQ(delays, (std::vector<long>{50, 100, 200, 400, 800}));
+  EXPECT_EQ(delays, (std::vector<Milliseconds::rep>{50, 100, 200, 400, 800}));
 }
 
 TEST(RestartPolicy, NeverRunsIntoInfinity) {

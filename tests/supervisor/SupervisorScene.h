@@ -105,8 +105,11 @@ class SupervisorScene : public testing::Test {
   }
 
   // What the plugins do.
-  std::size_t Runs(const std::string& id) const { return processes_.RunsOf("/" + id + "/" + id).size(); }
-  FakeRun& Run(const std::string& id) const { return *processes_.RunsOf("/" + id + "/" + id).back(); }
+  std::size_t Runs(const std::string& id) const { return processes_.RunsOf(ProgramEnd(id)).size(); }
+  FakeRun& Run(const std::string& id) const { return *processes_.RunsOf(ProgramEnd(id)).back(); }
+  static std::string ProgramEnd(const std::string& id) {
+    return std::filesystem::path("/" + id + "/" + id).make_preferred().string();
+  }
   bool IsRunning(const std::string& id) const {
     const PluginSupervisor* const plugin = supervisor_->plugin(id);
     return plugin != nullptr && plugin->state() == PluginSupervisor::State::kRunning;

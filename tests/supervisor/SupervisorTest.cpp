@@ -1,5 +1,7 @@
 #include <gmock/gmock.h>
 
+#include <algorithm>
+
 #include "SupervisorScene.h"
 
 namespace guard {
@@ -76,7 +78,8 @@ TEST_F(Guard, AListedPluginWithAFaultyManifestIsExplainedAndHarmsNobody) {
   AddManifest("faulty", ", \"restart\": {\"factor\": 0}");
   Start({"faulty", "clock"});
   EXPECT_TRUE(IsRunning("clock"));
-  EXPECT_EQ(CountInLog("/faulty/plugin.json:1:45: restart.factor: must be a number from 1 to 100"), 1u);
+  const std::string file = (plugins_folder() / "faulty" / "plugin.json").string();
+  EXPECT_EQ(CountInLog(file + ":1:45: restart.factor: must be a number from 1 to 100"), 1u);
 }
 
 TEST_F(Guard, IdsThatAreNoFolderNamesAreRefused) {
@@ -446,6 +449,11 @@ TEST_F(Guard, WhileItEndsNothingIsStartedAndASecondSignalChangesNothing) {
 
 // ------------------------------------------------------------------------------- Where plugins are
 
+std::string InJson(std::string path) {
+  for (std::size_t at = 0; (at = path.find('\\', at)) != std::string::npos; at += 2) path.insert(at, 1, '\\');
+  return path;
+}
+
 class MovingGuard : public test::SupervisorScene {
  protected:
   MovingGuard() {
@@ -453,7 +461,7 @@ class MovingGuard : public test::SupervisorScene {
     Connect();
   }
   void SayMainProcess(const std::string& path) {
-    Say(R"({"code":"0","msg":"","guid":"g","responseData":{"mainProcessPath":")" + path + "\"}}");
+    Say(R"({"code":"0","msg":"","guid":"g","responseData":{"mainProcessPath":")" + InJson(path) + "\"}}");
   }
 };
 
@@ -470,8 +478,7 @@ TEST_F(MovingGuard, TheProgramMayBeNamedWithBackslashesAndAfterTheList) {
   ASSERT_FALSE(IsRunning("cook"));
   ASSERT_TRUE(IsRunning("clock"));
   std::string path = directory_.path().string() + "/host/Host.exe";
-  for (std::size_t at = 0; (at = path.find('/', at)) != std::string::npos; at += 2)
-    path.replace(at, 1, "\\\\");
+  std::replace(path.begin(), path.end(), '/', '\\');
   SayMainProcess(path);
   EXPECT_TRUE(IsRunning("cook"));
   EXPECT_EQ(Runs("clock"), 1u);
@@ -487,7 +494,7 @@ TEST_F(MovingGuard, AProgramWithoutPluginsBesideItOrWithoutFolderChangesNothing)
 TEST_F(Guard, AFolderThatTheCommandLineNamesIsNotChangedByTheFrame) {
   std::filesystem::create_directories(directory_.path() / "host" / "plugins");
   Say(R"({"guid":"g","responseData":{"mainProcessPath":")" +
-      (directory_.path() / "host" / "Host.exe").string() + "\"}}");
+      InJson((directory_.path() / "host" / "Host.exe").string()) + "\"}}");
   EXPECT_EQ(supervisor_->plugins_folder(), plugins_folder());
 }
 

@@ -1,27 +1,27 @@
 #pragma once
 
-#include <unistd.h>
-
 #include <cstdlib>
 #include <filesystem>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <system_error>
+
+#include "support/System.h"
+#include "support/Wait.h"
 
 namespace tolm::test {
 
 /// A fresh directory of the test's own, removed with everything in it at the end.
 class TempDirectory {
  public:
-  TempDirectory() {
-    std::string path = (std::filesystem::temp_directory_path() / "tolm-XXXXXX").string();
-    if (::mkdtemp(path.data()) == nullptr) throw std::runtime_error("cannot make " + path);
-    path_ = path;
-  }
+  TempDirectory() : path_(MakeTempFolder()) {}
   ~TempDirectory() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
+    // Some systems hold a program's file for a moment after its process has ended.
+    WaitFor([this] {
+      std::error_code held;
+      std::filesystem::remove_all(path_, held);
+      return !held;
+    });
   }
   TempDirectory(const TempDirectory&) = delete;
   TempDirectory& operator=(const TempDirectory&) = delete;
@@ -29,7 +29,7 @@ class TempDirectory {
   const std::filesystem::path& path() const { return path_; }
 
  private:
-  std::filesystem::path path_;
+  const std::filesystem::path path_;
 };
 
 /// While it lives, an environment variable has another value, or none. The environment belongs to the
@@ -38,21 +38,13 @@ class EnvironmentValue {
  public:
   EnvironmentValue(const char* name, const std::optional<std::string>& value) : name_(name) {
     if (const char* before = std::getenv(name)) before_ = before;
-    Set(value);
+    SetVariable(name_, value);
   }
-  ~EnvironmentValue() { Set(before_); }
+  ~EnvironmentValue() { SetVariable(name_, before_); }
   EnvironmentValue(const EnvironmentValue&) = delete;
   EnvironmentValue& operator=(const EnvironmentValue&) = delete;
 
  private:
-  void Set(const std::optional<std::string>& value) {
-    if (value) {
-      ::setenv(name_, value->c_str(), 1);
-    } else {
-      ::unsetenv(name_);
-    }
-  }
-
   const char* const name_;
   std::optional<std::string> before_;
 };

@@ -1,8 +1,8 @@
 #pragma once
 
-#include <poll.h>
-
 #include <chrono>
+
+#include "support/System.h"
 
 namespace tolm::test {
 
@@ -13,7 +13,7 @@ bool WaitFor(Predicate&& predicate, std::chrono::milliseconds limit = std::chron
   const auto deadline = std::chrono::steady_clock::now() + limit;
   while (!predicate()) {
     if (std::chrono::steady_clock::now() >= deadline) return predicate();
-    ::poll(nullptr, 0, 1);
+    Nap();
   }
   return true;
 }

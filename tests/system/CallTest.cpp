@@ -2,7 +2,6 @@
 
 #include <gmock/gmock.h>
 
-#include <csignal>
 #include <map>
 #include <string>
 #include <vector>

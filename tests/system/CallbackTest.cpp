@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <condition_variable>
-#include <csignal>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -77,7 +76,7 @@ class CallbackOf : public SystemTest, public ::testing::WithParamInterface<std::
     if (const auto reason = reasons.find(GetParam()); reason != reasons.end()) {
       EXPECT_TRUE(Send(reason->second));
     }
-    if (GetParam() == "disconnected") a.Signal(SIGKILL);
+    if (GetParam() == "disconnected") a.Kill();
   }
 
   // Shared with callbacks: one that stops the frame is not waited for.

@@ -1,6 +1,5 @@
 // Many plugins, and those that misbehave beside others.
 
-#include <csignal>
 #include <future>
 #include <string>
 #include <vector>
@@ -57,7 +56,7 @@ TEST_F(LongCrowd, HearsTheOthersBesideAPluginThatTakesNothingAndCutsItOff) {
   ChildProcess& a = StartPlugin("a");
   StartPlugin("b");
   TolmLPCFrame::SetLogLevel(TolmLPCFrame::kLogError);
-  a.Signal(SIGSTOP);
+  a.Freeze();
   const std::string body(1 << 20, 'x');
   int taken = 0;
   while (Send(Notification("/a/hear", body))) ASSERT_LT(++taken, 1000) << "the queue has no end";
@@ -66,7 +65,7 @@ TEST_F(LongCrowd, HearsTheOthersBesideAPluginThatTakesNothingAndCutsItOff) {
   EXPECT_TRUE(host_.WaitForEvent(TolmLPCFrame::kLpcMsgPluginDisconnected, "a"));
   EXPECT_TRUE(Call(Request("/b/echo", "hello"), 5s).came);
 
-  a.Signal(SIGCONT);
+  a.Thaw();
   EXPECT_TRUE(host_.WaitForEvent(TolmLPCFrame::kLpcMsgPluginInited, "a", 2));
   EXPECT_TRUE(Call(Request("/a/echo")).came);
 }

@@ -1,7 +1,6 @@
 #include "PluginBehaviours.h"
 
 #include <TolmPlugin/Plugin.h>
-#include <unistd.h>
 
 #include <condition_variable>
 #include <iostream>
@@ -10,6 +9,8 @@
 #include <string>
 #include <string_view>
 #include <thread>
+
+#include "support/System.h"
 
 namespace tolm::test {
 namespace {
@@ -38,7 +39,7 @@ Message Echo(const Request& request) {
   Message answer = request.message;
   answer.url.clear();
   answer.headers["X-Query"] = request.query;
-  answer.headers["X-Process"] = std::to_string(::getpid());
+  answer.headers["X-Process"] = std::to_string(OwnProcessId());
   return answer;
 }
 

@@ -1,6 +1,5 @@
 // Plugins call each other through the frame.
 
-#include <csignal>
 #include <future>
 #include <string>
 

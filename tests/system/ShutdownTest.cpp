@@ -1,7 +1,6 @@
 // The end of frames, asked for or not.
 
 #include <atomic>
-#include <csignal>
 #include <cstdlib>
 #include <future>
 #include <string>
@@ -28,7 +27,7 @@ TEST_F(Shutdown, LetsEveryPluginCleanUpAndEnd) {
   EXPECT_TRUE(host_.WaitForLog("All LPC plugins have uninited finish"));
   for (ChildProcess* const plugin : {&a, &b}) {
     EXPECT_TRUE(plugin->WaitForLine("uninit"));
-    EXPECT_EQ(plugin->WaitExit(), (Exit{0, 0})) << plugin->Output();
+    EXPECT_EQ(plugin->WaitExit(), (Exit{0, false})) << plugin->Output();
   }
 }
 
@@ -119,7 +118,7 @@ TEST_F(LongShutdown, WaitsTenSecondsForAPluginThatNeverAnswers) {
   EXPECT_LT(took, 20s);
   EXPECT_TRUE(a.WaitForLine("uninit"));
   EXPECT_FALSE(a.WaitExit(0ms));
-  EXPECT_EQ(b.WaitExit(), (Exit{0, 0})) << b.Output();
+  EXPECT_EQ(b.WaitExit(), (Exit{0, false})) << b.Output();
 }
 
 using Exiting = SystemTest;
@@ -136,7 +135,7 @@ TEST_F(Exiting, WithoutAStopWhilePluginsTalkIsCleanAndPrompt) {
   ASSERT_TRUE(a.WaitForLine("blocked"));
   const auto began = Clock::now();
   host.CloseInput();
-  EXPECT_EQ(host.WaitExit(), (Exit{0, 0})) << host.Output();
+  EXPECT_EQ(host.WaitExit(), (Exit{0, false})) << host.Output();
   EXPECT_LT(Clock::now() - began, 10s);
   EXPECT_TRUE(a.WaitForLine("lost"));
 }

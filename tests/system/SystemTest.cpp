@@ -1,6 +1,5 @@
 #include "SystemTest.h"
 
-#include <csignal>
 #include <iostream>
 #include <utility>
 
@@ -27,7 +26,7 @@ ChildProcess& SystemTest::Launch(std::vector<std::string> command) {
 }
 
 ChildProcess& SystemTest::LaunchPlugin(const std::string& id, const std::string& behaviour) {
-  return Launch({ThisProgram(), "--as-plugin", behaviour, "--endpoint", kEndpoint, "--id", id});
+  return Launch({ThisProgram().string(), "--as-plugin", behaviour, "--endpoint", kEndpoint, "--id", id});
 }
 
 ChildProcess& SystemTest::StartPlugin(const std::string& id, const std::string& behaviour) {
@@ -40,14 +39,14 @@ ChildProcess& SystemTest::StartPlugin(const std::string& id, const std::string& 
 }
 
 ChildProcess& SystemTest::LaunchHost(const std::string& behaviour, const std::vector<std::string>& plugins) {
-  std::vector<std::string> command{ThisProgram(), "--as-host", behaviour, kEndpoint};
+  std::vector<std::string> command{ThisProgram().string(), "--as-host", behaviour, kEndpoint};
   command.insert(command.end(), plugins.begin(), plugins.end());
   return Launch(std::move(command));
 }
 
 void SystemTest::KillPlugin(ChildProcess& plugin, const std::string& id) {
   const std::size_t before = host_.CountOf(TolmLPCFrame::kLpcMsgPluginDisconnected, id);
-  plugin.Signal(SIGKILL);
+  plugin.Kill();
   EXPECT_TRUE(host_.WaitForEvent(TolmLPCFrame::kLpcMsgPluginDisconnected, id, before + 1)) << id;
 }
 

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "ChildProcess.h"
 #include "HostSide.h"
+#include "support/ChildProcess.h"
 #include "support/TempDirectory.h"
 
 namespace tolm::test {

@@ -1,32 +1,23 @@
 #include "ProcessRole.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <csignal>
-#include <cstdio>
+#include <iostream>
 #include <string_view>
 
 #include "FrameEnd.h"
 #include "TolmLPCServer/LpcClient.h"
 #include "TolmLPCServer/LpcServer.h"
 
-extern char** environ;
-
 namespace tolm::test {
 namespace {
 
-constexpr char kReady = 'r';
+constexpr char kReady[] = "the role is played";
 
-// A child has its pipe to the test as standard output, and ends when nobody reads there any more.
+// Until its input ends.
 int PlayUntilNobodyWatches() {
-  if (::write(STDOUT_FILENO, &kReady, 1) != 1) return 1;
-  pollfd watcher{STDOUT_FILENO, 0, 0};
-  while (::poll(&watcher, 1, -1) < 0 || (watcher.revents & POLLERR) == 0) {
+  std::cout << kReady << std::endl;
+  while (std::cin.get() != std::char_traits<char>::eof()) {
   }
   return 0;
 }
@@ -49,33 +40,12 @@ int BeSilentPlugin(const char* id) {
 
 }  // namespace
 
-ProcessRole::ProcessRole(const std::string& role, const std::string& argument) {
-  int pipe[2];
-  if (::pipe2(pipe, O_CLOEXEC) != 0) return;
-  std::string program = "/proc/self/exe";
-  char* const arguments[] = {program.data(), const_cast<char*>(role.c_str()),
-                             const_cast<char*>(argument.c_str()), nullptr};
-  posix_spawn_file_actions_t actions;
-  ::posix_spawn_file_actions_init(&actions);
-  ::posix_spawn_file_actions_adddup2(&actions, pipe[1], STDOUT_FILENO);
-  if (::posix_spawn(&process_, program.c_str(), &actions, nullptr, arguments, environ) != 0) process_ = -1;
-  ::posix_spawn_file_actions_destroy(&actions);
-  ::close(pipe[1]);
-  char said = 0;
-  ready_ = process_ > 0 && ::read(pipe[0], &said, 1) == 1 && said == kReady;
-  watch_ = pipe[0];
-}
-
-ProcessRole::~ProcessRole() {
-  Kill();
-  if (watch_ >= 0) ::close(watch_);
-}
+ProcessRole::ProcessRole(const std::string& role, const std::string& argument)
+    : process_({ThisProgram().string(), role, argument}), ready_(process_.WaitForLine(kReady).has_value()) {}
 
 void ProcessRole::Kill() {
-  if (process_ <= 0) return;
-  ::kill(process_, SIGKILL);
-  ::waitpid(process_, nullptr, 0);
-  process_ = -1;
+  process_.Kill();
+  EXPECT_TRUE(process_.WaitExit()) << "it was killed and runs";
 }
 
 }  // namespace tolm::test

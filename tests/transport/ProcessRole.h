@@ -1,12 +1,13 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <string>
+
+#include "support/ChildProcess.h"
 
 namespace tolm::test {
 
-/// This test program, run once more in another role; it ends with the object at the latest.
+/// This test program, run once more in another role; it ends with the object at the latest. To be made on
+/// the main thread.
 class ProcessRole {
  public:
   /// Listens under the name `argument`.
@@ -16,18 +17,14 @@ class ProcessRole {
 
   /// Starts it and waits until it says that it plays its role.
   ProcessRole(const std::string& role, const std::string& argument);
-  ~ProcessRole();
-  ProcessRole(const ProcessRole&) = delete;
-  ProcessRole& operator=(const ProcessRole&) = delete;
 
   bool ready() const { return ready_; }
   /// As a crash: without any chance to clean up. Returns when the process is gone.
   void Kill();
 
  private:
-  pid_t process_ = -1;
-  int watch_ = -1;  // the child ends when this does
-  bool ready_ = false;
+  ChildProcess process_;
+  const bool ready_;
 };
 
 }  // namespace tolm::test

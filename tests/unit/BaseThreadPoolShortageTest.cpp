@@ -1,10 +1,11 @@
-// What a pool does when the system makes no more threads: stacks larger than the address space see to that.
+// What a pool does when the system makes no more threads.
 
 #include <gtest/gtest.h>
-#include <pthread.h>
 
 #include <atomic>
+#include <cstddef>
 
+#include "NoThreads.h"
 #include "TolmBase/MessageLoopDyThreadPool.h"
 #include "support/LogCapture.h"
 #include "support/Wait.h"
@@ -14,32 +15,8 @@ namespace {
 using Tolm::Base::CMessageLoopDyThreadPool;
 using Tolm::Base::CTask;
 using tolm::test::LogCapture;
+using tolm::test::NoThreads;
 using tolm::test::WaitFor;
-
-/// While it lives, no thread can be made.
-class NoThreads {
- public:
-  NoThreads() {
-    pthread_attr_t attributes;
-    EXPECT_EQ(::pthread_getattr_default_np(&attributes), 0);
-    EXPECT_EQ(::pthread_attr_getstacksize(&attributes, &stack_size_), 0);
-    EXPECT_EQ(::pthread_attr_setstacksize(&attributes, std::size_t{1} << 47), 0);
-    EXPECT_EQ(::pthread_setattr_default_np(&attributes), 0);
-    ::pthread_attr_destroy(&attributes);
-  }
-  ~NoThreads() {
-    pthread_attr_t attributes;
-    ::pthread_getattr_default_np(&attributes);
-    ::pthread_attr_setstacksize(&attributes, stack_size_);
-    ::pthread_setattr_default_np(&attributes);
-    ::pthread_attr_destroy(&attributes);
-  }
-  NoThreads(const NoThreads&) = delete;
-  NoThreads& operator=(const NoThreads&) = delete;
-
- private:
-  std::size_t stack_size_ = 0;
-};
 
 class ThreadShortage : public testing::Test {
  protected:

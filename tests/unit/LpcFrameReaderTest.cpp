@@ -164,7 +164,7 @@ TEST(LpcFrameReader, GivesBackWhatWasNotFilledOfAPlace) {
   Found all;
   ASSERT_TRUE(all.Feed(std::string_view(frame).substr(0, 100)));
   std::size_t at = 100;
-  for (const std::size_t part : {0, 1, 20'000, 0, 13'000}) {
+  for (const std::size_t part : {0u, 1u, 20'000u, 0u, 13'000u}) {
     const FrameReader::Place place = all.reader.DirectPlace();
     ASSERT_EQ(place.size, frame.size() - at);
     std::memcpy(place.data, frame.data() + at, part);

@@ -251,6 +251,44 @@ TEST_P(OsLocalStream, WhatIsRemovedIsNotReported) {
   poller_->Remove(*far_);
 }
 
+TEST_P(OsLocalStream, WhatAThreadHasAskedForIsToldAlsoWhenItHasEnded) {
+  Connect();
+  for (int round = 0; round < 20; ++round) {
+    std::thread([this] {
+      ASSERT_TRUE(poller_->Arm(*far_, 6, Poller::kRead));
+      EXPECT_FALSE(far_->WaitReadable(0));
+    }).join();
+    ASSERT_EQ(Write(*near_, "x").status, IoStatus::kDone);
+    const auto ready = poller_->Wait(30'000);
+    ASSERT_TRUE(ready) << round;
+    EXPECT_EQ(ready->token, 6u);
+    EXPECT_EQ(Read(*far_), "x");
+  }
+  poller_->Remove(*far_);
+}
+
+TEST_P(OsLocalStream, WhatAThreadHasWrittenArrivesAlsoWhenItHasEnded) {
+  Connect();
+  ASSERT_TRUE(poller_->Arm(*near_, 1, 0));
+  std::size_t written = 0;
+  std::thread([&] {
+    const std::string much(4096, 'f');
+    for (;;) {
+      const IoResult result = Write(*near_, much);
+      if (result.status != IoStatus::kDone) break;
+      written += result.bytes;
+    }
+  }).join();
+  std::size_t arrived = 0;
+  EXPECT_TRUE(WaitFor([&] { return (arrived += Read(*far_, 100'000).size()) == written; }))
+      << arrived << " of " << written;
+  ASSERT_TRUE(poller_->Arm(*near_, 2, Poller::kWrite));
+  const auto ready = poller_->Wait(30'000);
+  ASSERT_TRUE(ready);
+  EXPECT_TRUE(ready->writable);
+  poller_->Remove(*near_);
+}
+
 TEST_P(OsLocalStream, AListenerIsReadableWhenSomebodyComes) {
   ASSERT_TRUE(poller_->Arm(*listener_, 5, Poller::kRead));
   EXPECT_FALSE(poller_->Wait(0));

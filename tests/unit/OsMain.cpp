@@ -1,15 +1,14 @@
-// The tests, or a process that one of them needs.
+// The tests, or one of the processes that they need.
 
 #include <gtest/gtest.h>
 
-#include <string_view>
-
-#include "os/HiddenProcess.h"
+#include "OsRoles.h"
+#include "supervisor/SystemRoles.h"
 
 int main(int argc, char** argv) {
-  if (argc == 3 && std::string_view(argv[1]) == "--run-removal") {
-    os::RunRemovalCommand(argv[2]);
-    return 0;
+  const tolm::test::Arguments arguments = tolm::test::ProgramArguments(argc, argv);
+  if (!arguments.empty() && arguments.front() == "--role") {
+    return tolm::test::RunAsRole({arguments.begin() + 1, arguments.end()}, tolm::test::OsRoles());
   }
   ::testing::InitGoogleTest(&argc, argv);
   return RUN_ALL_TESTS();

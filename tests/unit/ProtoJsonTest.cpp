@@ -1,11 +1,11 @@
 #include <gtest/gtest.h>
-#include <pthread.h>
 
 #include <climits>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "SmallStack.h"
 #include "TolmProto/RapidJsonProto.h"
 
 namespace {
@@ -145,27 +145,13 @@ TEST(JsonNesting, ObjectsOfAnyDepthAreReadAndWrittenAndReached) {
 
 TEST(JsonNesting, DeepDocumentsAreSafeOnASmallStack) {
   // The threads of other people's processes may have small stacks.
-  struct Documents {
-    std::string in = Repeated("[{\"a\":", kDeep) + "[]" + Repeated("}]", kDeep);
-    std::string out;
-  } documents;
-  pthread_attr_t attributes;
-  ASSERT_EQ(::pthread_attr_init(&attributes), 0);
-  ASSERT_EQ(::pthread_attr_setstacksize(&attributes, 128 * 1024), 0);
-  pthread_t thread;
-  ASSERT_EQ(::pthread_create(
-                &thread, &attributes,
-                [](void* argument) -> void* {
-                  auto& [in, out] = *static_cast<Documents*>(argument);
-                  CRapidJsonProto json;
-                  if (json.set_str(in)) out = json.get_str(0);
-                  return nullptr;
-                },
-                &documents),
-            0);
-  ::pthread_join(thread, nullptr);
-  ::pthread_attr_destroy(&attributes);
-  EXPECT_EQ(documents.out, documents.in);
+  const std::string in = Repeated("[{\"a\":", kDeep) + "[]" + Repeated("}]", kDeep);
+  std::string out;
+  tolm::test::RunOnSmallStack(128 * 1024, [&] {
+    CRapidJsonProto json;
+    if (json.set_str(in)) out = json.get_str(0);
+  });
+  EXPECT_EQ(out, in);
 }
 
 TEST(JsonNesting, AnUnfinishedDeepDocumentFails) {

@@ -1,9 +1,9 @@
 #include <gtest/gtest.h>
-#include <pthread.h>
 
 #include <climits>
 #include <string>
 
+#include "SmallStack.h"
 #include "TolmProto/XmlProto.h"
 
 namespace {
@@ -301,7 +301,7 @@ TEST(XmlNesting, IndentationEndsAtItsLimit) {
   }
 }
 
-void* NestDeeply(void*) {
+void NestDeeply() {
   constexpr int kDepth = 100'000;
   const std::string text = Repeated("<a>", kDepth) + "x" + Repeated("</a>", kDepth);
   Xml xml(text);
@@ -315,18 +315,11 @@ void* NestDeeply(void*) {
   CXmlProto made;
   EXPECT_TRUE(made.set_v(Repeated("/a", kDepth), "z"));
   EXPECT_EQ(made.get_v(Repeated("/a", kDepth), ""), "z");
-  return nullptr;
 }
 
 // On a stack that recursion over the document would overrun.
 TEST(XmlNesting, AnyDepthIsReadWrittenAndDestroyed) {
-  pthread_attr_t attributes;
-  ASSERT_EQ(::pthread_attr_init(&attributes), 0);
-  ASSERT_EQ(::pthread_attr_setstacksize(&attributes, 256 * 1024), 0);
-  pthread_t thread{};
-  ASSERT_EQ(::pthread_create(&thread, &attributes, NestDeeply, nullptr), 0);
-  EXPECT_EQ(::pthread_join(thread, nullptr), 0);
-  ::pthread_attr_destroy(&attributes);
+  tolm::test::RunOnSmallStack(256 * 1024, NestDeeply);
 }
 
 }  // namespace

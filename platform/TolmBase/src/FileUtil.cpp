@@ -1,8 +1,9 @@
 #include "TolmBase/FileUtil.h"
 
+#include <filesystem>
 #include <mutex>
 
-#include "TolmBase/StringUtil.h"
+#include "LocalText.h"
 #include "os/ExecutablePath.h"
 
 namespace Tolm::Base::FileUtil {
@@ -21,15 +22,16 @@ Published& GetPublished() {
 
 }  // namespace
 
-// The systems that are served have UTF-8 as their local code page, so the one directory serves both.
 std::string GetCurExeDir() {
-  return os::ExecutableDirectory();
+  return Utf8ToLocal(os::ExecutableDirectory());
 }
 
 void InitCurExeDirUtf8(const std::string& utf8_dir) {
   std::string dir = utf8_dir;
   // An unknown directory stays unknown: a separator alone would name the root.
-  if (!dir.empty() && dir.back() != '/' && dir.back() != '\\') dir += '/';
+  if (!dir.empty() && dir.back() != '/' && dir.back() != '\\') {
+    dir += static_cast<char>(std::filesystem::path::preferred_separator);
+  }
   Published& published = GetPublished();
   const std::lock_guard lock(published.mutex);
   published.utf8_dir.swap(dir);
@@ -41,7 +43,7 @@ std::string GetCurExeDirUtf8() {
     const std::lock_guard lock(published.mutex);
     if (!published.utf8_dir.empty()) return published.utf8_dir;
   }
-  return StringUtil::Local2UTF8(GetCurExeDir());
+  return LocalToUtf8(GetCurExeDir());
 }
 
 }  // namespace Tolm::Base::FileUtil

@@ -2,7 +2,6 @@
 
 #include <spdlog/pattern_formatter.h>
 #include <spdlog/sinks/rotating_file_sink.h>
-#include <spdlog/sinks/stdout_sinks.h>
 
 #include <algorithm>
 #include <array>
@@ -16,6 +15,9 @@
 #include <new>
 #include <string>
 #include <utility>
+
+#include "TolmBase/FileUtil.h"
+#include "os/Utf8Path.h"
 
 namespace Tolm::Base {
 namespace {
@@ -33,6 +35,19 @@ spdlog::level::level_enum ToSpdlog(int level) {
   return kLevels[static_cast<std::size_t>(std::clamp(level, 0, kLogLevelError))];
 }
 
+/// Lines end with a line feed on every system, so that logs of all can be read alike.
+std::unique_ptr<spdlog::formatter> MakeFormatter() {
+  return std::make_unique<spdlog::pattern_formatter>(kPattern, spdlog::pattern_time_type::local, "\n");
+}
+
+/// Held while a line goes into a file, whichever: some systems append by seeking the end first, so that a
+/// file and the one that takes its place would overwrite each other's lines when both have the same path.
+std::mutex& FileMutex() {
+  // Never destroyed: threads may log while the process exits.
+  static std::mutex& mutex = *new std::mutex;
+  return mutex;
+}
+
 /// The rotated file. Opens itself anew after a failure, which the sink alone would not survive: when a
 /// rotation cannot open the next file, it would go on with none.
 class LogFile {
@@ -46,7 +61,7 @@ class LogFile {
 
   /// False when the line could not be written and the one before it could.
   bool Write(const spdlog::details::log_msg& line) {
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(FileMutex());
     const auto now = std::chrono::steady_clock::now();
     if (failed_ && now < retry_at_) return true;
     try {
@@ -65,19 +80,35 @@ class LogFile {
 
  private:
   void Open() {
-    auto sink = std::make_unique<spdlog::sinks::rotating_file_sink_st>(path_, max_bytes_, max_files_);
-    sink->set_pattern(kPattern);
+    auto sink = std::make_unique<spdlog::sinks::rotating_file_sink_st>(os::Utf8Path(path_).native(),
+                                                                       max_bytes_, max_files_);
+    sink->set_formatter(MakeFormatter());
     sink_ = std::move(sink);
   }
 
   const std::string path_;
   const std::size_t max_bytes_;
   const std::size_t max_files_;
-  std::mutex mutex_;
-  // All below is guarded by mutex_ (the constructor is alone).
+  // All below is guarded by FileMutex (the constructor is alone).
   std::unique_ptr<spdlog::sinks::rotating_file_sink_st> sink_;
   bool failed_ = false;
   std::chrono::steady_clock::time_point retry_at_;
+};
+
+/// Writes to what the process has as stderr at that moment; a host may redirect it at any time.
+class Stderr {
+ public:
+  void Write(const spdlog::details::log_msg& line) {
+    spdlog::memory_buf_t text;
+    const std::lock_guard lock(mutex_);
+    formatter_->format(line, text);
+    std::fwrite(text.data(), 1, text.size(), stderr);
+    std::fflush(stderr);
+  }
+
+ private:
+  std::mutex mutex_;
+  const std::unique_ptr<spdlog::formatter> formatter_ = MakeFormatter();  // guarded by mutex_
 };
 
 struct Sinks {
@@ -90,9 +121,7 @@ struct Sinks {
 };
 
 struct State {
-  State() { stderr_sink.set_pattern(kPattern); }
-
-  spdlog::sinks::stderr_sink_mt stderr_sink;
+  Stderr err;
   std::mutex mutex;
   // Guarded by mutex.
   Sinks sinks;
@@ -134,7 +163,7 @@ void Deliver(int level, const char* tag, const char* text, std::size_t length) {
       // The other sinks get the line all the same.
     }
   }
-  if (level >= sinks.stderr_level) state.stderr_sink.log(line);
+  if (level >= sinks.stderr_level) state.err.Write(line);
   // The file knows that it failed and stays quiet until it is tried again, so this does not repeat.
   if (!file_works) {
     details::OMLQFormatLog(kLogLevelError, "TolmBase", "Lines are lost: cannot write the log file %s",

@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <cstdio>
 
+#include "LocalText.h"
+
 namespace Tolm::Base::StringUtil {
 namespace {
 
@@ -12,9 +14,8 @@ std::atomic<bool> g_log_masking{true};
 
 }  // namespace
 
-// The systems that are served have UTF-8 as their local code page.
 std::string Local2UTF8(const std::string& local) {
-  return local;
+  return LocalToUtf8(local);
 }
 
 std::string LowerCase(const std::string& text) {

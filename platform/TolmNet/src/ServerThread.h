@@ -1,7 +1,5 @@
 #pragma once
 
-#include <libwebsockets.h>
-
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -9,6 +7,7 @@
 #include <unordered_map>
 
 #include "Connection.h"
+#include "EventLoop.h"
 #include "EventSink.h"
 #include "ServerOptions.h"
 #include "Waker.h"
@@ -16,12 +15,7 @@
 namespace Tolm::Net {
 
 /// One server: its port, its connections, and the thread that serves them.
-///
-/// libwebsockets is the event loop here: it polls, reads, keeps time and is woken by other threads. Its own
-/// WebSocket role is not used: that takes frames without a mask, makes a second copy of what a socket
-/// does not take at once and so hides whether a peer reads, and its listener spins when the process has
-/// no descriptors left.
-class ServerThread : public std::enable_shared_from_this<ServerThread> {
+class ServerThread final : public std::enable_shared_from_this<ServerThread>, private EventLoop::Handler {
  public:
   ServerThread(HttpServerCallBack http_callback, const ServerOptions& options);
   ~ServerThread();
@@ -35,31 +29,25 @@ class ServerThread : public std::enable_shared_from_this<ServerThread> {
   void Stop();
 
  private:
-  struct Client {
-    lws* wsi = nullptr;
+  struct Client : EventLoop::Client {
     std::unique_ptr<Connection> connection;
   };
-  struct Tick {
-    lws_sorted_usec_list_t timer;  // first: the timer's address is the tick's
-    ServerThread* server;
-  };
 
-  static int OnEvent(lws* wsi, lws_callback_reasons reason, void* user, void* in, std::size_t len);
-  static void OnTick(lws_sorted_usec_list_t* timer);
+  // EventLoop::Handler
+  void OnListener() override { AcceptAll(); }
+  void OnTick() override { LookAtClocks(); }
+  bool OnClient(EventLoop::Client& client, EventLoop::Event event, const char* data,
+                std::size_t size) override;
 
-  int MakeContext(const SocketAddress& address);
-  bool IsWakeable();
-  void DestroyContext();
+  int MakeLoop(const SocketAddress& address);
+  void DestroyLoop();
   void ThreadMain();
   void AcceptAll();
   bool Adopt(const Accepted& accepted);
-  int OnClientEvent(Client& client, lws_callback_reasons reason, const char* data, std::size_t size);
   void FlushAll();
   void LookAtClocks();
   void Settle(Client& client);
-  void Kill(Client& client);
   void FollowSink();
-  void SetListening(bool on);
   void EnsureTick();
 
   const ServerOptions options_;
@@ -70,11 +58,8 @@ class ServerThread : public std::enable_shared_from_this<ServerThread> {
   std::thread thread_;
 
   // Touched by Start, and then by the thread only.
-  lws_context* context_ = nullptr;
-  lws* listener_ = nullptr;
-  int listening_socket_ = kNoSocket;
-  bool wakeable_ = false;
-  Tick tick_{};
+  std::unique_ptr<EventLoop> loop_;
+  Socket listening_socket_ = kNoSocket;
   bool ticking_ = false;
   bool short_of_descriptors_ = false;
   bool reading_ = true;  // false while the sink is full

@@ -9,7 +9,9 @@
 
 namespace Tolm::Net {
 
-inline constexpr int kNoSocket = -1;
+/// As wide as the system's own, on every system.
+using Socket = std::intptr_t;
+inline constexpr Socket kNoSocket = -1;
 
 /// An IPv4 address, four bytes as a number (127.0.0.1 is 0x7F000001), and a port.
 struct SocketAddress {
@@ -25,10 +27,10 @@ inline bool IsLoopback(std::uint32_t ip) {
 }
 
 /// A listening socket, non-blocking and not inherited; or kNoSocket with the system's text in `error`.
-int Listen(const SocketAddress& address, std::string& error);
+Socket Listen(const SocketAddress& address, std::string& error);
 
 struct Accepted {
-  int socket = kNoSocket;  ///< non-blocking and not inherited
+  Socket socket = kNoSocket;  ///< non-blocking and not inherited
   SocketAddress local;
   SocketAddress peer;
 };
@@ -39,17 +41,14 @@ enum class AcceptResult {
   kShortage,  ///< somebody waits, and the system has no descriptor or memory for him; `error` says which
 };
 
-AcceptResult Accept(int listener, Accepted& accepted, std::string& error);
+AcceptResult Accept(Socket listener, Accepted& accepted, std::string& error);
 
 /// What was taken of `size` bytes; 0 when there is no room now, negative when the connection is broken.
 /// Raises no signal.
-std::ptrdiff_t Send(int socket, const char* data, std::size_t size);
+std::ptrdiff_t Send(Socket socket, const char* data, std::size_t size);
 
 /// Tells the peer that nothing follows.
-void EndSending(int socket);
-void Close(int socket);
-
-/// How many descriptors the process may have.
-std::uint64_t DescriptorLimit();
+void EndSending(Socket socket);
+void Close(Socket socket);
 
 }  // namespace Tolm::Net

@@ -1,24 +1,24 @@
 #include "Waker.h"
 
-#include <libwebsockets.h>
+#include "EventLoop.h"
 
 namespace Tolm::Net {
 
-void Waker::SetContext(lws_context* context) {
+void Waker::SetLoop(EventLoop* loop) {
   const std::lock_guard lock(mutex_);
-  context_ = context;
+  loop_ = loop;
 }
 
 void Waker::Wake() {
   if (woken_.exchange(true, std::memory_order_acq_rel)) return;  // somebody did, and nobody has looked yet
   const std::lock_guard lock(mutex_);
-  if (context_ != nullptr) lws_cancel_service(context_);
+  if (loop_ != nullptr) loop_->Wake();
 }
 
 void Waker::Stop() {
   stopping_.store(true, std::memory_order_release);
   const std::lock_guard lock(mutex_);
-  if (context_ != nullptr) lws_cancel_service(context_);
+  if (loop_ != nullptr) loop_->Wake();
 }
 
 }  // namespace Tolm::Net

@@ -3,16 +3,16 @@
 #include <atomic>
 #include <mutex>
 
-struct lws_context;
-
 namespace Tolm::Net {
+
+class EventLoop;
 
 /// How other threads get the attention of a server's thread. What they want done lies elsewhere, under a
 /// lock of its own; here is only that there is something.
 class Waker {
  public:
-  /// `context` is woken from now on, until it is null again.
-  void SetContext(lws_context* context);
+  /// `loop` is woken from now on, until it is null again.
+  void SetLoop(EventLoop* loop);
 
   /// Any thread, also the server's own.
   void Wake();
@@ -27,8 +27,7 @@ class Waker {
   std::atomic<bool> stopping_{false};
   std::atomic<bool> woken_{false};
   std::mutex mutex_;
-  lws_context* context_ =
-      nullptr;  // guarded by mutex_: waking a context that is being destroyed is not allowed
+  EventLoop* loop_ = nullptr;  // guarded by mutex_: waking a loop that is being destroyed is not allowed
 };
 
 }  // namespace Tolm::Net

@@ -18,7 +18,6 @@
 namespace os {
 namespace {
 
-constexpr std::size_t kMaxNameLength = 64;
 constexpr int kBacklog = 256;
 
 EndpointResult<sockaddr_un> Address(const std::string& name) {
@@ -150,15 +149,6 @@ class UnixTransport final : public LocalTransport {
 };
 
 }  // namespace
-
-bool IsEndpointName(const std::string& name) {
-  if (name.empty() || name.size() > kMaxNameLength || name.front() == '.') return false;
-  for (const char c : name) {
-    const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
-    if (!plain && c != '.' && c != '_' && c != '-') return false;
-  }
-  return true;
-}
 
 LocalTransport& SystemTransport() {
   static UnixTransport& transport = *new UnixTransport;

@@ -84,4 +84,8 @@ bool IsLoopbackPeerSameUser(std::uint16_t local_port, std::uint16_t remote_port)
   return false;
 }
 
+bool IsLoopbackServerSameUser(std::uint16_t local_port, std::uint16_t remote_port) {
+  return IsLoopbackPeerSameUser(local_port, remote_port);
+}
+
 }  // namespace os

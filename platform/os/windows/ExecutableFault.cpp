@@ -5,15 +5,16 @@
 #include <filesystem>
 #include <fstream>
 #include <string_view>
+#include <system_error>
 
-#include "Handle.h"
+#include "WideText.h"
 
 namespace os {
 namespace {
 
 std::string HeadOf(const std::string& path) {
   constexpr std::size_t kEnough = 4096;
-  std::ifstream file(std::filesystem::path(Widen(path)), std::ios::binary);
+  std::ifstream file(std::filesystem::path(FromUtf8(path)), std::ios::binary);
   std::string head(kEnough, '\0');
   file.read(head.data(), static_cast<std::streamsize>(head.size()));
   head.resize(static_cast<std::size_t>(file.gcount()));
@@ -63,19 +64,33 @@ std::string FormatFault(std::string_view head) {
   return machine == kThisMachine ? "" : "it is made for another machine (" + MachineName(machine) + ")";
 }
 
+std::string MissingFolder(const std::string& path) {
+  std::error_code ignored;
+  std::filesystem::path missing;
+  for (std::filesystem::path folder = std::filesystem::path(FromUtf8(path)).parent_path();
+       !folder.empty() && !std::filesystem::exists(folder, ignored); folder = folder.parent_path()) {
+    missing = folder;
+    if (folder == folder.parent_path()) break;
+  }
+  return missing.empty() ? std::string() : "the folder " + ToUtf8(missing.native()) + " is missing";
+}
+
 }  // namespace
 
 std::string ExecutableFault(const std::string& path) {
-  const DWORD attributes = ::GetFileAttributesW(Widen(path).c_str());
-  if (attributes == INVALID_FILE_ATTRIBUTES) return "it does not exist";
+  const DWORD attributes = ::GetFileAttributesW(FromUtf8(path).c_str());
+  if (attributes == INVALID_FILE_ATTRIBUTES) {
+    const std::string folder = MissingFolder(path);
+    return folder.empty() ? "it does not exist" : folder;
+  }
   if ((attributes & FILE_ATTRIBUTE_DIRECTORY) != 0) return "it is a directory";
   const std::string head = HeadOf(path);
   return head.empty() ? "it is empty or cannot be read" : FormatFault(head);
 }
 
 std::string ExecutableFault(const std::string& path, int error) {
-  const DWORD attributes = ::GetFileAttributesW(Widen(path).c_str());
-  if (attributes == INVALID_FILE_ATTRIBUTES) return {};  // the system's text says it
+  const DWORD attributes = ::GetFileAttributesW(FromUtf8(path).c_str());
+  if (attributes == INVALID_FILE_ATTRIBUTES) return MissingFolder(path);
   if (error != ERROR_BAD_EXE_FORMAT && error != ERROR_EXE_MACHINE_TYPE_MISMATCH &&
       (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
     return {};

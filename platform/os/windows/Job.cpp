@@ -1,7 +1,5 @@
 #include "Job.h"
 
-#include <system_error>
-
 namespace os {
 
 Handle MakeJob() {
@@ -16,7 +14,7 @@ Handle MakeJob() {
 }
 
 void EndJob(const Handle& job) {
-  ::TerminateJobObject(job.get(), 1);
+  ::TerminateJobObject(job.get(), kKilledStatus);
   // Terminated processes count as long as they are being taken down; no object tells when that is over.
   constexpr DWORD kPatienceMs = 1000;
   const ULONGLONG begin = ::GetTickCount64();
@@ -33,10 +31,6 @@ void EndJob(const Handle& job) {
 
 std::wstring StopEventName(DWORD process_id) {
   return L"Local\\tolm-stop-" + std::to_wstring(process_id);
-}
-
-std::string SystemMessage(const std::string& doing, DWORD error) {
-  return doing + ": " + std::system_category().message(static_cast<int>(error));
 }
 
 }  // namespace os

@@ -3,8 +3,12 @@
 #include <string>
 
 #include "Handle.h"
+#include "SystemMessage.h"
 
 namespace os {
+
+/// The exit status of processes that we end.
+inline constexpr UINT kKilledStatus = 1;
 
 /// A job whose processes, descendants included, are killed when its last handle is closed, that is also
 /// when this process is killed. None when the system says no.
@@ -15,8 +19,5 @@ void EndJob(const Handle& job);
 
 /// The event through which the process with this number is asked to end.
 std::wstring StopEventName(DWORD process_id);
-
-/// "doing something: what the system says about GetLastError()".
-std::string SystemMessage(const std::string& doing, DWORD error);
 
 }  // namespace os

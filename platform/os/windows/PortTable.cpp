@@ -7,12 +7,23 @@
 
 #include <memory>
 #include <new>
+#include <optional>
 
 #include "Handle.h"
 #include "ProcessUser.h"
 
 namespace os {
 namespace {
+
+// A table may grow between the question for its size and its reading.
+constexpr int kMaxTries = 8;
+
+/// Wine does not know whose a socket is that listens, or that was accepted: it names nobody.
+bool IsWine() {
+  static const bool is_wine =
+      ::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr;
+  return is_wine;
+}
 
 /// A table's memory, filled; null when the system does not tell. `read` asks the system: with no memory it
 /// tells the size.
@@ -45,7 +56,8 @@ PortRow Convert(const MIB_TCPROW_OWNER_PID& from) {
   // The field of a socket that listens is not filled in.
   if (from.dwState != kTcpStateListen) row.remote_port = Port(from.dwRemotePort);
   row.state = from.dwState;
-  row.owning_process_id = from.dwOwningPid;
+  const bool is_unseen = from.dwOwningPid == 0 && from.dwState == kTcpStateListen && IsWine();
+  row.owning_process_id = is_unseen ? kUnknownOwner : from.dwOwningPid;
   return row;
 }
 
@@ -79,19 +91,43 @@ bool ReadUdpTable(std::vector<PortRow>& rows) {
                                         rows);
 }
 
-bool IsLoopbackPeerSameUser(std::uint16_t local_port, std::uint16_t remote_port) {
+namespace {
+
+/// The owner of the connection's other end; nothing when there is no such connection, or the table cannot be
+/// read.
+std::optional<PortRow> OtherEnd(std::uint16_t local_port, std::uint16_t remote_port) {
   std::vector<PortRow> rows;
-  if (!ReadTcpTable(rows)) return false;
+  for (int i = 0; i < kMaxTries && !ReadTcpTable(rows); ++i) {
+  }
   const std::uint32_t loopback = ::htonl(INADDR_LOOPBACK);
   for (const PortRow& row : rows) {
-    if (row.owning_process_id != 0 && row.local_address == loopback && row.local_port == remote_port &&
-        row.remote_address == loopback && row.remote_port == local_port) {
-      const Handle owner(::OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, row.owning_process_id));
-      const std::vector<char> user = UserOf(owner);
-      return !user.empty() && user == OwnUser();
+    if (row.local_address == loopback && row.local_port == remote_port && row.remote_address == loopback &&
+        row.remote_port == local_port) {
+      return row;
     }
   }
-  return false;
+  return std::nullopt;
+}
+
+bool IsOfThisUser(const PortRow& row) {
+  if (row.owning_process_id == 0) return false;
+  const Handle owner(::OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, row.owning_process_id));
+  const std::vector<char> user = UserOf(owner);
+  return !user.empty() && user == OwnUser();
+}
+
+}  // namespace
+
+bool IsLoopbackPeerSameUser(std::uint16_t local_port, std::uint16_t remote_port) {
+  const auto other = OtherEnd(local_port, remote_port);
+  return other && IsOfThisUser(*other);
+}
+
+bool IsLoopbackServerSameUser(std::uint16_t local_port, std::uint16_t remote_port) {
+  const auto other = OtherEnd(local_port, remote_port);
+  if (!other) return false;
+  if (other->owning_process_id == 0 && IsWine()) return other->state == MIB_TCP_STATE_ESTAB;
+  return IsOfThisUser(*other);
 }
 
 }  // namespace os

@@ -1,20 +1,26 @@
 #include <cstdint>
 #include <cstdio>
 #include <utility>
+#include <vector>
 
-#include "Job.h"
+#include "Handle.h"
+#include "ProcessUser.h"
+#include "SystemMessage.h"
 #include "os/ChildProcess.h"
 
 namespace os {
 namespace {
 
-/// A name for any text: in names of objects a backslash separates, and they end somewhere.
-std::string ObjectName(const std::string& name) {
+/// A name for any text: in names of objects a backslash separates, and they end somewhere. The same in all
+/// sessions of a user, and each user's own.
+std::wstring ObjectName(const std::string& name) {
   std::uint64_t hash = 0xcbf29ce484222325;  // FNV-1a
-  for (const char c : name) hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001b3;
+  const auto add = [&hash](char c) { hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001b3; };
+  for (const char c : OwnUser()) add(c);
+  for (const char c : name) add(c);
   char text[17];
   std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(hash));
-  return std::string("Local\\tolm-only-one-") + text;
+  return L"Global\\tolm-only-one-" + Widen(text);
 }
 
 /// That the mutex exists is the lock; nobody owns it, since only the thread that does could give it back.
@@ -30,7 +36,7 @@ class WindowsProcessLock final : public ProcessLock {
 
 std::unique_ptr<ProcessLock> ProcessLock::TryTake(const std::string& name, std::string& why) {
   why.clear();
-  Handle mutex(::CreateMutexW(nullptr, FALSE, Widen(ObjectName(name)).c_str()));
+  Handle mutex(::CreateMutexW(nullptr, FALSE, ObjectName(name).c_str()));
   const DWORD error = ::GetLastError();
   if (mutex && error != ERROR_ALREADY_EXISTS) return std::make_unique<WindowsProcessLock>(std::move(mutex));
   if (!mutex) why = SystemMessage("making the lock " + name, error);

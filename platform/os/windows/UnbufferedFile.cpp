@@ -1,9 +1,10 @@
 #include "os/UnbufferedFile.h"
 
-#include "Handle.h"
-
+#include <algorithm>
 #include <cstring>
 #include <limits>
+
+#include "WideText.h"
 
 namespace os {
 namespace {
@@ -43,11 +44,20 @@ class DirectFile final : public UnbufferedFile {
   const Handle file_;
 };
 
+/// The narrow call takes a path in the machine's code page, in which only ASCII means what it means here.
+HANDLE OpenFile(const std::string& path) {
+  constexpr DWORD kAccess = GENERIC_READ | GENERIC_WRITE;
+  const bool is_ascii = std::all_of(path.begin(), path.end(), [](char c) { return c > 0; });
+  return is_ascii
+             ? ::CreateFileA(path.c_str(), kAccess, 0, nullptr, OPEN_ALWAYS, FILE_FLAG_NO_BUFFERING, nullptr)
+             : ::CreateFileW(FromUtf8(path).c_str(), kAccess, 0, nullptr, OPEN_ALWAYS, FILE_FLAG_NO_BUFFERING,
+                             nullptr);
+}
+
 }  // namespace
 
 std::unique_ptr<UnbufferedFile> UnbufferedFile::Open(const std::string& path) {
-  Handle file(::CreateFileA(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_ALWAYS,
-                            FILE_FLAG_NO_BUFFERING, nullptr));
+  Handle file(OpenFile(path));
   if (!file) return nullptr;
   return std::make_unique<DirectFile>(std::move(file));
 }

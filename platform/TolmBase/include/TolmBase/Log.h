@@ -15,6 +15,8 @@
 #include <cstddef>
 #include <string>
 
+#include "TolmBase/PrintfLike.h"
+
 namespace Tolm::Base {
 
 inline constexpr int kLogLevelTrace = 2;
@@ -51,7 +53,7 @@ extern std::atomic<int> g_lowest_wanted_level;
 
 /// Formats and hands the line to every sink that wants `level`. Never throws; a line that cannot be
 /// formatted for want of memory is dropped. Leaves errno as it was.
-__attribute__((format(printf, 3, 4))) void OMLQFormatLog(int level, const char* tag, const char* format, ...);
+TOLM_PRINTF_LIKE(3, 4) void OMLQFormatLog(int level, const char* tag, const char* format, ...);
 
 }  // namespace details
 

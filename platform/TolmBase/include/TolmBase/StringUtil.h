@@ -2,9 +2,11 @@
 
 #include <string>
 
+#include "TolmBase/PrintfLike.h"
+
 namespace Tolm::Base::StringUtil {
 
-/// Text in the system's local code page as UTF-8. On systems whose narrow texts are UTF-8: a copy.
+/// Text in the system's local code page as UTF-8. Where that code page is UTF-8: a copy.
 std::string Local2UTF8(const std::string& local);
 
 /// ASCII letters in lower case; every other byte, UTF-8 sequences included, as it is.
@@ -15,7 +17,7 @@ std::string LowerCase(const std::string& text);
 std::string StringReplace(const std::string& text, const std::string& from, const std::string& to);
 
 /// printf into a string of whatever length it needs.
-__attribute__((format(printf, 1, 2))) std::string str_fmt(const char* format, ...);
+TOLM_PRINTF_LIKE(1, 2) std::string str_fmt(const char* format, ...);
 
 /// The mask mode that hides a session id.
 inline constexpr int kMaskModeSessionId = 21;

@@ -2,7 +2,7 @@
 
 #include <cstddef>
 #include <memory>
-#include <shared_mutex>
+#include <mutex>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -26,7 +26,9 @@ class PeerTable {
   std::size_t CountOpen() const;
 
  private:
-  mutable std::shared_mutex mutex_;
+  // Held for a look-up only, so sharing it would gain nothing. (With MinGW a std::shared_mutex never gives
+  // back the two semaphores that it took.)
+  mutable std::mutex mutex_;
   std::unordered_map<std::string, std::shared_ptr<wire::Link>> links_;
 };
 

@@ -1,11 +1,13 @@
 #include "wire/Link.h"
 
 #include <algorithm>
+#include <array>
 #include <exception>
 #include <iterator>
 #include <utility>
 
 #include "TolmBase/LogLine.h"
+#include "os/PerThread.h"
 
 namespace lpc::wire {
 namespace {
@@ -27,8 +29,8 @@ constexpr bool IsWaitingId(std::uint64_t id) {
 }
 
 char* ReadBuffer() {
-  thread_local std::unique_ptr<char[]> buffer(new char[kReadBuffer]);
-  return buffer.get();
+  static auto& buffers = *new os::PerThread<std::array<char, kReadBuffer>>;
+  return buffers.Get().data();
 }
 
 }  // namespace

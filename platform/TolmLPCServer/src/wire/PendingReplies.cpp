@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "TolmLPCServer/LpcError.h"
+#include "os/PerThread.h"
 
 namespace lpc::wire {
 
@@ -43,7 +44,8 @@ bool Waiter::IsDone() const {
 }
 
 std::shared_ptr<Waiter> Waiter::ForThisThread() {
-  thread_local std::shared_ptr<Waiter> kept;
+  static auto& of_each_thread = *new os::PerThread<std::shared_ptr<Waiter>>;
+  std::shared_ptr<Waiter>& kept = of_each_thread.Get();
   // Somebody who completed it late may hold it still; it is theirs then.
   if (!kept || kept.use_count() != 1) kept = std::make_shared<Waiter>();
   const std::lock_guard lock(kept->mutex_);

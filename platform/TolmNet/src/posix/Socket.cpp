@@ -3,7 +3,6 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -25,6 +24,10 @@ SocketAddress FromSystem(const sockaddr_in& address) {
   return {ntohl(address.sin_addr.s_addr), ntohs(address.sin_port)};
 }
 
+int Descriptor(Socket socket) {
+  return static_cast<int>(socket);
+}
+
 std::string SystemText(const char* doing, int error) {
   return std::string(doing) + ": " + std::system_category().message(error);
 }
@@ -44,7 +47,7 @@ std::string IpText(std::uint32_t ip) {
   return ::inet_ntop(AF_INET, &address, text, sizeof text) != nullptr ? text : "";
 }
 
-int Listen(const SocketAddress& address, std::string& error) {
+Socket Listen(const SocketAddress& address, std::string& error) {
   const int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
   if (listener < 0) {
     error = SystemText("socket", errno);
@@ -66,12 +69,12 @@ int Listen(const SocketAddress& address, std::string& error) {
   return kNoSocket;
 }
 
-AcceptResult Accept(int listener, Accepted& accepted, std::string& error) {
+AcceptResult Accept(Socket listener, Accepted& accepted, std::string& error) {
   for (;;) {
     sockaddr_in peer{};
     socklen_t size = sizeof peer;
-    const int socket =
-        ::accept4(listener, reinterpret_cast<sockaddr*>(&peer), &size, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    const int socket = ::accept4(Descriptor(listener), reinterpret_cast<sockaddr*>(&peer), &size,
+                                 SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (socket >= 0) {
       sockaddr_in local{};
       size = sizeof local;
@@ -107,26 +110,21 @@ AcceptResult Accept(int listener, Accepted& accepted, std::string& error) {
   }
 }
 
-std::ptrdiff_t Send(int socket, const char* data, std::size_t size) {
+std::ptrdiff_t Send(Socket socket, const char* data, std::size_t size) {
   for (;;) {
-    const ssize_t sent = ::send(socket, data, size, MSG_NOSIGNAL | MSG_DONTWAIT);
+    const ssize_t sent = ::send(Descriptor(socket), data, size, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (sent >= 0) return sent;
     if (errno == EINTR) continue;
     return errno == EAGAIN || errno == ENOBUFS || errno == ENOMEM ? 0 : -1;
   }
 }
 
-void EndSending(int socket) {
-  ::shutdown(socket, SHUT_WR);
+void EndSending(Socket socket) {
+  ::shutdown(Descriptor(socket), SHUT_WR);
 }
 
-void Close(int socket) {
-  ::close(socket);
-}
-
-std::uint64_t DescriptorLimit() {
-  rlimit limit{};
-  return ::getrlimit(RLIMIT_NOFILE, &limit) == 0 ? limit.rlim_cur : 0;
+void Close(Socket socket) {
+  ::close(Descriptor(socket));
 }
 
 }  // namespace Tolm::Net

@@ -8,8 +8,9 @@ namespace os {
 
 /// An event that processes of one user share by name. It exists while somebody holds it; a holder that is
 /// killed leaves nothing behind. Auto-reset: one Set releases one Wait. A Wait that is under way comes
-/// before one that begins later, and whoever made the event before those who found it; so whoever sets an
-/// event and then waits for the answer on the same event does not take its own signal.
+/// before one that begins later; where the event is a file, whoever made it also comes before those who found
+/// it. So whoever sets an event for which its maker waits, and then waits for the answer on the same event,
+/// does not take its own signal.
 ///
 /// `name` is any text, compared exactly ("Global\\C:/App/Agent.exe-agent" on every system).
 class NamedEvent {
@@ -29,7 +30,7 @@ class NamedEvent {
   virtual bool Wait(int timeout_ms) = 0;
   /// For a holder that is about to end: from now on nobody opens the event any more, and the same name makes
   /// another one. Those who hold it go on with it. (On systems whose events are no files the name lasts
-  /// until its last holder lets go.)
+  /// for as long as somebody else holds it.)
   virtual void GiveUpName() = 0;
   /// The handle's value, for log lines.
   virtual std::intptr_t native() const = 0;

@@ -30,4 +30,8 @@ bool ReadUdpTable(std::vector<PortRow>& rows);
 /// its own, `remote_port` that of the other end; both ends are 127.0.0.1.
 bool IsLoopbackPeerSameUser(std::uint16_t local_port, std::uint16_t remote_port);
 
+/// The same, asked by the end that has connected about the end that has accepted. Under Wine, which does not
+/// know whose such an end is, a connection that stands counts as this user's.
+bool IsLoopbackServerSameUser(std::uint16_t local_port, std::uint16_t remote_port);
+
 }  // namespace os

@@ -1,0 +1,47 @@
+# Every library that we call, under one target name each, whatever the system calls it.
+#
+#   Boost::headers  Boost::thread  CLI11::CLI11  spdlog::spdlog_header_only  pugixml::pugixml
+#   Tolm::RapidJSON  Tolm::WebSockets  Tolm::cJSON  and, for tests, GTest::*  Python3::Interpreter
+find_package(Threads REQUIRED)
+find_package(pugixml REQUIRED)
+add_library(tolm_rapidjson INTERFACE)
+add_library(Tolm::RapidJSON ALIAS tolm_rapidjson)
+
+if(WIN32 AND CMAKE_CROSSCOMPILING)
+  # Libraries that are headers only come from a folder of links to the build machine's, whose CMake
+  # packages speak of its own binaries ("./dev windows" lays it out).
+  list(GET CMAKE_FIND_ROOT_PATH 0 prefix)
+  foreach(name Boost::headers Boost::thread CLI11::CLI11 fmt::fmt-header-only spdlog::spdlog_header_only)
+    add_library(${name} INTERFACE IMPORTED)
+    target_include_directories(${name} SYSTEM INTERFACE ${prefix}/include)
+  endforeach()
+  # What Boost.Thread's locks need is in its headers on Windows; nothing of it is linked.
+  target_compile_definitions(Boost::headers INTERFACE BOOST_ALL_NO_LIB)
+  target_compile_definitions(Boost::thread INTERFACE BOOST_ALL_NO_LIB BOOST_THREAD_USE_LIB)
+  target_compile_definitions(fmt::fmt-header-only INTERFACE FMT_HEADER_ONLY=1)
+  target_compile_definitions(spdlog::spdlog_header_only INTERFACE SPDLOG_FMT_EXTERNAL)
+  target_link_libraries(spdlog::spdlog_header_only INTERFACE fmt::fmt-header-only)
+  target_include_directories(tolm_rapidjson SYSTEM INTERFACE ${prefix}/include)
+  find_package(libwebsockets REQUIRED CONFIG PATHS ${prefix}/cmake NO_DEFAULT_PATH NO_CMAKE_FIND_ROOT_PATH)
+  add_library(tolm_websockets INTERFACE)
+  add_library(Tolm::WebSockets ALIAS tolm_websockets)
+  target_include_directories(tolm_websockets SYSTEM INTERFACE ${prefix}/include)
+  target_link_libraries(tolm_websockets INTERFACE websockets ws2_32 userenv psapi iphlpapi crypt32)
+else()
+  find_package(Boost 1.81 REQUIRED COMPONENTS thread)
+  find_package(CLI11 REQUIRED)
+  find_package(fmt REQUIRED)
+  find_package(spdlog REQUIRED)
+  find_package(RapidJSON REQUIRED)
+  target_include_directories(tolm_rapidjson SYSTEM INTERFACE ${RapidJSON_INCLUDE_DIRS} ${RAPIDJSON_INCLUDE_DIRS})
+  find_package(PkgConfig REQUIRED)
+  pkg_check_modules(LIBWEBSOCKETS REQUIRED IMPORTED_TARGET GLOBAL libwebsockets)
+  add_library(Tolm::WebSockets ALIAS PkgConfig::LIBWEBSOCKETS)
+endif()
+
+include(TolmCJson)
+
+if(TOLM_BUILD_TESTS)
+  find_package(GTest REQUIRED)
+  find_package(Python3 REQUIRED COMPONENTS Interpreter)
+endif()

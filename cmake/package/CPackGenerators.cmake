@@ -1,0 +1,10 @@
+# Read by CPack for each kind of package: which components, and how many files of them.
+set(CPACK_COMPONENTS_ALL frame sdk documents apps)
+if(CPACK_GENERATOR STREQUAL DEB)
+  list(APPEND CPACK_COMPONENTS_ALL copyright_runtime copyright_development copyright_programs)
+  set(CPACK_COMPONENTS_GROUPING ONE_PER_GROUP)
+else()
+  list(APPEND CPACK_COMPONENTS_ALL licences)
+  set(CPACK_COMPONENTS_GROUPING ALL_COMPONENTS_IN_ONE)
+  set(CPACK_COMPONENT_INCLUDE_TOPLEVEL_DIRECTORY ON)
+endif()

@@ -1,0 +1,9 @@
+#include "PortRows.h"
+
+namespace os {
+
+bool TellsOwners() {
+  return true;
+}
+
+}  // namespace os
