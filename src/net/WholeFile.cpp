@@ -5,6 +5,7 @@
 #include <memory>
 #include <string_view>
 
+#include "os/OpenToRead.h"
 #include "os/UnbufferedFile.h"
 
 namespace TolmLPCFrame {
@@ -26,7 +27,7 @@ struct OpenedFile {
 
 /// The file and its size; no file when it cannot be opened or holds nothing.
 OpenedFile OpenWithContent(const std::string& path) {
-  File file(std::fopen(path.c_str(), "rb"));
+  File file(os::OpenToRead(path));
   if (file == nullptr || std::fseek(file.get(), 0, SEEK_END) != 0) return {};
   const long size = std::ftell(file.get());
   if (size <= 0 || std::fseek(file.get(), 0, SEEK_SET) != 0) return {};

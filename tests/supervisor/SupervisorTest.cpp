@@ -366,8 +366,8 @@ TEST_F(Guard, MalformedAndUnknownMessagesCostOneLineEach) {
       R"({"guid":"g","requestData":{"method":"NotifyFrameInitState","initState":"1","PluginList":["shop"]}})",
       R"({"guid":"g","requestData":{"method":"StartProcess"}})",
       R"({"guid":"g","requestData":{"method":"StopProcess","processName":7}})",
-      R"({"guid":"g","requestData":{"method":"SetProcessGuardStateList","guardInfoList":[)"
-      R"({"processName":"clock"}]}})",
+      (R"({"guid":"g","requestData":{"method":"SetProcessGuardStateList","guardInfoList":[)"
+       R"({"processName":"clock"}]}})"),
       R"({"guid":"g","responseData":"?"})",
   };
   for (const char* const text : texts) Say(text);

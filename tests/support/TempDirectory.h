@@ -52,12 +52,13 @@ class EnvironmentValue {
 /// Endpoints of this process, and of those that it starts, lie in a directory of the test's own.
 class RuntimeDirectory {
  public:
+  RuntimeDirectory() : variable_("XDG_RUNTIME_DIR", directory_.path().string()) {}
   const std::filesystem::path& path() const { return directory_.path(); }
   std::filesystem::path endpoints() const { return path() / "tolm-lpc"; }
 
  private:
   const TempDirectory directory_;
-  const EnvironmentValue variable_{"XDG_RUNTIME_DIR", directory_.path().string()};
+  const EnvironmentValue variable_;
 };
 
 }  // namespace tolm::test

@@ -115,7 +115,7 @@ TEST(OsPortTable, AppendsToWhatIsThere) {
   const LoopbackSocket listening = LoopbackSocket::Listening();
   std::vector<PortRow> rows(2);
   rows[1].local_port = 4711;
-  ASSERT_TRUE(ReadTcpTable(rows));
+  ASSERT_TRUE(ReadOf(ReadTcpTable, rows));
   EXPECT_GT(rows.size(), 2u);
   EXPECT_EQ(rows[0].local_port, 0u);
   EXPECT_EQ(rows[1].local_port, 4711u);
@@ -126,7 +126,7 @@ TEST(OsPortTable, ShowsManySockets) {
   for (int i = 0; i < 200; ++i) sockets.push_back(LoopbackSocket::Listening());
   EXPECT_TRUE(tolm::test::WaitFor([&] {
     std::vector<PortRow> rows;
-    EXPECT_TRUE(ReadTcpTable(rows));
+    EXPECT_TRUE(ReadOf(ReadTcpTable, rows));
     std::set<std::uint16_t> ports;
     for (const PortRow& row : rows) {
       if (row.state == kTcpStateListen) ports.insert(row.local_port);
@@ -142,6 +142,8 @@ TEST(OsLoopbackPeer, IsTheSameUsersForAConnectionOfOurs) {
   const LoopbackSocket listening = LoopbackSocket::Listening();
   const LoopbackSocket near = LoopbackSocket::Connected(listening.port());
   const LoopbackSocket far = listening.Accepted();
+  EXPECT_TRUE(IsLoopbackServerSameUser(near.port(), far.port()));
+  if (!TellsOwners()) GTEST_SKIP() << kNoOwners;
   EXPECT_TRUE(IsLoopbackPeerSameUser(far.port(), near.port()));
   EXPECT_TRUE(IsLoopbackPeerSameUser(near.port(), far.port()));
 }
@@ -157,6 +159,7 @@ TEST(OsLoopbackPeer, IsNobodysWithoutAConnection) {
   near.Close();
   far.Close();
   EXPECT_FALSE(IsLoopbackPeerSameUser(local, remote)) << "what is left of one is nobody's";
+  EXPECT_FALSE(IsLoopbackServerSameUser(remote, local));
 }
 
 }  // namespace

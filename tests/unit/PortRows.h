@@ -28,10 +28,15 @@ inline std::uint32_t OwnId() {
 
 using Read = bool (*)(std::vector<PortRow>&);
 
+/// Whether a table could be appended. On some systems a reading fails when the table grows meanwhile.
+inline bool ReadOf(Read read, std::vector<PortRow>& rows) {
+  return tolm::test::WaitFor([&] { return read(rows); });
+}
+
 /// The row of a socket on loopback, if the table shows one.
 inline std::optional<PortRow> Row(Read read, std::uint16_t local_port, std::uint16_t remote_port) {
   std::vector<PortRow> rows;
-  EXPECT_TRUE(read(rows));
+  EXPECT_TRUE(ReadOf(read, rows));
   for (const PortRow& row : rows) {
     if (row.local_address == kLoopback && row.local_port == local_port && row.remote_port == remote_port) {
       return row;

@@ -1,9 +1,9 @@
-#include <cstdint>
-#include <cstdio>
+#include <string>
 #include <utility>
 #include <vector>
 
 #include "Handle.h"
+#include "NameHash.h"
 #include "ProcessUser.h"
 #include "SystemMessage.h"
 #include "os/ChildProcess.h"
@@ -14,13 +14,8 @@ namespace {
 /// A name for any text: in names of objects a backslash separates, and they end somewhere. The same in all
 /// sessions of a user, and each user's own.
 std::wstring ObjectName(const std::string& name) {
-  std::uint64_t hash = 0xcbf29ce484222325;  // FNV-1a
-  const auto add = [&hash](char c) { hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001b3; };
-  for (const char c : OwnUser()) add(c);
-  for (const char c : name) add(c);
-  char text[17];
-  std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(hash));
-  return L"Global\\tolm-only-one-" + Widen(text);
+  const std::vector<char> user = OwnUser();
+  return L"Global\\tolm-only-one-" + Widen(NameHash(std::string(user.begin(), user.end()) + name));
 }
 
 /// That the mutex exists is the lock; nobody owns it, since only the thread that does could give it back.

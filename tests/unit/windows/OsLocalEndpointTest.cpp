@@ -114,7 +114,7 @@ class OsLocalEndpoint : public testing::Test {
 
 TEST_F(OsLocalEndpoint, APipeThatIsThereAlreadyIsNotJoined) {
   const std::wstring pipe = PipeOf("name");
-  for (const DWORD instances : {1, PIPE_UNLIMITED_INSTANCES}) {
+  for (const DWORD instances : {DWORD{1}, DWORD{PIPE_UNLIMITED_INSTANCES}}) {
     const OwnedHandle taken = MakePipe(pipe, instances, nullptr);
     ASSERT_TRUE(taken);
     EXPECT_EQ(Listen("name"), EndpointError::kInUse) << message_;

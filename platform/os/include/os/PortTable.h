@@ -21,7 +21,8 @@ struct PortRow {
   std::uint32_t owning_process_id = 0;  ///< 0: held by no process any more (a closed connection's rest)
 };
 
-/// Appends the system's sockets to `rows`. False when the system does not tell; `rows` is then unchanged.
+/// Appends the system's sockets to `rows`. False when the system does not tell; `rows` is then unchanged. On
+/// Windows this is also so when the table has grown while it was read.
 bool ReadTcpTable(std::vector<PortRow>& rows);
 bool ReadUdpTable(std::vector<PortRow>& rows);
 
