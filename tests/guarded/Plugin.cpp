@@ -25,10 +25,6 @@ namespace {
 using TolmPlugin::Message;
 using TolmPlugin::Request;
 
-[[noreturn]] void Linger() {
-  for (;;) std::this_thread::sleep_for(std::chrono::hours(1));
-}
-
 void StartFamily() {
   os::StartHidden(os::JoinCommandLine({tolm::test::ThisProgram().string(), "--member"}));
 }
@@ -50,7 +46,7 @@ int main(int argc, char** argv) {
     } else if (option == "--family") {
       StartFamily();
     } else if (option == "--member") {
-      Linger();
+      tolm::test::WaitForever();
     } else {
       options.push_back(argv[i]);
     }
@@ -69,13 +65,13 @@ int main(int argc, char** argv) {
   });
   plugin.OnUninit([stubborn] {
     std::cout << "asked to uninitialise" << std::endl;
-    if (stubborn) Linger();
+    if (stubborn) tolm::test::WaitForever();
   });
   plugin.OnReady([&] { std::cout << id << " is ready" << std::endl; });
   if (stubborn) {
     std::signal(SIGTERM, SIG_IGN);
     if (options.size() < 5 || !plugin.Start(options[4])) return 1;
-    Linger();
+    tolm::test::WaitForever();
   }
   return plugin.Run(static_cast<int>(options.size()), options.data());
 }

@@ -5,6 +5,7 @@ import os
 import pathlib
 import queue
 import re
+import select
 import shutil
 import signal
 import socket
@@ -68,7 +69,7 @@ def wait_for_nobody(folder):
     deadline = time.monotonic() + PATIENCE
     while left := processes_below(folder):
         require(time.monotonic() < deadline, f"processes of {folder} do not end: {left}")
-        time.sleep(0.05)
+        select.select([], [], [], 0.05)
 
 
 class Program:

@@ -108,10 +108,6 @@ void SayWithId(const std::string& who) {
   Say(who + " " + std::to_string(OwnProcessId()));
 }
 
-void WaitForever() {
-  for (;;) std::this_thread::sleep_for(std::chrono::hours(1));
-}
-
 int RunAsRole(const Arguments& role, const std::map<std::string, Role>& more) {
   static const std::map<std::string, Role> kRoles{
       {"print", Print},

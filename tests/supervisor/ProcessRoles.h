@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "support/System.h"
+
 namespace tolm::test {
 
 using Arguments = std::vector<std::string>;
@@ -20,6 +22,5 @@ int RunAsRole(const Arguments& role, const std::map<std::string, Role>& more = {
 void Say(const std::string& line);
 /// "who 4711", with the number of this process.
 void SayWithId(const std::string& who);
-[[noreturn]] void WaitForever();
 
 }  // namespace tolm::test

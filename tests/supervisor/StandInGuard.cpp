@@ -25,10 +25,6 @@ void WriteDown(const std::string& journal, const std::string& line) {
   if (!file.flush()) std::_Exit(1);
 }
 
-[[noreturn]] void WaitForever() {
-  for (;;) std::this_thread::sleep_for(std::chrono::hours(1));
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -36,7 +32,7 @@ int main(int argc, char** argv) {
   if (what == "--wait") {
     std::signal(SIGTERM, SIG_IGN);
     std::cout << "waits" << std::endl;
-    WaitForever();
+    tolm::test::WaitForever();
   }
   if (what == "--say" && argc == 4) {
     std::cout << argv[2] << std::endl;
@@ -67,5 +63,5 @@ int main(int argc, char** argv) {
   std::cout << "the stand-in\nspeaks" << std::flush;
   WriteDown(journal, "guard " + id);
   if (mode == "end-at-once") return 0;
-  WaitForever();
+  tolm::test::WaitForever();
 }

@@ -39,5 +39,7 @@ int FreePort();
 /// The time between two looks at a condition, about a millisecond. No test relies on how long it is, and no
 /// stand-in of a clock sees it.
 void Nap();
+/// Until this process is ended from outside.
+[[noreturn]] void WaitForever();
 
 }  // namespace tolm::test

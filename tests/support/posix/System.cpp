@@ -100,4 +100,8 @@ void Nap() {
   ::poll(nullptr, 0, 1);
 }
 
+void WaitForever() {
+  for (;;) ::pause();
+}
+
 }  // namespace tolm::test

@@ -141,7 +141,11 @@ int FreePort() {
 }
 
 void Nap() {
-  ::Sleep(1);
+  ::WaitForSingleObject(::GetCurrentThread(), 1);
+}
+
+void WaitForever() {
+  for (;;) ::WaitForSingleObject(::GetCurrentThread(), INFINITE);
 }
 
 }  // namespace tolm::test
