@@ -83,6 +83,8 @@ class Endpoint {
 
 class Link : public testing::Test {
  protected:
+  ~Link() override { link_.reset(); }  // until then it tells of events
+
   void WritePort(std::uint16_t port) const {
     std::ofstream(config()) << "<Config><ClientPort>" << port << "</ClientPort></Config>\n";
   }
