@@ -1,6 +1,6 @@
 # What the Windows build needs on a Linux machine. To be sourced by ./dev.
 
-windows_packages=(g++-mingw-w64-x86-64-posix wine64 wine procps googletest)
+windows_packages=(g++-mingw-w64-x86-64-posix wine64 wine googletest)
 pugixml_version=1.13
 libwebsockets_version=4.1.6
 windows_prefix=build/deps/windows
