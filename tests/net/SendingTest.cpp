@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "Outbox.h"
-#include "OwnProcess.h"
 #include "ServerEnd.h"
+#include "support/OwnResources.h"
 
 namespace tolm::test {
 namespace {

@@ -7,10 +7,10 @@
 #include <thread>
 
 #include "ConnectionTable.h"
-#include "OwnProcess.h"
 #include "ServerEnd.h"
 #include "ServerPort.h"
 #include "Socket.h"
+#include "support/OwnResources.h"
 
 namespace tolm::test {
 namespace {
@@ -75,9 +75,9 @@ TEST(NetStart, WithBadArgumentsFails) {
 
 TEST(NetStop, LeavesNeitherThreadNorDescriptor) {
   { const ServerEnd warm_up; }
-  const std::size_t threads = CountThreads();
-  const std::size_t descriptors = CountDescriptors();
-  ASSERT_GT(descriptors, 0U);
+  const long threads = RunningThreads();
+  const long descriptors = OpenDescriptors();
+  ASSERT_GT(descriptors, 0);
   for (int i = 0; i < 5; ++i) {
     ServerEnd server;
     auto client = RawClient::Upgraded(server.port());
@@ -86,8 +86,8 @@ TEST(NetStop, LeavesNeitherThreadNorDescriptor) {
     EXPECT_EQ(server.Stop(), 0);
     client.Close();
     half_open.Close();
-    EXPECT_EQ(CountThreads(), threads);
-    EXPECT_EQ(CountDescriptors(), descriptors);
+    EXPECT_EQ(RunningThreads(), threads);
+    EXPECT_EQ(OpenDescriptors(), descriptors);
   }
   EXPECT_EQ(ConnectionTable::Instance().size(), 0U);
 }
@@ -173,7 +173,7 @@ TEST(NetStop, OnManyThreadsIsDoneOnce) {
 
 TEST(NetStop, WithinACallbackReturnsAtOnceAndTheRestFollows) {
   { const ServerEnd warm_up; }
-  const std::size_t threads = CountThreads();
+  const long threads = RunningThreads();
   ServerEnd server;
   std::atomic<int> result{-1};
   server.OnEvent([&](const SeenEvent& event) {
@@ -183,7 +183,7 @@ TEST(NetStop, WithinACallbackReturnsAtOnceAndTheRestFollows) {
   client.Send(Text("stop") + Text("not any more") + CloseBytes(1000));
   EXPECT_TRUE(client.ReadToEnd());
   EXPECT_EQ(result, kNetOk);
-  EXPECT_TRUE(WaitFor([&] { return CountThreads() == threads; }));
+  EXPECT_TRUE(WaitFor([&] { return RunningThreads() == threads; }));
   EXPECT_EQ(Story(server.Events()), "handshake, text 'stop'");
 }
 

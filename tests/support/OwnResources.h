@@ -6,6 +6,8 @@ namespace tolm::test {
 /// Descriptors: what the system calls them, or handles.
 long OpenDescriptors();
 long RunningThreads();
+/// Of processor time, in all its threads so far.
+double ProcessorSeconds();
 
 /// So many descriptors may come without being a leak: where locks are given theirs when they are first
 /// waited for.

@@ -6,9 +6,9 @@
 #include <cstdlib>
 #include <list>
 
-#include "OwnProcess.h"
 #include "ServerEnd.h"
 #include "ServerPort.h"
+#include "support/OwnResources.h"
 
 namespace tolm::test {
 namespace {

@@ -1,5 +1,7 @@
 #include "support/OwnResources.h"
 
+#include <sys/resource.h>
+
 #include <filesystem>
 #include <iterator>
 
@@ -21,6 +23,15 @@ long OpenDescriptors() {
 
 long RunningThreads() {
   return EntriesOf("/proc/self/task");
+}
+
+double ProcessorSeconds() {
+  rusage usage{};
+  ::getrusage(RUSAGE_SELF, &usage);
+  const auto seconds = [](const timeval& time) {
+    return static_cast<double>(time.tv_sec) + 1e-6 * static_cast<double>(time.tv_usec);
+  };
+  return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 
 }  // namespace tolm::test

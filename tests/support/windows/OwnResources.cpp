@@ -50,4 +50,16 @@ long RunningThreads() {
   return count;
 }
 
+double ProcessorSeconds() {
+  FILETIME made{};
+  FILETIME ended{};
+  FILETIME kernel{};
+  FILETIME user{};
+  ::GetProcessTimes(::GetCurrentProcess(), &made, &ended, &kernel, &user);
+  const auto seconds = [](const FILETIME& time) {
+    return 1e-7 * static_cast<double>(std::uint64_t{time.dwHighDateTime} << 32 | time.dwLowDateTime);
+  };
+  return seconds(kernel) + seconds(user);
+}
+
 }  // namespace tolm::test
