@@ -4,7 +4,14 @@
 
 #include "Handle.h"
 
+// Not in a header of MinGW.
+extern "C" NTSYSAPI BOOLEAN NTAPI RtlDllShutdownInProgress();
+
 namespace os {
+
+bool AreOtherThreadsGone() {
+  return ::RtlDllShutdownInProgress() != FALSE;
+}
 
 // Slots of fibers and not of threads, since only these call back when a thread ends.
 ThreadSlot::ThreadSlot(Destroy destroy)

@@ -9,6 +9,10 @@
 
 namespace os {
 
+/// Whether the process is ending in a way that has ended its other threads wherever they were. What they were
+/// working on, locks above all, is then not to be touched any more.
+bool AreOtherThreadsGone();
+
 /// A pointer for each thread, null at first, given to `destroy` when the thread ends unless it is null then.
 /// The slot itself lasts as long as the process. Throws std::system_error when the system has none left.
 class ThreadSlot {
@@ -24,11 +28,14 @@ class ThreadSlot {
 };
 
 /// For objects with static lifetime that are never destroyed. T is made on its first use by a thread, with
-/// its default constructor, and destroyed when that thread ends.
+/// its default constructor, and destroyed when that thread ends, unless AreOtherThreadsGone.
 template <typename T>
 class PerThread {
  public:
-  PerThread() : slot_([](void* value) { delete static_cast<T*>(value); }) {}
+  PerThread()
+      : slot_([](void* value) {
+          if (!AreOtherThreadsGone()) delete static_cast<T*>(value);
+        }) {}
   PerThread(const PerThread&) = delete;
   PerThread& operator=(const PerThread&) = delete;
 
