@@ -13,19 +13,25 @@ namespace bench {
 
 /// What a child is to do.
 enum class Task : std::uint32_t {
-  // A bare socket's other end. Each is done `count` times.
+  // A bare stream's other end. Each is done `count` times.
   kRawEcho,    ///< read `size` bytes, write them back
   kRawAnswer,  ///< read `size` bytes, write one
   kRawSource,  ///< read one byte, write `size`
   kRawSink,    ///< read `size` bytes; at the very end write one
+  kRawGroups,  ///< read kGroup times `size` bytes, write one
   // A plugin. Each is answered when it is done.
-  kConnect,     ///< start to look for the frame
-  kCallHost,    ///< `count` calls of the host with a body of `size`; the answer is how long each took
-  kCallPlugin,  ///< the same, of another plugin through the frame
-  kNotifyHost,  ///< `count` notifications
-  kExpect,      ///< wait until `count` more notifications have been handled
-  kRegister,    ///< register `count` urls beginning with number `size`
-  kIdlePeers,   ///< connect `count` more clients that do nothing
+  kConnect,           ///< start to look for the frame
+  kCallHost,          ///< `count` calls of the host with `size` bytes; the answer is what CallRunner gives
+  kCallPlugin,        ///< the same, of another plugin through the frame
+  kNotifyHost,        ///< `count` notifications
+  kNotifyHostGroups,  ///< `count` groups of them, each when the one before was handled; how many in a second
+  kPushHost,          ///< `count` pushes
+  kStock,             ///< have `count` answers of `size` bytes ready
+  kExpect,            ///< wait until `count` more notifications have been handled
+  kExpectGroups,      ///< the same, of `count` groups, and write one byte for each
+  kRegister,          ///< register `count` urls beginning with number `size`
+  kIdlePeers,         ///< connect `count` more clients that do nothing
+  kIdlePlugins,       ///< start `count` more plugins that do nothing, of PluginName
   // A host. Each is answered when it is done.
   kSilence,        ///< print no line of the frame's log
   kStartFrame,     ///< start the frame as frame_type `size` with `count` listed plugins; milliseconds
@@ -37,10 +43,22 @@ enum class Task : std::uint32_t {
   kStopFrame,      ///< stop the frame in order
 };
 
+/// Messages that are sent without waiting, up to the one that the receiver says a byte for.
+inline constexpr std::size_t kGroup = 16;
+
+/// What the bytes of a call are, there and back.
+enum class Shape : std::uint32_t {
+  kBody,
+  kHeaders,  ///< the body, with three headers beside it
+  kPart,     ///< one part of a multipart message, without a body
+};
+
 struct Order {
   Task task = Task::kRawEcho;
   std::uint32_t size = 0;
   std::uint64_t count = 0;
+  std::uint32_t callers = 1;  ///< threads that make the calls
+  Shape shape = Shape::kBody;
 };
 
 /// One end, which reads and writes without any detour: what is measured beside the frame is this. Every

@@ -5,6 +5,7 @@
 #include <thread>
 #include <utility>
 
+#include "Shapes.h"
 #include "TolmLPCFrameDiagnostics.h"
 #include "TolmLPCServer/LpcError.h"
 #include "Urls.h"
@@ -58,12 +59,25 @@ std::string Host::Call(const std::string& url, const std::string& body) const {
   return std::move(response.body);
 }
 
+std::vector<double> Host::Calls(const std::string& url, const Order& order) {
+  LPCData request;
+  request.url = url;
+  Fill(order, request.http_headers, request.http_mime, request.body);
+  return runner_.Run<LPCData>(order, [&](LPCData& response) {
+    if (!TolmLPCFrame::SyncSend(response, request, kCallMs))
+      throw std::runtime_error("no answer from " + url);
+    Check(order, response.http_headers, response.http_mime, response.body);
+  });
+}
+
 void Host::Answer(const LPCData& request) {
   LPCData reply;
   reply.msg_type = TolmLPCFrame::kMsgTypeReply;
   reply.msg_id = request.msg_id;
   reply.dst_id = request.src_id;
-  reply.body = request.body;
+  reply.http_headers = request.http_headers;
+  reply.http_mime = request.http_mime;
+  reply.body = stock_.Take(request.body);
   std::uint64_t unused = 0;
   TolmLPCFrame::AsyncSend(unused, reply);
 }
@@ -84,6 +98,8 @@ bool Host::Callback(const TolmLPCFrame::FrameCallBackData& data, void* user) {
     } else if (data.lpc_data.url == kHostCountUrl) {
       host.counter_.Count();
     }
+  } else if (data.LpcMsgType == TolmLPCFrame::kLpcMsgPush) {
+    host.counter_.Count();
   }
   return true;
 }

@@ -7,7 +7,9 @@
 #include <string>
 #include <vector>
 
+#include "Callers.h"
 #include "Counter.h"
+#include "Stock.h"
 #include "TolmLPCFrame.h"
 
 namespace bench {
@@ -25,13 +27,20 @@ class Host {
   /// The answer's body of the request to `url`, which must come.
   std::string Call(const std::string& url, const std::string& body) const;
 
-  /// Counts notifications to kHostCountUrl.
+  /// As `order` says, calls of the url `url`, whose plugin echoes; what CallRunner gives.
+  std::vector<double> Calls(const std::string& url, const Order& order);
+
+  /// What it answers large requests with.
+  Stock& stock() { return stock_; }
+  /// Counts notifications to kHostCountUrl, and pushes.
   Counter& counter() { return counter_; }
 
  private:
   static bool Callback(const TolmLPCFrame::FrameCallBackData& data, void* user);
   void Answer(const TolmLPCFrame::LPCData& request);
 
+  CallRunner runner_;
+  Stock stock_;
   Counter counter_;
   std::mutex mutex_;
   // Guarded by mutex_.

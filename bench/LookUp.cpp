@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <cstdio>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -13,6 +14,7 @@
 #include "Measurements.h"
 #include "Process.h"
 #include "Samples.h"
+#include "Targets.h"
 #include "Urls.h"
 
 namespace bench {
@@ -26,6 +28,12 @@ constexpr std::size_t kPerSample = 20;
 bool IsKnown(const std::string& url) {
   int time_out = 0;
   return TolmLPCFrame::IsPluginURL(time_out, url);
+}
+
+std::string AtMost(const char* format, double limit) {
+  char text[32];
+  std::snprintf(text, sizeof text, format, limit);
+  return std::string("<= ") + text;
 }
 
 void Register(Child& plugin, std::uint64_t first, std::uint64_t end) {
@@ -66,7 +74,7 @@ std::vector<Row> MeasureLookUp(const Settings& settings) {
     std::uint64_t urls;
     const char* name;
   };
-  constexpr Size kSizes[] = {{10, "10"}, {1000, "1,000"}, {10'000, "10,000"}, {1'000'000, "1,000,000"}};
+  constexpr Size kSizes[] = {{10, "10"}, {1000, "1K"}, {10'000, "10K"}, {1'000'000, "1M"}};
   std::mt19937_64 random(4711);
   std::uint64_t registered = 0;
   double hit_with_1000 = kNone;
@@ -91,18 +99,20 @@ std::vector<Row> MeasureLookUp(const Settings& settings) {
       hits.Add(hit);
       misses.Add(miss);
     }
-    Row hit = MakeRow(std::string(size.name) + " urls, found", "ns", hits);
-    Row miss = MakeRow(std::string(size.name) + " urls, not found", "ns", misses);
+    const std::string name = std::string("lookup.") + size.name;
+    Row hit = MakeRow(name + ".found", "ns", hits);
+    Row miss = MakeRow(name + ".not_found", "ns", misses);
     if (size.urls == 1000) {
       hit_with_1000 = hit.median;
       miss_with_1000 = miss.median;
+      WantAtMost(hit, hit.median, kTargets.lookup_1k_ns, AtMost("%.0f ns", kTargets.lookup_1k_ns));
     }
     if (size.urls == 1'000'000) {
       hit.ratio = hit.median / hit_with_1000;
       miss.ratio = miss.median / miss_with_1000;
       for (Row* const row : {&hit, &miss}) {
-        WantAtMost(*row, row->ratio, 5.0, "<= 5.0x");
-        row->note = "ratio to 1,000 urls";
+        WantAtMost(*row, row->ratio, kTargets.lookup_growth, AtMost("%.1fx", kTargets.lookup_growth));
+        row->note = "ratio to lookup.1K";
       }
     }
     rows.push_back(hit);

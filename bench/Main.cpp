@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -13,6 +14,7 @@
 #include <vector>
 
 #include "Measurements.h"
+#include "Peers.h"
 #include "Process.h"
 #include "RawPeer.h"
 #include "Roles.h"
@@ -24,37 +26,21 @@ namespace bench {
 namespace {
 
 std::vector<Measurement> AllMeasurements() {
-  std::vector<Measurement> all = {
-      {"raw",
-       "ping-pong of two processes over a bare stream, blocking read and write: the yardstick (a Unix "
-       "socket; on "
-       "Windows a named pipe)",
-       MeasureRaw},
-      {"sync", "host -> plugin and back, SyncSend, the plugin echoes the body", MeasureSyncSend},
-      {"tohost", "plugin -> host and back, answered in the host's callback, measured in the plugin",
-       MeasurePluginToHost},
-      {"plugins", "plugin -> frame -> plugin and back, measured in the calling plugin",
-       MeasurePluginToPlugin},
-      {"notify", "notifications until the last has been handled; raw: writes of frames of the same size",
-       MeasureNotifications},
-      {"callers", "calls of 64 B in a second, from threads of the host", MeasureCallers},
-      {"bandwidth", "1 MiB in a message; raw: 1 MiB one way, one byte the other", MeasureBandwidth},
-      {"lookup", "IsPluginURL for any of the registered urls, and for others", MeasureLookUp},
-      {"log", "a log line that nobody wants", MeasureUnwantedLogLine},
-      {"idle", "the processor's time of an idle host in ten seconds", MeasureIdle},
-  };
-  for (const Measurement& own : OwnMeasurements()) all.push_back(own);
-  all.push_back({"raw again", "the yardstick once more: has the machine changed its pace?", MeasureRaw});
+  auto all = FrameMeasurements();
+  for (const Measurement& peer : PeerMeasurements()) all.push_back(peer);
+  all.push_back({"raw_again", "the yardstick once more: has the machine changed its pace?", MeasureRawAgain});
   return all;
 }
 
 constexpr int kSecondsForOne = 120;
+constexpr int kLastCore = -1;
 
 struct Options {
   Settings settings;
   std::vector<std::string> only;
   std::string json;
-  int core = -2;
+  int core = kLastCore;
+  bool free = false;
   std::string role;
   std::string endpoint;
   std::string id;
@@ -67,7 +53,7 @@ struct Options {
   std::ostringstream text;
   try {
     for (const Measurement& measurement : AllMeasurements()) {
-      if (measurement.name != name) continue;
+      if (measurement.name != name || measurement.make == nullptr) continue;
       text << '+';
       for (const Row& row : measurement.make(settings)) text << row;
     }
@@ -93,10 +79,11 @@ bool IsWanted(const Options& options, const std::string& name) {
   return std::find(options.only.begin(), options.only.end(), name) != options.only.end();
 }
 
-std::vector<Row> Measure(const Measurement& measurement, const Settings& settings) {
-  std::vector<std::string> arguments{"--role", "measure", "--id", measurement.name};
+/// Has a program, this one or another, make the measurement in a process of its own.
+std::vector<Row> Measure(const std::string& program, const std::string& name, const Settings& settings) {
+  std::vector<std::string> arguments{"--role", "measure", "--id", name};
   if (settings.quick) arguments.push_back("--quick");
-  Child apart(arguments);
+  Child apart(program, arguments);
   apart.AwaitWord(kSecondsForOne);
   const std::string said = apart.channel().TakeText();
   if (said.empty() || said.front() != '+')
@@ -107,35 +94,43 @@ std::vector<Row> Measure(const Measurement& measurement, const Settings& setting
   return rows;
 }
 
+std::vector<Row> Measure(const Measurement& measurement, const Settings& settings) {
+  if (measurement.make != nullptr) return Measure(ThisProgram().string(), measurement.name, settings);
+  const std::string program = PeerProgram(measurement.name);
+  if (!std::filesystem::exists(program)) return RowsNotInstalled(measurement.name);
+  return Measure(program, measurement.name, settings);
+}
+
 void SayLoad(const char* when) {
   if (const std::string load = Load(); !load.empty()) std::printf("load %s: %s\n", when, load.c_str());
 }
 
-void SayHowItIsMeasured(int core) {
-  if (core >= 0) {
+void SayHowItIsMeasured(const Options& options, int core) {
+  if (options.free) {
+    std::printf("The system places the processes as it likes.\n");
+  } else {
     std::printf(
         "All processes stay on core %d, so that the figures are of work done and not of waking cores.\n",
         core);
-  } else {
-    std::printf("The system places the processes as it likes.\n");
   }
   std::printf(MayRaisePriority()
                   ? "They have the highest priority, so that other programs disturb them less.\n"
                   : "Their priority is the usual one: other programs disturb them.\n");
   std::printf(
-      "Frame and bare stream take turns, round by round. median and p99 are of all rounds; spread is how far "
-      "the\n"
-      "rounds' medians lie apart; raw is the bare stream with the same bytes; ratio is median to raw "
-      "median.\n");
+      "What is compared takes turns, round by round. median and p99 are of all samples; min and max of the "
+      "rounds'\n"
+      "medians; raw is the bare stream with the same bytes, in the same unit, one after another; ratio is "
+      "median to\n"
+      "raw median.\n");
 }
 
 int RunAll(const Options& options) {
   const auto begin = Clock::now();
   EndInOrderOnSignals();
   const RuntimeFolder folder;
-  const int core = options.core == -2 ? LastCore() : options.core;
-  if (core >= 0) PinTo(core);
-  SayHowItIsMeasured(core);
+  const int core = options.core == kLastCore ? LastCore() : options.core;
+  if (!options.free) PinTo(core);
+  SayHowItIsMeasured(options, core);
   SayLoad("before");
 
   int failed = 0;
@@ -150,7 +145,7 @@ int RunAll(const Options& options) {
       for (const Row& row : rows) {
         if (row.missed != kNone) ++(row.missed == 0 ? met : missed);
       }
-      json += (json.empty() ? "" : ",\n") + BlockAsJson(measurement.name, rows);
+      json += (json.empty() ? "" : ",\n") + RowsAsJson(rows);
     } catch (const std::exception& error) {
       std::printf("\n%s: could not be measured: %s\n", measurement.name, error.what());
       if (std::string(error.what()) == "interrupted") return 130;
@@ -182,7 +177,9 @@ int main(int argc, char** argv) try {
   app.add_option("--only", options.only, "Only this measurement; may be given several times")
       ->check(CLI::IsMember(names));
   app.add_option("--json", options.json, "Also write the figures into this file");
-  app.add_option("--core", options.core, "The core to stay on; -1: any. Without it, the last one");
+  app.add_option("--core", options.core, "The core to stay on; without it, the last one")
+      ->check(CLI::NonNegativeNumber);
+  app.add_flag("--free", options.free, "Let the system choose the cores")->excludes("--core");
   // For the processes that are measured; not for people.
   app.add_option("--role", options.role)->group("");
   app.add_option("--endpoint", options.endpoint)->group("");

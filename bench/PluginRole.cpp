@@ -6,11 +6,14 @@
 #include <utility>
 #include <vector>
 
+#include "Callers.h"
 #include "Channel.h"
 #include "Counter.h"
 #include "Process.h"
 #include "Roles.h"
 #include "Samples.h"
+#include "Shapes.h"
+#include "Stock.h"
 #include "TolmLPCServer/LpcClient.h"
 #include "TolmPlugin/Plugin.h"
 #include "Urls.h"
@@ -36,9 +39,15 @@ Message Answer(std::string body) {
   return MessageTo({}, std::move(body));
 }
 
-void ServeAll(TolmPlugin::Plugin& plugin, Counter& counter) {
+void ServeAll(TolmPlugin::Plugin& plugin, Counter& counter, Stock& stock) {
   const std::string& id = plugin.id();
-  plugin.Serve(EchoUrl(id), [](const Request& request) { return Answer(request.message.body); });
+  plugin.Serve(EchoUrl(id), [&stock](const Request& request) {
+    Message answer;
+    answer.headers = request.message.headers;
+    answer.parts = request.message.parts;
+    answer.body = stock.Take(request.message.body);
+    return answer;
+  });
   plugin.Serve(AnswerUrl(id), [](const Request&) { return Answer("x"); });
   plugin.Serve(SourceUrl(id), [](const Request& request) {
     return Answer(std::string(std::stoul(request.message.body), 'x'));
@@ -49,37 +58,54 @@ void ServeAll(TolmPlugin::Plugin& plugin, Counter& counter) {
   });
 }
 
-std::vector<double> CallAgainAndAgain(TolmPlugin::Plugin& plugin, const std::string& url,
-                                      const Order& order) {
-  const Message request = MessageTo(url, std::string(order.size, 'x'));
-  std::vector<double> samples;
-  samples.reserve(order.count);
-  for (std::uint64_t i = 0; i < order.count; ++i) {
-    Message answer;
-    bool answered = false;
-    samples.push_back(Microseconds([&] { answered = plugin.Call(answer, request, kCallMs); }));
-    if (!answered || answer.body.size() != order.size) throw std::runtime_error("no answer from " + url);
-  }
-  return samples;
+std::vector<double> Call(TolmPlugin::Plugin& plugin, CallRunner& runner, const std::string& url,
+                         const Order& order) {
+  Message request;
+  request.url = url;
+  Fill(order, request.headers, request.parts, request.body);
+  return runner.Run<Message>(order, [&](Message& answer) {
+    if (!plugin.Call(answer, request, kCallMs)) throw std::runtime_error("no answer from " + url);
+    Check(order, answer.headers, answer.parts, answer.body);
+  });
 }
 
-void MustNotify(TolmPlugin::Plugin& plugin, const Message& message) {
-  while (!plugin.Notify(message)) {
-    if (TolmPlugin::Plugin::LastError() != lpc::kQueueFull) throw std::runtime_error("a notification failed");
+/// `send()` until it succeeds, while the queue is full.
+template <typename Send>
+void Must(const Send& send) {
+  while (!send()) {
+    if (TolmPlugin::Plugin::LastError() != lpc::kQueueFull)
+      throw std::runtime_error("a message was not sent");
     std::this_thread::yield();
   }
 }
 
 void NotifyHost(TolmPlugin::Plugin& plugin, const Order& order) {
   const Message message = MessageTo(kHostCountUrl, std::string(order.size, 'x'));
-  for (std::uint64_t i = 0; i < order.count; ++i) MustNotify(plugin, message);
+  for (std::uint64_t i = 0; i < order.count; ++i) Must([&] { return plugin.Notify(message); });
+}
+
+void PushHost(TolmPlugin::Plugin& plugin, const Order& order) {
+  const Message message = MessageTo({}, std::string(order.size, 'x'));
+  for (std::uint64_t i = 0; i < order.count; ++i) Must([&] { return plugin.Push("bench", message); });
+}
+
+double NotifyHostInGroups(TolmPlugin::Plugin& plugin, const Order& order, Channel& channel) {
+  const Message message = MessageTo(kHostCountUrl, std::string(order.size, 'x'));
+  const auto begin = Clock::now();
+  for (std::uint64_t group = 0; group < order.count; ++group) {
+    for (std::size_t i = 0; i < kGroup; ++i) Must([&] { return plugin.Notify(message); });
+    char done = 0;
+    if (!channel.Read(&done, 1)) throw std::runtime_error("the host ended");
+  }
+  return static_cast<double>(order.count * kGroup) / SecondsSince(begin);
 }
 
 void RegisterUrls(TolmPlugin::Plugin& plugin, const Order& order) {
   const std::uint64_t end = order.size + order.count;
   for (std::uint64_t first = order.size; first < end; first += kUrlsPerRegistration) {
     const std::string body = RegistrationOf(first, std::min(end, first + kUrlsPerRegistration));
-    MustNotify(plugin, MessageTo(kRegisterUrl, body));
+    const Message registration = MessageTo(kRegisterUrl, body);
+    Must([&] { return plugin.Notify(registration); });
   }
 }
 
@@ -88,8 +114,11 @@ void RegisterUrls(TolmPlugin::Plugin& plugin, const Order& order) {
 int RunPluginRole(const std::string& endpoint, const std::string& id) {
   Channel channel(ParentDescriptor());
   Counter counter;
+  Stock stock;
+  CallRunner runner;
+  std::vector<std::unique_ptr<TolmPlugin::Plugin>> others;
   TolmPlugin::Plugin plugin(id);
-  ServeAll(plugin, counter);
+  ServeAll(plugin, counter, stock);
   while (const auto order = channel.Receive()) {
     std::vector<double> samples;
     switch (order->task) {
@@ -97,21 +126,38 @@ int RunPluginRole(const std::string& endpoint, const std::string& id) {
         if (!plugin.Start(endpoint)) return 1;
         break;
       case Task::kCallHost:
-        samples = CallAgainAndAgain(plugin, kHostUrl, *order);
+        samples = Call(plugin, runner, kHostUrl, *order);
         break;
       case Task::kCallPlugin:
-        samples = CallAgainAndAgain(plugin, OneOf(EchoUrl(kServingPlugin)), *order);
+        samples = Call(plugin, runner, OneOf(EchoUrl(kServingPlugin)), *order);
         break;
       case Task::kNotifyHost:
         NotifyHost(plugin, *order);
         break;
+      case Task::kNotifyHostGroups:
+        samples = {NotifyHostInGroups(plugin, *order, channel)};
+        break;
+      case Task::kPushHost:
+        PushHost(plugin, *order);
+        break;
+      case Task::kStock:
+        stock.Fill(order->size, order->count);
+        break;
       case Task::kExpect:
-        counter.ExpectMore(order->count);
+      case Task::kExpectGroups:
+        if (order->task == Task::kExpect) counter.ExpectMore(order->count);
+        if (order->task == Task::kExpectGroups) counter.ExpectGroups(order->count, channel);
         channel.Answer();  // it may begin
         if (!counter.Wait(kLongest)) return 1;
         break;
       case Task::kRegister:
         RegisterUrls(plugin, *order);
+        break;
+      case Task::kIdlePlugins:
+        for (std::uint64_t i = 0; i < order->count; ++i) {
+          others.push_back(std::make_unique<TolmPlugin::Plugin>(PluginName(others.size())));
+          if (!others.back()->Start(endpoint) || !others.back()->WaitReady(kCallMs)) return 1;
+        }
         break;
       default:
         throw std::runtime_error("an order that is not for a plugin");

@@ -9,7 +9,11 @@ std::filesystem::path ThisProgram() {
 }
 
 std::vector<double> Child::Do(Task task, std::size_t size, std::size_t count) {
-  channel_->Send({task, static_cast<std::uint32_t>(size), count});
+  return Do({task, static_cast<std::uint32_t>(size), count});
+}
+
+std::vector<double> Child::Do(const Order& order) {
+  channel_->Send(order);
   return channel_->TakeAnswer();
 }
 

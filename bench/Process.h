@@ -31,6 +31,7 @@ class Child {
   Channel& channel() { return *channel_; }
   /// Gives an order and waits until it has been done.
   std::vector<double> Do(Task task, std::size_t size, std::size_t count);
+  std::vector<double> Do(const Order& order);
   /// Waits until it says something, or ends. A std::runtime_error when that takes longer than
   /// `time_out_seconds`, or this process is asked to end meanwhile.
   void AwaitWord(int time_out_seconds);

@@ -14,6 +14,24 @@ void MustRead(Channel& channel, char* data, std::size_t size) {
   if (!channel.Read(data, size)) throw std::runtime_error("the bare stream's other side ended");
 }
 
+struct Exchanged {
+  std::size_t in;
+  std::size_t out;
+};
+
+Exchanged BytesOf(const Order& order) {
+  switch (order.task) {
+    case Task::kRawAnswer:
+      return {order.size, 1};
+    case Task::kRawSource:
+      return {1, order.size};
+    case Task::kRawGroups:
+      return {order.size * kGroup, 1};
+    default:
+      return {order.size, order.size};
+  }
+}
+
 }  // namespace
 
 std::vector<double> RawPeer::Exchange(Task task, std::size_t there, std::size_t back, std::size_t size,
@@ -55,10 +73,24 @@ double RawPeer::WritesPerSecond(std::size_t size, std::size_t count) {
   return static_cast<double>(count) / SecondsSince(begin);
 }
 
+double RawPeer::GroupedWritesPerSecond(std::size_t size, std::size_t groups) {
+  const std::string frame(size, 'x');
+  Channel& channel = peer_.channel();
+  const auto begin = Clock::now();
+  channel.Send({Task::kRawGroups, static_cast<std::uint32_t>(size), groups});
+  for (std::size_t group = 0; group < groups; ++group) {
+    for (std::size_t i = 0; i < kGroup; ++i) channel.Write(frame.data(), frame.size());
+    char done = 0;
+    MustRead(channel, &done, 1);
+  }
+  return static_cast<double>(groups * kGroup) / SecondsSince(begin);
+}
+
 int RunRawRole() {
   Channel channel(ParentDescriptor());
+  // Kept, so that no exchange waits for memory.
+  std::string buffer(kSinkBuffer, 'x');
   while (const auto order = channel.Receive()) {
-    std::string buffer(std::max<std::size_t>(order->size, kSinkBuffer), 'x');
     if (order->task == Task::kRawSink) {
       for (std::uint64_t left = order->size * order->count; left > 0;) {
         const std::size_t part = std::min<std::uint64_t>(left, kSinkBuffer);
@@ -68,8 +100,8 @@ int RunRawRole() {
       channel.Write(buffer.data(), 1);
       continue;
     }
-    const std::size_t in = order->task == Task::kRawSource ? 1 : order->size;
-    const std::size_t out = order->task == Task::kRawAnswer ? 1 : order->size;
+    const auto [in, out] = BytesOf(*order);
+    buffer.resize(std::max({buffer.size(), in, out}), 'x');
     for (std::uint64_t i = 0; i < order->count; ++i) {
       MustRead(channel, buffer.data(), in);
       channel.Write(buffer.data(), out);

@@ -21,6 +21,8 @@ class RawPeer {
   std::vector<double> Back(std::size_t size, std::size_t count);
   /// `count` writes of `size` bytes until the other side has read the last: writes per second.
   double WritesPerSecond(std::size_t size, std::size_t count);
+  /// The same in `groups` of kGroup writes, each when the other side has read the one before.
+  double GroupedWritesPerSecond(std::size_t size, std::size_t groups);
 
  private:
   std::vector<double> Exchange(Task task, std::size_t there, std::size_t back, std::size_t size,

@@ -15,7 +15,8 @@ Row MakeRow(std::string name, std::string unit, const Rounds& rounds) {
   row.unit = std::move(unit);
   row.median = rounds.Median();
   row.p99 = rounds.P99();
-  row.spread = rounds.Spread();
+  row.min = rounds.Min();
+  row.max = rounds.Max();
   return row;
 }
 
@@ -23,8 +24,15 @@ Row MakeRow(std::string name, std::string unit, const Rounds& rounds, const Roun
   Row row = MakeRow(std::move(name), std::move(unit), rounds);
   row.raw_median = raw.Median();
   row.raw_p99 = raw.P99();
-  row.raw_spread = raw.Spread();
+  row.raw_min = raw.Min();
+  row.raw_max = raw.Max();
   row.ratio = row.median / row.raw_median;
+  return row;
+}
+
+Row MakeRateRow(std::string name, const Rounds& rounds) {
+  Row row = MakeRow(std::move(name), "1/s", rounds);
+  row.p99 = kNone;
   return row;
 }
 
@@ -43,8 +51,8 @@ void WantAtLeast(Row& row, double value, double limit, std::string target) {
 std::ostream& operator<<(std::ostream& out, const Row& row) {
   out << std::setprecision(std::numeric_limits<double>::max_digits10);
   out << std::quoted(row.name) << ' ' << std::quoted(row.unit) << ' ';
-  for (const double value : {row.median, row.p99, row.spread, row.raw_median, row.raw_p99, row.raw_spread,
-                             row.ratio, row.missed}) {
+  for (const double value : {row.median, row.p99, row.min, row.max, row.raw_median, row.raw_p99, row.raw_min,
+                             row.raw_max, row.ratio, row.missed}) {
     out << value << ' ';
   }
   return out << std::quoted(row.target) << ' ' << std::quoted(row.note) << '\n';
@@ -52,8 +60,8 @@ std::ostream& operator<<(std::ostream& out, const Row& row) {
 
 std::istream& operator>>(std::istream& in, Row& row) {
   in >> std::quoted(row.name) >> std::quoted(row.unit);
-  for (double* const value : {&row.median, &row.p99, &row.spread, &row.raw_median, &row.raw_p99,
-                              &row.raw_spread, &row.ratio, &row.missed}) {
+  for (double* const value : {&row.median, &row.p99, &row.min, &row.max, &row.raw_median, &row.raw_p99,
+                              &row.raw_min, &row.raw_max, &row.ratio, &row.missed}) {
     in >> *value;
   }
   return in >> std::quoted(row.target) >> std::quoted(row.note);

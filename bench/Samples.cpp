@@ -12,9 +12,12 @@ void Rounds::Add(const std::vector<double>& round) {
   medians_.push_back(Quantile(round, 0.5));
 }
 
-double Rounds::Spread() const {
-  const auto [low, high] = std::minmax_element(medians_.begin(), medians_.end());
-  return (*high - *low) / Quantile(medians_, 0.5);
+double Rounds::Min() const {
+  return *std::min_element(medians_.begin(), medians_.end());
+}
+
+double Rounds::Max() const {
+  return *std::max_element(medians_.begin(), medians_.end());
 }
 
 double Rounds::Quantile(std::vector<double> samples, double part) {

@@ -28,12 +28,13 @@ class Rounds {
   /// Of all samples of all rounds.
   double Median() const { return Quantile(all_, 0.5); }
   double P99() const { return Quantile(all_, 0.99); }
-  /// How far the rounds' medians lie apart, as a part of the middle one.
-  double Spread() const;
+  /// Of the rounds' medians, or of the samples where each round is one.
+  double Min() const;
+  double Max() const;
 
- private:
   static double Quantile(std::vector<double> samples, double part);
 
+ private:
   std::vector<double> all_;
   std::vector<double> medians_;
 };

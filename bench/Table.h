@@ -10,7 +10,7 @@ namespace bench {
 /// Prints one block, as soon as it is measured.
 void PrintBlock(const std::string& name, const std::string& title, const std::vector<Row>& rows);
 
-/// One block of the file for comparing two builds.
-std::string BlockAsJson(const std::string& name, const std::vector<Row>& rows);
+/// The objects of one block, for the list in the file; what a row does not have of its five figures is null.
+std::string RowsAsJson(const std::vector<Row>& rows);
 
 }  // namespace bench

@@ -40,13 +40,12 @@ std::string Read(std::string_view bytes, std::size_t piece, bool direct) {
   reader.AcceptMessages();
   Recorder recorder;
   while (!bytes.empty()) {
-    if (const auto place = direct ? reader.DirectPlace() : lpc::wire::FrameReader::Place{}; place.size > 0) {
-      const std::size_t part = std::min(place.size, bytes.size());
-      bytes.copy(place.data, part);
+    const auto fill = [&bytes](lpc::wire::FrameReader::Place place) {
+      const std::size_t part = bytes.copy(place.data, place.size);
       bytes.remove_prefix(part);
-      reader.CommitDirect(part, recorder);
-      continue;
-    }
+      return part;
+    };
+    if (direct && reader.ReadToPlace(fill, recorder)) continue;
     const std::string_view part = bytes.substr(0, piece);
     bytes.remove_prefix(part.size());
     if (!reader.Feed(part, recorder)) break;

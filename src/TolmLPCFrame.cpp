@@ -119,7 +119,7 @@ bool SyncSend(LPCData& response, const LPCData& request, int time_out) try {
            request.src_id.c_str(), request.dst_id.c_str(), MaskSidInUrl(request.url).c_str(),
            request.method.c_str(), time_out);
   tag_LPCRequestData outgoing;
-  if (!LPCDataToRequestData(outgoing, request)) return false;
+  if (!LPCDataToRequestDataWithoutBody(outgoing, request)) return false;
 
   const CLPCIntegrate& plugins = CLPCIntegrate::GetInstance();
   if (outgoing.dst_id.empty()) {
@@ -138,7 +138,7 @@ bool SyncSend(LPCData& response, const LPCData& request, int time_out) try {
   }
 
   tag_LPCResponseData received;
-  if (!Transport().SendAndWait(received, std::move(outgoing), request.url, time_out)) return false;
+  if (!Transport().SendAndWait(received, outgoing, request.body, request.url, time_out)) return false;
   ResponseDataToLPCData(response, std::move(received));
   return true;
 } catch (...) {
@@ -155,7 +155,7 @@ bool AsyncSend(std::uint64_t& msg_id, const LPCData& data) try {
   switch (data.msg_type) {
     case kMsgTypeRequest: {
       tag_LPCRequestData request;
-      if (!LPCDataToRequestData(request, data)) {
+      if (!LPCDataToRequestDataWithoutBody(request, data)) {
         TOLM_LOG(kLogLevelError, kTagError, "LPCDataToRequestData failed.msg_id = %lu.", ForLog(data.msg_id));
         return false;
       }
@@ -164,12 +164,12 @@ bool AsyncSend(std::uint64_t& msg_id, const LPCData& data) try {
                  MaskSidInUrl(data.url).c_str(), ForLog(data.msg_id));
         return false;
       }
-      msg_id = Transport().SendRequest(std::move(request));
+      msg_id = Transport().SendRequest(request, data.body);
       return true;
     }
     case kMsgTypeReply: {
       tag_LPCReplyData reply;
-      if (!LPCDataToReplyData(reply, data)) {
+      if (!LPCDataToReplyDataWithoutBody(reply, data)) {
         TOLM_LOG(kLogLevelError, kTagError, "AsyncSend LPCDataToReplyData failed, dst_id[%s], msg_id[%lu]",
                  data.dst_id.c_str(), ForLog(data.msg_id));
         return false;
@@ -177,18 +177,18 @@ bool AsyncSend(std::uint64_t& msg_id, const LPCData& data) try {
       TOLM_LOG(kLogLevelTrace, kTagTrace, "[Reply] Start, dst_id[%s], msg_id[%lu]", data.dst_id.c_str(),
                ForLog(data.msg_id));
       msg_id = kNoMsgId;
-      return Transport().Reply(std::move(reply));
+      return Transport().Reply(reply, data.body);
     }
     case kMsgTypeNotify: {
       tag_LPCNotifyData notify;
-      if (!LPCDataToNotifyData(notify, data)) {
+      if (!LPCDataToNotifyDataWithoutBody(notify, data)) {
         TOLM_LOG(kLogLevelError, kTagError, "LPCDataToNotifyData failed.msg_id = %lu.", ForLog(data.msg_id));
         return false;
       }
       // A notification that nobody can take is not worth a log line; a request is.
       if (notify.dst_id.empty() && !plugins.FindDstIdByUrl(notify.dst_id, data.url)) return false;
       msg_id = kNoMsgId;
-      return Transport().Notify(std::move(notify));
+      return Transport().Notify(notify, data.body);
     }
     default:
       msg_id = kNoMsgId;

@@ -70,13 +70,13 @@ std::vector<Row> MeasureGuardEndpoint(const Settings& settings) {
   Rounds without;
   Rounds with_free_port;
   Rounds with_taken_port;
-  for (int i = 0; i < settings.Rounds(15); ++i) {
+  for (int i = 0; i < settings.Rounds(9); ++i) {
     without.Add(StartWithout(stage));
     with_free_port.Add(StartWithFreePort(stage));
     with_taken_port.Add(StartWithTakenPort(stage));
   }
-  return {StartRow("LpcFrame.xml with a free port", with_free_port, without),
-          StartRow("with a taken port: another one is written", with_taken_port, without)};
+  return {StartRow("endpoint.free_port", with_free_port, without),
+          StartRow("endpoint.taken_port", with_taken_port, without)};
 }
 
 }  // namespace bench

@@ -84,8 +84,9 @@ std::vector<Row> MeasureGuardMessages(const Settings& settings) {
   Rounds trips;
   Alternate(
       settings.Rounds(10), [&] { raw_trips.Add(ask_raw()); }, [&] { trips.Add(ask()); });
-  Row trip = MakeRow("question and answer, 10 plugins", "us", trips, raw_trips);
-  trip.note = std::to_string(question.size()) + " bytes there, " + std::to_string(answer.size()) + " back";
+  Row trip = MakeRow("guard.round_trip", "us", trips, raw_trips);
+  trip.note = std::to_string(question.size()) + " bytes there, " + std::to_string(answer.size()) +
+              " back, of 10 plugins";
   WantAtMost(trip, trip.ratio, 4.0, "<= 4.0x");
 
   Rounds raw_bursts;
@@ -93,8 +94,9 @@ std::vector<Row> MeasureGuardMessages(const Settings& settings) {
   Alternate(
       settings.Rounds(10), [&] { raw_bursts.Add(AnswersPerSecond(raw.channel(), question, raw_answer)); },
       [&] { bursts.Add(AnswersPerSecond(guard.channel(), question, answer)); });
-  Row burst = MakeRow("2,000 of them at once", "1/s", bursts, raw_bursts);
+  Row burst = MakeRow("guard.burst", "1/s", bursts, raw_bursts);
   burst.p99 = burst.raw_p99 = kNone;
+  burst.note = "2,000 of them at once";
   return {trip, burst};
 }
 

@@ -19,19 +19,19 @@ constexpr std::size_t kLargest = 60u << 20;
 constexpr char kSmall[] = R"({"guid":"1","requestData":{"method":"GetProcessInitStateList"}})";
 
 /// What the rest of a large question is made of: a member that the frame does not know.
-struct Shape {
-  const char* name;
+struct Rest {
+  const char* name;  ///< of the row
   const char* begin;
   std::string filling;
   const char* end;
 };
 
-std::string Question(const Shape& shape) {
+std::string Question(const Rest& rest) {
   std::string text = R"({"guid":"2","requestData":{"method":"GetProcessInitStateList"},"rest":)";
   text.reserve(kLargest);
-  text += shape.begin;
-  const std::string tail = shape.end + std::string("}");
-  while (text.size() + shape.filling.size() + tail.size() <= kLargest) text += shape.filling;
+  text += rest.begin;
+  const std::string tail = rest.end + std::string("}");
+  while (text.size() + rest.filling.size() + tail.size() <= kLargest) text += rest.filling;
   text += tail;
   return text.append(kLargest - text.size(), ' ');
 }
@@ -42,8 +42,8 @@ struct Message {
   const char* guid;
 };
 
-Message Large(const Shape& shape) {
-  return {GuardClient::FrameOf(Question(shape)), "\"guid\":\"2\""};
+Message Large(const Rest& rest) {
+  return {GuardClient::FrameOf(Question(rest)), "\"guid\":\"2\""};
 }
 
 Message NotJson() {
@@ -75,17 +75,18 @@ Row CopiesRow(const char* name, const Stage& stage, const Message& message, int 
 std::vector<Row> MeasureLargeGuardText(const Settings& settings) {
   const int count = settings.Rounds(3);
   const Stage stage;
-  std::vector<Row> rows{CopiesRow("no JSON: received, and dropped", stage, NotJson(), count)};
-  for (const Shape& shape :
-       {Shape{"with one long text in it", "\"", "x", "\""},
-        Shape{"with texts of 1 KiB in it", "[", '"' + std::string(1024, 'x') + "\",", "\"\"]"},
-        Shape{"with numbers of 7 digits in it", "[", "1234567,", "0]"}}) {
-    rows.push_back(CopiesRow(shape.name, stage, Large(shape), count));
+  std::vector<Row> rows{CopiesRow("large.no_json", stage, NotJson(), count)};
+  for (const Rest& rest : {Rest{"large.one_text", "\"", "x", "\""},
+                           Rest{"large.texts", "[", '"' + std::string(1024, 'x') + "\",", "\"\"]"},
+                           Rest{"large.numbers", "[", "1234567,", "0]"}}) {
+    rows.push_back(CopiesRow(rest.name, stage, Large(rest), count));
   }
   // A document of many small values takes what its values take, however it is read.
   Row& long_text = rows[1];
   WantAtMost(long_text, long_text.median, 2.0, "<= 2 copies");
-  rows.front().note = "resident memory beyond that before; no log line is wanted";
+  rows[0].note = "received, and dropped; resident memory beyond that before; no log line is wanted";
+  rows[2].note = "of 1 KiB each";
+  rows[3].note = "of 7 digits each";
   return rows;
 }
 

@@ -6,7 +6,11 @@ namespace bench {
 std::vector<Measurement> OwnMeasurements() {
   return {
       {"memory", "resident memory of the host with idle plugins", MeasureMemory},
-      {"start", "TolmLPCFrameInit to the first answered call", MeasureStart},
+      {"start",
+       "a host's and a plugin's process, or TolmLPCFrameInit while a plugin looks for it, to the first "
+       "answered "
+       "call",
+       MeasureStart},
       {"ports", "who holds which port, on a busy machine; raw: the same files read once and not looked into",
        MeasurePortTables},
       {"endpoint", "TolmLPCFrameInit with the guard's endpoint; raw: without LpcFrame.xml, hence without it",

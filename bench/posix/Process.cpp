@@ -53,7 +53,7 @@ Child::Child(const std::string& program, const std::vector<std::string>& argumen
   if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) Fail("no socket for a child");
   channel_ = std::make_unique<Channel>(ends[0]);
   std::vector<std::string> texts = arguments;
-  texts.insert(texts.begin(), "frame_bench");
+  texts.insert(texts.begin(), program);
   std::vector<char*> argv;
   for (std::string& text : texts) argv.push_back(text.data());
   argv.push_back(nullptr);

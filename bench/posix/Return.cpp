@@ -69,7 +69,7 @@ std::vector<Row> MeasureReturn(const Settings& settings) {
   }
   host.Do(Task::kStopFrame, 0, 0);
 
-  Row row = MakeRow("kill -9 to the successor's InitFinish", "ms", returns, starts);
+  Row row = MakeRow("return.killed", "ms", returns, starts);
   const double more = row.median - row.raw_median;
   row.note = "p99: the slowest; " + std::to_string(std::lround(more)) +
              " ms beyond the plugin's own start, 40 to 60 of which the guard waits";

@@ -39,63 +39,49 @@ bool AddDocuments(LpcParams& params, const LPCData& data) {
   return data.http_mime.empty() || AddDocument(params, kKeyHttpMime, PrintPartsDocument(data.http_mime));
 }
 
-void ReadText(std::string& out, const LpcParams& params, const char* key) {
-  if (const auto found = params.find(key); found != params.end()) out = found->second;
+void Take(std::string& out, const std::string& text) {
+  out = text;
+}
+void Take(std::string& out, std::string& text) {
+  out = std::move(text);
 }
 
-void ReadParams(LPCData& out, const LpcParams& params) {
-  ReadText(out.url, params, kKeyUrl);
-  ReadText(out.method, params, kKeyMethod);
-  ReadText(out.push_msg_tag, params, kKeyPushMsgTag);
-  ReadText(out.schema, params, kKeySchema);
+std::string Decoded(const std::string& text) {
+  return Tolm::Base::Encrypt::Base64Decode(text);
+}
+const std::string& Decoded(std::string& text) {
+  Tolm::Base::Encrypt::Base64DecodeInPlace(text);
+  return text;
+}
+
+/// Takes the texts out of `params`, and uses up the others, unless they are const.
+template <typename Params>
+void ReadParams(LPCData& out, Params& params) {
+  const auto read = [&params](std::string& text, const char* key) {
+    if (const auto found = params.find(key); found != params.end()) Take(text, found->second);
+  };
+  read(out.url, kKeyUrl);
+  read(out.method, kKeyMethod);
+  read(out.push_msg_tag, kKeyPushMsgTag);
+  read(out.schema, kKeySchema);
   if (const auto headers = params.find(kKeyHttpHeaders); headers != params.end()) {
-    ReadHeadersDocument(out.http_headers, Tolm::Base::Encrypt::Base64Decode(headers->second));
+    ReadHeadersDocument(out.http_headers, Decoded(headers->second));
   }
   if (const auto parts = params.find(kKeyHttpMime); parts != params.end()) {
-    ReadPartsDocument(out.http_mime, Tolm::Base::Encrypt::Base64Decode(parts->second));
+    ReadPartsDocument(out.http_mime, Decoded(parts->second));
   }
 }
 
-void ReadAnswer(LPCData& out, const tag_LPCResponseData& response) {
-  out.src_id = response.src_id;
-  out.msg_type = kMsgTypeReply;
-  ReadParams(out, response.params);
-}
-
-}  // namespace
-
-bool LPCDataToRequestData(tag_LPCRequestData& out, const LPCData& data) {
-  out.dst_id = data.dst_id;
-  out.body = data.body;
-  AddRouting(out.params, data);
-  return AddDocuments(out.params, data);
-}
-
-bool LPCDataToReplyData(tag_LPCReplyData& out, const LPCData& data) {
-  out.msg_id = data.msg_id;
-  out.dst_id = data.dst_id;
-  out.body = data.body;
-  AddRouting(out.params, data);
-  return AddDocuments(out.params, data);
-}
-
-bool LPCDataToNotifyData(tag_LPCNotifyData& out, const LPCData& data) {
-  out.dst_id = data.dst_id;
-  out.body = data.body;
-  AddRouting(out.params, data);
-  if (data.dst_type != -1) out.params.try_emplace(kKeyDstType, std::to_string(data.dst_type));
-  return AddDocuments(out.params, data);
-}
-
-void LPCCallBackDataToLPCData(LPCData& out, const tag_LPCCallBackData& data) {
-  out.body = data.body;
-  out.dst_id = data.dst_id;
-  out.src_id = data.src_id;
+/// Takes the texts out of `data` unless it is const.
+template <typename Inbound>
+void ReadInbound(LPCData& out, Inbound& data) {
+  Take(out.body, data.body);
+  Take(out.dst_id, data.dst_id);
+  Take(out.src_id, data.src_id);
   out.msg_id = data.msg_id;
   if (data.is_reply) {
     out.msg_type = kMsgTypeReply;
   } else if (data.need_reply) {
-    TOLM_LOG(Tolm::Base::kLogLevelTrace, kTagTrace, "LPCCallBackDataToLPCData, need to reply");
     out.msg_type = kMsgTypeRequest;
   } else {
     out.msg_type = kMsgTypeNotify;
@@ -106,19 +92,70 @@ void LPCCallBackDataToLPCData(LPCData& out, const tag_LPCCallBackData& data) {
   ReadParams(out, data.params);
 }
 
+template <typename Response>
+void ReadAnswer(LPCData& out, Response& response) {
+  Take(out.body, response.body);
+  Take(out.src_id, response.src_id);
+  out.msg_type = kMsgTypeReply;
+  ReadParams(out, response.params);
+}
+
+}  // namespace
+
+bool LPCDataToRequestData(tag_LPCRequestData& out, const LPCData& data) {
+  out.body = data.body;
+  return LPCDataToRequestDataWithoutBody(out, data);
+}
+
+bool LPCDataToReplyData(tag_LPCReplyData& out, const LPCData& data) {
+  out.body = data.body;
+  return LPCDataToReplyDataWithoutBody(out, data);
+}
+
+bool LPCDataToNotifyData(tag_LPCNotifyData& out, const LPCData& data) {
+  out.body = data.body;
+  return LPCDataToNotifyDataWithoutBody(out, data);
+}
+
+bool LPCDataToRequestDataWithoutBody(tag_LPCRequestData& out, const LPCData& data) {
+  out.dst_id = data.dst_id;
+  AddRouting(out.params, data);
+  return AddDocuments(out.params, data);
+}
+
+bool LPCDataToReplyDataWithoutBody(tag_LPCReplyData& out, const LPCData& data) {
+  out.msg_id = data.msg_id;
+  out.dst_id = data.dst_id;
+  AddRouting(out.params, data);
+  return AddDocuments(out.params, data);
+}
+
+bool LPCDataToNotifyDataWithoutBody(tag_LPCNotifyData& out, const LPCData& data) {
+  out.dst_id = data.dst_id;
+  AddRouting(out.params, data);
+  if (data.dst_type != -1) out.params.try_emplace(kKeyDstType, std::to_string(data.dst_type));
+  return AddDocuments(out.params, data);
+}
+
+void LPCCallBackDataToLPCData(LPCData& out, const tag_LPCCallBackData& data) {
+  if (!data.is_reply && data.need_reply) {
+    TOLM_LOG(Tolm::Base::kLogLevelTrace, kTagTrace, "LPCCallBackDataToLPCData, need to reply");
+  }
+  ReadInbound(out, data);
+}
+
 void LPCCallBackDataToLPCData(LPCData& out, tag_LPCCallBackData&& data) {
-  std::string body = std::exchange(data.body, {});
-  LPCCallBackDataToLPCData(out, std::as_const(data));
-  out.body = std::move(body);
+  if (!data.is_reply && data.need_reply) {
+    TOLM_LOG(Tolm::Base::kLogLevelTrace, kTagTrace, "LPCCallBackDataToLPCData, need to reply");
+  }
+  ReadInbound(out, data);
 }
 
 void ResponseDataToLPCData(LPCData& out, const tag_LPCResponseData& response) {
-  out.body = response.body;
   ReadAnswer(out, response);
 }
 
 void ResponseDataToLPCData(LPCData& out, tag_LPCResponseData&& response) {
-  out.body = std::move(response.body);
   ReadAnswer(out, response);
 }
 

@@ -14,8 +14,13 @@ bool LPCDataToRequestData(tag_LPCRequestData& out, const LPCData& data);
 bool LPCDataToReplyData(tag_LPCReplyData& out, const LPCData& data);
 bool LPCDataToNotifyData(tag_LPCNotifyData& out, const LPCData& data);
 
-/// Inbound. Never fails: what cannot be read is left as it is in `out`. The second form takes the body
-/// out of `data` instead of copying it.
+/// The same for all but the body: `out.body` stays as it is. For a sender that sends the host's own body.
+bool LPCDataToRequestDataWithoutBody(tag_LPCRequestData& out, const LPCData& data);
+bool LPCDataToReplyDataWithoutBody(tag_LPCReplyData& out, const LPCData& data);
+bool LPCDataToNotifyDataWithoutBody(tag_LPCNotifyData& out, const LPCData& data);
+
+/// Inbound. Never fails: what cannot be read is left as it is in `out`. The second form takes the
+/// texts out of `data` instead of copying them.
 void LPCCallBackDataToLPCData(LPCData& out, const tag_LPCCallBackData& data);
 void LPCCallBackDataToLPCData(LPCData& out, tag_LPCCallBackData&& data);
 

@@ -2,11 +2,14 @@
 
 #include <cjson/cJSON.h>
 
+#include <cstddef>
 #include <memory>
+#include <string_view>
 #include <utility>
 
 #include "TolmBase/Encrypt.h"
 #include "common/Constants.h"
+#include "common/ShortenedText.h"
 
 namespace TolmLPCFrame {
 
@@ -35,18 +38,20 @@ constexpr PartMember kPartTexts[] = {
 };
 constexpr char kPartBody[] = "bodyData";
 
-bool AddText(cJSON* object, const char* name, const std::string& text) {
-  return cJSON_AddStringToObject(object, name, text.c_str()) != nullptr;
+// Printed as it is, and nowhere else: in strings cJSON escapes it.
+constexpr char kPlaceOfBody = '\x01';
+// A document of a few headers or parts without their bodies is printed without asking for more.
+constexpr int kUsualBytes = 1024;
+
+/// `name` and `text` must outlive the object.
+bool AddText(cJSON* object, const char* name, const char* text) {
+  return cJSON_AddItemToObjectCS(object, name, cJSON_CreateStringReference(text)) != 0;
 }
 
-/// The text member `name`; null without one.
-const char* FindText(const cJSON* object, const char* name) {
-  return cJSON_GetStringValue(cJSON_GetObjectItemCaseSensitive(object, name));
-}
-
-std::string TextOrEmpty(const cJSON* object, const char* name) {
-  const char* const text = FindText(object, name);
-  return text != nullptr ? text : "";
+/// The text member `name`; one without data when there is none.
+std::string_view FindText(const ShortenedText& text, const cJSON* object, const char* name) {
+  const char* const value = cJSON_GetStringValue(cJSON_GetObjectItemCaseSensitive(object, name));
+  return value != nullptr ? text.Content(value) : std::string_view();
 }
 
 /// {"<name>":[{..},..]} with an object for each entry, whose members `fill(object, entry)` adds. Every
@@ -61,20 +66,39 @@ std::string PrintDocument(const char* name, const Entries& entries, Fill fill) {
     if (!cJSON_AddItemToArray(array, object.get())) return {};
     if (!fill(object.release(), entry)) return {};
   }
-  const std::unique_ptr<char, FreeText> text(cJSON_Print(document.get()));
+  const std::unique_ptr<char, FreeText> text(cJSON_PrintBuffered(document.get(), kUsualBytes, 1));
   return text != nullptr ? text.get() : "";
 }
 
-/// Calls `read(object)` for each object in the array `name` of the document.
+/// `document` with the Base64 of each part's body at its place. cJSON would go through that text byte by
+/// byte, although it has nothing to escape.
+std::string WithBodies(std::string_view document, const HttpParts& parts) {
+  std::size_t size = document.size();
+  for (const MimePart& part : parts) size += (part.body_data.size() + 2) / 3 * 4 + 1;
+  std::string text;
+  text.reserve(size);
+  for (const MimePart& part : parts) {
+    const std::size_t place = document.find(kPlaceOfBody);
+    text += document.substr(0, place);
+    document.remove_prefix(place + 1);
+    text += '"';
+    Tolm::Base::Encrypt::AppendBase64(text, part.body_data);
+    text += '"';
+  }
+  return text += document;
+}
+
+/// Calls `read(text, object)` for each object in the array `name` of the document.
 template <typename Read>
-bool ReadDocument(const char* name, const std::string& text, Read read) {
-  if (text.empty()) return false;
-  const ItemPtr document(cJSON_Parse(text.c_str()));
+bool ReadDocument(const char* name, const std::string& whole, Read read) {
+  if (whole.empty()) return false;
+  const ShortenedText text(whole.c_str());
+  const ItemPtr document(cJSON_Parse(text.text()));
   const cJSON* const array = cJSON_GetObjectItemCaseSensitive(document.get(), name);
   if (!cJSON_IsArray(array)) return true;
   const cJSON* element = nullptr;
   cJSON_ArrayForEach(element, array) {
-    if (cJSON_IsObject(element)) read(element);
+    if (cJSON_IsObject(element)) read(text, element);
   }
   return true;
 }
@@ -83,32 +107,34 @@ bool ReadDocument(const char* name, const std::string& text, Read read) {
 
 std::string PrintHeadersDocument(const HttpHeaders& headers) {
   return PrintDocument(kKeyHttpHeaders, headers, [](cJSON* object, const HttpHeaders::value_type& header) {
-    return AddText(object, kKeyKey, header.first) && AddText(object, kKeyValue, header.second);
+    return AddText(object, kKeyKey, header.first.c_str()) &&
+           AddText(object, kKeyValue, header.second.c_str());
   });
 }
 
 std::string PrintPartsDocument(const HttpParts& parts) {
-  return PrintDocument(kKeyHttpMine, parts, [](cJSON* object, const MimePart& part) {
+  const std::string document = PrintDocument(kKeyHttpMine, parts, [](cJSON* object, const MimePart& part) {
     for (const auto& [name, field] : kPartTexts) {
-      if (!AddText(object, name, part.*field)) return false;
+      if (!AddText(object, name, (part.*field).c_str())) return false;
     }
-    return AddText(object, kPartBody, Tolm::Base::Encrypt::Base64Encode(part.body_data));
+    constexpr char kPlace[] = {kPlaceOfBody, '\0'};
+    return cJSON_AddItemToObjectCS(object, kPartBody, cJSON_CreateRaw(kPlace)) != 0;
   });
+  return document.empty() ? document : WithBodies(document, parts);
 }
 
 bool ReadHeadersDocument(HttpHeaders& headers, const std::string& text) {
-  return ReadDocument(kKeyHttpHeaders, text, [&headers](const cJSON* object) {
-    const char* const key = FindText(object, kKeyKey);
-    if (key != nullptr) headers.try_emplace(key, TextOrEmpty(object, kKeyValue));
+  return ReadDocument(kKeyHttpHeaders, text, [&headers](const ShortenedText& whole, const cJSON* object) {
+    const std::string_view key = FindText(whole, object, kKeyKey);
+    if (key.data() != nullptr) headers.try_emplace(std::string(key), FindText(whole, object, kKeyValue));
   });
 }
 
 bool ReadPartsDocument(HttpParts& parts, const std::string& text) {
-  return ReadDocument(kKeyHttpMine, text, [&parts](const cJSON* object) {
+  return ReadDocument(kKeyHttpMine, text, [&parts](const ShortenedText& whole, const cJSON* object) {
     MimePart part;
-    for (const auto& [name, field] : kPartTexts) part.*field = TextOrEmpty(object, name);
-    const char* const body = FindText(object, kPartBody);
-    if (body != nullptr) part.body_data = Tolm::Base::Encrypt::Base64Decode(body);
+    for (const auto& [name, field] : kPartTexts) part.*field = FindText(whole, object, name);
+    part.body_data = Tolm::Base::Encrypt::Base64Decode(FindText(whole, object, kPartBody));
     parts.push_back(std::move(part));
   });
 }

@@ -32,13 +32,17 @@ constexpr bool IsHexDigit(char c) {
 /// Whether extraction from a text stream into a 64-bit integer would take the whole of `segment`, and
 /// give anything but -1. Leading blanks, a plus sign and leading zeros are thus no obstacle.
 bool ReadsAsId(std::string_view segment) {
+  // Nearly every segment is a name or a plain number, of a size that no 64-bit integer is too small for.
+  if (!IsDigit(segment.back())) return false;
+  constexpr std::size_t kSurelyFits = 18;
+  if (segment.size() <= kSurelyFits && std::all_of(segment.begin(), segment.end(), IsDigit)) return true;
+
   const std::size_t blanks = segment.find_first_not_of(" \t\n\v\f\r");
-  if (blanks == std::string_view::npos) return false;
   segment.remove_prefix(blanks);
   // from_chars knows the minus sign only.
   if (segment.front() == '+') {
     segment.remove_prefix(1);
-    if (segment.empty() || !IsDigit(segment.front())) return false;
+    if (!IsDigit(segment.front())) return false;
   }
   std::int64_t value = 0;
   const char* const end = segment.data() + segment.size();
@@ -46,26 +50,50 @@ bool ReadsAsId(std::string_view segment) {
   return error == std::errc() && stop == end && value != -1;
 }
 
-void AppendPattern(std::string& out, std::string_view url) {
-  out.reserve(out.size() + url.size() + 1);
-  while (!url.empty()) {
-    const std::size_t length = std::min(url.find('/'), url.size());
-    const std::string_view segment = url.substr(0, length);
-    url.remove_prefix(std::min(length + 1, url.size()));
-    if (segment.empty()) continue;
-    out += '/';
-    if (segment.size() == kGuidBytes) {
-      out += "<GUID>";
-    } else if (ReadsAsId(segment)) {
-      out += "<ID>";
-    } else {
-      out += segment;
-    }
-  }
+/// No pattern is longer: a segment of one digit and the "/" before it are two bytes, their pattern is five.
+constexpr std::size_t LongestPattern(std::size_t url_bytes) {
+  return (url_bytes / 2 + 1) * 5;
 }
 
-std::string_view WithoutQuery(std::string_view url) {
-  return url.substr(0, url.find('?'));
+/// How a pattern is made of a url.
+struct AsGiven {
+  static constexpr std::string_view kGuid = "/<GUID>";
+  static constexpr std::string_view kId = "/<ID>";
+  static constexpr bool IsEnd(char /*c*/) { return false; }
+  static constexpr char Change(char c) { return c; }
+};
+struct ForLookUp {
+  static constexpr std::string_view kGuid = "/<guid>";
+  static constexpr std::string_view kId = "/<id>";
+  static constexpr bool IsEnd(char c) { return c == '?'; }
+  static constexpr char Change(char c) { return LowerAscii(c); }
+};
+
+/// The pattern of `url`, which is put into `room`.
+template <typename Rules>
+std::string_view MakePattern(PatternRoom& room, std::string_view url) {
+  char* const first = room.ForUrlOf(url.size());
+  char* out = first;
+  const char* at = url.data();
+  const char* const end = at + url.size();
+  while (at != end && !Rules::IsEnd(*at)) {
+    if (*at == '/') {
+      ++at;
+      continue;
+    }
+    // Copied and measured in one go; what proves to be an id is written over.
+    char* const begin = out;
+    const char* const from = at;
+    *out++ = '/';
+    while (at != end && *at != '/' && !Rules::IsEnd(*at)) *out++ = Rules::Change(*at++);
+    const std::string_view segment(from, static_cast<std::size_t>(at - from));
+    if (segment.size() == kGuidBytes) {
+      out = std::copy(Rules::kGuid.begin(), Rules::kGuid.end(), begin);
+    } else if (ReadsAsId(segment)) {
+      out = std::copy(Rules::kId.begin(), Rules::kId.end(), begin);
+    }
+  }
+  return {first, static_cast<std::size_t>(out - first)};
 }
 
 /// Whether the "=" at `equals` stands between a session id's name and its digits.
@@ -80,20 +108,23 @@ bool IsSidAt(std::string_view url, std::size_t equals) {
 
 }  // namespace
 
-void NormalizeUrlPattern(std::string& out, const std::string& url) {
-  AppendPattern(out, url);
+char* PatternRoom::ForUrlOf(std::size_t url_bytes) {
+  const std::size_t bytes = LongestPattern(url_bytes);
+  if (bytes <= sizeof near_) return near_;
+  far_ = std::make_unique_for_overwrite<char[]>(bytes);
+  return far_.get();
+}
+
+void NormalizeUrlPattern(std::string& out, std::string_view url) {
+  PatternRoom room;
+  out += MakePattern<AsGiven>(room, url);
 }
 
 std::string CutQuery(const std::string& url) {
-  return std::string(WithoutQuery(url));
+  return url.substr(0, url.find('?'));
 }
 
-std::string UrlLookupKey(const std::string& url) {
-  std::string key;
-  AppendPattern(key, WithoutQuery(url));
-  for (char& c : key) c = LowerAscii(c);
-  return key;
-}
+UrlLookupKey::UrlLookupKey(std::string_view url) : text_(MakePattern<ForLookUp>(room_, url)) {}
 
 std::string MaskSidInUrl(const std::string& url) {
   std::string masked;

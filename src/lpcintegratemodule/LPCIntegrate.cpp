@@ -124,7 +124,8 @@ std::map<std::string, bool> CLPCIntegrate::GetPluginInitStates() const {
 }
 
 bool CLPCIntegrate::IsUrlFromPlugin(std::int32_t& time_out, const std::string& url) const {
-  const std::string key = UrlLookupKey(url);
+  const UrlLookupKey pattern(url);
+  const HashedText key(pattern.text());
   if (!map_url_plugin_id_.Read([&](const auto& ids) { return ids.Find(key) != nullptr; })) return false;
 
   const bool stored = map_url_timeout_.Read([&](const auto& time_outs) {
@@ -142,7 +143,8 @@ bool CLPCIntegrate::IsUrlFromPlugin(std::int32_t& time_out, const std::string& u
 }
 
 bool CLPCIntegrate::FindDstIdByUrl(std::string& id, const std::string& url) const {
-  const std::string key = UrlLookupKey(url);
+  const UrlLookupKey pattern(url);
+  const HashedText key(pattern.text());
   return map_url_plugin_id_.Read([&](const auto& ids) {
     const std::string* const found = ids.Find(key);
     if (found != nullptr) id = *found;

@@ -4,6 +4,7 @@
 
 #include "InitLogical.h"
 #include "TolmBase/LogLine.h"
+#include "TolmBase/TaskThread.h"
 #include "TolmLPCServer/LpcServer.h"
 #include "common/CaughtException.h"
 #include "common/Constants.h"
@@ -47,6 +48,7 @@ void CLPCIntegrate::URLCallBackEIT(const std::string& ori_url, const std::string
     return;
   }
   std::int32_t time_out = 0;
+  const Tolm::Base::CTaskThread::CLastAct last_act;
   if (IsUrlFromPlugin(time_out, cov_url)) {
     Tolm::Base::CSingleton<CMessageLoopForPlugins>::Instance().PostTask(
         new CURLTask(kToPlugin, std::move(cov_url), std::move(request)));

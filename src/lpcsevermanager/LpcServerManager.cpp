@@ -7,6 +7,7 @@
 
 #include "InitLogical.h"
 #include "TolmBase/LogLine.h"
+#include "TolmBase/TaskThread.h"
 #include "TolmLPCServer/LpcServer.h"
 #include "common/CaughtException.h"
 #include "common/Constants.h"
@@ -134,17 +135,21 @@ bool CLpcServerManager::LPCServerCallback(const tag_LPCCallBackData& data, void*
   std::string url(whole_url.substr(0, whole_url.find('?')));
   TOLM_LOG(kLogLevelInfo, kTagTrace, "[LPCServer Callback], url=[%s], msg_id[%lu], src_id[%s]", url.c_str(),
            static_cast<unsigned long>(data.msg_id), data.src_id.c_str());
+  // Nothing follows what is posted below.
+  const Tolm::Base::CTaskThread::CLastAct last_act;
   if (!url.empty()) {
     const std::string_view query = whole_url.substr(std::min(url.size() + 1, whole_url.size()));
+    std::string mt(QueryParameter(query, kKeyMT));
     Tolm::Base::CSingleton<CMessageLoopForNetCallBack>::Instance().PostTask(
-        new CURLCallBackTask(std::move(url), std::string(QueryParameter(query, kKeyMT)), data));
+        new CURLCallBackTask(std::move(url), std::move(mt), lpcserver::Take(data)));
   } else if (!ParamOrEmpty(data.params, kKeyPushMsgTag).empty()) {
     FrameCallBackData fcd;
     fcd.LpcMsgType = kLpcMsgPush;
-    LPCCallBackDataToLPCData(fcd.lpc_data, data);
+    LPCCallBackDataToLPCData(fcd.lpc_data, lpcserver::Take(data));
     Manager().CallLpcCallBack(fcd);
   } else {
-    Tolm::Base::CSingleton<CMessageLoopForNetCallBack>::Instance().PostTask(new CMethodCallBackTask(data));
+    Tolm::Base::CSingleton<CMessageLoopForNetCallBack>::Instance().PostTask(
+        new CMethodCallBackTask(lpcserver::Take(data)));
   }
   return true;
 } catch (...) {
@@ -152,37 +157,37 @@ bool CLpcServerManager::LPCServerCallback(const tag_LPCCallBackData& data, void*
   return true;
 }
 
-std::uint64_t CLpcServerManager::SendRequest(tag_LPCRequestData&& request) {
-  return lpcserver::Send(std::move(request));
+std::uint64_t CLpcServerManager::SendRequest(const tag_LPCRequestData& request, std::string_view body) {
+  return lpcserver::Send(request, body);
 }
 
-bool CLpcServerManager::SendAndWait(tag_LPCResponseData& response, tag_LPCRequestData&& request,
-                                    const std::string& url, int time_out) {
-  return lpcserver::Send(response, std::move(request), url, time_out);
+bool CLpcServerManager::SendAndWait(tag_LPCResponseData& response, const tag_LPCRequestData& request,
+                                    std::string_view body, const std::string& url, int time_out) {
+  return lpcserver::Send(response, request, body, url, time_out);
 }
 
-bool CLpcServerManager::Reply(tag_LPCReplyData&& reply) {
-  return lpcserver::Reply(std::move(reply));
+bool CLpcServerManager::Reply(const tag_LPCReplyData& reply, std::string_view body) {
+  return lpcserver::Reply(reply, body);
 }
 
-bool CLpcServerManager::Notify(tag_LPCNotifyData&& notify) {
-  return lpcserver::Notify(std::move(notify));
+bool CLpcServerManager::Notify(const tag_LPCNotifyData& notify, std::string_view body) {
+  return lpcserver::Notify(notify, body);
 }
 
 int CLpcServerManager::GetLastError() {
   return lpcserver::GetLPCLastError();
 }
 
-CURLCallBackTask::CURLCallBackTask(std::string url, std::string mt, const tag_LPCCallBackData& data)
-    : url_(std::move(url)), mt_(std::move(mt)), data_(data) {}
+CURLCallBackTask::CURLCallBackTask(std::string url, std::string mt, tag_LPCCallBackData data)
+    : url_(std::move(url)), mt_(std::move(mt)), data_(std::move(data)) {}
 
 void CURLCallBackTask::Run() {
   WaitWhileStarting();
   CLPCIntegrate::GetInstance().URLCallBackEIT(url_, mt_, std::move(data_));
 }
 
-CMethodCallBackTask::CMethodCallBackTask(const tag_LPCCallBackData& data)
-    : data_(data), arrival_(CLPCIntegrate::NextArrival()) {}
+CMethodCallBackTask::CMethodCallBackTask(tag_LPCCallBackData data)
+    : data_(std::move(data)), arrival_(CLPCIntegrate::NextArrival()) {}
 
 void CMethodCallBackTask::Run() {
   WaitWhileStarting();

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <mutex>
 #include <string>
+#include <string_view>
 
 #include "TolmBase/Singleton.h"
 #include "TolmBase/Task.h"
@@ -31,12 +32,13 @@ class CLpcServerManager {
   /// task of CMessageLoopForNetCallBack. Always true.
   static bool LPCServerCallback(const tag_LPCCallBackData& data, void* user);
 
-  /// The transport's operations, forwarded.
-  std::uint64_t SendRequest(tag_LPCRequestData&& request);
-  bool SendAndWait(tag_LPCResponseData& response, tag_LPCRequestData&& request, const std::string& url,
-                   int time_out);
-  bool Reply(tag_LPCReplyData&& reply);
-  bool Notify(tag_LPCNotifyData&& notify);
+  /// The transport's operations, forwarded. `body` stands for the record's own, so that the host's need not be
+  /// copied.
+  std::uint64_t SendRequest(const tag_LPCRequestData& request, std::string_view body);
+  bool SendAndWait(tag_LPCResponseData& response, const tag_LPCRequestData& request, std::string_view body,
+                   const std::string& url, int time_out);
+  bool Reply(const tag_LPCReplyData& reply, std::string_view body);
+  bool Notify(const tag_LPCNotifyData& notify, std::string_view body);
   int GetLastError();
 
  private:
@@ -52,7 +54,7 @@ class CLpcServerManager {
 /// A message with a url, on its way to CLPCIntegrate::URLCallBackEIT.
 class CURLCallBackTask : public Tolm::Base::CTask {
  public:
-  CURLCallBackTask(std::string url, std::string mt, const tag_LPCCallBackData& data);
+  CURLCallBackTask(std::string url, std::string mt, tag_LPCCallBackData data);
   void Run() override;
 
  private:
@@ -64,7 +66,7 @@ class CURLCallBackTask : public Tolm::Base::CTask {
 /// A message without url and push tag, on its way to CLPCIntegrate::MethodCallBackEIT.
 class CMethodCallBackTask : public Tolm::Base::CTask {
  public:
-  explicit CMethodCallBackTask(const tag_LPCCallBackData& data);
+  explicit CMethodCallBackTask(tag_LPCCallBackData data);
   void Run() override;
 
  private:

@@ -95,6 +95,31 @@ TEST_F(FrameConvert, AReplyCarriesTheMessageIdAndNoDestinationType) {
               ElementsAre("httpHeaders", "httpMime", "method", "pushMsgTag", "schema", "url"));
 }
 
+TEST_F(FrameConvert, WithoutItsBodyARecordIsTheSameAndKeepsTheBodyThatItHas) {
+  tag_LPCRequestData request;
+  tag_LPCReplyData reply;
+  tag_LPCNotifyData notify;
+  ASSERT_TRUE(LPCDataToRequestData(request, FullData()));
+  ASSERT_TRUE(LPCDataToReplyData(reply, FullData()));
+  ASSERT_TRUE(LPCDataToNotifyData(notify, FullData()));
+  tag_LPCRequestData bare_request{"", {}, "kept"};
+  tag_LPCReplyData bare_reply{0, "", {}, "kept"};
+  tag_LPCNotifyData bare_notify{"", {}, "kept"};
+  EXPECT_TRUE(LPCDataToRequestDataWithoutBody(bare_request, FullData()));
+  EXPECT_TRUE(LPCDataToReplyDataWithoutBody(bare_reply, FullData()));
+  EXPECT_TRUE(LPCDataToNotifyDataWithoutBody(bare_notify, FullData()));
+  EXPECT_EQ(bare_request.dst_id, request.dst_id);
+  EXPECT_EQ(bare_reply.dst_id, reply.dst_id);
+  EXPECT_EQ(bare_reply.msg_id, reply.msg_id);
+  EXPECT_EQ(bare_notify.dst_id, notify.dst_id);
+  EXPECT_EQ(bare_request.params, request.params);
+  EXPECT_EQ(bare_reply.params, reply.params);
+  EXPECT_EQ(bare_notify.params, notify.params);
+  for (const std::string& body : {bare_request.body, bare_reply.body, bare_notify.body}) {
+    EXPECT_EQ(body, "kept");
+  }
+}
+
 TEST_F(FrameConvert, EmptyFieldsAreNotSent) {
   tag_LPCRequestData request;
   tag_LPCReplyData reply;

@@ -1,9 +1,12 @@
+#include <cjson/cJSON.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <random>
 #include <string>
 
 #include "FrameScript.h"
+#include "TolmBase/Encrypt.h"
 #include "common/HttpDocuments.h"
 
 namespace tolm::test {
@@ -98,6 +101,129 @@ TEST(FrameDocuments, ADeeplyNestedDocumentIsSurvived) {
   EXPECT_TRUE(ReadHeadersDocument(headers, R"({"httpHeaders":)" + std::string(100000, '[')));
   EXPECT_TRUE(ReadHeadersDocument(headers, std::string(5000, '[') + std::string(5000, ']')));
   EXPECT_THAT(headers, IsEmpty());
+}
+
+// Long texts. What they are printed to and read from is compared with what cJSON alone makes of them.
+
+std::string PrintedWhole(const HttpParts& parts) {
+  cJSON* const document = cJSON_CreateObject();
+  cJSON* const array = cJSON_AddArrayToObject(document, "httpMine");
+  for (const MimePart& part : parts) {
+    cJSON* const object = cJSON_CreateObject();
+    cJSON_AddItemToArray(array, object);
+    cJSON_AddStringToObject(object, "contentType", part.content_type.c_str());
+    cJSON_AddStringToObject(object, "disposition", part.disposition.c_str());
+    cJSON_AddStringToObject(object, "name", part.name.c_str());
+    cJSON_AddStringToObject(object, "fileName", part.file_name.c_str());
+    cJSON_AddStringToObject(object, "encoding", part.encoding.c_str());
+    cJSON_AddStringToObject(object, "description", part.description.c_str());
+    cJSON_AddStringToObject(object, "bodyData", Tolm::Base::Encrypt::Base64Encode(part.body_data).c_str());
+  }
+  char* const text = cJSON_Print(document);
+  const std::string printed = text;
+  cJSON_free(text);
+  cJSON_Delete(document);
+  return printed;
+}
+
+HttpHeaders HeadersReadWhole(const std::string& text) {
+  HttpHeaders headers;
+  cJSON* const document = cJSON_Parse(text.c_str());
+  const cJSON* element = nullptr;
+  cJSON_ArrayForEach(element, cJSON_GetObjectItemCaseSensitive(document, "httpHeaders")) {
+    const char* const key = cJSON_GetStringValue(cJSON_GetObjectItemCaseSensitive(element, "key"));
+    const char* const value = cJSON_GetStringValue(cJSON_GetObjectItemCaseSensitive(element, "value"));
+    if (key != nullptr) headers.try_emplace(key, value != nullptr ? value : "");
+  }
+  cJSON_Delete(document);
+  return headers;
+}
+
+/// Many bytes, of every value, or those that JSON has to escape, or letters.
+std::string LongText(std::mt19937& random, std::size_t size) {
+  const std::size_t kind = random() % 3;
+  const std::string odd = "\"\\\x01\xff\n/";
+  std::string text(size, 'x');
+  for (char& c : text) {
+    if (kind == 0) c = static_cast<char>(random() & 0xFF);
+    if (kind == 1) c = odd[random() % odd.size()];
+  }
+  return text;
+}
+
+TEST(FrameDocuments, LongPartsArePrintedAsCJSONAloneWould) {
+  std::mt19937 random(1);
+  for (int round = 0; round < 200; ++round) {
+    HttpParts parts(random() % 4);
+    for (MimePart& part : parts) {
+      part.name = LongText(random, random() % 40);
+      part.description = LongText(random, random() % 3000);
+      part.body_data = LongText(random, random() % 9000);
+    }
+    const std::string text = PrintPartsDocument(parts);
+    ASSERT_EQ(text, PrintedWhole(parts));
+    HttpParts back;
+    ASSERT_TRUE(ReadPartsDocument(back, text));
+    ASSERT_EQ(back.size(), parts.size());
+    for (std::size_t i = 0; i < parts.size(); ++i) EXPECT_EQ(back[i].body_data, parts[i].body_data);
+  }
+}
+
+TEST(FrameDocuments, LongTextsAreReadAsCJSONAloneWould) {
+  std::mt19937 random(2);
+  int accepted = 0;
+  for (int round = 0; round < 2000; ++round) {
+    HttpHeaders headers;
+    for (std::size_t i = random() % 4; i > 0; --i) {
+      headers[LongText(random, random() % 1500)] = LongText(random, random() % 1500);
+    }
+    std::string text = PrintHeadersDocument(headers);
+    // Three of four are no longer what they were.
+    const std::string odd = "\"\\{}[],:\xff u";
+    for (std::size_t i = random() % 4; i > 0; --i) {
+      const std::size_t at = random() % text.size();
+      if (random() % 2 == 0)
+        text[at] = odd[random() % odd.size()];
+      else
+        text.insert(at, text.substr(random() % text.size(), random() % 1500));
+    }
+    HttpHeaders back;
+    ASSERT_TRUE(ReadHeadersDocument(back, text));
+    ASSERT_EQ(back, HeadersReadWhole(text)) << text;
+    if (!back.empty()) ++accepted;
+  }
+  EXPECT_GT(accepted, 400);
+}
+
+TEST(FrameDocuments, TextsThatLookLikeThePlaceOfALongOneAreThemselves) {
+  const std::string long_text(2000, 'k');
+  const auto document = [&](const std::string& other) {
+    return R"({"httpHeaders":[{"key":"long","value":")" + long_text + R"("},{"key":"other","value":")" +
+           other + R"("},{")" + long_text + R"(":1,"key":")" + long_text + R"("}]})";
+  };
+  for (const char* other : {"\xff"
+                            "0",
+                            "\xff",
+                            "\xff"
+                            "7",
+                            "\xff-", "0", ""}) {
+    HttpHeaders headers;
+    EXPECT_TRUE(ReadHeadersDocument(headers, document(other)));
+    EXPECT_THAT(headers, ElementsAre(Pair(long_text, ""), Pair("long", long_text), Pair("other", other)));
+  }
+  HttpHeaders headers;
+  EXPECT_TRUE(ReadHeadersDocument(headers, document("\\u00ff0")));
+  EXPECT_EQ(headers["other"],
+            "\xc3\xbf"
+            "0");
+}
+
+TEST(FrameDocuments, ALongTextWithoutAnEndIsNoDocument) {
+  for (const std::string& tail : {std::string(), std::string("\\"), std::string("\\\""), std::string("\"")}) {
+    HttpHeaders headers;
+    EXPECT_TRUE(ReadHeadersDocument(headers, R"({"httpHeaders":[{"key":")" + std::string(2000, 'k') + tail));
+    EXPECT_THAT(headers, IsEmpty());
+  }
 }
 
 }  // namespace

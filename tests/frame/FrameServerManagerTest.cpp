@@ -357,11 +357,11 @@ TEST_F(FrameServerManager, TheTransportsOperationsAreForwarded) {
     response.body = "answer";
     return true;
   };
-  EXPECT_EQ(Manager().SendRequest({"A", {{"k", "v"}}, "b"}), 5u);
+  EXPECT_EQ(Manager().SendRequest({"A", {{"k", "v"}}, ""}, "b"), 5u);
   tag_LPCResponseData response;
-  EXPECT_TRUE(Manager().SendAndWait(response, {"B", {}, "b"}, "/url", 99));
-  EXPECT_TRUE(Manager().Reply({7, "C", {}, "b"}));
-  EXPECT_TRUE(Manager().Notify({"D", {}, "b"}));
+  EXPECT_TRUE(Manager().SendAndWait(response, {"B", {}, ""}, "b", "/url", 99));
+  EXPECT_TRUE(Manager().Reply({7, "C", {}, ""}, "b"));
+  EXPECT_TRUE(Manager().Notify({"D", {}, ""}, "b"));
   EXPECT_EQ(Manager().GetLastError(), 6);
   EXPECT_THAT(Journal::Entries(),
               ElementsAre("lpc.Send A", "lpc.SendAndWait B", "lpc.Reply C", "lpc.Notify D"));
@@ -370,13 +370,16 @@ TEST_F(FrameServerManager, TheTransportsOperationsAreForwarded) {
   EXPECT_EQ(transport_.WaitingSends()[0].url, "/url");
   EXPECT_EQ(transport_.WaitingSends()[0].time_out, 99);
   EXPECT_EQ(transport_.Replies()[0].msg_id, 7u);
+  EXPECT_EQ(transport_.Requests()[0].body + transport_.WaitingSends()[0].request.body +
+                transport_.Replies()[0].body + transport_.Notifications()[0].body,
+            "bbbb");
 
   transport_.send_and_wait = false;
   transport_.reply = false;
   transport_.notify = false;
-  EXPECT_FALSE(Manager().SendAndWait(response, {"B", {}, "b"}, "/url", 99));
-  EXPECT_FALSE(Manager().Reply({7, "C", {}, "b"}));
-  EXPECT_FALSE(Manager().Notify({"D", {}, "b"}));
+  EXPECT_FALSE(Manager().SendAndWait(response, {"B", {}, ""}, "b", "/url", 99));
+  EXPECT_FALSE(Manager().Reply({7, "C", {}, ""}, "b"));
+  EXPECT_FALSE(Manager().Notify({"D", {}, ""}, "b"));
 }
 
 }  // namespace

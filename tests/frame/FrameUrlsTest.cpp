@@ -1,5 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <locale>
+#include <random>
+#include <sstream>
 #include <string>
 
 #include "FrameScript.h"
@@ -87,6 +91,76 @@ TEST(FrameUrls, AQueryIsCutBeforeTheFirstQuestionMark) {
   EXPECT_EQ(CutQuery("/a"), "/a");
   EXPECT_EQ(CutQuery("?x"), "");
   EXPECT_EQ(CutQuery(""), "");
+}
+
+// Keys.
+
+std::string LookupKey(const std::string& url) {
+  const UrlLookupKey key(url);
+  return std::string(key.text());
+}
+
+TEST(FrameUrls, AUrlIsLookedUpAsItsPatternWithoutQueryAndInLowerCase) {
+  EXPECT_EQ(LookupKey("/Api/FOO/42/?X=/7"), "/api/foo/<id>");
+  EXPECT_EQ(LookupKey("Api//0123456789ABCDEF0123456789ABCDEF"), "/api/<guid>");
+  EXPECT_EQ(LookupKey("/a/-1/\xc3\x84"), "/a/-1/\xc3\x84");
+  for (const char* url : {"", "?", "///", "/?/a", "?/a"}) EXPECT_EQ(LookupKey(url), "") << url;
+}
+
+/// A pattern by the means that its definition speaks of: a tokenizer and a text stream.
+std::string PatternByStream(const std::string& url) {
+  std::string pattern;
+  std::istringstream segments(url);
+  for (std::string segment; std::getline(segments, segment, '/');) {
+    if (segment.empty()) continue;
+    std::istringstream number(segment);
+    number.imbue(std::locale::classic());
+    std::int64_t value = 0;
+    const bool whole = (number >> value) && number.peek() == std::istringstream::traits_type::eof();
+    pattern += '/';
+    pattern += segment.size() == 32 ? "<GUID>" : whole && value != -1 ? "<ID>" : segment;
+  }
+  return pattern;
+}
+
+/// A text that has much in common with a number, or with a name.
+std::string RandomSegment(std::mt19937& random) {
+  const std::string blanks_and_signs = " \t\n\v\f\r+-?0";
+  const std::string others = "aZ9?-\xc3";
+  std::string segment;
+  for (std::size_t i = random() % 3; i > 0; --i) {
+    segment += blanks_and_signs[random() % blanks_and_signs.size()];
+  }
+  for (std::size_t i = random() % 22; i > 0; --i) segment += static_cast<char>('0' + random() % 10);
+  if (random() % 3 == 0) segment += others[random() % others.size()];
+  if (random() % 8 == 0) segment.assign(31 + random() % 3, 'F');
+  return random() % 9 == 0 ? "-1" : segment;
+}
+
+TEST(FrameUrls, PatternsAndKeysAreWhatTheirDefinitionGives) {
+  std::mt19937 random(4711);
+  for (int round = 0; round < 20'000; ++round) {
+    std::string url;
+    // Now and then a url that is longer than most.
+    for (std::size_t i = random() % (round % 100 == 0 ? 400 : 6); i > 0; --i) {
+      if (random() % 8 != 0) url += '/';
+      url += random() % 4 != 0 ? RandomSegment(random) : "7";
+    }
+    ASSERT_EQ(Pattern(url), PatternByStream(url)) << url;
+    ASSERT_EQ(LookupKey(url), Tolm::Base::StringUtil::LowerCase(PatternByStream(CutQuery(url)))) << url;
+  }
+}
+
+TEST(FrameUrls, NoPatternIsLongerThanTheRoomForIt) {
+  for (std::size_t segments = 1; segments < 400; ++segments) {
+    std::string url;
+    std::string pattern;
+    for (std::size_t i = 0; i < segments; ++i) {
+      url += i == 0 ? "7" : "/7";
+      pattern += "/<id>";
+    }
+    ASSERT_EQ(LookupKey(url), pattern);
+  }
 }
 
 // Masking.

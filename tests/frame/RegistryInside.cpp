@@ -73,7 +73,13 @@ void ForgetEverything(CLPCIntegrate& registry) {
 }
 
 void ForgetTimeout(CLPCIntegrate& registry, const std::string& lower_case_url) {
-  (registry.*Reach(Timeouts())).Write([&](auto& timeouts) { timeouts.Erase(lower_case_url); });
+  (registry.*Reach(Timeouts())).Write([&](auto& timeouts) {
+    const auto before = timeouts.ordered();
+    timeouts.Clear();
+    for (const auto& [url, time_out] : before) {
+      if (url != lower_case_url) timeouts.InsertOrAssign(url, time_out);
+    }
+  });
 }
 
 std::map<std::string, std::int32_t> TimeoutsByUrl(const CLPCIntegrate& registry) {

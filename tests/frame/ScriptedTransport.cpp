@@ -152,6 +152,16 @@ namespace lpcserver {
 using tolm::test::Journal;
 using tolm::test::ScriptedTransport;
 
+namespace {
+
+template <typename Record>
+Record With(Record record, std::string_view body) {
+  record.body = body;
+  return record;
+}
+
+}  // namespace
+
 bool Init() {
   Journal::Note("lpc.Init");
   return ScriptedTransport::Get().init();
@@ -187,12 +197,21 @@ std::uint64_t Send(tag_LPCRequestData&& request) {
   return ScriptedTransport::Get().Send(request);
 }
 
+std::uint64_t Send(const tag_LPCRequestData& request, std::string_view body) {
+  return ScriptedTransport::Get().Send(With(request, body));
+}
+
 bool Send(tag_LPCResponseData& response, const tag_LPCRequestData& request, std::string url, int time_out) {
   return ScriptedTransport::Get().Send(response, {request, std::move(url), time_out});
 }
 
 bool Send(tag_LPCResponseData& response, tag_LPCRequestData&& request, std::string url, int time_out) {
   return ScriptedTransport::Get().Send(response, {std::move(request), std::move(url), time_out});
+}
+
+bool Send(tag_LPCResponseData& response, const tag_LPCRequestData& request, std::string_view body,
+          std::string url, int time_out) {
+  return ScriptedTransport::Get().Send(response, {With(request, body), std::move(url), time_out});
 }
 
 bool Reply(const tag_LPCReplyData& reply) {
@@ -203,12 +222,24 @@ bool Reply(tag_LPCReplyData&& reply) {
   return ScriptedTransport::Get().Reply(reply);
 }
 
+bool Reply(const tag_LPCReplyData& reply, std::string_view body) {
+  return ScriptedTransport::Get().Reply(With(reply, body));
+}
+
 bool Notify(const tag_LPCNotifyData& notify) {
   return ScriptedTransport::Get().Notify(notify);
 }
 
 bool Notify(tag_LPCNotifyData&& notify) {
   return ScriptedTransport::Get().Notify(notify);
+}
+
+bool Notify(const tag_LPCNotifyData& notify, std::string_view body) {
+  return ScriptedTransport::Get().Notify(With(notify, body));
+}
+
+tag_LPCCallBackData Take(const tag_LPCCallBackData& data) {
+  return data;
 }
 
 int GetLPCLastError() {

@@ -102,12 +102,12 @@ void RunRemovalCommand(const std::string& command) {
   Journal::Note("process.Remove " + command);
 }
 
-bool ReadTcpTable(std::vector<PortRow>& rows) {
+bool ReadTcpTable(std::vector<PortRow>& rows, Owners /*owners*/) {
   Journal::Note("table.Tcp");
   return ScriptedSystem::Get().tcp_table(rows);
 }
 
-bool ReadUdpTable(std::vector<PortRow>& rows) {
+bool ReadUdpTable(std::vector<PortRow>& rows, Owners /*owners*/) {
   Journal::Note("table.Udp");
   return ScriptedSystem::Get().udp_table(rows);
 }

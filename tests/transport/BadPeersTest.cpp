@@ -141,7 +141,7 @@ TEST_P(BadPeers, ASenderLearnsAtOnceThatItsMessageIsTooLarge) {
   EXPECT_EQ(scene.frame.Ask({"alpha", many, "x"}, response), lpc::kMessageTooLarge);
   tag_LPCRequestData large{"alpha", {}, std::string(256u << 20, 'x')};
   int error = lpc::kOk;
-  EXPECT_EQ(scene.frame.core().Send(large, nullptr, error), 0u);
+  EXPECT_EQ(scene.frame.core().Send(large, {large.body}, error), 0u);
   EXPECT_EQ(error, lpc::kMessageTooLarge);
   EXPECT_EQ(scene.frame.Ask(std::move(large), response), lpc::kMessageTooLarge);
   large = {"0", {}, std::string(256u << 20, 'x')};

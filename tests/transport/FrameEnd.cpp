@@ -24,7 +24,7 @@ FrameEnd::~FrameEnd() {
 }
 
 int FrameEnd::Ask(tag_LPCRequestData request, tag_LPCResponseData& response, int time_out) {
-  return core_->SendAndWait(response, request, &request.body, "/test", time_out);
+  return core_->SendAndWait(response, request, {request.body, &request.body}, "/test", time_out);
 }
 
 int FrameEnd::Ask(const std::string& id, const std::string& body, std::string* answer, int time_out) {
@@ -36,15 +36,15 @@ int FrameEnd::Ask(const std::string& id, const std::string& body, std::string* a
 
 std::uint64_t FrameEnd::Request(const std::string& id, const std::string& body) {
   int error = 0;
-  return core_->Send({id, {}, body}, nullptr, error);
+  return core_->Send({id, {}, {}}, {body}, error);
 }
 
 int FrameEnd::Notify(const std::string& id, const std::string& body) {
-  return core_->Notify({id, {}, body}, nullptr);
+  return core_->Notify({id, {}, {}}, {body});
 }
 
 int FrameEnd::Answer(const tag_LPCCallBackData& request, const std::string& body) {
-  return core_->Reply({request.msg_id, request.src_id, request.params, body}, nullptr);
+  return core_->Reply({request.msg_id, request.src_id, request.params, {}}, {body});
 }
 
 std::vector<tag_LPCCallBackData> FrameEnd::Records() const {

@@ -37,7 +37,7 @@ std::string MessageBytes(const std::string& body, const LpcParams& params, const
   message.dst_id = dst_id;
   message.src_id = src_id;
   message.params = &params;
-  message.body = body;
+  message.body = {body};
   return lpc::wire::EncodeHead(message, 0) + body;
 }
 

@@ -55,17 +55,17 @@ TEST(WirePage, ShowsARequestAndItsReply) {
   message.dst_id = "0";
   message.src_id = "cam";
   message.params = &url;
-  message.body = "hi";
+  message.body = {"hi"};
   message.time_out_ms = 5000;
-  const std::string request = lpc::wire::EncodeHead(message, 0) + std::string(message.body);
+  const std::string request = lpc::wire::EncodeHead(message, 0) + std::string(message.body.bytes);
   EXPECT_EQ(Example("request"), FrameBytes(FrameType::kRequest, request, 3, lpc::wire::kFlagWaiting));
   const LpcParams none;
   message.dst_id = "cam";
   message.src_id = "0";
   message.params = &none;
-  message.body = "ok";
+  message.body = {"ok"};
   message.time_out_ms = 0;
-  const std::string reply = lpc::wire::EncodeHead(message, 0) + std::string(message.body);
+  const std::string reply = lpc::wire::EncodeHead(message, 0) + std::string(message.body.bytes);
   EXPECT_EQ(Example("reply"), FrameBytes(FrameType::kReply, reply, 3));
 }
 

@@ -38,7 +38,9 @@ class WrappedStream final : public os::Stream {
     if (FailsNow()) return {os::IoStatus::kFailed, 0, 5};
     return inner_->Write(buffers, count);
   }
-  bool WaitReadable(int timeout_ms) override { return inner_->WaitReadable(timeout_ms); }
+  os::StreamState Wait(bool for_room, int timeout_ms) override { return inner_->Wait(for_room, timeout_ms); }
+  bool CanWaitForRoom() const override { return inner_->CanWaitForRoom(); }
+  void SetBulk(bool bulk) override { inner_->SetBulk(bulk); }
   void Shutdown() noexcept override { inner_->Shutdown(); }
   os::PeerIdentity Peer() const override { return {same_user_, inner_->Peer().process_id}; }
 

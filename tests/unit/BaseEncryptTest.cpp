@@ -1,12 +1,15 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
+#include <random>
 #include <string>
 #include <utility>
 
 #include "TolmBase/Encrypt.h"
 
+using Tolm::Base::Encrypt::AppendBase64;
 using Tolm::Base::Encrypt::Base64Decode;
+using Tolm::Base::Encrypt::Base64DecodeInPlace;
 using Tolm::Base::Encrypt::Base64Encode;
 
 namespace {
@@ -21,6 +24,90 @@ const std::pair<const char*, const char*> kVectors[] = {
     {"fooba", "Zm9vYmE="},
     {"foobar", "Zm9vYmFy"},
 };
+
+// The standard's words, bit by bit.
+
+constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
+std::string EncodedBitByBit(const std::string& bytes) {
+  std::string bits;
+  for (const char c : bytes) {
+    for (int bit = 7; bit >= 0; --bit) bits += (c >> bit & 1) != 0 ? '1' : '0';
+  }
+  while (bits.size() % 6 != 0) bits += '0';
+  std::string text;
+  for (std::size_t at = 0; at < bits.size(); at += 6) {
+    text += kAlphabet[std::stoul(bits.substr(at, 6), nullptr, 2)];
+  }
+  while (text.size() % 4 != 0) text += '=';
+  return text;
+}
+
+std::string DecodedBitByBit(const std::string& text) {
+  if (text.size() % 4 != 0) return {};
+  std::size_t end = text.size();
+  while (end > 0 && text.size() - end < 2 && text[end - 1] == '=') --end;
+  const std::string alphabet = kAlphabet;
+  std::string bits;
+  for (std::size_t at = 0; at < end; ++at) {
+    const std::size_t value = alphabet.find(text[at]);
+    if (value == std::string::npos) return {};
+    for (int bit = 5; bit >= 0; --bit) bits += (value >> bit & 1) != 0 ? '1' : '0';
+  }
+  std::string bytes;
+  for (std::size_t at = 0; at + 8 <= bits.size(); at += 8) {
+    bytes += static_cast<char>(std::stoul(bits.substr(at, 8), nullptr, 2));
+  }
+  return bytes;
+}
+
+std::string RandomBytes(std::mt19937& random, std::size_t count) {
+  std::string bytes(count, '\0');
+  for (char& c : bytes) c = static_cast<char>(random() & 0xFF);
+  return bytes;
+}
+
+TEST(Base64, BytesOfEveryLengthBecomeWhatTheirBitsSay) {
+  std::mt19937 random(64);
+  for (std::size_t length = 0; length <= 300; ++length) {
+    const std::string bytes = RandomBytes(random, length);
+    const std::string text = EncodedBitByBit(bytes);
+    ASSERT_EQ(Base64Encode(bytes), text);
+    ASSERT_EQ(Base64Decode(text), bytes);
+    std::string appended = "before";
+    AppendBase64(appended, bytes);
+    ASSERT_EQ(appended, "before" + text);
+    std::string decoded = text;
+    Base64DecodeInPlace(decoded);
+    ASSERT_EQ(decoded, bytes);
+  }
+}
+
+TEST(Base64, EveryByteAtEveryPlaceOfALongTextIsReadOrForeign) {
+  for (std::size_t at = 0; at < 64; ++at) {
+    for (int byte = 0; byte < 256; ++byte) {
+      std::string text(64, 'T');
+      text[at] = static_cast<char>(byte);
+      ASSERT_EQ(Base64Decode(text), DecodedBitByBit(text)) << "byte " << byte << " at " << at;
+    }
+  }
+}
+
+TEST(Base64, TextsThatAreNotWhatTheyWereAreReadAsTheirBitsSay) {
+  std::mt19937 random(4711);
+  for (int round = 0; round < 3000; ++round) {
+    std::string text = EncodedBitByBit(RandomBytes(random, 1 + random() % 120));
+    for (int changes = 1 + static_cast<int>(random() % 2); changes > 0; --changes) {
+      const std::string others = "=AZaz09+/-_\n";
+      text[random() % text.size()] = others[random() % others.size()];
+    }
+    if (random() % 4 == 0) text.resize(random() % text.size());
+    ASSERT_EQ(Base64Decode(text), DecodedBitByBit(text)) << text;
+    std::string decoded = text;
+    Base64DecodeInPlace(decoded);
+    ASSERT_EQ(decoded, DecodedBitByBit(text)) << text;
+  }
+}
 
 TEST(Base64, EncodesTheVectorsOfTheStandard) {
   for (const auto& [bytes, text] : kVectors) EXPECT_EQ(Base64Encode(bytes), text);
@@ -38,7 +125,7 @@ TEST(Base64, UsesTheStandardAlphabetForAllSixBits) {
     bytes += static_cast<char>(group >> 8 & 0xFF);
     bytes += static_cast<char>(group & 0xFF);
   }
-  const std::string alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  const std::string alphabet = kAlphabet;
   EXPECT_EQ(Base64Encode(bytes), alphabet);
   EXPECT_EQ(Base64Decode(alphabet), bytes);
 }

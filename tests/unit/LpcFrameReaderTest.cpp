@@ -30,7 +30,7 @@ std::string Message(const std::string& body, const LpcParams& params = {{"k", "v
   message.dst_id = "0";
   message.src_id = "me";
   message.params = &params;
-  message.body = body;
+  message.body = {body};
   message.time_out_ms = 99;
   return EncodeHead(message, 0) + body;
 }
@@ -55,11 +55,13 @@ class Found final : public FrameSink {
   /// As a connection does it: to the place of a body where there is one.
   bool FeedToItsPlace(std::string_view bytes) {
     while (!bytes.empty()) {
-      const FrameReader::Place place = reader.DirectPlace();
-      const std::size_t direct = std::min(place.size, bytes.size());
-      if (direct > 0) std::memcpy(place.data, bytes.data(), direct);
-      reader.CommitDirect(direct, *this);
-      bytes.remove_prefix(direct);
+      reader.ReadToPlace(
+          [&bytes](FrameReader::Place place) {
+            const std::size_t direct = bytes.copy(place.data, place.size);
+            bytes.remove_prefix(direct);
+            return direct;
+          },
+          *this);
       const std::size_t fed = std::min({bytes.size(), std::size_t{100}, reader.NeededForFrame()});
       if (!Feed(bytes.substr(0, fed))) return false;
       bytes.remove_prefix(fed);
@@ -165,10 +167,11 @@ TEST(LpcFrameReader, GivesBackWhatWasNotFilledOfAPlace) {
   ASSERT_TRUE(all.Feed(std::string_view(frame).substr(0, 100)));
   std::size_t at = 100;
   for (const std::size_t part : {0u, 1u, 20'000u, 0u, 13'000u}) {
-    const FrameReader::Place place = all.reader.DirectPlace();
-    ASSERT_EQ(place.size, frame.size() - at);
-    std::memcpy(place.data, frame.data() + at, part);
-    all.reader.CommitDirect(part, all);
+    const auto fill_a_part = [&](FrameReader::Place place) {
+      EXPECT_EQ(place.size, frame.size() - at);
+      return frame.copy(place.data, part, at);
+    };
+    ASSERT_TRUE(all.reader.ReadToPlace(fill_a_part, all));
     at += part;
   }
   ASSERT_TRUE(all.Feed(std::string_view(frame).substr(at)));
@@ -185,7 +188,8 @@ TEST(LpcFrameReader, AllocatesWhatHasArrivedAndNotWhatIsStated) {
   Found all;
   ASSERT_TRUE(all.Feed(Frame(FrameType::kNotify, prefix + meta, 0, kFlagMore, 1)));
   EXPECT_EQ(all.reader.held_bytes(), prefix.size() + meta.size());
-  EXPECT_EQ(all.reader.DirectPlace().size, 0u) << "between two frames there is no place";
+  EXPECT_FALSE(all.reader.ReadToPlace([](FrameReader::Place) { return std::size_t{0}; }, all))
+      << "between two frames there is no place";
 }
 
 TEST(LpcFrameReader, BoundsIncompleteMessagesInEitherWayOfReading) {

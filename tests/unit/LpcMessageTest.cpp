@@ -20,7 +20,7 @@ OutgoingMessage Example(const LpcParams& params) {
   message.dst_id = "destination";
   message.src_id = "source";
   message.params = &params;
-  message.body = "the body";
+  message.body = {"the body"};
   message.time_out_ms = 4321;
   return message;
 }
@@ -120,7 +120,7 @@ TEST(LpcMessage, KeysOutOfOrderAreTakenAllTheSame) {
 TEST(LpcMessage, LimitsHoldToTheByte) {
   const LpcParams params = {{"k", "v"}};
   const OutgoingMessage message = Example(params);
-  const std::size_t size = EncodeHead(message, 0).size() + message.body.size();
+  const std::size_t size = EncodeHead(message, 0).size() + message.body.bytes.size();
   EXPECT_EQ(CheckLimits(message, size, 1), kOk);
   EXPECT_EQ(CheckLimits(message, size - 1, 1), kMessageTooLarge);
   EXPECT_EQ(CheckLimits(message, size, 0), kMessageTooLarge);
@@ -144,7 +144,7 @@ TEST(LpcMessage, NoLimitAllowsWhatTheLengthsCannotSay) {
   OutgoingMessage message = Example(kParams);
   char one = 'x';
   // Only the size is looked at.
-  message.body = std::string_view(&one, std::size_t{0x1'0000'0000});
+  message.body = {std::string_view(&one, std::size_t{0x1'0000'0000})};
   EXPECT_EQ(CheckLimits(message, std::numeric_limits<std::size_t>::max(), 10), kMessageTooLarge);
 }
 

@@ -39,7 +39,7 @@ class Taker final : public os::Stream {
     const std::size_t bytes = taken_.size() - before;
     return bytes > 0 ? os::IoResult{os::IoStatus::kDone, bytes} : os::IoResult{os::IoStatus::kWouldBlock};
   }
-  bool WaitReadable(int) override { return false; }
+  os::StreamState Wait(bool, int) override { return {}; }
   void Shutdown() noexcept override {}
   os::PeerIdentity Peer() const override { return {}; }
 
@@ -92,7 +92,7 @@ const LpcParams kNoParams;
 OutgoingMessage Message(std::string_view body) {
   OutgoingMessage message;
   message.params = &kNoParams;
-  message.body = body;
+  message.body = {body};
   return message;
 }
 
@@ -200,7 +200,7 @@ TEST_F(LpcSendQueue, TheBytesOfAQueuedMessageAreItsOwn) {
   body.assign(body.size(), 'X');
   std::string given = "a body that the sender gave away with it";
   OutgoingMessage message = Message(given);
-  message.body_owner = &given;
+  message.body.owner = &given;
   EXPECT_EQ(queue_.Send(message), Outcome::kQueued);
   EXPECT_TRUE(given.empty()) << "it was not copied";
   stream_.Room(std::string::npos);

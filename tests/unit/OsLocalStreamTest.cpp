@@ -126,17 +126,17 @@ TEST_P(OsLocalStream, BothEndsAreOfTheSameUser) {
 
 TEST_P(OsLocalStream, WaitsUntilSomethingCanBeRead) {
   Connect();
-  EXPECT_FALSE(far_->WaitReadable(0));
-  EXPECT_FALSE(far_->WaitReadable(5));
+  EXPECT_FALSE(far_->Wait(false, 0).readable);
+  EXPECT_FALSE(far_->Wait(false, 5).readable);
   Write(*near_, "x");
-  EXPECT_TRUE(far_->WaitReadable(0));
+  EXPECT_TRUE(far_->Wait(false, 0).readable);
   Read(*far_);
   std::thread writes([this] { Write(*near_, "y"); });
-  EXPECT_TRUE(far_->WaitReadable(30'000));
+  EXPECT_TRUE(far_->Wait(false, 30'000).readable);
   writes.join();
   Read(*far_);
   std::thread ends([this] { far_->Shutdown(); });
-  EXPECT_TRUE(far_->WaitReadable(30'000)) << "its own end is something to read";
+  EXPECT_TRUE(far_->Wait(false, 30'000).readable) << "its own end is something to read";
   ends.join();
 }
 
@@ -256,7 +256,7 @@ TEST_P(OsLocalStream, WhatAThreadHasAskedForIsToldAlsoWhenItHasEnded) {
   for (int round = 0; round < 20; ++round) {
     std::thread([this] {
       ASSERT_TRUE(poller_->Arm(*far_, 6, Poller::kRead));
-      EXPECT_FALSE(far_->WaitReadable(0));
+      EXPECT_FALSE(far_->Wait(false, 0).readable);
     }).join();
     ASSERT_EQ(Write(*near_, "x").status, IoStatus::kDone);
     const auto ready = poller_->Wait(30'000);

@@ -8,12 +8,12 @@
 #include <exception>
 #include <list>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
 
 #include "TolmBase/LogLine.h"
+#include "TolmBase/TaskThread.h"
 #include "os/ThreadName.h"
 
 namespace Tolm::Base {
@@ -22,8 +22,12 @@ namespace {
 using Queue = std::deque<std::unique_ptr<CTask>>;
 using Threads = std::list<std::thread>;
 
-/// The core of the pool whose thread this is.
+/// When so many threads are guests elsewhere, their tasks are long ones, and others had better be woken.
+constexpr std::size_t kMostAbsent = 4;
+
+/// The core of the pool whose thread this is, and of the one where it is a guest.
 thread_local const void* t_own_core = nullptr;
+thread_local const void* t_host_core = nullptr;
 
 void RunAndDestroy(std::unique_ptr<CTask> task) {
   try {
@@ -58,26 +62,42 @@ void JoinAll(Threads& threads) {
 // No task waits in vain: every queued task is covered, either by an idle thread that is or will be awake
 // and looks at the queue before it waits again, or by all threads being busy, which look at it after
 // their tasks. A thread that was just made counts as idle until it looks for the first time.
-struct CMessageLoopDyThreadPool::Core : std::enable_shared_from_this<Core> {
+//
+// A thread that is absent runs a task of another pool, and counts there, as a guest, instead of here.
+struct CMessageLoopDyThreadPool::Core final : CTaskThread::IHost, std::enable_shared_from_this<Core> {
   enum class State { kNew, kRunning, kStopped };
   using TimePoint = std::chrono::steady_clock::time_point;
+  static constexpr TimePoint kNoTime = TimePoint::max();
 
   explicit Core(const char* pool_name) : name(pool_name) {}
   ~Core();
 
   // These want `mutex` to be held.
   bool AddThread();
-  /// Sees to it that somebody comes for the queue: wakes an idle thread, or makes one. One at a time, since
-  /// whoever comes and finds more calls the next one; a burst thus costs no wake-up for each task.
-  enum class Called { kEnough, kShort, kNewlyShort };  // short: one is wanted and cannot be made
+  /// Sees to it that somebody comes for the queue: makes a thread, or has the caller wake an idle one. One
+  /// at a time, since whoever comes and finds more calls the next one; a burst thus costs no wake-up for
+  /// each task.
+  enum class Called { kEnough, kWake, kShort, kNewlyShort };  // short: one is wanted and cannot be made
   Called CallAnother();
   /// Waits for work or a stop. True when neither came until `idle_end`, which the first wait after a
   /// task sets.
-  bool IsIdleTooLong(std::unique_lock<std::mutex>& lock, std::uint64_t own_generation,
-                     std::optional<TimePoint>& idle_end);
+  bool IsIdleTooLong(std::unique_lock<std::mutex>& lock, std::uint64_t own_generation, TimePoint& idle_end);
   void EndOwnThread(std::unique_lock<std::mutex>& lock);
+  /// Threads that run this pool's tasks, or may begin to without being called.
+  std::size_t Busy() const { return members.size() - idle - absent + guests; }
+  /// Whether an idle member may end. One stays with the guests, who take nothing from the queue.
+  bool MayShrink() const { return members.size() > std::max<std::size_t>(min_threads, guests > 0 ? 1 : 0); }
+  /// Keeps a place for the calling thread's next task, which nobody overtakes then.
+  bool TakeGuest();
 
+  // These want it not to be held.
+  /// What CallAnother left to be done. A thread that is woken under the lock would only wait for that.
+  void Finish(Called called);
   void WarnOfShortage() const;
+  void RunAsGuest(std::unique_ptr<CTask> task) override;
+  /// Whether the calling thread runs a task of this pool, or is to come back here.
+  bool IsOwnThread() const;
+  class Member;
   /// The life of a thread that was made in `own_generation`.
   void ThreadMain(std::uint64_t own_generation);
 
@@ -95,8 +115,12 @@ struct CMessageLoopDyThreadPool::Core : std::enable_shared_from_this<Core> {
   Threads members;
   Threads leavers;
   Threads ended;
-  std::size_t alive = 0;  // threads that have not ended, wherever their handles are
-  std::size_t idle = 0;   // members that wait, or are about to look for work
+  std::size_t alive = 0;            // threads that have not ended, wherever their handles are
+  std::size_t idle = 0;             // members that wait, or are about to look for work
+  std::size_t absent = 0;           // members that are guests elsewhere
+  std::size_t guests = 0;           // threads from elsewhere that run a task, or are about to
+  std::size_t stopping_guests = 0;  // of these, inside Stop
+  std::condition_variable guest_left;
   std::size_t min_threads = 0;
   std::size_t max_threads = 0;
   std::chrono::seconds idle_time{0};
@@ -127,16 +151,46 @@ bool CMessageLoopDyThreadPool::Core::AddThread() {
 
 CMessageLoopDyThreadPool::Core::Called CMessageLoopDyThreadPool::Core::CallAnother() {
   if (state != State::kRunning || queue.empty() || is_one_coming) return Called::kEnough;
+  if (Busy() >= max_threads) return Called::kEnough;
   if (idle > 0) {
     is_one_coming = true;
-    work_or_stop.notify_one();
-    return Called::kEnough;
+    return Called::kWake;
   }
-  if (members.size() >= max_threads) return Called::kEnough;
   is_one_coming = AddThread();
   const bool was_short = std::exchange(is_short_of_threads, !is_one_coming);
   if (is_one_coming) return Called::kEnough;
   return was_short ? Called::kShort : Called::kNewlyShort;
+}
+
+void CMessageLoopDyThreadPool::Core::Finish(Called called) {
+  if (called == Called::kWake) work_or_stop.notify_one();
+  if (called == Called::kNewlyShort) WarnOfShortage();
+}
+
+bool CMessageLoopDyThreadPool::Core::TakeGuest() {
+  // One that is idle could have run the task; without one, the pool has to grow as always.
+  if (state != State::kRunning || !queue.empty() || idle == 0 || Busy() >= max_threads) return false;
+  ++guests;
+  return true;
+}
+
+void CMessageLoopDyThreadPool::Core::RunAsGuest(std::unique_ptr<CTask> task) {
+  const void* const host_before = std::exchange(t_host_core, this);
+  RunAndDestroy(std::move(task));
+  t_host_core = host_before;
+  auto called = Called::kEnough;
+  {
+    const std::lock_guard lock(mutex);
+    --guests;
+    // What was posted while no place was left.
+    called = CallAnother();
+    guest_left.notify_all();
+  }
+  Finish(called);
+}
+
+bool CMessageLoopDyThreadPool::Core::IsOwnThread() const {
+  return t_own_core == this || t_host_core == this || CTaskThread::IsOnItsWayTo(this);
 }
 
 void CMessageLoopDyThreadPool::Core::WarnOfShortage() const {
@@ -144,13 +198,12 @@ void CMessageLoopDyThreadPool::Core::WarnOfShortage() const {
 }
 
 bool CMessageLoopDyThreadPool::Core::IsIdleTooLong(std::unique_lock<std::mutex>& lock,
-                                                   std::uint64_t own_generation,
-                                                   std::optional<TimePoint>& idle_end) {
+                                                   std::uint64_t own_generation, TimePoint& idle_end) {
   bool too_long = false;
   ++idle;
   if (idle_time.count() > 0 && members.size() > min_threads) {
-    if (!idle_end) idle_end = std::chrono::steady_clock::now() + idle_time;
-    too_long = work_or_stop.wait_until(lock, *idle_end) == std::cv_status::timeout;
+    if (idle_end == kNoTime) idle_end = std::chrono::steady_clock::now() + idle_time;
+    too_long = work_or_stop.wait_until(lock, idle_end) == std::cv_status::timeout;
   } else {
     work_or_stop.wait(lock);
   }
@@ -171,10 +224,42 @@ void CMessageLoopDyThreadPool::Core::EndOwnThread(std::unique_lock<std::mutex>& 
   JoinAll(ended_before);
 }
 
+// One of the pool's threads, as a thread that may run a task of another pool.
+class CMessageLoopDyThreadPool::Core::Member final : public CTaskThread {
+ public:
+  Member(Core& core, std::uint64_t generation) : core_(core), generation_(generation) {}
+  using CTaskThread::RunFollowers;
+
+ private:
+  bool MayLeave() override {
+    const std::lock_guard lock(core_.mutex);
+    return core_.queue.empty() && core_.generation == generation_ && core_.absent < kMostAbsent;
+  }
+  void Leave() override {
+    auto called = Called::kEnough;
+    {
+      const std::lock_guard lock(core_.mutex);
+      left_ = core_.generation == generation_;
+      if (left_) ++core_.absent;
+      called = core_.CallAnother();  // a place is left now
+    }
+    core_.Finish(called);
+  }
+  void ComeBack() override {
+    const std::lock_guard lock(core_.mutex);
+    if (left_ && core_.generation == generation_) --core_.absent;
+  }
+
+  Core& core_;
+  const std::uint64_t generation_;
+  bool left_ = false;
+};
+
 void CMessageLoopDyThreadPool::Core::ThreadMain(std::uint64_t own_generation) {
   t_own_core = this;
   os::SetThreadName(name.c_str());
-  std::optional<TimePoint> idle_end;
+  Member self(*this, own_generation);
+  TimePoint idle_end = kNoTime;
   bool idle_too_long = false;
   std::unique_lock lock(mutex);
   if (generation == own_generation) {
@@ -182,18 +267,22 @@ void CMessageLoopDyThreadPool::Core::ThreadMain(std::uint64_t own_generation) {
     is_one_coming = false;
   }
   while (generation == own_generation) {
-    if (!queue.empty()) {
+    // Guests, and threads that were absent, may have taken all places.
+    const bool has_place = state != State::kRunning || Busy() <= max_threads;
+    if (!queue.empty() && has_place) {
       std::unique_ptr<CTask> task = std::move(queue.front());
       queue.pop_front();
       const Called called = CallAnother();
       lock.unlock();
-      if (called == Called::kNewlyShort) WarnOfShortage();
+      Finish(called);
       RunAndDestroy(std::move(task));
+      self.RunFollowers();
       lock.lock();
-      idle_end.reset();
+      idle_end = kNoTime;
       idle_too_long = false;
-    } else if (state != State::kRunning || (idle_too_long && members.size() > min_threads)) {
-      break;
+    } else if (state != State::kRunning || (idle_too_long && MayShrink()) ||
+               members.size() - absent > max_threads) {
+      break;  // the last: others were made while it was absent
     } else {
       idle_too_long = IsIdleTooLong(lock, own_generation, idle_end);
     }
@@ -221,6 +310,7 @@ bool CMessageLoopDyThreadPool::Start(int min_threads, int max_threads, int idle_
     const std::size_t idle_before = core.idle;
     ++core.generation;
     core.idle = 0;
+    const std::size_t absent_before = std::exchange(core.absent, 0);
     core.is_one_coming = false;
     while (made < wanted && core.AddThread()) ++made;
     if (made > 0 || wanted == 0) {
@@ -232,6 +322,7 @@ bool CMessageLoopDyThreadPool::Start(int min_threads, int max_threads, int idle_
     } else {
       --core.generation;
       core.idle = idle_before;
+      core.absent = absent_before;
     }
   }
   if (made < wanted) {
@@ -244,7 +335,8 @@ bool CMessageLoopDyThreadPool::Start(int min_threads, int max_threads, int idle_
 bool CMessageLoopDyThreadPool::Stop(bool drain) {
   // The pool may be destroyed by a task that is run or destroyed below.
   const std::shared_ptr<Core> core = core_;
-  const bool is_own_thread = t_own_core == core.get();
+  const bool is_own_thread = core->IsOwnThread();
+  const bool is_guest = t_host_core == core.get() || CTaskThread::IsOnItsWayTo(core.get());
   std::unique_lock joining(core->joining, std::defer_lock);
   const bool joins_members = is_own_thread && joining.try_lock();
   bool was_running = false;
@@ -271,6 +363,16 @@ bool CMessageLoopDyThreadPool::Stop(bool drain) {
     to_join.splice(to_join.end(), core->ended);
   }
   JoinAll(to_join);
+  {
+    std::unique_lock lock(core->mutex);
+    if (is_guest) {
+      ++core->stopping_guests;
+      core->guest_left.notify_all();
+    }
+    const bool waits = !is_own_thread || joins_members;
+    if (waits) core->guest_left.wait(lock, [&] { return core->guests == core->stopping_guests; });
+    if (is_guest) --core->stopping_guests;
+  }
   return was_running;
 }
 
@@ -281,6 +383,7 @@ void CMessageLoopDyThreadPool::Reopen() {
   core.state = Core::State::kNew;
   ++core.generation;
   core.idle = 0;
+  core.absent = 0;
   core.is_one_coming = false;
 }
 
@@ -288,13 +391,19 @@ bool CMessageLoopDyThreadPool::PostTask(CTask* task) {
   std::unique_ptr<CTask> owned(task);
   if (!owned) return false;
   Core& core = *core_;
+  CTaskThread* const next = CTaskThread::InLastAct();
   auto called = Core::Called::kEnough;
   {
     const std::lock_guard lock(core.mutex);
     if (core.state == Core::State::kStopped) return false;
+    if (next != nullptr && core.TakeGuest()) {
+      next->Follow(core_, std::move(owned));
+      return true;
+    }
     core.queue.push_back(std::move(owned));
     called = core.CallAnother();
-    if (called != Core::Called::kEnough && core.members.empty()) {
+    const bool is_short = called == Core::Called::kShort || called == Core::Called::kNewlyShort;
+    if (is_short && core.members.empty()) {
       owned = std::move(core.queue.back());
       core.queue.pop_back();
     }
@@ -302,8 +411,8 @@ bool CMessageLoopDyThreadPool::PostTask(CTask* task) {
   if (owned) {
     TOLM_LOG(kLogLevelError, "TolmBase", "The pool %s has no thread for a task and can make none",
              core.name.c_str());
-  } else if (called == Core::Called::kNewlyShort) {
-    core.WarnOfShortage();
+  } else {
+    core.Finish(called);
   }
   return owned == nullptr;
 }

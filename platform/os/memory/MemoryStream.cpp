@@ -76,10 +76,11 @@ class MemoryStream final : public Stream, public Source {
     return total > 0 ? IoResult{IoStatus::kDone, total} : IoResult{IoStatus::kWouldBlock};
   }
 
-  bool WaitReadable(int timeout_ms) override {
+  StreamState Wait(bool /*for_room*/, int timeout_ms) override {
     std::unique_lock lock(world_->mutex);
-    return world_->changed.wait_for(lock, std::chrono::milliseconds(timeout_ms),
-                                    [this] { return ReadableLocked(); });
+    return {world_->changed.wait_for(lock, std::chrono::milliseconds(timeout_ms),
+                                     [this] { return ReadableLocked(); }),
+            false};
   }
 
   void Shutdown() noexcept override {

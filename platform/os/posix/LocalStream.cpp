@@ -14,6 +14,7 @@ namespace os {
 namespace {
 
 constexpr std::size_t kMaxBuffers = 64;
+constexpr int kBulkRoom = 512 << 10;
 constexpr std::uint64_t kWakeToken = 0;  // no source has it
 
 bool IsWouldBlock(int error) {
@@ -112,9 +113,25 @@ IoResult UnixStream::Write(const ConstBuffer* buffers, std::size_t count) {
   return sent >= 0 ? IoResult{IoStatus::kDone, static_cast<std::size_t>(sent)} : Failure(errno);
 }
 
-bool UnixStream::WaitReadable(int timeout_ms) {
-  pollfd watched{socket_.get(), POLLIN, 0};
-  return ::poll(&watched, 1, timeout_ms) != 0;
+StreamState UnixStream::Wait(bool for_room, int timeout_ms) {
+  pollfd watched{socket_.get(), static_cast<short>(POLLIN | (for_room ? POLLOUT : 0)), 0};
+  // A wait that a signal has cut short is over for whoever looks at the stream then.
+  if (const int ready = ::poll(&watched, 1, timeout_ms); ready <= 0) return {ready < 0, false};
+  return {(watched.revents & ~POLLOUT) != 0, (watched.revents & POLLOUT) != 0};
+}
+
+// Otherwise a body of a mebibyte costs a wake-up for each fifth of it. More room than this would only let
+// small messages wait longer behind it. The system gives as much as it allows, and counts twice what it is
+// told.
+void UnixStream::SetBulk(bool bulk) {
+  if (usual_room_ == 0) {
+    int room = 0;
+    socklen_t length = sizeof room;
+    if (::getsockopt(socket_.get(), SOL_SOCKET, SO_SNDBUF, &room, &length) != 0) return;
+    usual_room_ = room / 2;  // the system says twice what it is told
+  }
+  const int room = bulk ? kBulkRoom : usual_room_;
+  ::setsockopt(socket_.get(), SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
 }
 
 void UnixStream::Shutdown() noexcept {

@@ -7,8 +7,10 @@
 #include <cerrno>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "Descriptor.h"
+#include "SocketDiagnosis.h"
 #include "SocketOwners.h"
 #include "SocketTable.h"
 
@@ -22,7 +24,7 @@ bool ReadWhole(const char* path, std::string& text) {
   if (!file) return false;
   std::size_t size = 0;
   for (;;) {
-    if (text.size() - size < 4096) text.resize(std::max<std::size_t>(2 * text.size(), 64 * 1024));
+    if (text.size() - size < 4096) text.resize(std::max<std::size_t>(2 * text.size(), 16 * 1024));
     const ssize_t got = ::read(file.get(), text.data() + size, text.size() - size);
     if (got < 0 && errno == EINTR) continue;
     if (got < 0) return false;
@@ -33,14 +35,16 @@ bool ReadWhole(const char* path, std::string& text) {
   return true;
 }
 
-bool ReadSockets(const char* path, Parser parse, std::vector<SocketLine>& lines) {
+bool ReadLines(const char* path, Parser parse, std::vector<SocketLine>& lines) {
   std::string text;
   return ReadWhole(path, text) && parse(text, lines);
 }
 
-bool ReadTable(const char* path, Parser parse, std::vector<PortRow>& rows) {
-  std::vector<SocketLine> lines;
-  if (!ReadSockets(path, parse, lines)) return false;
+bool ReadTcpLines(std::vector<SocketLine>& lines) {
+  return AskForTcpSockets(lines) || ReadLines("/proc/net/tcp", ParseTcpTable, lines);
+}
+
+void NameOwners(std::vector<SocketLine>& lines) {
   std::vector<std::uint64_t> held;
   for (const SocketLine& line : lines) {
     if (line.inode != 0) held.push_back(line.inode);
@@ -49,19 +53,32 @@ bool ReadTable(const char* path, Parser parse, std::vector<PortRow>& rows) {
   auto owner = owners.begin();
   for (SocketLine& line : lines) {
     if (line.inode != 0) line.row.owning_process_id = *owner++;
-    rows.push_back(line.row);
   }
-  return true;
+}
+
+void Append(std::vector<SocketLine> lines, Owners owners, std::vector<PortRow>& rows) {
+  for (SocketLine& line : lines) {
+    if (line.inode != 0) line.row.owning_process_id = kUnknownOwner;
+  }
+  if (owners == Owners::kNamed) NameOwners(lines);
+  rows.reserve(rows.size() + lines.size());
+  for (const SocketLine& line : lines) rows.push_back(line.row);
 }
 
 }  // namespace
 
-bool ReadTcpTable(std::vector<PortRow>& rows) {
-  return ReadTable("/proc/net/tcp", ParseTcpTable, rows);
+bool ReadTcpTable(std::vector<PortRow>& rows, Owners owners) {
+  std::vector<SocketLine> lines;
+  if (!ReadTcpLines(lines)) return false;
+  Append(std::move(lines), owners, rows);
+  return true;
 }
 
-bool ReadUdpTable(std::vector<PortRow>& rows) {
-  return ReadTable("/proc/net/udp", ParseUdpTable, rows);
+bool ReadUdpTable(std::vector<PortRow>& rows, Owners owners) {
+  std::vector<SocketLine> lines;
+  if (!ReadLines("/proc/net/udp", ParseUdpTable, lines)) return false;
+  Append(std::move(lines), owners, rows);
+  return true;
 }
 
 bool IsLoopbackPeerSameUser(std::uint16_t local_port, std::uint16_t remote_port) {
@@ -71,7 +88,7 @@ bool IsLoopbackPeerSameUser(std::uint16_t local_port, std::uint16_t remote_port)
   const std::uint32_t loopback = htonl(INADDR_LOOPBACK);
   for (int reading = 0; reading < kReadings; ++reading) {
     std::vector<SocketLine> lines;
-    if (!ReadSockets("/proc/net/tcp", ParseTcpTable, lines)) return false;
+    if (!ReadTcpLines(lines)) return false;
     for (const SocketLine& line : lines) {
       const PortRow& row = line.row;
       // Of a socket that no process holds any more the user is shown as 0, whoever it was.

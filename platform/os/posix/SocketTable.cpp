@@ -44,7 +44,22 @@ bool ParseLine(std::string_view line, SocketLine& parsed) {
   return ParseNumber(TakeWord(line), 10, parsed.inode);
 }
 
-/// What the table calls Linux's `state`.
+bool ParseLines(std::string_view text, std::vector<SocketLine>& lines) {
+  const std::size_t before = lines.size();
+  // The heading is there on an idle system, too.
+  std::size_t end = text.find('\n');
+  bool readable = end != std::string_view::npos;
+  while (readable && end + 1 < text.size()) {
+    text.remove_prefix(end + 1);
+    end = text.find('\n');
+    readable = end != std::string_view::npos && ParseLine(text.substr(0, end), lines.emplace_back());
+  }
+  if (!readable) lines.resize(before);
+  return readable;
+}
+
+}  // namespace
+
 std::uint32_t TcpState(std::uint32_t state) {
   constexpr std::uint32_t kStates[] = {
       0,
@@ -64,22 +79,6 @@ std::uint32_t TcpState(std::uint32_t state) {
   };
   return state < std::size(kStates) ? kStates[state] : 0;
 }
-
-bool ParseLines(std::string_view text, std::vector<SocketLine>& lines) {
-  const std::size_t before = lines.size();
-  // The heading is there on an idle system, too.
-  std::size_t end = text.find('\n');
-  bool readable = end != std::string_view::npos;
-  while (readable && end + 1 < text.size()) {
-    text.remove_prefix(end + 1);
-    end = text.find('\n');
-    readable = end != std::string_view::npos && ParseLine(text.substr(0, end), lines.emplace_back());
-  }
-  if (!readable) lines.resize(before);
-  return readable;
-}
-
-}  // namespace
 
 bool ParseTcpTable(std::string_view text, std::vector<SocketLine>& lines) {
   const std::size_t before = lines.size();

@@ -14,12 +14,15 @@ class UnixStream final : public Stream {
   explicit UnixStream(Descriptor socket) : Stream(socket.get()), socket_(std::move(socket)) {}
   IoResult Read(const MutableBuffer* buffers, std::size_t count) override;
   IoResult Write(const ConstBuffer* buffers, std::size_t count) override;
-  bool WaitReadable(int timeout_ms) override;
+  StreamState Wait(bool for_room, int timeout_ms) override;
+  bool CanWaitForRoom() const override { return true; }
+  void SetBulk(bool bulk) override;
   void Shutdown() noexcept override;
   PeerIdentity Peer() const override;
 
  private:
   const Descriptor socket_;
+  int usual_room_ = 0;  // bytes that the socket holds on their way; 0: not known yet
 };
 
 std::unique_ptr<Poller> CreateEpollPoller();

@@ -375,7 +375,7 @@ class PipeStream final : public Stream {
   IoResult Write(const ConstBuffer* buffers, std::size_t count) override {
     return pipe_->Write(buffers, count);
   }
-  bool WaitReadable(int timeout_ms) override { return pipe_->WaitReadable(timeout_ms); }
+  StreamState Wait(bool /*for_room*/, int timeout_ms) override { return {pipe_->WaitReadable(timeout_ms), false}; }
   void Shutdown() noexcept override { pipe_->Shutdown(); }
   PeerIdentity Peer() const override { return pipe_->peer(); }
 

@@ -79,11 +79,12 @@ bool Append(const std::unique_ptr<char[]>& memory, std::vector<PortRow>& rows) {
 
 }  // namespace
 
-bool ReadTcpTable(std::vector<PortRow>& rows) {
+// The tables name the owners anyway.
+bool ReadTcpTable(std::vector<PortRow>& rows, Owners /*owners*/) {
   return Append<MIB_TCPTABLE_OWNER_PID>(ReadTcp(), rows);
 }
 
-bool ReadUdpTable(std::vector<PortRow>& rows) {
+bool ReadUdpTable(std::vector<PortRow>& rows, Owners /*owners*/) {
   return Append<MIB_UDPTABLE_OWNER_PID>(ReadTable([](void* table, DWORD& size) {
                                           return ::GetExtendedUdpTable(table, &size, TRUE, AF_INET,
                                                                        UDP_TABLE_OWNER_PID, 0);

@@ -80,12 +80,12 @@ namespace {
 /// The frame waits for another plugin's answer for as long as this param says.
 constexpr char kKeyTimeout[] = "timeout";
 
+/// All but the body.
 template <typename Record>
 Record ToFrame(const Message& message) {
   Record record;
   record.dst_id = TolmLPCFrame::kMainCompnentID;
   record.params = ToParams(message);
-  record.body = message.body;
   return record;
 }
 
@@ -96,17 +96,17 @@ bool Plugin::Call(Message& answer, const Message& request, int time_out_ms) {
   auto record = ToFrame<tag_LPCRequestData>(request);
   record.params.emplace(kKeyTimeout, std::to_string(std::max(0, time_out_ms)));
   tag_LPCResponseData response;
-  if (!core_->client->Send(response, std::move(record), time_out_ms)) return false;
+  if (!core_->client->Send(response, record, request.body, time_out_ms)) return false;
   answer = ToMessage(response.params, std::move(response.body));
   return true;
 }
 
 std::uint64_t Plugin::CallLater(const Message& request) {
-  return core_->client ? core_->client->Send(ToFrame<tag_LPCRequestData>(request)) : 0;
+  return core_->client ? core_->client->Send(ToFrame<tag_LPCRequestData>(request), request.body) : 0;
 }
 
 bool Plugin::Notify(const Message& message) {
-  return core_->client && core_->client->Notify(ToFrame<tag_LPCNotifyData>(message));
+  return core_->client && core_->client->Notify(ToFrame<tag_LPCNotifyData>(message), message.body);
 }
 
 bool Plugin::Push(const std::string& tag, const Message& message) {
@@ -114,7 +114,7 @@ bool Plugin::Push(const std::string& tag, const Message& message) {
   auto record = ToFrame<tag_LPCNotifyData>(message);
   record.params.erase(TolmLPCFrame::kKeyUrl);
   record.params.emplace(TolmLPCFrame::kKeyPushMsgTag, tag);
-  return core_->client->Notify(std::move(record));
+  return core_->client->Notify(record, message.body);
 }
 
 }  // namespace TolmPlugin

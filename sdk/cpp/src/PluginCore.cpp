@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstddef>
 #include <exception>
 #include <optional>
 
@@ -23,6 +24,17 @@ std::string MethodBody(const char* method) {
   proto::CRapidJsonProto body;
   body.set_v("/method", method);
   return body.get_str(0);
+}
+
+// How long a plugin waits for its registration to be in force before it asks, and then asks again.
+constexpr std::chrono::microseconds kShortestPause(250);
+constexpr std::chrono::microseconds kPauseForUrl(10);
+constexpr std::chrono::microseconds kUsualPause = std::chrono::milliseconds(3);
+constexpr std::chrono::microseconds kLongestPause = std::chrono::milliseconds(500);
+
+/// Registrations of many urls take the frame longer.
+std::chrono::microseconds FirstPause(std::size_t urls) {
+  return urls < 1000 ? std::min(kShortestPause + static_cast<int>(urls) * kPauseForUrl, kUsualPause) : kUsualPause;
 }
 
 /// Runs a function of the plugin's author and gives what it threw, as a text; nothing when it returned.
@@ -163,7 +175,8 @@ void Plugin::Core::RegisterAgainAndAgain() {
 
 // The frame handles two messages of one plugin in any order. A notification to a url of this plugin's
 // own comes back only when the registration before it is in force; one that overtakes it goes to the
-// host, which is why the first one waits a little.
+// host, which is why the first one waits a little. A frame that has nothing else to do is ready by then; for
+// others a second one soon would only be one more that goes to the host.
 bool Plugin::Core::RegisterAndConfirm(int connection) {
   tag_LPCNotifyData registration;
   registration.dst_id = TolmLPCFrame::kMainCompnentID;
@@ -177,9 +190,8 @@ bool Plugin::Core::RegisterAndConfirm(int connection) {
   }
   if (!client->Notify(std::move(registration))) return false;
 
-  constexpr auto kFirstPause = std::chrono::milliseconds(3);
-  constexpr auto kLongestPause = std::chrono::milliseconds(500);
-  for (auto pause = kFirstPause;; pause = std::min(2 * pause, kLongestPause)) {
+  std::chrono::microseconds pause = FirstPause(urls.entries().size());
+  for (std::chrono::microseconds next = kUsualPause;; pause = next, next = std::min(2 * next, kLongestPause)) {
     {
       std::unique_lock lock(mutex_);
       changed_.wait_for(lock, pause, [&] { return confirmed_ || !StillLocked(connection); });
@@ -220,17 +232,18 @@ void Plugin::Core::Serve(tag_LPCCallBackData&& data, const lpcclient::InboundInf
   reply.msg_id = data.msg_id;
   reply.dst_id = data.src_id;
   const bool wants_answer = data.need_reply;
-  const Request request = ToRequest(std::move(data), info);
-  const Handler* const handler = urls.Find(request.message.url);
+  Request request = ToRequest(std::move(data), info);
+  const std::string url = request.message.url;  // the handler may take the rest
+  const Handler* const handler = urls.Find(url);
   if (handler == nullptr) {
-    TOLM_LOG(Tolm::Base::kLogLevelWarning, kTag, "nothing serves url [%s]", request.message.url.c_str());
-    if (wants_answer) client->Reject(reply.msg_id, "this plugin does not serve " + request.message.url);
+    TOLM_LOG(Tolm::Base::kLogLevelWarning, kTag, "nothing serves url [%s]", url.c_str());
+    if (wants_answer) client->Reject(reply.msg_id, "this plugin does not serve " + url);
     return;
   }
   Message answer;
-  if (const auto thrown = WhatItThrew([&] { answer = (*handler)(request); })) {
+  if (const auto thrown = WhatItThrew([&] { answer = (*handler)(std::move(request)); })) {
     TOLM_LOG(Tolm::Base::kLogLevelError, kTag, "the handler of url [%s] failed: %s",
-             request.message.url.c_str(), thrown->c_str());
+             url.c_str(), thrown->c_str());
     if (wants_answer) client->Reject(reply.msg_id, "the handler failed: " + *thrown);
     return;
   }
@@ -240,7 +253,7 @@ void Plugin::Core::Serve(tag_LPCCallBackData&& data, const lpcclient::InboundInf
   reply.body = std::move(answer.body);
   if (!client->Reply(std::move(reply))) {
     TOLM_LOG(Tolm::Base::kLogLevelWarning, kTag, "the answer for url [%s] could not be sent: %s",
-             request.message.url.c_str(), lpc::ErrorText(lpcclient::GetLPCLastError()));
+             url.c_str(), lpc::ErrorText(lpcclient::GetLPCLastError()));
   }
 }
 

@@ -42,12 +42,12 @@ class CMessageLoopDyThreadPool : CNoncopyable {
   /// Lets a stopped pool queue tasks again, for a Start that is about to come. Otherwise no effect.
   void Reopen();
 
-  /// Queues `task` and owns it from then on, whatever is returned. Never blocks, never runs the task
-  /// on the calling thread. False for a null task, after Stop, and when the pool is running without a
+  /// Queues `task` and owns it from then on, whatever is returned. Never blocks, never runs the task before it
+  /// returns, nor on the calling thread, unless that is in its last act (TaskThread.h). False for a null task, after Stop, and when the pool is running without a
   /// thread and none can be made: the task is then destroyed, on the calling thread.
   bool PostTask(CTask* task);
 
-  /// Threads that exist now, for diagnostics and tests.
+  /// Threads of its own that exist now, for diagnostics and tests.
   std::size_t ThreadCount() const;
   /// Tasks that are queued and not yet taken by a thread, for diagnostics and tests.
   std::size_t QueuedCount() const;

@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "TolmLPCServer/LpcError.h"
 #include "TolmLPCServer/LpcOptions.h"
@@ -69,9 +70,13 @@ class CLpcClient {
   /// As the operations of lpcserver; the peer is always the frame, and `dst_id` tells the frame for
   /// whom it is (usually "0", with a "url" in `params`).
   std::uint64_t Send(tag_LPCRequestData&& request);
+  std::uint64_t Send(const tag_LPCRequestData& request, std::string_view body);
   bool Send(tag_LPCResponseData& response, tag_LPCRequestData&& request, int time_out);
+  bool Send(tag_LPCResponseData& response, const tag_LPCRequestData& request, std::string_view body,
+            int time_out);
   bool Reply(tag_LPCReplyData&& reply);
   bool Notify(tag_LPCNotifyData&& notify);
+  bool Notify(const tag_LPCNotifyData& notify, std::string_view body);
   /// Says that the request `msg_id` will not be answered: a thread that waits for that fails at once,
   /// with kRefused.
   bool Reject(std::uint64_t msg_id, const std::string& reason);

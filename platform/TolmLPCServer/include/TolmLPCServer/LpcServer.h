@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "TolmLPCServer/LpcError.h"
 #include "TolmLPCServer/LpcOptions.h"
@@ -27,6 +28,10 @@ namespace lpcserver {
 /// "componentID":"<id>"}; and, when listening fails after it had begun, one with the body
 /// {"method":"serverListenFailed","errorCode":"<number>","errorModule":"TolmLPCServer"}.
 using InvokeCallBack = bool (*)(const tag_LPCCallBackData& data, void* user);
+
+/// Inside the inbound callback, for the record that it was given: that record itself, which is left empty; so
+/// a body need not be copied. Otherwise a copy of `data`.
+tag_LPCCallBackData Take(const tag_LPCCallBackData& data);
 
 /// Prepares the library. Calling it again is harmless. True.
 bool Init();
@@ -53,10 +58,12 @@ bool StartListen(const std::string& name);
 bool StopListen();
 
 /// Sends a request without waiting, and gives its id; the answer comes to the inbound callback with
-/// is_reply set. 0 when it could not be sent. The second form spares a copy of the body when the peer
-/// cannot take all of it at once.
+/// is_reply set. 0 when it could not be sent. Here and below, the second form spares a copy of the body when
+/// the peer cannot take all of it at once, and the third sends `body` in the record's place, whose own is not
+/// looked at: for a sender that keeps its bytes.
 std::uint64_t Send(const tag_LPCRequestData& request);
 std::uint64_t Send(tag_LPCRequestData&& request);
+std::uint64_t Send(const tag_LPCRequestData& request, std::string_view body);
 
 /// Sends a request and waits for its answer for at most `time_out` milliseconds; 0 or less never waits.
 /// `response` is changed only on success. `url` is for log lines. Fails at once, and not after the
@@ -64,14 +71,18 @@ std::uint64_t Send(tag_LPCRequestData&& request);
 /// (kPeerGone).
 bool Send(tag_LPCResponseData& response, const tag_LPCRequestData& request, std::string url, int time_out);
 bool Send(tag_LPCResponseData& response, tag_LPCRequestData&& request, std::string url, int time_out);
+bool Send(tag_LPCResponseData& response, const tag_LPCRequestData& request, std::string_view body,
+          std::string url, int time_out);
 
 /// Answers the request `reply.msg_id` of the peer `reply.dst_id`.
 bool Reply(const tag_LPCReplyData& reply);
 bool Reply(tag_LPCReplyData&& reply);
+bool Reply(const tag_LPCReplyData& reply, std::string_view body);
 
 /// Sends a message that nobody answers.
 bool Notify(const tag_LPCNotifyData& notify);
 bool Notify(tag_LPCNotifyData&& notify);
+bool Notify(const tag_LPCNotifyData& notify, std::string_view body);
 
 /// The code of the calling thread's latest operation above.
 int GetLPCLastError();

@@ -51,6 +51,10 @@ class CLpcClient::Core final : public lpc::wire::LinkOwner, public std::enable_s
     return next_id_.fetch_add(1, std::memory_order_relaxed) * 2 + (waiting ? 1 : 0);
   }
 
+  std::uint64_t SendRequest(const tag_LPCRequestData& request, lpc::wire::OutgoingBody body);
+  bool SendAndWait(tag_LPCResponseData& response, const tag_LPCRequestData& request,
+                   lpc::wire::OutgoingBody body, int time_out);
+  bool Notify(const tag_LPCNotifyData& notify, lpc::wire::OutgoingBody body);
   /// Runs `operation` on the open connection and leaves its error.
   template <typename Operation>
   bool Attempt(Operation&& operation);
@@ -356,25 +360,53 @@ lpc::Statistics CLpcClient::Core::GetStatistics() const {
   return statistics;
 }
 
-// --- the interface ---
+// --- sending ---
 
 namespace {
 
 template <typename Record>
 lpc::wire::OutgoingMessage Outgoing(lpc::wire::FrameType type, std::uint64_t id, const std::string& own_id,
-                                    Record& record) {
+                                    const Record& record, lpc::wire::OutgoingBody body) {
   lpc::wire::OutgoingMessage message;
   message.type = type;
   message.id = id;
   message.dst_id = record.dst_id;
   message.src_id = own_id;
   message.params = &record.params;
-  message.body = record.body;
-  message.body_owner = &record.body;
+  message.body = body;
   return message;
 }
 
 }  // namespace
+
+std::uint64_t CLpcClient::Core::SendRequest(const tag_LPCRequestData& request, lpc::wire::OutgoingBody body) {
+  const std::uint64_t id = NextId(false);
+  const auto message = Outgoing(lpc::wire::FrameType::kRequest, id, settings_.id, request, body);
+  return Attempt([&](lpc::wire::Link& link) { return link.Send(message); }) ? id : 0;
+}
+
+bool CLpcClient::Core::SendAndWait(tag_LPCResponseData& response, const tag_LPCRequestData& request,
+                                   lpc::wire::OutgoingBody body, int time_out) {
+  auto message = Outgoing(lpc::wire::FrameType::kRequest, NextId(true), settings_.id, request, body);
+  message.flags = lpc::wire::kFlagWaiting;
+  message.time_out_ms = static_cast<std::uint32_t>(std::max(0, time_out));
+  return Attempt([&](lpc::wire::Link& link) {
+    lpc::wire::InboundMessage reply;
+    const int error = link.SendAndWait(message, time_out, reply);
+    if (error != lpc::kOk) return error;
+    response.src_id = std::move(reply.src_id);
+    response.params = std::move(reply.params);
+    response.body = std::move(reply.body);
+    return error;
+  });
+}
+
+bool CLpcClient::Core::Notify(const tag_LPCNotifyData& notify, lpc::wire::OutgoingBody body) {
+  const auto message = Outgoing(lpc::wire::FrameType::kNotify, 0, settings_.id, notify, body);
+  return Attempt([&](lpc::wire::Link& link) { return link.Send(message); });
+}
+
+// --- the interface ---
 
 CLpcClient::CLpcClient(Settings settings) : core_(std::make_shared<Core>(std::move(settings))) {}
 
@@ -399,34 +431,34 @@ void CLpcClient::Stop() {
 }
 
 std::uint64_t CLpcClient::Send(tag_LPCRequestData&& request) {
-  const std::uint64_t id = core_->NextId(false);
-  const auto message = Outgoing(lpc::wire::FrameType::kRequest, id, core_->settings().id, request);
-  return core_->Attempt([&](lpc::wire::Link& link) { return link.Send(message); }) ? id : 0;
+  return core_->SendRequest(request, {request.body, &request.body});
+}
+
+std::uint64_t CLpcClient::Send(const tag_LPCRequestData& request, std::string_view body) {
+  return core_->SendRequest(request, {body});
 }
 
 bool CLpcClient::Send(tag_LPCResponseData& response, tag_LPCRequestData&& request, int time_out) {
-  auto message = Outgoing(lpc::wire::FrameType::kRequest, core_->NextId(true), core_->settings().id, request);
-  message.flags = lpc::wire::kFlagWaiting;
-  message.time_out_ms = static_cast<std::uint32_t>(std::max(0, time_out));
-  return core_->Attempt([&](lpc::wire::Link& link) {
-    lpc::wire::InboundMessage reply;
-    const int error = link.SendAndWait(message, time_out, reply);
-    if (error != lpc::kOk) return error;
-    response.src_id = std::move(reply.src_id);
-    response.params = std::move(reply.params);
-    response.body = std::move(reply.body);
-    return error;
-  });
+  return core_->SendAndWait(response, request, {request.body, &request.body}, time_out);
+}
+
+bool CLpcClient::Send(tag_LPCResponseData& response, const tag_LPCRequestData& request, std::string_view body,
+                      int time_out) {
+  return core_->SendAndWait(response, request, {body}, time_out);
 }
 
 bool CLpcClient::Reply(tag_LPCReplyData&& reply) {
-  const auto message = Outgoing(lpc::wire::FrameType::kReply, reply.msg_id, core_->settings().id, reply);
+  const auto message = Outgoing(lpc::wire::FrameType::kReply, reply.msg_id, core_->settings().id, reply,
+                                {reply.body, &reply.body});
   return core_->Attempt([&](lpc::wire::Link& link) { return link.Send(message); });
 }
 
 bool CLpcClient::Notify(tag_LPCNotifyData&& notify) {
-  const auto message = Outgoing(lpc::wire::FrameType::kNotify, 0, core_->settings().id, notify);
-  return core_->Attempt([&](lpc::wire::Link& link) { return link.Send(message); });
+  return core_->Notify(notify, {notify.body, &notify.body});
+}
+
+bool CLpcClient::Notify(const tag_LPCNotifyData& notify, std::string_view body) {
+  return core_->Notify(notify, {body});
 }
 
 bool CLpcClient::Reject(std::uint64_t msg_id, const std::string& reason) {

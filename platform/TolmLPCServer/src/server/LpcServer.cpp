@@ -37,7 +37,10 @@ Process& State() {
   return state;
 }
 
-bool Deliver(const tag_LPCCallBackData& data) {
+/// What the callback on this thread was given.
+thread_local tag_LPCCallBackData* t_delivered = nullptr;
+
+bool Deliver(tag_LPCCallBackData& data) {
   InvokeCallBack callback = nullptr;
   void* user = nullptr;
   {
@@ -46,6 +49,8 @@ bool Deliver(const tag_LPCCallBackData& data) {
     user = State().user;
   }
   if (callback == nullptr) return false;
+  t_delivered = &data;
+  const auto forget = std::unique_ptr<void, void (*)(void*)>(&data, [](void*) { t_delivered = nullptr; });
   callback(data, user);
   return true;
 }
@@ -85,11 +90,13 @@ bool Attempt(Operation&& operation) {
   }
 }
 
-std::uint64_t SendRequest(const tag_LPCRequestData& request, std::string* body_owner) {
+using lpc::wire::OutgoingBody;
+
+std::uint64_t SendRequest(const tag_LPCRequestData& request, OutgoingBody body) {
   std::uint64_t id = 0;
   Attempt([&](lpc::ServerCore& core) {
     int error = lpc::kOk;
-    id = core.Send(request, body_owner, error);
+    id = core.Send(request, body, error);
     return error;
   });
   return id;
@@ -169,37 +176,59 @@ bool StopListen() {
 }
 
 std::uint64_t Send(const tag_LPCRequestData& request) {
-  return SendRequest(request, nullptr);
+  return Send(request, request.body);
 }
+
 std::uint64_t Send(tag_LPCRequestData&& request) {
-  return SendRequest(request, &request.body);
+  return SendRequest(request, {request.body, &request.body});
+}
+
+std::uint64_t Send(const tag_LPCRequestData& request, std::string_view body) {
+  return SendRequest(request, {body});
 }
 
 bool Send(tag_LPCResponseData& response, const tag_LPCRequestData& request, std::string url, int time_out) {
-  return Attempt(
-      [&](lpc::ServerCore& core) { return core.SendAndWait(response, request, nullptr, url, time_out); });
+  return Send(response, request, request.body, std::move(url), time_out);
 }
 
 bool Send(tag_LPCResponseData& response, tag_LPCRequestData&& request, std::string url, int time_out) {
-  return Attempt([&](lpc::ServerCore& core) {
-    return core.SendAndWait(response, request, &request.body, url, time_out);
-  });
+  const OutgoingBody body{request.body, &request.body};
+  return Attempt(
+      [&](lpc::ServerCore& core) { return core.SendAndWait(response, request, body, url, time_out); });
+}
+
+bool Send(tag_LPCResponseData& response, const tag_LPCRequestData& request, std::string_view body,
+          std::string url, int time_out) {
+  return Attempt(
+      [&](lpc::ServerCore& core) { return core.SendAndWait(response, request, {body}, url, time_out); });
 }
 
 bool Reply(const tag_LPCReplyData& reply) {
-  return Attempt([&](lpc::ServerCore& core) { return core.Reply(reply, nullptr); });
+  return Reply(reply, reply.body);
 }
 
 bool Reply(tag_LPCReplyData&& reply) {
-  return Attempt([&](lpc::ServerCore& core) { return core.Reply(reply, &reply.body); });
+  return Attempt([&](lpc::ServerCore& core) { return core.Reply(reply, {reply.body, &reply.body}); });
+}
+
+bool Reply(const tag_LPCReplyData& reply, std::string_view body) {
+  return Attempt([&](lpc::ServerCore& core) { return core.Reply(reply, {body}); });
 }
 
 bool Notify(const tag_LPCNotifyData& notify) {
-  return Attempt([&](lpc::ServerCore& core) { return core.Notify(notify, nullptr); });
+  return Notify(notify, notify.body);
 }
 
 bool Notify(tag_LPCNotifyData&& notify) {
-  return Attempt([&](lpc::ServerCore& core) { return core.Notify(notify, &notify.body); });
+  return Attempt([&](lpc::ServerCore& core) { return core.Notify(notify, {notify.body, &notify.body}); });
+}
+
+bool Notify(const tag_LPCNotifyData& notify, std::string_view body) {
+  return Attempt([&](lpc::ServerCore& core) { return core.Notify(notify, {body}); });
+}
+
+tag_LPCCallBackData Take(const tag_LPCCallBackData& data) {
+  return &data == t_delivered ? std::move(*t_delivered) : data;
 }
 
 int GetLPCLastError() {

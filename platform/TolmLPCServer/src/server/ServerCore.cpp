@@ -72,7 +72,7 @@ class ServerCore::DeliverTask final : public Tolm::Base::CTask {
  private:
   const std::shared_ptr<ServerCore> core_;
   const std::weak_ptr<wire::Link> from_;
-  const tag_LPCCallBackData data_;
+  tag_LPCCallBackData data_;
 };
 
 // A "connected" or "disconnected" event, and what has to wait until it has been delivered.
@@ -93,7 +93,7 @@ class ServerCore::StatusTask final : public Tolm::Base::CTask {
 
  private:
   const std::shared_ptr<ServerCore> core_;
-  const tag_LPCCallBackData data_;
+  tag_LPCCallBackData data_;
   const std::function<void()> afterwards_;
 };
 
@@ -472,7 +472,7 @@ std::uint64_t ServerCore::NextId(bool waiting) {
   return next_id_.fetch_add(1, std::memory_order_relaxed) * 2 + (waiting ? 1 : 0);
 }
 
-std::uint64_t ServerCore::Send(const tag_LPCRequestData& request, std::string* body_owner, int& error) {
+std::uint64_t ServerCore::Send(const tag_LPCRequestData& request, wire::OutgoingBody body, int& error) {
   const auto link = peers_.Find(request.dst_id);
   if (!link) {
     error = kNoSuchPeer;
@@ -484,14 +484,13 @@ std::uint64_t ServerCore::Send(const tag_LPCRequestData& request, std::string* b
   message.dst_id = request.dst_id;
   message.src_id = kFrameId;
   message.params = &request.params;
-  message.body = request.body;
-  message.body_owner = body_owner;
+  message.body = body;
   error = link->Send(message);
   return error == kOk ? message.id : 0;
 }
 
 int ServerCore::SendAndWait(tag_LPCResponseData& response, const tag_LPCRequestData& request,
-                            std::string* body_owner, const std::string& url, int time_out) {
+                            wire::OutgoingBody body, const std::string& url, int time_out) {
   const auto link = peers_.Find(request.dst_id);
   if (!link) return kNoSuchPeer;
   wire::OutgoingMessage message;
@@ -502,8 +501,7 @@ int ServerCore::SendAndWait(tag_LPCResponseData& response, const tag_LPCRequestD
   message.dst_id = request.dst_id;
   message.src_id = kFrameId;
   message.params = &request.params;
-  message.body = request.body;
-  message.body_owner = body_owner;
+  message.body = body;
   wire::InboundMessage reply;
   const int error = link->SendAndWait(message, time_out, reply);
   if (error != kOk) {
@@ -517,7 +515,7 @@ int ServerCore::SendAndWait(tag_LPCResponseData& response, const tag_LPCRequestD
   return kOk;
 }
 
-int ServerCore::Reply(const tag_LPCReplyData& reply, std::string* body_owner) {
+int ServerCore::Reply(const tag_LPCReplyData& reply, wire::OutgoingBody body) {
   const auto link = peers_.Find(reply.dst_id);
   if (!link) return kNoSuchPeer;
   wire::OutgoingMessage message;
@@ -526,20 +524,18 @@ int ServerCore::Reply(const tag_LPCReplyData& reply, std::string* body_owner) {
   message.dst_id = reply.dst_id;
   message.src_id = kFrameId;
   message.params = &reply.params;
-  message.body = reply.body;
-  message.body_owner = body_owner;
+  message.body = body;
   return link->Send(message);
 }
 
-int ServerCore::Notify(const tag_LPCNotifyData& notify, std::string* body_owner) {
+int ServerCore::Notify(const tag_LPCNotifyData& notify, wire::OutgoingBody body) {
   const auto link = peers_.Find(notify.dst_id);
   if (!link) return kNoSuchPeer;
   wire::OutgoingMessage message;
   message.dst_id = notify.dst_id;
   message.src_id = kFrameId;
   message.params = &notify.params;
-  message.body = notify.body;
-  message.body_owner = body_owner;
+  message.body = body;
   return link->Send(message);
 }
 

@@ -30,9 +30,9 @@ namespace lpc {
 ///                    └─ time is up       └─ refused with a reason
 class ServerCore final : public wire::LinkOwner, public std::enable_shared_from_this<ServerCore> {
  public:
-  /// `deliver` is called for every inbound record on threads of the loop; false says that nobody was
-  /// there to take it.
-  using Deliver = std::function<bool(const tag_LPCCallBackData& data)>;
+  /// `deliver` is called for every inbound record on threads of the loop, and may take it; false says that
+  /// nobody was there to do so.
+  using Deliver = std::function<bool(tag_LPCCallBackData& data)>;
 
   ServerCore(os::LocalTransport& transport, const Options& options, Deliver deliver);
   ~ServerCore();
@@ -43,12 +43,14 @@ class ServerCore final : public wire::LinkOwner, public std::enable_shared_from_
   void Stop();
   bool IsOwnThread() const { return started_.load(std::memory_order_acquire) && loop_->IsOwnThread(); }
 
+  // The records' own bodies are not looked at.
+
   /// The id of the request, or 0 with the reason in `error`.
-  std::uint64_t Send(const tag_LPCRequestData& request, std::string* body_owner, int& error);
-  int SendAndWait(tag_LPCResponseData& response, const tag_LPCRequestData& request, std::string* body_owner,
+  std::uint64_t Send(const tag_LPCRequestData& request, wire::OutgoingBody body, int& error);
+  int SendAndWait(tag_LPCResponseData& response, const tag_LPCRequestData& request, wire::OutgoingBody body,
                   const std::string& url, int time_out);
-  int Reply(const tag_LPCReplyData& reply, std::string* body_owner);
-  int Notify(const tag_LPCNotifyData& notify, std::string* body_owner);
+  int Reply(const tag_LPCReplyData& reply, wire::OutgoingBody body);
+  int Notify(const tag_LPCNotifyData& notify, wire::OutgoingBody body);
 
   Statistics GetStatistics() const;
 

@@ -12,8 +12,10 @@ constexpr std::size_t kMaxStreams = 1024;
 // A body is read to its place directly when at least this much of it is still to come.
 constexpr std::size_t kDirectMinimum = 16u << 10;
 // So much room is made for a body on the peer's word alone; untouched, it is an address range and no
-// memory.
+// memory. Bodies that grow are copied, so the few that a peer has under way at a time get more.
 constexpr std::size_t kRoomAtOnce = 2u << 20;
+constexpr std::size_t kRoomOfFew = 32u << 20;
+constexpr std::size_t kFew = 4;
 
 }  // namespace
 
@@ -88,7 +90,8 @@ bool FrameReader::TakeSizes() {
     return Violate(kMessageTooLarge, "a message with " + std::to_string(assembly.sizes.total()) +
                                          " bytes, limit " + std::to_string(options_.max_message_bytes));
   }
-  assembly.message.body.reserve(std::min<std::size_t>(assembly.sizes.body_size, kRoomAtOnce));
+  const std::size_t room = streams_.size() <= kFew ? kRoomOfFew : kRoomAtOnce;
+  assembly.message.body.reserve(std::min<std::size_t>(assembly.sizes.body_size, room));
   return true;
 }
 
@@ -119,30 +122,35 @@ bool FrameReader::FeedAssembly(std::string_view bytes) {
   return bytes.empty() || Violate(kProtocol, "a message longer than it says");
 }
 
-FrameReader::Place FrameReader::DirectPlace() {
-  direct_size_ = 0;
-  if (!violation_.empty() || !in_frame_ || current_ == nullptr || !current_->has_sizes) return {};
-  Assembly& assembly = *current_;
-  if (assembly.meta.size() < assembly.sizes.meta_size) return {};
-  std::string& body = assembly.message.body;
-  const std::size_t size = std::min<std::size_t>(frame_left_, assembly.sizes.body_size - body.size());
-  if (size < kDirectMinimum) return {};
-  const std::size_t before = body.size();
-  if (body.capacity() < before + size) {
-    body.reserve(std::min<std::size_t>(assembly.sizes.body_size, std::max(2 * before, before + size)));
-  }
-  body.resize(before + size);
-  direct_size_ = size;
-  return {body.data() + before, size};
+// What is left of the frame and worth to be read to its place.
+std::size_t FrameReader::RoomInPlace() const {
+  if (!violation_.empty() || !in_frame_ || current_ == nullptr || !current_->has_sizes) return 0;
+  const Assembly& assembly = *current_;
+  if (assembly.meta.size() < assembly.sizes.meta_size) return 0;
+  const std::size_t room =
+      std::min<std::size_t>(frame_left_, assembly.sizes.body_size - assembly.message.body.size());
+  return room < kDirectMinimum ? 0 : room;
 }
 
-void FrameReader::CommitDirect(std::size_t size, FrameSink& sink) {
-  if (direct_size_ == 0) return;
-  std::string& body = current_->message.body;
-  body.resize(body.size() - (direct_size_ - size));
-  direct_size_ = 0;
+// The bytes that are read are the first ones that stand there: to zero them before would take as long as to
+// copy them.
+bool FrameReader::ReadToPlace(const std::function<std::size_t(Place)>& read, FrameSink& sink) {
+  const std::size_t room = RoomInPlace();
+  if (room == 0) return false;
+  Assembly& assembly = *current_;
+  std::string& body = assembly.message.body;
+  const std::size_t before = body.size();
+  if (body.capacity() < before + room) {
+    body.reserve(std::min<std::size_t>(assembly.sizes.body_size, std::max(2 * before, before + room)));
+  }
+  std::size_t size = 0;
+  body.resize_and_overwrite(before + room, [&](char* bytes, std::size_t) {
+    size = read({bytes + before, room});
+    return before + size;
+  });
   frame_left_ -= size;
   if (Hold(size) && frame_left_ == 0) EndFrame(sink);
+  return true;
 }
 
 bool FrameReader::EndFrame(FrameSink& sink) {

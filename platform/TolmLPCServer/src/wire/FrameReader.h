@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <string_view>
@@ -25,7 +26,8 @@ class FrameSink {
 };
 
 /// Kind, then size, then memory: nothing that the peer states is believed before it is checked against
-/// a limit, and no more is allocated than has arrived, but for 2 MiB or one doubling. After a violation the
+/// a limit, and no more is allocated than has arrived, but for one doubling, or room that stays untouched:
+/// 32 MiB for the first long bodies that are under way together, 2 MiB for others. After a violation the
 /// reader takes nothing more. Used by one thread at a time.
 class FrameReader {
  public:
@@ -38,15 +40,16 @@ class FrameReader {
   /// that what follows it stays with the system.
   std::size_t NeededForFrame() const;
 
-  /// Where the next bytes of a long body belong, so that they can be read to their place at once;
-  /// `size` 0 when there is no such place.
+  /// Whether a message in several frames is under way, or much of one that has a frame of its own.
+  bool IsInLongMessage() const { return !streams_.empty() || RoomInPlace() > 0; }
+  /// Where the next bytes of a long body belong.
   struct Place {
     char* data = nullptr;
     std::size_t size = 0;
   };
-  Place DirectPlace();
-  /// The first `size` bytes of the latest DirectPlace have been filled; what is left of it is given back.
-  void CommitDirect(std::size_t size, FrameSink& sink);
+  /// Has `read` fill the place of a long body that is under way, from its beginning; it returns how many
+  /// bytes it has filled. False, without a call of it, when there is no such place.
+  bool ReadToPlace(const std::function<std::size_t(Place)>& read, FrameSink& sink);
 
   /// Takes all of `bytes`. False after a violation, also an earlier one.
   bool Feed(std::string_view bytes, FrameSink& sink);
@@ -69,6 +72,7 @@ class FrameReader {
     std::size_t held = 0;
   };
 
+  std::size_t RoomInPlace() const;
   bool BeginFrame();
   bool EndFrame(FrameSink& sink);
   bool FeedPayload(std::string_view& bytes);
@@ -92,7 +96,6 @@ class FrameReader {
   Assembly whole_;               // a message without chunks
   std::map<std::uint16_t, Assembly> streams_;
   std::size_t held_ = 0;
-  std::size_t direct_size_ = 0;
 };
 
 }  // namespace lpc::wire

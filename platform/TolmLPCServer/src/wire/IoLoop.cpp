@@ -6,6 +6,8 @@
 #include <utility>
 
 #include "TolmBase/LogLine.h"
+#include "TolmBase/TaskThread.h"
+#include "os/LargeBlocks.h"
 #include "os/ThreadName.h"
 
 namespace lpc::wire {
@@ -17,6 +19,8 @@ constexpr auto kLookInterval = std::chrono::milliseconds(4);
 constexpr int kQuietLooks = 4;
 // Threads that are kept once they were needed; more end when they are not needed any more.
 constexpr std::size_t kKeptThreads = 8;
+// When so many run tasks of pools, these are long ones, and the pools' own threads had better do so.
+constexpr std::size_t kMostAbsent = 4;
 
 thread_local const IoLoop* own_loop = nullptr;
 thread_local bool in_callback = false;
@@ -43,6 +47,7 @@ bool IoLoop::IsOwnThread() const {
 }
 
 bool IoLoop::Start() {
+  os::ExpectLargeBlocks();  // bodies
   const std::lock_guard lock(mutex_);
   for (int i = 0; i < std::max(2, options_.min_threads); ++i) {
     if (!StartThreadLocked()) break;
@@ -104,6 +109,24 @@ void IoLoop::Unregister(os::Pollable& source, std::uint64_t token) {
   poller_->Remove(source);
   const std::lock_guard lock(mutex_);
   handlers_.erase(token);
+}
+
+bool IoLoop::LetGo() {
+  const std::lock_guard lock(mutex_);
+  if (free_ <= 1) return false;
+  --free_;
+  ++absent_;
+  EnsureTimekeeperLocked();
+  return true;
+}
+
+IoLoop::Absence::Absence(IoLoop& loop) : loop_(loop), granted_(loop.LetGo()) {}
+
+IoLoop::Absence::~Absence() {
+  if (!granted_) return;
+  const std::lock_guard lock(loop_.mutex_);
+  ++loop_.free_;
+  --loop_.absent_;
 }
 
 // A thread of the loop that is not in a callback looks at the queue before it waits.
@@ -177,9 +200,10 @@ IoLoop::Work IoLoop::TakeWorkLocked() {
   if (queue_.empty()) return nullptr;
   if (free_ <= 1) {
     // The last one that is not in a callback: it stays, unless somebody can take its place.
-    const bool may_start = stuck_ || threads_ == 1;
-    const bool started = may_start &&
-                         threads_ < static_cast<std::size_t>(std::max(2, options_.max_threads)) &&
+    // Who is absent may stay so for longer than anybody should wait.
+    const std::size_t present = threads_ - absent_;
+    const bool may_start = stuck_ || present == 1;
+    const bool started = may_start && present < static_cast<std::size_t>(std::max(2, options_.max_threads)) &&
                          StartThreadLocked();
     if (!started) {
       WatchLocked();
@@ -209,9 +233,33 @@ void IoLoop::RunHousekeeping(std::unique_lock<std::mutex>& lock) {
   next_housekeeping_ = std::min(next_housekeeping_, next);
 }
 
+// One of the loop's threads, as a thread that may run a pool's task behind a callback.
+class IoLoop::Member final : public Tolm::Base::CTaskThread {
+ public:
+  explicit Member(IoLoop& loop) : loop_(loop) {}
+  using CTaskThread::RunFollowers;
+
+ private:
+  bool MayLeave() override {
+    const std::lock_guard lock(loop_.mutex_);
+    return loop_.queue_.empty() && loop_.absent_ < kMostAbsent && !loop_.stopping_;
+  }
+  void Leave() override {
+    const std::lock_guard lock(loop_.mutex_);
+    ++loop_.absent_;
+  }
+  void ComeBack() override {
+    const std::lock_guard lock(loop_.mutex_);
+    --loop_.absent_;
+  }
+
+  IoLoop& loop_;
+};
+
 void IoLoop::ThreadMain() {
   os::SetThreadName(thread_name_.c_str());
   own_loop = this;
+  Member self(*this);
   std::unique_lock lock(mutex_);
   while (!stopping_) {
     const Clock::time_point now = Clock::now();
@@ -231,6 +279,7 @@ void IoLoop::ThreadMain() {
         TOLM_LOG(Tolm::Base::kLogLevelError, kTag, "a callback failed");
       }
       work.reset();
+      self.RunFollowers();
       in_callback = false;
       lock.lock();
       ++free_;

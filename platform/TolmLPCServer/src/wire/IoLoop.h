@@ -43,6 +43,9 @@ class IoHandler {
 ///                       last one that waits: must not run callbacks  ──► is started, and waits
 ///                       callback, blocks        waits
 ///
+/// A callback whose last act is to post a task to a pool may run that task, too (TolmBase/TaskThread.h): the
+/// thread counts as absent meanwhile.
+///
 /// A thread runs a callback only while another one is not in a callback. What is left in the queue by
 /// a thread that runs callbacks one after the other is looked at every few milliseconds: when nothing has
 /// been taken out meanwhile, that thread is stuck, and more threads help.
@@ -76,6 +79,21 @@ class IoLoop : public std::enable_shared_from_this<IoLoop> {
     return poller_->Arm(source, token, interest);
   }
 
+  /// While it lives, its thread, which is one of the loop's, may wait for something else than the poller.
+  class Absence {
+   public:
+    explicit Absence(IoLoop& loop);
+    ~Absence();
+    Absence(const Absence&) = delete;
+    Absence& operator=(const Absence&) = delete;
+    /// False when nobody else would be left in the poller; the thread must not wait then.
+    explicit operator bool() const { return granted_; }
+
+   private:
+    IoLoop& loop_;
+    const bool granted_;
+  };
+
   /// Queues work that may block and may call user code.
   void Post(std::unique_ptr<Tolm::Base::CTask> work);
   void Post(std::vector<std::unique_ptr<Tolm::Base::CTask>>& work);
@@ -88,7 +106,9 @@ class IoLoop : public std::enable_shared_from_this<IoLoop> {
  private:
   using Work = std::unique_ptr<Tolm::Base::CTask>;
 
+  class Member;
   void ThreadMain();
+  bool LetGo();
   bool TakesWorkNext() const;
   bool StartThreadLocked();
   Work TakeWorkLocked();
@@ -113,7 +133,8 @@ class IoLoop : public std::enable_shared_from_this<IoLoop> {
   std::deque<Work> queue_;
   std::uint64_t taken_ = 0;   // works taken out of the queue so far
   std::size_t threads_ = 0;   // that have not ended
-  std::size_t free_ = 0;      // of these, not inside a callback
+  std::size_t free_ = 0;      // of these, not inside a callback and not absent
+  std::size_t absent_ = 0;    // of these, in an Absence, or running a task of a pool
   std::size_t stoppers_ = 0;  // of these, inside Stop
   std::unordered_map<std::thread::id, std::thread> handles_;
   std::vector<std::thread> ended_;  // to be joined

@@ -15,8 +15,12 @@ namespace {
 constexpr char kTag[] = "TolmLPCServer";
 constexpr char kNotWritable[] = "it could not be written to";
 constexpr std::size_t kReadBuffer = 64u << 10;
+constexpr std::size_t kBehindPlace = 4u << 10;
 // A thread in charge gives others a chance after this much.
 constexpr std::size_t kReadTurn = 1u << 20;
+// So long a thread stays with a body whose sender goes on, and waits for it to do so.
+constexpr auto kBodyTurn = std::chrono::milliseconds(50);
+constexpr int kBodyWaitMs = 2;
 // What a message costs beside its bytes.
 constexpr std::size_t kMessageOverhead = 256;
 // What one of its params costs, in the map that it ends up in.
@@ -117,13 +121,21 @@ void Link::Open(std::string peer_name, std::uint64_t max_bytes) {
 // --- sending ---
 
 int Link::Send(const OutgoingMessage& message) {
+  bool blocked = false;
+  const int error = Send(message, blocked);
+  if (blocked) AskForWritability();
+  return error;
+}
+
+// Sets `blocked` when somebody has to go on as soon as the stream takes more.
+int Link::Send(const OutgoingMessage& message, bool& blocked) {
   if (const int error = CheckLimits(message, send_limit_, options_.max_params); error != kOk) return error;
   switch (queue_.Send(message)) {
     case SendQueue::Outcome::kSent:
     case SendQueue::Outcome::kQueued:
       return kOk;
     case SendQueue::Outcome::kBlocked:
-      AskForWritability();
+      blocked = true;
       return kOk;
     case SendQueue::Outcome::kFull:
       return kQueueFull;
@@ -150,9 +162,12 @@ int Link::SendAndWait(const OutgoingMessage& request, int time_out_ms, InboundMe
     in_charge_ |= leads;
     if (leads) ArmLocked();
   }
-  int error = Send(request);
+  bool blocked = false;
+  int error = Send(request, blocked);
+  const bool writes = blocked && leads && stream_->CanWaitForRoom();
+  if (blocked && !writes) AskForWritability();
   if (leads && error != kOk) GiveUpCharge();
-  if (error == kOk) error = leads ? Lead(*waiter, deadline) : waiter->WaitUntil(deadline);
+  if (error == kOk) error = leads ? Lead(*waiter, deadline, writes) : waiter->WaitUntil(deadline);
   if (error == kOk) {
     reply = std::move(waiter->reply());
     return kOk;
@@ -167,13 +182,15 @@ int Link::SendAndWait(const OutgoingMessage& request, int time_out_ms, InboundMe
   return error;
 }
 
-// Reads for everybody until the own reply is there or time is over.
-int Link::Lead(Waiter& waiter, IoLoop::Clock::time_point deadline) {
+// Reads for everybody until the own reply is there or time is over, and writes what is left of the queue.
+int Link::Lead(Waiter& waiter, IoLoop::Clock::time_point deadline, bool writes) {
+  if (writes) BoundStall();
   for (;;) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - IoLoop::Clock::now()).count();
-    const bool readable = stream_->WaitReadable(static_cast<int>(std::max<std::int64_t>(0, left)));
+    const auto state = stream_->Wait(writes, static_cast<int>(std::max<std::int64_t>(0, left)));
+    if (state.writable) writes = WriteOn();
     Sink sink(*this);
-    const bool alive = !readable || ReadOrFail(sink);
+    const bool alive = !state.readable || ReadOrFail(sink);
     // Callbacks belong to the loop's threads: the host may hold a lock here that a callback wants.
     DeliverAll(sink.work);
     if (!alive) {
@@ -183,6 +200,7 @@ int Link::Lead(Waiter& waiter, IoLoop::Clock::time_point deadline) {
     CutOffIfFlooding();
     if (waiter.IsDone() || IoLoop::Clock::now() >= deadline) {
       GiveUpCharge();
+      if (writes) AskForWritability();
       return waiter.WaitUntil(deadline);
     }
   }
@@ -206,8 +224,19 @@ void Link::AskForWritability() {
     want_write_ = true;
     ArmLocked();
   }
-  // A peer that stays like this is cut off.
+  BoundStall();
+}
+
+// A peer that takes nothing for too long is cut off.
+void Link::BoundStall() {
   loop_->RunHousekeepingBy(IoLoop::Clock::now() + std::chrono::milliseconds(options_.stall_ms));
+}
+
+// Whether there is still more to write than the stream takes.
+bool Link::WriteOn() {
+  const SendQueue::Outcome outcome = queue_.Resume();
+  if (outcome == SendQueue::Outcome::kBroken) CutOff(kPeerGone, kNotWritable);
+  return outcome == SendQueue::Outcome::kBlocked;
 }
 
 bool Link::IsPaused() const {
@@ -254,9 +283,7 @@ void Link::OnReady(bool readable, bool writable) {
       const std::lock_guard lock(mutex_);
       want_write_ = false;
     }
-    const SendQueue::Outcome outcome = queue_.Resume();
-    if (outcome == SendQueue::Outcome::kBroken) CutOff(kPeerGone, kNotWritable);
-    if (outcome == SendQueue::Outcome::kBlocked) {
+    if (WriteOn()) {
       const std::lock_guard lock(mutex_);
       want_write_ = true;
     }
@@ -286,6 +313,7 @@ void Link::Work() {
     sink.hold = false;
     alive = ReadOrFail(sink);
   }
+  if (alive && reader_.IsInLongMessage()) alive = ReadRestOfBody(sink);
   if (!alive) {
     DeliverAll(sink.work);
     CloseInCharge(sink.error, sink.reason);
@@ -294,6 +322,21 @@ void Link::Work() {
   CutOffIfFlooding();
   GiveUpCharge();
   DeliverAll(sink.work);
+}
+
+// The sender of a long body is about to go on. Waiting for it here spares the way through the poller, which
+// would wake another thread for each part.
+bool Link::ReadRestOfBody(Sink& sink) {
+  const IoLoop::Absence absence(*loop_);
+  if (!absence) return true;
+  const auto end = IoLoop::Clock::now() + kBodyTurn;
+  bool alive = true;
+  while (alive && sink.work.empty() && !sink.hold && reader_.IsInLongMessage() &&
+         IoLoop::Clock::now() < end) {
+    if (!stream_->Wait(false, kBodyWaitMs).readable) break;
+    alive = ReadOrFail(sink);
+  }
+  return alive;
 }
 
 // Memory may be short for what a peer sends; that is this peer's loss alone.
@@ -313,23 +356,27 @@ bool Link::ReadSome(Sink& sink) {
     if (cut_off_.load(std::memory_order_relaxed)) return false;
     char* const buffer = ReadBuffer();
     const bool handshake = !IsOpen();
-    const FrameReader::Place place = handshake ? FrameReader::Place{} : reader_.DirectPlace();
-    const std::size_t room = handshake ? std::min(reader_.NeededForFrame(), kReadBuffer) : kReadBuffer;
-    const os::MutableBuffer buffers[2] = {{place.data, place.size}, {buffer, room}};
-    const bool direct = place.size > 0;
-    const os::IoResult result = stream_->Read(direct ? buffers : buffers + 1, direct ? 2 : 1);
-    if (result.status != os::IoStatus::kDone) {
-      reader_.CommitDirect(0, sink);
-      return result.status == os::IoStatus::kWouldBlock;
-    }
-    const std::size_t in_place = std::min(result.bytes, place.size);
-    reader_.CommitDirect(in_place, sink);
+    const os::MutableBuffer rest{buffer,
+                                 handshake ? std::min(reader_.NeededForFrame(), kReadBuffer) : kReadBuffer};
+    std::size_t room = rest.size;
+    std::size_t in_place = 0;
+    os::IoResult result{os::IoStatus::kWouldBlock};
+    const auto read_to_place = [&](FrameReader::Place place) {
+      // What is behind the place has to be copied, so not much of it.
+      const os::MutableBuffer buffers[] = {{place.data, place.size}, {buffer, kBehindPlace}};
+      room = place.size + kBehindPlace;
+      result = stream_->Read(buffers, 2);
+      if (result.status == os::IoStatus::kDone) in_place = std::min(result.bytes, place.size);
+      return in_place;
+    };
+    if (handshake || !reader_.ReadToPlace(read_to_place, sink)) result = stream_->Read(&rest, 1);
+    if (result.status != os::IoStatus::kDone) return result.status == os::IoStatus::kWouldBlock;
     if (!reader_.Feed({buffer, result.bytes - in_place}, sink)) return SayGoodbye(sink);
     if (sink.goodbye) return false;
     if (sink.hold) return true;
     total += result.bytes;
     // What was not filled was all there was; the poller says when there is more.
-    if (!handshake && result.bytes < place.size + room) return true;
+    if (!handshake && result.bytes < room) return true;
   }
   return true;
 }

@@ -117,7 +117,10 @@ class Link final : public IoHandler, public std::enable_shared_from_this<Link> {
   bool TakeCharge();
   void GiveUpCharge();
   void Work();
-  int Lead(Waiter& waiter, IoLoop::Clock::time_point deadline);
+  int Send(const OutgoingMessage& message, bool& blocked);
+  int Lead(Waiter& waiter, IoLoop::Clock::time_point deadline, bool writes);
+  bool WriteOn();
+  bool ReadRestOfBody(Sink& sink);
   bool ReadOrFail(Sink& sink);
   bool ReadSome(Sink& sink);
   bool SayGoodbye(Sink& sink);
@@ -125,6 +128,7 @@ class Link final : public IoHandler, public std::enable_shared_from_this<Link> {
   void HandleMessage(InboundMessage&& message, Sink& sink);
   void DeliverAll(std::vector<std::unique_ptr<Tolm::Base::CTask>>& work);
   void AskForWritability();
+  void BoundStall();
   void ArmLocked();
   void CloseInCharge(int error, const std::string& reason);
   void CutOffIfFlooding();

@@ -23,7 +23,7 @@ int CheckLimits(const OutgoingMessage& message, std::size_t max_bytes, std::size
   constexpr std::size_t kMaxBytes = std::numeric_limits<std::uint32_t>::max();
   if (message.params->size() > max_params || message.dst_id.size() > kMaxId ||
       message.src_id.size() > kMaxId ||
-      kPrefixSize + MetaSize(message) + message.body.size() > std::min(max_bytes, kMaxBytes)) {
+      kPrefixSize + MetaSize(message) + message.body.bytes.size() > std::min(max_bytes, kMaxBytes)) {
     return kMessageTooLarge;
   }
   return kOk;
@@ -34,7 +34,7 @@ std::string EncodeHead(const OutgoingMessage& message, std::size_t room) {
   std::string head(room + kPrefixSize + meta_size, '\0');
   ByteWriter writer(head.data() + room);
   writer.Number(static_cast<std::uint32_t>(meta_size));
-  writer.Number(static_cast<std::uint32_t>(message.body.size()));
+  writer.Number(static_cast<std::uint32_t>(message.body.bytes.size()));
   writer.Number(message.time_out_ms);
   writer.Text<std::uint16_t>(message.dst_id);
   writer.Text<std::uint16_t>(message.src_id);

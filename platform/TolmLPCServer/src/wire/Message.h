@@ -22,6 +22,13 @@ struct MessagePrefix {
   std::uint64_t total() const { return kPrefixSize + std::uint64_t{meta_size} + body_size; }
 };
 
+/// What is sent behind the params; the bytes outlive the call that it is given to.
+struct OutgoingBody {
+  std::string_view bytes;
+  /// When set, holds the bytes and may be emptied to keep them.
+  std::string* owner = nullptr;
+};
+
 /// A message on its way out; the texts outlive the call that it is given to.
 struct OutgoingMessage {
   FrameType type = FrameType::kNotify;
@@ -31,9 +38,7 @@ struct OutgoingMessage {
   std::string_view dst_id;
   std::string_view src_id;
   const LpcParams* params = nullptr;
-  std::string_view body;
-  /// When set, holds the bytes of `body` and may be emptied to keep them.
-  std::string* body_owner = nullptr;
+  OutgoingBody body;
 };
 
 /// A message that has arrived.

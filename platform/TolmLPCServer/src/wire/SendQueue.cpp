@@ -21,8 +21,8 @@ class SendQueue::Item {
  public:
   explicit Item(const OutgoingMessage& message)
       : head_(EncodeHead(message, kHeaderSize)),
-        body_(message.body),
-        body_owner_(message.body_owner),
+        body_(message.body.bytes),
+        body_owner_(message.body.owner),
         payload_left_(head_.size() - kHeaderSize + body_.size()),
         chunked_(payload_left_ > kChunkPayload) {
     header_.type = message.type;
@@ -184,7 +184,13 @@ SendQueue::Outcome SendQueue::Enqueue(std::unique_ptr<Item> item) {
   return Write(lock);
 }
 
+// Only by the thread that writes.
+void SendQueue::SetBulk(bool bulk) {
+  if (std::exchange(bulk_, bulk) != bulk) stream_.SetBulk(bulk);
+}
+
 SendQueue::Outcome SendQueue::WriteDirectly(Item& item) {
+  SetBulk(item.chunked());
   for (;;) {
     std::array<os::ConstBuffer, 4> pieces;
     const auto result = stream_.Write(pieces.data(), item.Pieces(pieces.data()));
@@ -221,7 +227,9 @@ SendQueue::Outcome SendQueue::Write(std::unique_lock<std::mutex>& lock) {
       count += item->Pieces(pieces.data() + count);
       if (item->has_more_frames() || count > kMaxPieces) break;
     }
+    const bool bulk = items_.front()->chunked();
     lock.unlock();
+    SetBulk(bulk);
     const auto result = stream_.Write(pieces.data(), count);
     lock.lock();
     if (result.status == os::IoStatus::kWouldBlock) {

@@ -61,11 +61,13 @@ class SendQueue {
   Outcome Write(std::unique_lock<std::mutex>& lock);
   Outcome WriteDirectly(Item& item);
   void LetSmallOnesPassLocked();
+  void SetBulk(bool bulk);
   Outcome BlockLocked();
   Outcome StopWritingLocked(Outcome outcome);
 
   os::Stream& stream_;
   const Options& options_;
+  bool bulk_ = false;  // of the thread that writes: what the stream was told
 
   mutable std::mutex mutex_;
   // All below is guarded by mutex_; the items at the front are changed by the writer alone.

@@ -43,6 +43,12 @@ struct IoResult {
   int system_error = 0;
 };
 
+/// What Stream::Wait has found; neither when its time was over.
+struct StreamState {
+  bool readable = false;
+  bool writable = false;
+};
+
 /// Who is at the other end, as the system vouches for it.
 struct PeerIdentity {
   bool same_user = false;  ///< runs as the user that this process runs as
@@ -67,7 +73,7 @@ class Pollable {
 };
 
 /// One end of a byte stream. Read is used by one thread at a time, and so is Write; the two may run
-/// side by side. Nothing but WaitReadable blocks.
+/// side by side. Nothing but Wait blocks.
 class Stream : public Pollable {
  public:
   using Pollable::Pollable;
@@ -75,9 +81,14 @@ class Stream : public Pollable {
   virtual IoResult Read(const MutableBuffer* buffers, std::size_t count) = 0;
   /// Takes as much of the buffers, in order, as fits.
   virtual IoResult Write(const ConstBuffer* buffers, std::size_t count) = 0;
-  /// Waits until Read would not say kWouldBlock, for at most `timeout_ms`; false when that time is over.
-  /// For the one thread that reads; a poller must not be asked for kRead of this stream meanwhile.
-  virtual bool WaitReadable(int timeout_ms) = 0;
+  /// Waits until Read would not say kWouldBlock, or, with `for_room` and where CanWaitForRoom, until Write would
+  /// not; for at most `timeout_ms`. For the one thread that reads; a poller must not be asked for the same
+  /// meanwhile.
+  virtual StreamState Wait(bool for_room, int timeout_ms) = 0;
+  virtual bool CanWaitForRoom() const { return false; }
+  /// A hint of the thread that writes: much is about to be written, or that is over. The stream may hold more on
+  /// its way meanwhile, which is good for bulk and bad for many small writes.
+  virtual void SetBulk(bool /*bulk*/) {}
   /// Ends both directions: what arrived is still read, then both ends see kClosed, and a poller that
   /// watches either end reports it as readable. May be called from any thread, any number of times.
   virtual void Shutdown() noexcept = 0;

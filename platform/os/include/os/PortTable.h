@@ -21,10 +21,23 @@ struct PortRow {
   std::uint32_t owning_process_id = 0;  ///< 0: held by no process any more (a closed connection's rest)
 };
 
+/// What is to be said of who holds a socket.
+enum class Owners {
+  kNamed,
+  kWhetherAny,  ///< kUnknownOwner may stand for any, where it takes time to find out which
+};
+
 /// Appends the system's sockets to `rows`. False when the system does not tell; `rows` is then unchanged. On
 /// Windows this is also so when the table has grown while it was read.
-bool ReadTcpTable(std::vector<PortRow>& rows);
-bool ReadUdpTable(std::vector<PortRow>& rows);
+bool ReadTcpTable(std::vector<PortRow>& rows, Owners owners);
+bool ReadUdpTable(std::vector<PortRow>& rows, Owners owners);
+
+inline bool ReadTcpTable(std::vector<PortRow>& rows) {
+  return ReadTcpTable(rows, Owners::kNamed);
+}
+inline bool ReadUdpTable(std::vector<PortRow>& rows) {
+  return ReadUdpTable(rows, Owners::kNamed);
+}
 
 /// Whether the other end of a loopback TCP connection belongs to the user that this process runs as, as
 /// the system vouches for it; false when it does not tell. Ports of the end that asks: `local_port` is

@@ -55,7 +55,9 @@ struct Request {
 
 /// Answers one request. Runs on threads of the plugin, many at a time; may block and may call back into
 /// the plugin object. When it throws, the sender is told at once that there will be no answer.
-using Handler = std::function<Message(const Request& request)>;
+/// The request is the handler's own: one that is written with `Request request` or `Request&& request` may move
+/// a long body out of it.
+using Handler = std::function<Message(Request&& request)>;
 
 /// The answer to a request that was sent without waiting.
 using AnswerHandler = std::function<void(std::uint64_t id, const Message& answer)>;
