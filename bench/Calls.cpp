@@ -13,7 +13,6 @@
 #include "Process.h"
 #include "RawPeer.h"
 #include "Samples.h"
-#include "Stock.h"
 #include "Targets.h"
 #include "Turns.h"
 #include "Urls.h"
@@ -25,12 +24,8 @@ constexpr char kEndpoint[] = "bench";
 constexpr int kRounds = 10;
 constexpr std::size_t kSideBySide = 8000;
 
-struct Way {
-  /// Makes the calls of an order, whatever that says about the task.
-  std::function<std::vector<double>(const Order& order)> calls;
-  /// Has as many large answers ready.
-  std::function<void(std::size_t size, std::size_t count)> stock;
-};
+/// Makes the calls of an order, whatever that says about the task.
+using Way = std::function<std::vector<double>(const Order& order)>;
 
 struct Variant {
   const char* suffix;
@@ -97,8 +92,7 @@ class SizeRows {
     const std::size_t bytes = call_.size.bytes;
     raw_ = &turns_.Add([&raw, bytes, count] { return raw.PingPong(bytes, count); });
     plain_ = &turns_.Add([&, bytes, count] {
-      if (bytes >= Stock::kLarge) way.stock(bytes, count);
-      auto samples = way.calls({{}, static_cast<std::uint32_t>(bytes), count});
+      auto samples = way({{}, static_cast<std::uint32_t>(bytes), count});
       tails_.Add(Rounds::Quantile(samples, 0.99));
       return samples;
     });
@@ -106,7 +100,7 @@ class SizeRows {
       std::size_t number = variant.callers > 1 ? settings.Samples(kSideBySide) : count;
       if (variant.shape == Shape::kPart) number = count / 4;
       const Order order{{}, static_cast<std::uint32_t>(bytes), number, variant.callers, variant.shape};
-      variants_.push_back(&turns_.Add([&way, order] { return way.calls(order); }));
+      variants_.push_back(&turns_.Add([&way, order] { return way(order); }));
     }
     turns_.Run(settings.Rounds(kRounds));
     return Rows();
@@ -189,10 +183,6 @@ std::function<std::vector<double>(const Order& order)> CallsOf(Child& plugin, Ta
   };
 }
 
-std::function<void(std::size_t size, std::size_t count)> StockOf(Child& plugin) {
-  return [&plugin](std::size_t size, std::size_t count) { plugin.Do(Task::kStock, size, count); };
-}
-
 }  // namespace
 
 std::vector<Row> MeasureSyncSend(const Settings& settings) {
@@ -206,7 +196,7 @@ std::vector<Row> MeasureSyncSend(const Settings& settings) {
   const auto calls = [&host](const Order& order) {
     return host.Calls(OneOf(EchoUrl(kServingPlugin)), order);
   };
-  return MeasureCalls("sync_send", settings, kTargets.sync_send, sizes, {calls, StockOf(plugin)});
+  return MeasureCalls("sync_send", settings, kTargets.sync_send, sizes, calls);
 }
 
 std::vector<Row> MeasurePluginToHost(const Settings& settings) {
@@ -214,9 +204,8 @@ std::vector<Row> MeasurePluginToHost(const Settings& settings) {
   Host host(kEndpoint, {kCallingPlugin});
   plugin.Do(Task::kConnect, 0, 0);
   host.WaitForPlugin(kCallingPlugin);
-  const auto stock = [&host](std::size_t size, std::size_t count) { host.stock().Fill(size, count); };
   return MeasureCalls("plugin_to_host", settings, kTargets.plugin_to_host, UsualSizes(),
-                      {CallsOf(plugin, Task::kCallHost), stock});
+                      CallsOf(plugin, Task::kCallHost));
 }
 
 std::vector<Row> MeasurePluginToPlugin(const Settings& settings) {
@@ -226,7 +215,7 @@ std::vector<Row> MeasurePluginToPlugin(const Settings& settings) {
   for (Child* const plugin : {&server, &caller}) plugin->Do(Task::kConnect, 0, 0);
   for (const char* const id : {kServingPlugin, kCallingPlugin}) host.WaitForPlugin(id);
   return MeasureCalls("plugin_to_plugin", settings, kTargets.plugin_to_plugin, UsualSizes(),
-                      {CallsOf(caller, Task::kCallPlugin), StockOf(server)});
+                      CallsOf(caller, Task::kCallPlugin));
 }
 
 }  // namespace bench

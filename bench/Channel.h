@@ -26,7 +26,6 @@ enum class Task : std::uint32_t {
   kNotifyHost,        ///< `count` notifications
   kNotifyHostGroups,  ///< `count` groups of them, each when the one before was handled; how many in a second
   kPushHost,          ///< `count` pushes
-  kStock,             ///< have `count` answers of `size` bytes ready
   kExpect,            ///< wait until `count` more notifications have been handled
   kExpectGroups,      ///< the same, of `count` groups, and write one byte for each
   kRegister,          ///< register `count` urls beginning with number `size`

@@ -22,6 +22,8 @@ std::vector<Measurement> FrameMeasurements() {
       {"convert", "headers and parts made ready for the wire, and read from it", MeasureConversion},
       {"pool", "a task handed to a thread; raw: ping-pong of 64 B", MeasurePool},
       {"log", "a log line that nobody wants", MeasureUnwantedLogLine},
+      {"machine", "how often, and for how long, the core is taken from a program that only reads the clock",
+       MeasureMachine},
       {"idle", "the processor's time of an idle host in ten seconds", MeasureIdle},
   };
   for (const Measurement& own : OwnMeasurements()) all.push_back(own);

@@ -77,7 +77,7 @@ void Host::Answer(const LPCData& request) {
   reply.dst_id = request.src_id;
   reply.http_headers = request.http_headers;
   reply.http_mime = request.http_mime;
-  reply.body = stock_.Take(request.body);
+  reply.body = request.body;
   std::uint64_t unused = 0;
   TolmLPCFrame::AsyncSend(unused, reply);
 }

@@ -9,7 +9,6 @@
 
 #include "Callers.h"
 #include "Counter.h"
-#include "Stock.h"
 #include "TolmLPCFrame.h"
 
 namespace bench {
@@ -31,7 +30,6 @@ class Host {
   std::vector<double> Calls(const std::string& url, const Order& order);
 
   /// What it answers large requests with.
-  Stock& stock() { return stock_; }
   /// Counts notifications to kHostCountUrl, and pushes.
   Counter& counter() { return counter_; }
 
@@ -40,7 +38,6 @@ class Host {
   void Answer(const TolmLPCFrame::LPCData& request);
 
   CallRunner runner_;
-  Stock stock_;
   Counter counter_;
   std::mutex mutex_;
   // Guarded by mutex_.

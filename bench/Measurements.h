@@ -35,6 +35,7 @@ std::vector<Row> MeasureLookUp(const Settings& settings);
 std::vector<Row> MeasureConversion(const Settings& settings);
 std::vector<Row> MeasurePool(const Settings& settings);
 std::vector<Row> MeasureUnwantedLogLine(const Settings& settings);
+std::vector<Row> MeasureMachine(const Settings& settings);
 std::vector<Row> MeasureIdle(const Settings& settings);
 std::vector<Row> MeasureMemory(const Settings& settings);
 std::vector<Row> MeasureStart(const Settings& settings);

@@ -13,7 +13,6 @@
 #include "Roles.h"
 #include "Samples.h"
 #include "Shapes.h"
-#include "Stock.h"
 #include "TolmLPCServer/LpcClient.h"
 #include "TolmPlugin/Plugin.h"
 #include "Urls.h"
@@ -39,14 +38,11 @@ Message Answer(std::string body) {
   return MessageTo({}, std::move(body));
 }
 
-void ServeAll(TolmPlugin::Plugin& plugin, Counter& counter, Stock& stock) {
+void ServeAll(TolmPlugin::Plugin& plugin, Counter& counter) {
   const std::string& id = plugin.id();
-  plugin.Serve(EchoUrl(id), [&stock](const Request& request) {
-    Message answer;
-    answer.headers = request.message.headers;
-    answer.parts = request.message.parts;
-    answer.body = stock.Take(request.message.body);
-    return answer;
+  plugin.Serve(EchoUrl(id), [](Request request) {
+    request.message.url.clear();
+    return std::move(request.message);
   });
   plugin.Serve(AnswerUrl(id), [](const Request&) { return Answer("x"); });
   plugin.Serve(SourceUrl(id), [](const Request& request) {
@@ -114,11 +110,10 @@ void RegisterUrls(TolmPlugin::Plugin& plugin, const Order& order) {
 int RunPluginRole(const std::string& endpoint, const std::string& id) {
   Channel channel(ParentDescriptor());
   Counter counter;
-  Stock stock;
   CallRunner runner;
   std::vector<std::unique_ptr<TolmPlugin::Plugin>> others;
   TolmPlugin::Plugin plugin(id);
-  ServeAll(plugin, counter, stock);
+  ServeAll(plugin, counter);
   while (const auto order = channel.Receive()) {
     std::vector<double> samples;
     switch (order->task) {
@@ -139,9 +134,6 @@ int RunPluginRole(const std::string& endpoint, const std::string& id) {
         break;
       case Task::kPushHost:
         PushHost(plugin, *order);
-        break;
-      case Task::kStock:
-        stock.Fill(order->size, order->count);
         break;
       case Task::kExpect:
       case Task::kExpectGroups:

@@ -364,5 +364,116 @@ TEST_F(LpcSendQueue, ManyThreadsAtOnce) {
   EXPECT_EQ(std::count(bodies.begin(), bodies.end(), large), 40);
 }
 
+// --- many small ones ---
+
+TEST_F(LpcSendQueue, MessagesBehindWhichMoreFollowWaitForEachOther) {
+  EXPECT_EQ(queue_.Send(Message("1"), true), Outcome::kGathered);
+  EXPECT_EQ(queue_.Send(Message("2"), true), Outcome::kQueued) << "only the first asks for a flush";
+  EXPECT_EQ(stream_.writes(), 0);
+  EXPECT_EQ(queue_.Flush(), Outcome::kSent);
+  EXPECT_EQ(stream_.writes(), 1);
+  EXPECT_EQ(queue_.Flush(), Outcome::kQueued) << "nothing is left";
+  EXPECT_EQ(queue_.Send(Message("3"), true), Outcome::kGathered) << "the next batch asks again";
+  queue_.Flush();
+  EXPECT_EQ(ReadBack(stream_.taken()), (std::vector<std::string>{"1", "2", "3"}));
+}
+
+TEST_F(LpcSendQueue, WhatWasGatheredGoesBeforeTheNextOrdinaryMessage) {
+  queue_.Send(Message("1"), true);
+  EXPECT_EQ(Send("2"), Outcome::kSent);
+  queue_.Send(Message("3"), true);
+  EXPECT_EQ(queue_.SendControl(FrameType::kPing, 0, ""), Outcome::kSent);
+  queue_.Send(Message("4"), true);
+  EXPECT_EQ(Send(std::string(1u << 20, 'L')), Outcome::kSent);
+  EXPECT_EQ(ReadBack(stream_.taken()),
+            (std::vector<std::string>{"1", "2", "3", "#5", "4", std::string(1u << 20, 'L')}));
+}
+
+TEST_F(LpcSendQueue, AFullBatchIsWrittenByWhoFilledIt) {
+  const std::string body(1000, 'b');
+  Outcome outcome = queue_.Send(Message(body), true);
+  int gathered = 1;
+  for (; outcome != Outcome::kSent; ++gathered) outcome = queue_.Send(Message(body), true);
+  EXPECT_EQ(stream_.writes(), 1);
+  EXPECT_LE(stream_.taken().size(), 36u << 10) << "bounded";
+  EXPECT_GT(stream_.taken().size(), 24u << 10);
+  EXPECT_EQ(ReadBack(stream_.taken()), std::vector<std::string>(static_cast<std::size_t>(gathered), body));
+}
+
+TEST_F(LpcSendQueue, ALargeMessageIsNotGathered) {
+  EXPECT_EQ(queue_.Send(Message(std::string(100'000, 'b')), true), Outcome::kSent);
+}
+
+TEST_F(LpcSendQueue, GatheredMessagesAreKeptWhileTheStreamIsFull) {
+  stream_.Room(10);
+  EXPECT_EQ(Send("in front"), Outcome::kBlocked);
+  std::vector<std::string> all{"in front"};
+  for (int i = 0; i < 100; ++i) {
+    all.push_back(std::to_string(i) + std::string(1000, 'b'));
+    EXPECT_EQ(queue_.Send(Message(all.back()), true), Outcome::kQueued);
+  }
+  EXPECT_EQ(queue_.Flush(), Outcome::kQueued) << "Resume will do it";
+  stream_.Room(std::string::npos);
+  EXPECT_EQ(queue_.Resume(), Outcome::kSent);
+  EXPECT_EQ(ReadBack(stream_.taken()), all);
+}
+
+TEST_F(LpcSendQueue, GatheredMessagesCountAsQueuedBytes) {
+  options_.max_queue_bytes = 100'000;
+  stream_.Room(0);
+  EXPECT_EQ(Send("in front"), Outcome::kBlocked);
+  int taken = 0;
+  while (queue_.Send(Message(std::string(1000, 'b')), true) == Outcome::kQueued) ASSERT_LT(++taken, 1000);
+  EXPECT_LT(taken, 105);
+  EXPECT_EQ(queue_.Send(Message("b"), true), Outcome::kFull);
+  stream_.Room(std::string::npos);
+  EXPECT_EQ(queue_.Resume(), Outcome::kSent);
+  EXPECT_EQ(queue_.Send(Message("b"), true), Outcome::kGathered) << "all of them were given back";
+}
+
+TEST_F(LpcSendQueue, AFlushThatIsCutShortGoesOnLater) {
+  std::vector<std::string> all;
+  for (int i = 0; i < 20; ++i) {
+    all.push_back(std::to_string(i) + std::string(100, 'b'));
+    queue_.Send(Message(all.back()), true);
+  }
+  stream_.Room(333);
+  EXPECT_EQ(queue_.Flush(), Outcome::kBlocked);
+  all.push_back("behind");
+  EXPECT_EQ(queue_.Send(Message("behind"), true), Outcome::kQueued);
+  stream_.Room(std::string::npos);
+  EXPECT_EQ(queue_.Resume(), Outcome::kSent);
+  EXPECT_EQ(ReadBack(stream_.taken()), all);
+}
+
+TEST_F(LpcSendQueue, AfterTheEndNothingIsGathered) {
+  queue_.Send(Message("dropped with the queue"), true);
+  queue_.Close();
+  EXPECT_EQ(queue_.Send(Message("b"), true), Outcome::kBroken);
+  EXPECT_EQ(queue_.Flush(), Outcome::kBroken);
+}
+
+TEST_F(LpcSendQueue, ThreadsThatGatherSideBySideLoseNothing) {
+  constexpr int kThreads = 4;
+  constexpr int kEach = 5000;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([this, t] {
+      for (int i = 0; i < kEach; ++i) {
+        const std::string body = std::to_string(t) + ':' + std::to_string(i);
+        if (queue_.Send(Message(body), i % 7 != 0) == Outcome::kGathered && i % 3 == 0) queue_.Flush();
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  queue_.Flush();
+  std::vector<int> next(kThreads, 0);
+  for (const std::string& body : ReadBack(stream_.taken())) {
+    const auto thread = static_cast<std::size_t>(body[0] - '0');
+    EXPECT_EQ(body.substr(2), std::to_string(next[thread]++)) << "each thread's in their order";
+  }
+  EXPECT_EQ(next, std::vector<int>(kThreads, kEach));
+}
+
 }  // namespace
 }  // namespace lpc::wire

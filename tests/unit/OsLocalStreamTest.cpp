@@ -140,6 +140,95 @@ TEST_P(OsLocalStream, WaitsUntilSomethingCanBeRead) {
   ends.join();
 }
 
+TEST_P(OsLocalStream, AWaitForRoomEndsAlsoWhenSomethingCanBeRead) {
+  Connect();
+  Fill(*near_);
+  StreamState state = near_->Wait(true, 0);
+  EXPECT_FALSE(state.readable);
+  EXPECT_FALSE(state.writable);
+  Write(*far_, "x");
+  state = near_->Wait(true, 30'000);
+  EXPECT_TRUE(state.readable);
+  EXPECT_FALSE(state.writable);
+  EXPECT_FALSE(near_->Wait(false, 0).writable) << "nobody asked";
+  EXPECT_EQ(Read(*near_), "x");
+  std::thread ends([this] { near_->Shutdown(); });
+  EXPECT_TRUE(near_->Wait(true, 30'000).readable);
+  ends.join();
+}
+
+TEST_P(OsLocalStream, AWaitForRoomEndsWhenThereIsSome) {
+  Connect();
+  if (!near_->CanWaitForRoom()) GTEST_SKIP() << "this one cannot";
+  EXPECT_TRUE(near_->Wait(true, 0).writable);
+  Fill(*near_);
+  std::thread reads([this] {
+    while (!Read(*far_, 100'000).empty()) {
+    }
+  });
+  const StreamState state = near_->Wait(true, 30'000);
+  EXPECT_TRUE(state.writable);
+  EXPECT_FALSE(state.readable);
+  reads.join();
+  EXPECT_EQ(Write(*near_, "more").status, IoStatus::kDone);
+  Write(*far_, "x");
+  const StreamState both = near_->Wait(true, 0);
+  EXPECT_TRUE(both.readable);
+  EXPECT_TRUE(both.writable);
+}
+
+TEST_P(OsLocalStream, HintsOfBulkChangeNothingThatArrives) {
+  Connect();
+  std::string sent;
+  std::string received;
+  const auto write = [&](const std::string& text) {
+    std::string_view rest = text;
+    while (!rest.empty()) {
+      const IoResult result = Write(*near_, rest);
+      if (result.status == IoStatus::kDone) rest.remove_prefix(result.bytes);
+      if (result.status == IoStatus::kWouldBlock) received += Read(*far_, 10'000);
+    }
+    sent += text;
+  };
+  const std::string much(1'000'000, 'b');
+  for (const bool bulk : {false, false, true, true, false, true, false}) {
+    near_->SetBulk(bulk);
+    write(bulk ? much : "small");
+    far_->SetBulk(!bulk);
+  }
+  near_->Shutdown();
+  for (std::string part; !(part = Read(*far_, 100'000)).empty();) received += part;
+  EXPECT_TRUE(received == sent);
+}
+
+// What stands on its way when the hint is taken back stays there, and what comes behind it waits as usual.
+TEST_P(OsLocalStream, ASmallMessageBehindBulkHasItsTurn) {
+  Connect();
+  const auto fill = [this] {
+    std::size_t bytes = 0;
+    const std::string much(4096, 'f');
+    for (IoResult result{}; (result = Write(*near_, much)).status == IoStatus::kDone;) bytes += result.bytes;
+    return bytes;
+  };
+  near_->SetBulk(true);
+  std::size_t on_its_way = fill();
+  near_->SetBulk(false);
+  EXPECT_EQ(Write(*near_, "s").status, IoStatus::kWouldBlock);
+  while (Write(*near_, "s").status != IoStatus::kDone) {
+    const std::size_t read = Read(*far_, 10'000).size();
+    ASSERT_GT(read, 0u);
+    ASSERT_LE(read, on_its_way);
+    on_its_way -= read;
+  }
+  std::string rest;
+  while (rest.size() < on_its_way + 1) {
+    const std::string part = Read(*far_, 100'000);
+    ASSERT_FALSE(part.empty());
+    rest += part;
+  }
+  EXPECT_EQ(rest, std::string(on_its_way, 'f') + "s");
+}
+
 TEST_P(OsLocalStream, AcceptSaysWhenThereIsNobody) {
   const Listener::Accepted none = listener_->Accept();
   EXPECT_FALSE(none.stream);

@@ -184,6 +184,7 @@ void CMessageLoopDyThreadPool::Core::RunAsGuest(std::unique_ptr<CTask> task) {
     --guests;
     // What was posted while no place was left.
     called = CallAnother();
+    if (guests == 0 && min_threads == 0) work_or_stop.notify_one();  // the one that stayed may end now
     guest_left.notify_all();
   }
   Finish(called);
@@ -201,7 +202,7 @@ bool CMessageLoopDyThreadPool::Core::IsIdleTooLong(std::unique_lock<std::mutex>&
                                                    std::uint64_t own_generation, TimePoint& idle_end) {
   bool too_long = false;
   ++idle;
-  if (idle_time.count() > 0 && members.size() > min_threads) {
+  if (idle_time.count() > 0 && MayShrink()) {
     if (idle_end == kNoTime) idle_end = std::chrono::steady_clock::now() + idle_time;
     too_long = work_or_stop.wait_until(lock, idle_end) == std::cv_status::timeout;
   } else {

@@ -4,7 +4,9 @@
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <sys/timerfd.h>
 #include <sys/un.h>
+#include <unistd.h>
 #include <array>
 
 #include "Descriptor.h"
@@ -15,7 +17,9 @@ namespace {
 
 constexpr std::size_t kMaxBuffers = 64;
 constexpr int kBulkRoom = 512 << 10;
-constexpr std::uint64_t kWakeToken = 0;  // no source has it
+// No source has them.
+constexpr std::uint64_t kWakeToken = 0;
+constexpr std::uint64_t kTimerToken = ~std::uint64_t{0};
 
 bool IsWouldBlock(int error) {
   return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
@@ -44,7 +48,8 @@ std::size_t FillVector(std::array<iovec, kMaxBuffers>& vector, const Buffer* buf
 
 class EpollPoller final : public Poller {
  public:
-  EpollPoller(Descriptor epoll, Descriptor wake) : epoll_(std::move(epoll)), wake_(std::move(wake)) {}
+  EpollPoller(Descriptor epoll, Descriptor wake, Descriptor timer)
+      : epoll_(std::move(epoll)), wake_(std::move(wake)), timer_(std::move(timer)) {}
 
   bool Arm(Pollable& source, std::uint64_t token, unsigned interest) override {
     const int fd = static_cast<int>(source.native());
@@ -68,6 +73,11 @@ class EpollPoller final : public Poller {
       ::eventfd_read(wake_.get(), &ignored);
       return std::nullopt;
     }
+    if (event.data.u64 == kTimerToken) {
+      std::uint64_t ignored = 0;
+      [[maybe_unused]] const ssize_t read = ::read(timer_.get(), &ignored, sizeof ignored);
+      return std::nullopt;
+    }
     const bool ended = (event.events & (EPOLLHUP | EPOLLERR)) != 0;
     return Readiness{event.data.u64, ended || (event.events & (EPOLLIN | EPOLLRDHUP)) != 0,
                      (event.events & EPOLLOUT) != 0};
@@ -75,16 +85,28 @@ class EpollPoller final : public Poller {
 
   void Wake(unsigned threads) override { ::eventfd_write(wake_.get(), threads); }
 
-  bool WatchWake() {
-    epoll_event event{};
-    event.events = EPOLLIN;
-    event.data.u64 = kWakeToken;
-    return ::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, wake_.get(), &event) == 0;
+  bool CanWakeIn() const override { return true; }
+
+  void WakeIn(std::chrono::microseconds delay) override {
+    itimerspec when{};
+    when.it_value.tv_sec = delay.count() / 1'000'000;
+    when.it_value.tv_nsec = delay.count() % 1'000'000 * 1000;
+    ::timerfd_settime(timer_.get(), 0, &when, nullptr);
   }
 
+  bool WatchOwn() { return Watch(wake_, kWakeToken) && Watch(timer_, kTimerToken); }
+
  private:
+  bool Watch(const Descriptor& own, std::uint64_t token) {
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.u64 = token;
+    return ::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, own.get(), &event) == 0;
+  }
+
   const Descriptor epoll_;
   const Descriptor wake_;  // counts calls of Wait that are to return
+  const Descriptor timer_;
 };
 
 }  // namespace
@@ -148,9 +170,10 @@ PeerIdentity UnixStream::Peer() const {
 std::unique_ptr<Poller> CreateEpollPoller() {
   Descriptor epoll(::epoll_create1(EPOLL_CLOEXEC));
   Descriptor wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK | EFD_SEMAPHORE));
-  if (!epoll || !wake) return nullptr;
-  auto poller = std::make_unique<EpollPoller>(std::move(epoll), std::move(wake));
-  if (!poller->WatchWake()) return nullptr;
+  Descriptor timer(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
+  if (!epoll || !wake || !timer) return nullptr;
+  auto poller = std::make_unique<EpollPoller>(std::move(epoll), std::move(wake), std::move(timer));
+  if (!poller->WatchOwn()) return nullptr;
   return poller;
 }
 

@@ -34,7 +34,8 @@ constexpr std::chrono::microseconds kLongestPause = std::chrono::milliseconds(50
 
 /// Registrations of many urls take the frame longer.
 std::chrono::microseconds FirstPause(std::size_t urls) {
-  return urls < 1000 ? std::min(kShortestPause + static_cast<int>(urls) * kPauseForUrl, kUsualPause) : kUsualPause;
+  const auto counted = static_cast<int>(std::min<std::size_t>(urls, 1000));
+  return std::min(kShortestPause + counted * kPauseForUrl, kUsualPause);
 }
 
 /// Runs a function of the plugin's author and gives what it threw, as a text; nothing when it returned.
@@ -191,7 +192,8 @@ bool Plugin::Core::RegisterAndConfirm(int connection) {
   if (!client->Notify(std::move(registration))) return false;
 
   std::chrono::microseconds pause = FirstPause(urls.entries().size());
-  for (std::chrono::microseconds next = kUsualPause;; pause = next, next = std::min(2 * next, kLongestPause)) {
+  for (std::chrono::microseconds next = kUsualPause;;
+       pause = next, next = std::min(2 * next, kLongestPause)) {
     {
       std::unique_lock lock(mutex_);
       changed_.wait_for(lock, pause, [&] { return confirmed_ || !StillLocked(connection); });
@@ -242,8 +244,8 @@ void Plugin::Core::Serve(tag_LPCCallBackData&& data, const lpcclient::InboundInf
   }
   Message answer;
   if (const auto thrown = WhatItThrew([&] { answer = (*handler)(std::move(request)); })) {
-    TOLM_LOG(Tolm::Base::kLogLevelError, kTag, "the handler of url [%s] failed: %s",
-             url.c_str(), thrown->c_str());
+    TOLM_LOG(Tolm::Base::kLogLevelError, kTag, "the handler of url [%s] failed: %s", url.c_str(),
+             thrown->c_str());
     if (wants_answer) client->Reject(reply.msg_id, "the handler failed: " + *thrown);
     return;
   }
@@ -252,8 +254,8 @@ void Plugin::Core::Serve(tag_LPCCallBackData&& data, const lpcclient::InboundInf
   reply.params = ToParams(answer);
   reply.body = std::move(answer.body);
   if (!client->Reply(std::move(reply))) {
-    TOLM_LOG(Tolm::Base::kLogLevelWarning, kTag, "the answer for url [%s] could not be sent: %s",
-             url.c_str(), lpc::ErrorText(lpcclient::GetLPCLastError()));
+    TOLM_LOG(Tolm::Base::kLogLevelWarning, kTag, "the answer for url [%s] could not be sent: %s", url.c_str(),
+             lpc::ErrorText(lpcclient::GetLPCLastError()));
   }
 }
 

@@ -3,12 +3,21 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <netinet/in.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <optional>
 #include <string>
 #include <utility>
@@ -17,6 +26,7 @@
 #include "ForkedChild.h"
 #include "LoopbackSocket.h"
 #include "PortRows.h"
+#include "SocketDiagnosis.h"
 #include "SocketTable.h"
 #include "os/PortTable.h"
 #include "support/Wait.h"
@@ -140,6 +150,102 @@ TEST(OsLoopbackPeer, IsAnotherUsersWhenTheirProcessConnected) {
   socklen_t size = sizeof address;
   ASSERT_EQ(::getpeername(static_cast<int>(far.native()), reinterpret_cast<sockaddr*>(&address), &size), 0);
   EXPECT_FALSE(IsLoopbackPeerSameUser(port, ntohs(address.sin_port)));
+}
+
+// ----------------------------------------------------------------------------------- The two sources
+
+/// From now on this process is told that there is no such socket.
+bool ForbidKernelsSocket() {
+  sock_filter steps[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_socket, 0, 3),
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, AF_NETLINK, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPROTONOSUPPORT),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+  };
+  const sock_fprog program{std::size(steps), steps};
+  return ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+         ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program, 0, 0) == 0;
+}
+
+TEST(OsPortTable, IsReadAsATextWhereTheKernelDoesNotAnswer) {
+  const LoopbackSocket listening = LoopbackSocket::Listening();
+  const LoopbackSocket near = LoopbackSocket::Connected(listening.port());
+  const LoopbackSocket far = listening.Accepted();
+  ForkedChild child([&](const auto&) {
+    std::vector<SocketLine> lines(1);
+    if (!ForbidKernelsSocket()) return 1;
+    if (AskForTcpSockets(lines) || lines.size() != 1) return 2;
+    const auto row = RowOf(ReadTcpTable, listening.port(), 0);
+    if (!row || row->state != kTcpStateListen || row->owning_process_id == 0) return 3;
+    return IsLoopbackPeerSameUser(far.port(), near.port()) ? 0 : 4;
+  });
+  EXPECT_EQ(child.Join(), 0);
+}
+
+std::vector<SocketLine> LinesOf(const std::vector<SocketLine>& lines, std::uint16_t port) {
+  std::vector<SocketLine> found;
+  std::copy_if(lines.begin(), lines.end(), std::back_inserter(found), [port](const SocketLine& line) {
+    return line.row.local_port == port && line.row.local_address == kLoopback;
+  });
+  const auto order = [](const SocketLine& a, const SocketLine& b) {
+    return a.row.remote_port < b.row.remote_port;
+  };
+  std::sort(found.begin(), found.end(), order);
+  return found;
+}
+
+bool IsSame(const SocketLine& a, const SocketLine& b) {
+  return a.row.local_address == b.row.local_address && a.row.local_port == b.row.local_port &&
+         a.row.remote_address == b.row.remote_address && a.row.remote_port == b.row.remote_port &&
+         a.row.state == b.row.state && a.user == b.user && a.inode == b.inode;
+}
+
+/// What both sources say of `port` is the same, and is of as many sockets as wanted.
+bool AgreeOn(std::uint16_t port, std::size_t wanted) {
+  std::vector<SocketLine> asked;
+  if (!AskForTcpSockets(asked)) return false;
+  std::ifstream file("/proc/net/tcp");
+  const std::string text{std::istreambuf_iterator<char>(file), {}};
+  std::vector<SocketLine> read;
+  if (!ParseTcpTable(text, read)) return false;
+  const auto a = LinesOf(asked, port);
+  const auto b = LinesOf(read, port);
+  return a.size() == wanted && std::equal(a.begin(), a.end(), b.begin(), b.end(), IsSame);
+}
+
+TEST(OsPortTable, TheKernelAnswersWhatTheTextSays) {
+  if (std::vector<SocketLine> lines; !AskForTcpSockets(lines)) GTEST_SKIP() << "this kernel does not answer";
+  const LoopbackSocket listening = LoopbackSocket::Listening();
+  const LoopbackSocket near = LoopbackSocket::Connected(listening.port());
+  const LoopbackSocket far = listening.Accepted();
+  const LoopbackSocket waiting = LoopbackSocket::Connected(listening.port());  // not accepted
+  LoopbackSocket first = LoopbackSocket::Connected(listening.port());
+  const LoopbackSocket bound = LoopbackSocket::Bound(LoopbackSocket::Kind::kTcp);
+  const std::uint16_t closed = first.port();
+  first.Close();
+  // Tables are told in pieces, between which other programs' sockets come and go.
+  EXPECT_TRUE(tolm::test::WaitFor([&] { return AgreeOn(listening.port(), 4); }));
+  EXPECT_TRUE(tolm::test::WaitFor([&] { return AgreeOn(near.port(), 1); }));
+  EXPECT_TRUE(tolm::test::WaitFor([&] { return AgreeOn(waiting.port(), 1); }));
+  EXPECT_TRUE(tolm::test::WaitFor([&] { return AgreeOn(closed, 1); }));
+  EXPECT_TRUE(tolm::test::WaitFor([&] { return AgreeOn(bound.port(), 0); })) << "bound, and nothing else";
+}
+
+// ------------------------------------------------------------------------------------------ Owners
+
+TEST(OsPortTable, WhetherThereIsAnOwnerIsToldWithoutLookingForOne) {
+  const LoopbackSocket listening = LoopbackSocket::Listening();
+  const LoopbackSocket bound = LoopbackSocket::Bound(LoopbackSocket::Kind::kUdp);
+  const auto tcp = RowOf([](std::vector<PortRow>& rows) { return ReadTcpTable(rows, Owners::kWhetherAny); },
+                         listening.port(), 0);
+  const auto udp = RowOf([](std::vector<PortRow>& rows) { return ReadUdpTable(rows, Owners::kWhetherAny); },
+                         bound.port(), 0);
+  ASSERT_TRUE(tcp);
+  ASSERT_TRUE(udp);
+  EXPECT_EQ(tcp->owning_process_id, kUnknownOwner);
+  EXPECT_EQ(udp->owning_process_id, kUnknownOwner);
 }
 
 // --------------------------------------------------------------------------------------- The lines

@@ -21,9 +21,12 @@ constexpr int kQuietLooks = 4;
 constexpr std::size_t kKeptThreads = 8;
 // When so many run tasks of pools, these are long ones, and the pools' own threads had better do so.
 constexpr std::size_t kMostAbsent = 4;
+// So long a message may wait for others to be written with it.
+constexpr auto kFlushDelay = std::chrono::microseconds(100);
 
 thread_local const IoLoop* own_loop = nullptr;
 thread_local bool in_callback = false;
+thread_local bool more_follows = false;
 
 int MillisecondsUntil(IoLoop::Clock::time_point deadline, IoLoop::Clock::time_point now) {
   constexpr std::int64_t kLongest = 60'000;
@@ -152,6 +155,30 @@ void IoLoop::Post(std::vector<Work>& work) {
   work.clear();
 }
 
+bool IoLoop::MoreFollows() const {
+  return more_follows && own_loop == this;
+}
+
+void IoLoop::FlushSoon(std::weak_ptr<IoHandler> handler) {
+  const std::lock_guard lock(mutex_);
+  if (to_flush_.empty()) {
+    flush_at_ = Clock::now() + kFlushDelay;  // the timer ends behind it, never before
+    poller_->WakeIn(kFlushDelay);
+  }
+  to_flush_.push_back(std::move(handler));
+}
+
+void IoLoop::FlushAll(std::unique_lock<std::mutex>& lock) {
+  std::vector<std::weak_ptr<IoHandler>> due;
+  due.swap(to_flush_);
+  lock.unlock();
+  for (const auto& waiting : due) {
+    if (const auto handler = waiting.lock()) handler->OnFlush();
+  }
+  due.clear();  // perhaps the last who held one
+  lock.lock();
+}
+
 void IoLoop::RunHousekeepingBy(Clock::time_point deadline) {
   const std::lock_guard lock(mutex_);
   if (deadline >= next_housekeeping_) return;
@@ -214,6 +241,7 @@ IoLoop::Work IoLoop::TakeWorkLocked() {
   queue_.pop_front();
   ++taken_;
   --free_;
+  more_follows = !queue_.empty();
   if (!queue_.empty()) {
     WatchLocked();
     if (stuck_) poller_->Wake(1);
@@ -260,6 +288,7 @@ void IoLoop::ThreadMain() {
   os::SetThreadName(thread_name_.c_str());
   own_loop = this;
   Member self(*this);
+  bool has_worked = false;
   std::unique_lock lock(mutex_);
   while (!stopping_) {
     const Clock::time_point now = Clock::now();
@@ -281,9 +310,15 @@ void IoLoop::ThreadMain() {
       work.reset();
       self.RunFollowers();
       in_callback = false;
+      more_follows = false;
+      has_worked = true;
       lock.lock();
       ++free_;
       if (free_ > kKeptThreads && free_ > static_cast<std::size_t>(options_.min_threads)) break;
+      continue;
+    }
+    if (!to_flush_.empty() && (std::exchange(has_worked, false) || now >= flush_at_)) {
+      FlushAll(lock);
       continue;
     }
     // One thread waits until the next deadline, the others for as long as it takes.

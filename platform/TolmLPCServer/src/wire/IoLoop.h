@@ -25,6 +25,8 @@ class IoHandler {
  public:
   /// On one thread of the loop; must not block and must not call user code.
   virtual void OnReady(bool readable, bool writable) = 0;
+  /// As well; follows FlushSoon.
+  virtual void OnFlush() {}
 
  protected:
   ~IoHandler() = default;
@@ -97,6 +99,12 @@ class IoLoop : public std::enable_shared_from_this<IoLoop> {
   /// Queues work that may block and may call user code.
   void Post(std::unique_ptr<Tolm::Base::CTask> work);
   void Post(std::vector<std::unique_ptr<Tolm::Base::CTask>>& work);
+  /// Calls handler->OnFlush when the calling thread has no more work, if it is one of the loop's, or a moment
+  /// later. Only where CanFlushSoon.
+  void FlushSoon(std::weak_ptr<IoHandler> handler);
+  bool CanFlushSoon() const { return poller_->CanWakeIn(); }
+  /// Whether the calling thread is one of the loop's, and more work waits behind its callback.
+  bool MoreFollows() const;
   /// Housekeeping is to run at `deadline` or before.
   void RunHousekeepingBy(Clock::time_point deadline);
 
@@ -118,6 +126,7 @@ class IoLoop : public std::enable_shared_from_this<IoLoop> {
   void EnsureTimekeeperLocked();
   void RunHousekeeping(std::unique_lock<std::mutex>& lock);
   void LookWhetherStuckLocked(Clock::time_point now);
+  void FlushAll(std::unique_lock<std::mutex>& lock);
 
   const std::unique_ptr<os::Poller> poller_;
   const Options options_;
@@ -138,6 +147,9 @@ class IoLoop : public std::enable_shared_from_this<IoLoop> {
   std::size_t stoppers_ = 0;  // of these, inside Stop
   std::unordered_map<std::thread::id, std::thread> handles_;
   std::vector<std::thread> ended_;  // to be joined
+
+  std::vector<std::weak_ptr<IoHandler>> to_flush_;
+  Clock::time_point flush_at_;
 
   Clock::time_point timekeeper_until_ = Clock::time_point::max();  // when a waiting thread looks again
   bool watching_ = false;  // the queue is looked at every few milliseconds

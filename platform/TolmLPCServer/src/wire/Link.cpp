@@ -21,6 +21,9 @@ constexpr std::size_t kReadTurn = 1u << 20;
 // So long a thread stays with a body whose sender goes on, and waits for it to do so.
 constexpr auto kBodyTurn = std::chrono::milliseconds(50);
 constexpr int kBodyWaitMs = 2;
+// So many messages that one thread sends without such a pause are a burst.
+constexpr int kBurst = 32;
+constexpr auto kBurstPause = std::chrono::microseconds(50);
 // What a message costs beside its bytes.
 constexpr std::size_t kMessageOverhead = 256;
 // What one of its params costs, in the map that it ends up in.
@@ -32,9 +35,15 @@ constexpr bool IsWaitingId(std::uint64_t id) {
   return (id & 1) != 0;
 }
 
+struct Unzeroed {
+  // Not "= default", which would zero it.
+  Unzeroed() {}  // NOLINT(modernize-use-equals-default)
+  std::array<char, kReadBuffer> bytes;
+};
+
 char* ReadBuffer() {
-  static auto& buffers = *new os::PerThread<std::array<char, kReadBuffer>>;
-  return buffers.Get().data();
+  static auto& buffers = *new os::PerThread<Unzeroed>;
+  return buffers.Get().bytes.data();
 }
 
 }  // namespace
@@ -122,15 +131,41 @@ void Link::Open(std::string peer_name, std::uint64_t max_bytes) {
 
 int Link::Send(const OutgoingMessage& message) {
   bool blocked = false;
-  const int error = Send(message, blocked);
+  const int error = Send(message, IsOneOfMany(), blocked);
   if (blocked) AskForWritability();
   return error;
 }
 
+// Whether more messages follow this one so soon that it had better be written with them: the calling thread
+// has more callbacks to run, or has sent many without a pause.
+bool Link::IsOneOfMany() const {
+  if (!loop_->CanFlushSoon()) return false;
+  if (loop_->MoreFollows()) return true;
+  struct Burst {
+    const Link* link = nullptr;
+    IoLoop::Clock::time_point latest;
+    int length = 0;
+  };
+  thread_local Burst burst;
+  const auto now = IoLoop::Clock::now();
+  const bool goes_on = burst.link == this && now - burst.latest < kBurstPause;
+  burst = {this, now, goes_on ? burst.length + 1 : 0};
+  return burst.length >= kBurst;
+}
+
+void Link::OnFlush() {
+  const SendQueue::Outcome outcome = queue_.Flush();
+  if (outcome == SendQueue::Outcome::kBlocked) AskForWritability();
+  if (outcome == SendQueue::Outcome::kBroken) CutOff(kPeerGone, kNotWritable);
+}
+
 // Sets `blocked` when somebody has to go on as soon as the stream takes more.
-int Link::Send(const OutgoingMessage& message, bool& blocked) {
+int Link::Send(const OutgoingMessage& message, bool more_follow, bool& blocked) {
   if (const int error = CheckLimits(message, send_limit_, options_.max_params); error != kOk) return error;
-  switch (queue_.Send(message)) {
+  switch (queue_.Send(message, more_follow)) {
+    case SendQueue::Outcome::kGathered:
+      loop_->FlushSoon(weak_from_this());
+      return kOk;
     case SendQueue::Outcome::kSent:
     case SendQueue::Outcome::kQueued:
       return kOk;
@@ -163,7 +198,7 @@ int Link::SendAndWait(const OutgoingMessage& request, int time_out_ms, InboundMe
     if (leads) ArmLocked();
   }
   bool blocked = false;
-  int error = Send(request, blocked);
+  int error = Send(request, false, blocked);
   const bool writes = blocked && leads && stream_->CanWaitForRoom();
   if (blocked && !writes) AskForWritability();
   if (leads && error != kOk) GiveUpCharge();
@@ -537,6 +572,7 @@ void Link::FailSenders(int error) {
 }
 
 void Link::WaitUntilSent(int milliseconds) {
+  OnFlush();
   queue_.WaitUntilSent(std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds));
 }
 

@@ -109,6 +109,7 @@ class Link final : public IoHandler, public std::enable_shared_from_this<Link> {
   IoLoop::Clock::time_point StallDeadline() const;
 
   void OnReady(bool readable, bool writable) override;
+  void OnFlush() override;
 
  private:
   class Lease;
@@ -117,7 +118,8 @@ class Link final : public IoHandler, public std::enable_shared_from_this<Link> {
   bool TakeCharge();
   void GiveUpCharge();
   void Work();
-  int Send(const OutgoingMessage& message, bool& blocked);
+  int Send(const OutgoingMessage& message, bool more_follow, bool& blocked);
+  bool IsOneOfMany() const;
   int Lead(Waiter& waiter, IoLoop::Clock::time_point deadline, bool writes);
   bool WriteOn();
   bool ReadRestOfBody(Sink& sink);

@@ -15,6 +15,20 @@ std::uint64_t MetaSize(const OutgoingMessage& message) {
   return size;
 }
 
+void WriteHead(char* place, const OutgoingMessage& message, std::uint64_t meta_size) {
+  ByteWriter writer(place);
+  writer.Number(static_cast<std::uint32_t>(meta_size));
+  writer.Number(static_cast<std::uint32_t>(message.body.bytes.size()));
+  writer.Number(message.time_out_ms);
+  writer.Text<std::uint16_t>(message.dst_id);
+  writer.Text<std::uint16_t>(message.src_id);
+  writer.Number(static_cast<std::uint32_t>(message.params->size()));
+  for (const auto& [key, value] : *message.params) {
+    writer.Text<std::uint32_t>(key);
+    writer.Text<std::uint32_t>(value);
+  }
+}
+
 }  // namespace
 
 int CheckLimits(const OutgoingMessage& message, std::size_t max_bytes, std::size_t max_params) {
@@ -32,18 +46,23 @@ int CheckLimits(const OutgoingMessage& message, std::size_t max_bytes, std::size
 std::string EncodeHead(const OutgoingMessage& message, std::size_t room) {
   const std::uint64_t meta_size = MetaSize(message);
   std::string head(room + kPrefixSize + meta_size, '\0');
-  ByteWriter writer(head.data() + room);
-  writer.Number(static_cast<std::uint32_t>(meta_size));
-  writer.Number(static_cast<std::uint32_t>(message.body.bytes.size()));
-  writer.Number(message.time_out_ms);
-  writer.Text<std::uint16_t>(message.dst_id);
-  writer.Text<std::uint16_t>(message.src_id);
-  writer.Number(static_cast<std::uint32_t>(message.params->size()));
-  for (const auto& [key, value] : *message.params) {
-    writer.Text<std::uint32_t>(key);
-    writer.Text<std::uint32_t>(value);
-  }
+  WriteHead(head.data() + room, message, meta_size);
   return head;
+}
+
+void AppendFrame(std::string& bytes, const OutgoingMessage& message) {
+  const std::uint64_t meta_size = MetaSize(message);
+  FrameHeader header;
+  header.payload_size = static_cast<std::uint32_t>(kPrefixSize + meta_size + message.body.bytes.size());
+  header.type = message.type;
+  header.flags = message.flags;
+  header.message_id = message.id;
+  const HeaderBytes header_bytes = EncodeHeader(header);
+  const std::size_t at = bytes.size() + kHeaderSize;
+  bytes.append(header_bytes.data(), kHeaderSize);
+  bytes.resize(at + kPrefixSize + meta_size);
+  WriteHead(bytes.data() + at, message, meta_size);
+  bytes.append(message.body.bytes);
 }
 
 MessagePrefix DecodePrefix(const char* bytes) {

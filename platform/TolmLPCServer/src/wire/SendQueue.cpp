@@ -12,11 +12,15 @@ constexpr std::size_t kMaxPieces = 48;
 // After so many calls a sender has done enough for others, and the I/O threads go on.
 constexpr int kWriteTurn = 32;
 constexpr std::size_t kMaxControlBytes = 1u << 20;
+// Messages up to this size are gathered, until there are so many bytes of them.
+constexpr std::size_t kGatheredBody = 2u << 10;
+constexpr std::size_t kGatheredBytes = 32u << 10;
 
 }  // namespace
 
-// One message, or one control frame, and how much of it has been written. The header of the frame that
-// is under way stands in front of the head, in room kept for it.
+// One message, one control frame, or a batch of small messages that are frames already, and how much of it
+// has been written. The header of the frame that is under way stands in front of the head, in room kept for
+// it.
 class SendQueue::Item {
  public:
   explicit Item(const OutgoingMessage& message)
@@ -41,11 +45,26 @@ class SendQueue::Item {
     BeginFrame();
   }
 
+  /// A batch.
+  explicit Item(std::size_t room) : payload_left_(0), chunked_(false), batch_(true) {
+    head_.reserve(room);
+    position_ = 0;
+    header_left_ = 0;
+  }
+  /// To a batch that nobody writes yet; gives by how many bytes it has grown.
+  std::size_t Append(const OutgoingMessage& message) {
+    const std::size_t before = head_.size();
+    AppendFrame(head_, message);
+    return head_.size() - before;
+  }
+
   /// What it costs to keep it.
   std::size_t size() const { return sizeof(Item) + head_.size() + body_.size(); }
   bool chunked() const { return chunked_; }
   bool control() const { return control_; }
-  bool done() const { return header_left_ == 0 && frame_left_ == 0 && payload_left_ == 0; }
+  bool done() const {
+    return batch_ ? position_ == head_.size() : header_left_ == 0 && frame_left_ == 0 && payload_left_ == 0;
+  }
   /// Whether more frames follow the one that is under way.
   bool has_more_frames() const { return payload_left_ > 0; }
   bool at_frame_start() const { return header_left_ == kHeaderSize; }
@@ -74,6 +93,10 @@ class SendQueue::Item {
     const auto add = [&](const char* data, std::size_t size) {
       if (size > 0) pieces[count++] = {data, size};
     };
+    if (batch_) {
+      add(head_.data() + position_, head_.size() - position_);
+      return count;
+    }
     std::size_t left = frame_left_;
     // In the first frame header and head are neighbours.
     if (position_ < head_.size() && header_left_ > 0 && position_ == kHeaderSize) {
@@ -98,6 +121,11 @@ class SendQueue::Item {
 
   /// `bytes` more have been written, all of the current frame; gives what is left of them.
   std::size_t Advance(std::size_t bytes) {
+    if (batch_) {
+      const std::size_t of_batch = std::min(bytes, head_.size() - position_);
+      position_ += of_batch;
+      return bytes - of_batch;
+    }
     const std::size_t of_header = std::min(bytes, header_left_);
     header_left_ -= of_header;
     bytes -= of_header;
@@ -123,7 +151,7 @@ class SendQueue::Item {
     header_left_ = kHeaderSize;
   }
 
-  std::string head_;  // room for a header, then the message's head
+  std::string head_;  // room for a header, then the message's head; all of a batch
   std::string_view body_;
   std::string* body_owner_ = nullptr;
   std::string owned_;
@@ -135,13 +163,15 @@ class SendQueue::Item {
   std::size_t position_ = kHeaderSize;  // in head and body together
   bool chunked_;
   bool control_ = false;
+  bool batch_ = false;
 };
 
 SendQueue::SendQueue(os::Stream& stream, const Options& options) : stream_(stream), options_(options) {}
 
 SendQueue::~SendQueue() = default;
 
-SendQueue::Outcome SendQueue::Send(const OutgoingMessage& message) {
+SendQueue::Outcome SendQueue::Send(const OutgoingMessage& message, bool more_follow) {
+  if (more_follow && message.body.bytes.size() <= kGatheredBody) return Gather(message);
   Item item(message);
   bool direct = false;
   {
@@ -162,6 +192,34 @@ SendQueue::Outcome SendQueue::Send(const OutgoingMessage& message) {
   return Enqueue(std::move(kept));
 }
 
+SendQueue::Outcome SendQueue::Gather(const OutgoingMessage& message) {
+  std::unique_lock lock(mutex_);
+  if (closed_) return Outcome::kBroken;
+  if (queued_bytes_ > options_.max_queue_bytes) return Outcome::kFull;
+  const bool is_first = open_batch_ == nullptr;
+  if (is_first) {
+    items_.push_back(std::make_unique<Item>(kGatheredBytes + kGatheredBody));
+    open_batch_ = items_.back().get();
+    queued_bytes_ += open_batch_->size();
+  }
+  queued_bytes_ += open_batch_->Append(message);
+  if (writing_ || blocked_) {
+    if (open_batch_->size() >= kGatheredBytes) open_batch_ = nullptr;
+    return Outcome::kQueued;
+  }
+  if (open_batch_->size() < kGatheredBytes) return is_first ? Outcome::kGathered : Outcome::kQueued;
+  writing_ = true;
+  return Write(lock);
+}
+
+SendQueue::Outcome SendQueue::Flush() {
+  std::unique_lock lock(mutex_);
+  if (closed_) return Outcome::kBroken;
+  if (writing_ || blocked_ || items_.empty()) return Outcome::kQueued;
+  writing_ = true;
+  return Write(lock);
+}
+
 SendQueue::Outcome SendQueue::SendControl(FrameType type, std::uint64_t message_id,
                                           const std::string& payload) {
   return Enqueue(std::make_unique<Item>(type, message_id, payload));
@@ -179,6 +237,7 @@ SendQueue::Outcome SendQueue::Enqueue(std::unique_ptr<Item> item) {
     queued_bytes_ += size;
   }
   items_.push_back(std::move(item));
+  open_batch_ = nullptr;  // what comes now stays behind it
   if (writing_ || blocked_) return Outcome::kQueued;
   writing_ = true;
   return Write(lock);
@@ -227,6 +286,7 @@ SendQueue::Outcome SendQueue::Write(std::unique_lock<std::mutex>& lock) {
       count += item->Pieces(pieces.data() + count);
       if (item->has_more_frames() || count > kMaxPieces) break;
     }
+    open_batch_ = nullptr;
     const bool bulk = items_.front()->chunked();
     lock.unlock();
     SetBulk(bulk);
@@ -294,6 +354,7 @@ void SendQueue::Close() {
   const std::lock_guard lock(mutex_);
   closed_ = true;
   blocked_ = false;
+  open_batch_ = nullptr;
   idle_.notify_all();
   // A thread that writes uses the items; they go with the queue then.
   if (!writing_) dropped.swap(items_);

@@ -21,7 +21,8 @@ namespace lpc::wire {
 
 /// At any time at most one thread writes: whoever finds nobody writing. Others leave their messages in
 /// the queue, and the writer takes them along, several in one system call. A large message goes out in
-/// chunks, between which small ones pass it.
+/// chunks, between which small ones pass it. Small messages whose sender says that more follow are gathered,
+/// and written when they are many, when somebody else sends, or when Flush is called.
 ///
 /// No lock is held while the stream is written to. All operations may be called from any thread.
 class SendQueue {
@@ -32,15 +33,18 @@ class SendQueue {
   SendQueue& operator=(const SendQueue&) = delete;
 
   enum class Outcome {
-    kSent,     ///< the stream has taken everything that there was
-    kQueued,   ///< another thread writes and will take it along
-    kBlocked,  ///< the stream takes no more now: call Resume when it is writable again
-    kFull,     ///< refused: too much is queued already
-    kBroken,   ///< refused: the connection is no more
-    kSentLast  ///< of Send: it was sent, and the connection broke behind it
+    kSent,      ///< the stream has taken everything that there was
+    kQueued,    ///< another thread writes and will take it along
+    kBlocked,   ///< the stream takes no more now: call Resume when it is writable again
+    kFull,      ///< refused: too much is queued already
+    kBroken,    ///< refused: the connection is no more
+    kSentLast,  ///< of Send: it was sent, and the connection broke behind it
+    kGathered   ///< of Send: it waits for others, and Flush has to be called soon
   };
 
-  Outcome Send(const OutgoingMessage& message);
+  Outcome Send(const OutgoingMessage& message, bool more_follow = false);
+  /// Writes what was gathered. kSent, kBlocked or kBroken; kQueued when somebody else does, or will.
+  Outcome Flush();
   /// A frame with a short payload. kFull only when very many of these wait, which is a peer's doing that
   /// asks for answers and does not take them.
   Outcome SendControl(FrameType type, std::uint64_t message_id, const std::string& payload);
@@ -57,6 +61,7 @@ class SendQueue {
  private:
   class Item;
 
+  Outcome Gather(const OutgoingMessage& message);
   Outcome Enqueue(std::unique_ptr<Item> item);
   Outcome Write(std::unique_lock<std::mutex>& lock);
   Outcome WriteDirectly(Item& item);
@@ -72,6 +77,7 @@ class SendQueue {
   mutable std::mutex mutex_;
   // All below is guarded by mutex_; the items at the front are changed by the writer alone.
   std::deque<std::unique_ptr<Item>> items_;
+  Item* open_batch_ = nullptr;     // the last one, while it can take more messages
   std::size_t queued_bytes_ = 0;   // of messages
   std::size_t control_bytes_ = 0;  // of control frames
   bool writing_ = false;           // a thread writes

@@ -12,6 +12,7 @@
 // That a readiness is given out once is the contract on which the threads above rely: whoever received
 // it is alone with that stream's reading end until it calls Arm again.
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -81,13 +82,13 @@ class Stream : public Pollable {
   virtual IoResult Read(const MutableBuffer* buffers, std::size_t count) = 0;
   /// Takes as much of the buffers, in order, as fits.
   virtual IoResult Write(const ConstBuffer* buffers, std::size_t count) = 0;
-  /// Waits until Read would not say kWouldBlock, or, with `for_room` and where CanWaitForRoom, until Write would
-  /// not; for at most `timeout_ms`. For the one thread that reads; a poller must not be asked for the same
-  /// meanwhile.
+  /// Waits until Read would not say kWouldBlock, or, with `for_room` and where CanWaitForRoom, until Write
+  /// would not; for at most `timeout_ms`. For the one thread that reads; a poller must not be asked for the
+  /// same meanwhile.
   virtual StreamState Wait(bool for_room, int timeout_ms) = 0;
   virtual bool CanWaitForRoom() const { return false; }
-  /// A hint of the thread that writes: much is about to be written, or that is over. The stream may hold more on
-  /// its way meanwhile, which is good for bulk and bad for many small writes.
+  /// A hint of the thread that writes: much is about to be written, or that is over. The stream may hold more
+  /// on its way meanwhile, which is good for bulk and bad for many small writes.
   virtual void SetBulk(bool /*bulk*/) {}
   /// Ends both directions: what arrived is still read, then both ends see kClosed, and a poller that
   /// watches either end reports it as readable. May be called from any thread, any number of times.
@@ -125,8 +126,8 @@ class Poller {
   virtual ~Poller() = default;
 
   /// Asks for one readiness of `source`, replacing what was asked for before: kRead, kWrite, both, or 0
-  /// for its end only. `token`, which is not 0, comes back with it. What is ready already is reported at
-  /// once. False when the system has no room for it.
+  /// for its end only. `token`, which is neither 0 nor the largest number, comes back with it. What is ready
+  /// already is reported at once. False when the system has no room for it.
   virtual bool Arm(Pollable& source, std::uint64_t token, unsigned interest) = 0;
   /// Watches `source` no longer. A readiness that another thread took out already may still be reported.
   virtual void Remove(Pollable& source) = 0;
@@ -135,6 +136,10 @@ class Poller {
   virtual std::optional<Readiness> Wait(int timeout_ms) = 0;
   /// Makes `threads` calls of Wait return without a readiness, now or, when fewer are under way, later.
   virtual void Wake(unsigned threads) = 0;
+  /// As Wake(1), so much later; an earlier one that is not over is replaced. Only where CanWakeIn, which is
+  /// where the system does so about as exactly as is asked for.
+  virtual void WakeIn(std::chrono::microseconds /*delay*/) {}
+  virtual bool CanWakeIn() const { return false; }
 };
 
 enum class EndpointError {
