@@ -43,6 +43,12 @@ std::string_view ParamOrEmpty(const LpcParams& params, const char* key) {
   return found != params.end() ? std::string_view(found->second) : std::string_view();
 }
 
+/// Nothing must follow in the inbound callback.
+void PostAsLastAct(Tolm::Base::CTask* task) {
+  const Tolm::Base::CTaskThread::CLastAct last_act;
+  Tolm::Base::CSingleton<CMessageLoopForNetCallBack>::Instance().PostTask(task);
+}
+
 }  // namespace
 
 bool CLpcServerManager::LpcInit(const std::string& lpc_server_name) {
@@ -135,21 +141,17 @@ bool CLpcServerManager::LPCServerCallback(const tag_LPCCallBackData& data, void*
   std::string url(whole_url.substr(0, whole_url.find('?')));
   TOLM_LOG(kLogLevelInfo, kTagTrace, "[LPCServer Callback], url=[%s], msg_id[%lu], src_id[%s]", url.c_str(),
            static_cast<unsigned long>(data.msg_id), data.src_id.c_str());
-  // Nothing follows what is posted below.
-  const Tolm::Base::CTaskThread::CLastAct last_act;
   if (!url.empty()) {
     const std::string_view query = whole_url.substr(std::min(url.size() + 1, whole_url.size()));
     std::string mt(QueryParameter(query, kKeyMT));
-    Tolm::Base::CSingleton<CMessageLoopForNetCallBack>::Instance().PostTask(
-        new CURLCallBackTask(std::move(url), std::move(mt), lpcserver::Take(data)));
+    PostAsLastAct(new CURLCallBackTask(std::move(url), std::move(mt), lpcserver::Take(data)));
   } else if (!ParamOrEmpty(data.params, kKeyPushMsgTag).empty()) {
     FrameCallBackData fcd;
     fcd.LpcMsgType = kLpcMsgPush;
     LPCCallBackDataToLPCData(fcd.lpc_data, lpcserver::Take(data));
     Manager().CallLpcCallBack(fcd);
   } else {
-    Tolm::Base::CSingleton<CMessageLoopForNetCallBack>::Instance().PostTask(
-        new CMethodCallBackTask(lpcserver::Take(data)));
+    PostAsLastAct(new CMethodCallBackTask(lpcserver::Take(data)));
   }
   return true;
 } catch (...) {

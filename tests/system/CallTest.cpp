@@ -100,6 +100,21 @@ TEST_F(Calls, WhoseHandlerThrowsFailAtOnce) {
   EXPECT_LT(answer.took, kPatience);
 }
 
+TEST_F(Calls, WhoseHandlerTakesTheRequestOverAreAnswered) {
+  const std::string body(3 << 20, 'm');
+  const Answer answer = Call(Request("/a/take", body));
+  ASSERT_TRUE(answer.came) << answer.error;
+  EXPECT_TRUE(answer.data.body == body);
+  EXPECT_TRUE(Call(Request("/a/take?x=1", "again")).came);
+}
+
+TEST_F(Calls, WhoseHandlerThrowsWithTheRequestFailAtOnceAndAreNamed) {
+  const Answer answer = Call(Request("/a/take-and-throw", "body"));
+  EXPECT_FALSE(answer.came);
+  EXPECT_EQ(answer.error, kRefused);
+  EXPECT_TRUE(plugin_->WaitForLine("the handler of url [/a/take-and-throw] failed: with all of it"));
+}
+
 TEST_F(Calls, WithoutWaitingAreAnsweredAtTheCallbackUnderTheirId) {
   std::uint64_t id = 0;
   ASSERT_TRUE(TolmLPCFrame::AsyncSend(id, Request("/a/echo", "later")));

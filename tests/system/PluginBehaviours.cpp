@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
 
 #include "support/System.h"
 
@@ -62,6 +63,15 @@ void ServeAll(Plugin& plugin, const std::string& id) {
   plugin.Serve(root + "block", [](const Request&) -> Message {
     Say("blocked");
     BlockForever();
+  });
+  // Handlers may take the request over, whatever becomes of it.
+  plugin.Serve(root + "take", [](Request&& request) {
+    Message taken = std::move(request.message);
+    return Message{.body = std::move(taken.body)};
+  });
+  plugin.Serve(root + "take-and-throw", [](Request&& request) -> Message {
+    const Message taken = std::move(request.message);
+    throw std::runtime_error("with all of it");
   });
   plugin.Serve(root + "throw", [](const Request&) -> Message { throw std::runtime_error("on purpose"); });
   plugin.Serve(root + "hear", [](const Request& request) {

@@ -45,10 +45,6 @@ class KeptBytes : public testing::Test {
   static bool Answer(const tag_LPCCallBackData& request, const std::string& body) {
     return lpcserver::Reply({request.msg_id, request.src_id, request.params, body});
   }
-  /// Whether the frame knows of it; it gets a notification of this body for that.
-  static bool IsKnown(const std::string& id) {
-    return WaitFor([&] { return lpcserver::Notify({id, {}, "hello"}); });
-  }
 
   const RuntimeDirectory directory_;
 };
@@ -66,6 +62,7 @@ TEST_F(KeptBytes, TheCallbackMayTakeTheRecordItself) {
     Answer(taken, is_the_same && taken.body == kBody && again.body.empty() ? "taken" : "copied");
   };
   PluginEnd plugin(os::SystemTransport(), "alpha");
+  ASSERT_TRUE(plugin.WaitConnected());
   for (int i = 0; i < 3; ++i) {
     tag_LPCResponseData response;
     EXPECT_EQ(plugin.Ask({"0", {{"url", "/a"}}, kBody}, response), lpc::kOk);
@@ -81,6 +78,7 @@ TEST_F(KeptBytes, AnotherRecordThanTheCallbacksIsCopied) {
     Answer(data, copies ? "copied" : "taken");
   };
   PluginEnd plugin(os::SystemTransport(), "alpha");
+  ASSERT_TRUE(plugin.WaitConnected());
   std::string answer;
   EXPECT_EQ(plugin.Ask(kBody, &answer), lpc::kOk);
   EXPECT_EQ(answer, "copied");
@@ -93,6 +91,7 @@ TEST_F(KeptBytes, AnotherThreadThanTheCallbacksGetsACopy) {
     Answer(data, copies ? "copied" : "taken");
   };
   PluginEnd plugin(os::SystemTransport(), "alpha");
+  ASSERT_TRUE(plugin.WaitConnected());
   std::string answer;
   EXPECT_EQ(plugin.Ask(kBody, &answer), lpc::kOk);
   EXPECT_EQ(answer, "copied");
@@ -107,7 +106,7 @@ TEST_F(KeptBytes, WithoutACallbackARecordIsCopied) {
 
 TEST_F(KeptBytes, ARecordThatWasTakenCountsAsWorkedOnUntilItIsGone) {
   lpc::Options options;
-  options.max_inbound_bytes = 2 * kBody.size();
+  options.max_inbound_bytes = 1u << 20;
   lpcserver::Uninit();
   lpcserver::SetOptions(options);
   ASSERT_TRUE(lpcserver::Init());
@@ -210,7 +209,7 @@ TEST_F(Shook, ARequestWhoseCallerHasGivenUpWasCopied) {
 TEST_F(KeptBytes, WhatAPluginSendsAndHasToWaitIsCopied) {
   Gate gate;
   lpc::Options options;
-  options.max_inbound_bytes = 100'000;
+  options.max_inbound_bytes = 1u << 20;
   lpcserver::Uninit();
   lpcserver::SetOptions(options);
   ASSERT_TRUE(lpcserver::Init());

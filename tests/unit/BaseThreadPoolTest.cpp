@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -15,59 +14,17 @@
 #include <vector>
 
 #include "OwnThread.h"
+#include "PoolTasks.h"
 #include "support/LogCapture.h"
 #include "support/Wait.h"
 
 namespace {
 
 using Tolm::Base::CMessageLoopDyThreadPool;
-using Tolm::Base::CTask;
+using Gate = tolm::test::TaskGate;
+using Task = tolm::test::FunctionTask;
 using tolm::test::LogCapture;
 using tolm::test::WaitFor;
-
-/// Holds tasks up until it is opened, at latest when it is destroyed.
-class Gate {
- public:
-  ~Gate() { Open(); }
-  void Open() {
-    const std::lock_guard lock(mutex_);
-    open_ = true;
-    opened_.notify_all();
-  }
-  void Pass() {
-    std::unique_lock lock(mutex_);
-    ++arrived_;
-    opened_.wait(lock, [this] { return open_; });
-  }
-  /// Whether `count` tasks have come to it.
-  bool WaitForArrivals(int count) {
-    return WaitFor([&] {
-      const std::lock_guard lock(mutex_);
-      return arrived_ >= count;
-    });
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable opened_;
-  bool open_ = false;
-  int arrived_ = 0;
-};
-
-/// Does `run` when it is run, and `destroyed` when it is destroyed.
-class Task : public CTask {
- public:
-  explicit Task(std::function<void()> run, std::function<void()> destroyed = {})
-      : run_(std::move(run)), destroyed_(std::move(destroyed)) {}
-  ~Task() override {
-    if (destroyed_) destroyed_();
-  }
-  void Run() override { run_(); }
-
- private:
-  const std::function<void()> run_;
-  const std::function<void()> destroyed_;
-};
 
 class ThreadPool : public testing::Test {
  protected:

@@ -461,12 +461,14 @@ TEST_F(LpcSendQueue, ThreadsThatGatherSideBySideLoseNothing) {
     threads.emplace_back([this, t] {
       for (int i = 0; i < kEach; ++i) {
         const std::string body = std::to_string(t) + ':' + std::to_string(i);
-        if (queue_.Send(Message(body), i % 7 != 0) == Outcome::kGathered && i % 3 == 0) queue_.Flush();
+        Outcome outcome = queue_.Send(Message(body), i % 7 != 0);
+        if (outcome == Outcome::kGathered && i % 3 == 0) outcome = queue_.Flush();
+        while (outcome == Outcome::kBlocked) outcome = queue_.Resume();  // its turn was over
       }
     });
   }
   for (std::thread& thread : threads) thread.join();
-  queue_.Flush();
+  while (queue_.Flush() == Outcome::kBlocked) queue_.Resume();
   std::vector<int> next(kThreads, 0);
   for (const std::string& body : ReadBack(stream_.taken())) {
     const auto thread = static_cast<std::size_t>(body[0] - '0');
