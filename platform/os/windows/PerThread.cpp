@@ -4,13 +4,20 @@
 
 #include "Handle.h"
 
-// Not in a header of MinGW.
-extern "C" NTSYSAPI BOOLEAN NTAPI RtlDllShutdownInProgress();
-
 namespace os {
+namespace {
+
+using IsEnding = BOOLEAN(NTAPI*)();
+
+// Looked up while all threads live, and not linked, so that whoever links the plugin library need not name
+// ntdll.
+const auto g_is_ending = reinterpret_cast<IsEnding>(
+    reinterpret_cast<void*>(::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "RtlDllShutdownInProgress")));
+
+}  // namespace
 
 bool AreOtherThreadsGone() {
-  return ::RtlDllShutdownInProgress() != FALSE;
+  return g_is_ending != nullptr && g_is_ending() != FALSE;
 }
 
 // Slots of fibers and not of threads, since only these call back when a thread ends.
