@@ -404,6 +404,15 @@ TEST_F(LpcSendQueue, ALargeMessageIsNotGathered) {
   EXPECT_EQ(queue_.Send(Message(std::string(100'000, 'b')), true), Outcome::kSent);
 }
 
+// It would be a frame that is longer than the peer takes.
+TEST_F(LpcSendQueue, AMessageWithLongParamsAndAShortBodyIsNotGathered) {
+  const LpcParams params{{"httpMime", std::string(3u << 20, 'p')}};
+  OutgoingMessage message = Message("short");
+  message.params = &params;
+  EXPECT_EQ(queue_.Send(message, true), Outcome::kSent);
+  EXPECT_EQ(ReadBack(stream_.taken()), std::vector<std::string>{"short"});
+}
+
 TEST_F(LpcSendQueue, GatheredMessagesAreKeptWhileTheStreamIsFull) {
   stream_.Room(10);
   EXPECT_EQ(Send("in front"), Outcome::kBlocked);

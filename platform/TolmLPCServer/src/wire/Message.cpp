@@ -50,6 +50,10 @@ std::string EncodeHead(const OutgoingMessage& message, std::size_t room) {
   return head;
 }
 
+std::uint64_t FrameSize(const OutgoingMessage& message) {
+  return kHeaderSize + kPrefixSize + MetaSize(message) + message.body.bytes.size();
+}
+
 void AppendFrame(std::string& bytes, const OutgoingMessage& message) {
   const std::uint64_t meta_size = MetaSize(message);
   FrameHeader header;

@@ -58,6 +58,8 @@ int CheckLimits(const OutgoingMessage& message, std::size_t max_bytes, std::size
 
 /// The message's prefix and meta section, behind `room` free bytes.
 std::string EncodeHead(const OutgoingMessage& message, std::size_t room);
+/// How long the message is as one frame, which is longer than a frame may be when ids, params or body are.
+std::uint64_t FrameSize(const OutgoingMessage& message);
 /// The message as one frame, header and body included, behind what `bytes` holds.
 void AppendFrame(std::string& bytes, const OutgoingMessage& message);
 

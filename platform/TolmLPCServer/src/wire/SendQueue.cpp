@@ -13,7 +13,7 @@ constexpr std::size_t kMaxPieces = 48;
 constexpr int kWriteTurn = 32;
 constexpr std::size_t kMaxControlBytes = 1u << 20;
 // Messages up to this size are gathered, until there are so many bytes of them.
-constexpr std::size_t kGatheredBody = 2u << 10;
+constexpr std::size_t kGatheredFrame = 2u << 10;
 constexpr std::size_t kGatheredBytes = 32u << 10;
 
 }  // namespace
@@ -171,7 +171,7 @@ SendQueue::SendQueue(os::Stream& stream, const Options& options) : stream_(strea
 SendQueue::~SendQueue() = default;
 
 SendQueue::Outcome SendQueue::Send(const OutgoingMessage& message, bool more_follow) {
-  if (more_follow && message.body.bytes.size() <= kGatheredBody) return Gather(message);
+  if (more_follow && FrameSize(message) <= kGatheredFrame) return Gather(message);
   Item item(message);
   bool direct = false;
   {
@@ -198,7 +198,7 @@ SendQueue::Outcome SendQueue::Gather(const OutgoingMessage& message) {
   if (queued_bytes_ > options_.max_queue_bytes) return Outcome::kFull;
   const bool is_first = open_batch_ == nullptr;
   if (is_first) {
-    items_.push_back(std::make_unique<Item>(kGatheredBytes + kGatheredBody));
+    items_.push_back(std::make_unique<Item>(kGatheredBytes + kGatheredFrame));
     open_batch_ = items_.back().get();
     queued_bytes_ += open_batch_->size();
   }
