@@ -289,6 +289,41 @@ TEST_P(Messaging, AnInboundRequestTellsWhetherSomebodyWaits) {
   EXPECT_EQ(plugin.Messages()[1].info.time_out_ms, 0);
 }
 
+// The last ones of a burst wait for others that do not come.
+TEST_P(Messaging, ABurstArrivesWholeAlthoughNothingIsSentBehindIt) {
+  FrameEnd frame(transport());
+  ASSERT_EQ(frame.Listen(), lpc::kOk);
+  PluginEnd plugin(transport(), "alpha");
+  ASSERT_TRUE(plugin.Meet(frame));
+  constexpr std::size_t kBurst = 500;
+  for (std::size_t i = 0; i < kBurst; ++i) ASSERT_EQ(frame.Notify("alpha", std::to_string(i)), lpc::kOk);
+  EXPECT_TRUE(WaitFor([&] { return plugin.Messages().size() == kBurst; }));
+  for (std::size_t i = 0; i < kBurst; ++i) ASSERT_TRUE(plugin.client().Notify({"0", {}, std::to_string(i)}));
+  EXPECT_TRUE(WaitFor([&] { return frame.Messages().size() == kBurst; }));
+}
+
+TEST_P(Messaging, ABurstArrivesWholeAlthoughItsSenderStopsBehindIt) {
+  FrameEnd frame(transport());
+  ASSERT_EQ(frame.Listen(), lpc::kOk);
+  PluginEnd plugin(transport(), "alpha");
+  ASSERT_TRUE(plugin.Meet(frame));
+  constexpr std::size_t kBurst = 500;
+  for (std::size_t i = 0; i < kBurst; ++i) ASSERT_TRUE(plugin.client().Notify({"0", {}, std::to_string(i)}));
+  plugin.Stop();
+  EXPECT_TRUE(WaitFor([&] { return frame.Messages().size() == kBurst; }));
+}
+
+// Their answers are gathered while more requests wait.
+TEST_P(Messaging, ManyRequestsAtOnceAreAllAnswered) {
+  FrameEnd frame(transport());
+  ASSERT_EQ(frame.Listen(), lpc::kOk);
+  PluginEnd plugin(transport(), "alpha");
+  ASSERT_TRUE(plugin.Meet(frame));
+  constexpr std::size_t kRequests = 500;
+  for (std::size_t i = 0; i < kRequests; ++i) ASSERT_NE(frame.Request("alpha", std::to_string(i)), 0u);
+  EXPECT_TRUE(WaitFor([&] { return frame.Messages().size() == kRequests; }));
+}
+
 TEST_P(Messaging, ASmallMessageOvertakesALargeOne) {
   FrameEnd frame(transport());
   ASSERT_EQ(frame.Listen(), lpc::kOk);
