@@ -291,5 +291,25 @@ TEST_F(LpcIoLoop, MayBeGoneBeforeTheThreadThatStoppedIt) {
   EXPECT_TRUE(WaitFor([&] { return returned && weak.expired(); }));
 }
 
+// Nothing else ever wakes this loop.
+TEST(LpcIoLoopFlush, ComesWithoutAnythingElseHappening) {
+  class Flushed final : public IoHandler {
+   public:
+    void OnReady(bool, bool) override {}
+    void OnFlush() override { ++count; }
+    std::atomic<int> count{0};
+  };
+  const auto loop = std::make_shared<IoLoop>(os::SystemTransport().CreatePoller(), Options{}, "LoopTest",
+                                             [](Clock::time_point) { return Clock::time_point::max(); });
+  if (!loop->CanFlushSoon()) GTEST_SKIP() << "this system's poller has no timer that is exact enough";
+  ASSERT_TRUE(loop->Start());
+  const auto handler = std::make_shared<Flushed>();
+  for (int i = 1; i <= 20; ++i) {
+    loop->FlushSoon(handler);
+    EXPECT_TRUE(WaitFor([&] { return handler->count == i; })) << i;
+  }
+  loop->Stop();
+}
+
 }  // namespace
 }  // namespace lpc::wire
