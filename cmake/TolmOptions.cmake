@@ -1,6 +1,7 @@
 # Everything that a person may choose, and the flags that all of our own code is compiled with.
 option(TOLM_BUILD_TESTS "Build the tests" ON)
 option(TOLM_BUILD_BENCH "Build the measurements" OFF)
+option(TOLM_BUILD_TRUST "Build the programs of ./dev trust" ${TOLM_BUILD_TESTS})
 option(TOLM_BUILD_FUZZ "Build the fuzz targets (clang only)" OFF)
 set(TOLM_SANITIZE "" CACHE STRING "Sanitizers for everything, for instance address,undefined or thread")
 
