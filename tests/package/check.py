@@ -15,6 +15,7 @@ sys.dont_write_bytecode = True
 
 import consume
 import contents
+import hardening
 import run
 import unpack
 from fault import Fault
@@ -28,6 +29,7 @@ def check_prefix(prefix, work, version, windows):
     contents.check_files(prefix, ROOT, version, windows)
     contents.check_no_path_of_the_build(prefix, ROOT)
     contents.check_exported_targets(prefix)
+    hardening.check_hardening(prefix)
     toolchain = TOOLCHAIN if windows else None
     consume.build_examples(prefix, work / "examples", toolchain)
     functions = consume.build_consumer(prefix, CONSUMER, work / "consumer", toolchain)
