@@ -69,6 +69,15 @@ bool StartAll(const std::string& lpc_server_name, const PlatformInfo& info) {
   return true;
 }
 
+// A frame that has never been started is not stopped, so that what is half started would stay. The host's
+// callback does stay, for the next attempt.
+void UndoStart() {
+  g_pools_stopped = true;
+  StopPools();
+  CSingleton<CTolmGuardConnectManager>::Instance().UninitManager();
+  CSingleton<CLpcServerManager>::Instance().LpcStopListen();
+}
+
 }  // namespace
 
 bool InitLogical(const std::string& lpc_server_name, const PlatformInfo& info) {
@@ -76,7 +85,13 @@ bool InitLogical(const std::string& lpc_server_name, const PlatformInfo& info) {
   // them until then; pools that an earlier stop has closed would destroy them.
   const bool reopens = g_pools_stopped;
   if (reopens) ReopenPools();
-  if (StartAll(lpc_server_name, info)) return true;
+  const bool was_running = g_logical_init && !reopens;
+  try {
+    if (StartAll(lpc_server_name, info)) return true;
+  } catch (...) {
+    if (!was_running) UndoStart();
+    throw;
+  }
   TOLM_LOG(Tolm::Base::kLogLevelError, kTagError, "LpcInit failed");
   if (reopens) StopPools();
   return false;

@@ -220,7 +220,7 @@ TEST_P(Connecting, APeerOfAnotherUserIsRefused) {
   EXPECT_TRUE(frame.Records().empty());
 }
 
-TEST_P(Connecting, AShortageAtAcceptPasses) {
+TEST_P(Connecting, AShortageAtAcceptPassesAndIsSaidOnce) {
   WrappedTransport wrapped(transport());
   wrapped.truth.accept_shortages = 3;
   LogCapture log(5);
@@ -229,6 +229,11 @@ TEST_P(Connecting, AShortageAtAcceptPasses) {
   PluginEnd plugin(transport(), "alpha");
   EXPECT_TRUE(plugin.Meet(frame));
   EXPECT_EQ(wrapped.truth.accept_shortages, 0);
+  EXPECT_EQ(log.LinesOf("AcceptAll").size(), 1u);
+  wrapped.truth.accept_shortages = 2;
+  PluginEnd later(transport(), "beta");
+  EXPECT_TRUE(later.Meet(frame));
+  EXPECT_EQ(log.LinesOf("AcceptAll").size(), 2u) << "the first one was over";
 }
 
 TEST_P(Connecting, AListenerThatDiesIsReportedAndItsPeersStay) {

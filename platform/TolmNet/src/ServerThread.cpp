@@ -153,10 +153,11 @@ void ServerThread::AcceptAll() {
     std::string error;
     switch (Accept(listening_socket_, accepted, error)) {
       case AcceptResult::kAccepted:
-        short_of_descriptors_ = false;
         if (!Adopt(accepted)) return;
         continue;
       case AcceptResult::kNobody:
+        // Only now is a shortage over: in it one comes as soon as another one goes.
+        short_of_descriptors_ = false;
         return;
       case AcceptResult::kShortage:
         // Who waits would be told of again at once: he is looked for by the tick instead.
@@ -228,6 +229,8 @@ void ServerThread::LookAtClocks() {
   if (short_of_descriptors_) {
     loop_->SetListening(reading_);
     AcceptAll();
+    // Also when others have their turn before everybody was accepted.
+    if (short_of_descriptors_) EnsureTick();
   }
 }
 

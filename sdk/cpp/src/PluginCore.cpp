@@ -31,6 +31,7 @@ constexpr std::chrono::microseconds kShortestPause(250);
 constexpr std::chrono::microseconds kPauseForUrl(10);
 constexpr std::chrono::microseconds kUsualPause = std::chrono::milliseconds(3);
 constexpr std::chrono::microseconds kLongestPause = std::chrono::milliseconds(500);
+constexpr std::chrono::milliseconds kPauseWhenRefused(20);
 
 /// Registrations of many urls take the frame longer.
 std::chrono::microseconds FirstPause(std::size_t urls) {
@@ -154,12 +155,16 @@ void Plugin::Core::RegisterAgainAndAgain() {
       if (stopping_) return;
       connection = connection_;
     }
-    done = connection;
-    if (!RegisterAndConfirm(connection)) continue;
     tag_LPCNotifyData finished;
     finished.dst_id = TolmLPCFrame::kMainCompnentID;
     finished.body = init_finish_body;
-    if (!client->Notify(std::move(finished))) continue;
+    if (!RegisterAndConfirm(connection) || !client->Notify(std::move(finished))) {
+      // The queue may be full of the plugin's own messages: the connection stands, and it is tried again.
+      std::unique_lock lock(mutex_);
+      changed_.wait_for(lock, kPauseWhenRefused, [&] { return !StillLocked(connection); });
+      continue;
+    }
+    done = connection;
     {
       const std::lock_guard lock(mutex_);
       if (!StillLocked(connection)) continue;
@@ -253,9 +258,12 @@ void Plugin::Core::Serve(tag_LPCCallBackData&& data, const lpcclient::InboundInf
   if (!info.sender_waits) answer.url = kMessagesUrl;
   reply.params = ToParams(answer);
   reply.body = std::move(answer.body);
+  const std::uint64_t request_id = reply.msg_id;
   if (!client->Reply(std::move(reply))) {
-    TOLM_LOG(Tolm::Base::kLogLevelWarning, kTag, "the answer for url [%s] could not be sent: %s", url.c_str(),
-             lpc::ErrorText(lpcclient::GetLPCLastError()));
+    const char* const why = lpc::ErrorText(lpcclient::GetLPCLastError());
+    TOLM_LOG(Tolm::Base::kLogLevelWarning, kTag, "the answer for url [%s] could not be sent: %s", url.c_str(), why);
+    // Whoever waits for it need not do so until the time-out.
+    client->Reject(request_id, std::string("the answer could not be sent: ") + why);
   }
 }
 

@@ -1,7 +1,9 @@
 #include "server/ServerCore.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <exception>
+#include <new>
 #include <utility>
 
 #include "TolmBase/LogLine.h"
@@ -173,16 +175,24 @@ void ServerCore::AcceptAll() {
   for (;;) {
     auto accepted = acceptor_->listener->Accept();
     if (accepted.stream) {
-      Accept(std::move(accepted.stream));
-      continue;
+      try {
+        Accept(std::move(accepted.stream));
+        continue;
+      } catch (const std::bad_alloc&) {
+        // That connection is lost; who waits behind it is looked for again.
+        accepted = {nullptr, os::IoStatus::kFailed, true, ENOMEM};
+      }
     }
     if (accepted.status == os::IoStatus::kFailed && !accepted.retry) {
       ListenFailed(accepted.system_error);
       return;
     }
     if (accepted.status == os::IoStatus::kFailed) {
-      TOLM_LOG(Tolm::Base::kLogLevelError, kTag, "cannot accept a connection for now, system error %d",
-               accepted.system_error);
+      // Said once in a shortage, which is over when nobody waits any more.
+      if (!accepting_is_short_.exchange(true)) {
+        TOLM_LOG(Tolm::Base::kLogLevelError, kTag, "cannot accept a connection for now, system error %d",
+                 accepted.system_error);
+      }
       {
         const std::lock_guard lock(half_open_mutex_);
         accept_again_ = wire::IoLoop::Clock::now() + kAcceptPause;
@@ -190,6 +200,7 @@ void ServerCore::AcceptAll() {
       }
       return;
     }
+    accepting_is_short_ = false;
     loop_->Arm(*acceptor_->listener, acceptor_->token, os::Poller::kRead);
     return;
   }

@@ -105,6 +105,7 @@ class ServerCore final : public wire::LinkOwner, public std::enable_shared_from_
   std::atomic<std::uint64_t> cut_off_{0};
   std::atomic<std::uint64_t> late_replies_{0};
   std::atomic<std::uint64_t> undelivered_{0};
+  std::atomic<bool> accepting_is_short_{false};
 
   std::mutex half_open_mutex_;
   std::map<const wire::Link*, HalfOpen> half_open_;

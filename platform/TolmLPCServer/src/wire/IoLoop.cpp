@@ -21,6 +21,8 @@ constexpr int kQuietLooks = 4;
 constexpr std::size_t kKeptThreads = 8;
 // When so many run tasks of pools, these are long ones, and the pools' own threads had better do so.
 constexpr std::size_t kMostAbsent = 4;
+// When there was no memory for it.
+constexpr auto kHousekeepingAgain = std::chrono::milliseconds(100);
 // So long a message may wait for others to be written with it.
 constexpr auto kFlushDelay = std::chrono::microseconds(100);
 
@@ -254,7 +256,13 @@ void IoLoop::RunHousekeeping(std::unique_lock<std::mutex>& lock) {
   housekeeping_runs_ = true;
   next_housekeeping_ = Clock::time_point::max();
   lock.unlock();
-  const Clock::time_point next = housekeeping_(Clock::now());
+  Clock::time_point next = Clock::time_point::max();
+  try {
+    next = housekeeping_(Clock::now());
+  } catch (const std::exception& error) {
+    TOLM_LOG(Tolm::Base::kLogLevelError, kTag, "looking after the connections failed: %s", error.what());
+    next = Clock::now() + kHousekeepingAgain;
+  }
   lock.lock();
   housekeeping_runs_ = false;
   // It may have been asked for meanwhile.

@@ -14,6 +14,7 @@ namespace {
 
 constexpr char kTag[] = "TolmLPCServer";
 constexpr char kNotWritable[] = "it could not be written to";
+constexpr char kTornMessage[] = "there is no memory for the rest of a message to it";
 constexpr std::size_t kReadBuffer = 64u << 10;
 constexpr std::size_t kBehindPlace = 4u << 10;
 // A thread in charge gives others a chance after this much.
@@ -177,6 +178,14 @@ int Link::Send(const OutgoingMessage& message, bool more_follow, bool& blocked) 
     case SendQueue::Outcome::kSentLast:
       CutOff(kPeerGone, kNotWritable);
       return kOk;
+    case SendQueue::Outcome::kNoMemory:
+      TOLM_LOG(Tolm::Base::kLogLevelError, kTag, "no memory for a message of %zu bytes to peer [%s]",
+               message.body.bytes.size(), peer_name_.c_str());
+      blocked = true;
+      return kFailed;
+    case SendQueue::Outcome::kTorn:
+      CutOff(kFailed, kTornMessage);
+      return kFailed;
     case SendQueue::Outcome::kBroken:
       break;
   }
@@ -198,8 +207,16 @@ int Link::SendAndWait(const OutgoingMessage& request, int time_out_ms, InboundMe
     if (leads) ArmLocked();
   }
   bool blocked = false;
-  int error = Send(request, false, blocked);
-  const bool writes = blocked && leads && stream_->CanWaitForRoom();
+  int error = kOk;
+  try {
+    error = Send(request, false, blocked);
+  } catch (...) {
+    // Others need the charge, and nobody waits for this reply.
+    if (leads) GiveUpCharge();
+    pending_.Remove(request.id);
+    throw;
+  }
+  const bool writes = blocked && error == kOk && leads && stream_->CanWaitForRoom();
   if (blocked && !writes) AskForWritability();
   if (leads && error != kOk) GiveUpCharge();
   if (error == kOk) error = leads ? Lead(*waiter, deadline, writes) : waiter->WaitUntil(deadline);
@@ -381,6 +398,7 @@ bool Link::ReadOrFail(Sink& sink) {
   } catch (const std::exception& error) {
     sink.error = kFailed;
     sink.reason = std::string("reading from it failed: ") + error.what();
+    SendNotice(FrameType::kGoodbye, 0, sink.error, sink.reason);
     return false;
   }
 }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <new>
 #include <utility>
 
 namespace lpc::wire {
@@ -68,6 +69,8 @@ class SendQueue::Item {
   /// Whether more frames follow the one that is under way.
   bool has_more_frames() const { return payload_left_ > 0; }
   bool at_frame_start() const { return header_left_ == kHeaderSize; }
+  /// Whether nothing of it has been written.
+  bool untouched() const { return at_frame_start() && position_ == kHeaderSize; }
 
   /// Which of the messages in chunks this is; before anything of it is written.
   void SetStream(std::uint16_t stream) {
@@ -185,11 +188,27 @@ SendQueue::Outcome SendQueue::Send(const OutgoingMessage& message, bool more_fol
     }
     direct = !writing_ && !blocked_ && items_.empty();
     if (direct) writing_ = true;
+    // Before the body is copied: many who are refused at a time would make many copies.
+    if (!direct && !ReserveLocked(item.size())) return Outcome::kFull;
   }
   if (direct) return WriteDirectly(item);
-  auto kept = std::make_unique<Item>(std::move(item));
-  kept->Own();
-  return Enqueue(std::move(kept));
+  const std::size_t reserved = item.size();
+  try {
+    auto kept = std::make_unique<Item>(std::move(item));
+    kept->Own();
+    std::unique_lock lock(mutex_);
+    return AppendLocked(std::move(kept), lock);
+  } catch (const std::bad_alloc&) {
+    const std::lock_guard lock(mutex_);
+    queued_bytes_ -= reserved;
+    throw;
+  }
+}
+
+bool SendQueue::ReserveLocked(std::size_t bytes) {
+  if (queued_bytes_ > 0 && queued_bytes_ + bytes > options_.max_queue_bytes) return false;
+  queued_bytes_ += bytes;
+  return true;
 }
 
 SendQueue::Outcome SendQueue::Gather(const OutgoingMessage& message) {
@@ -222,20 +241,23 @@ SendQueue::Outcome SendQueue::Flush() {
 
 SendQueue::Outcome SendQueue::SendControl(FrameType type, std::uint64_t message_id,
                                           const std::string& payload) {
-  return Enqueue(std::make_unique<Item>(type, message_id, payload));
-}
-
-SendQueue::Outcome SendQueue::Enqueue(std::unique_ptr<Item> item) {
+  auto item = std::make_unique<Item>(type, message_id, payload);
+  const std::size_t size = item->size();
   std::unique_lock lock(mutex_);
   if (closed_) return Outcome::kBroken;
-  const std::size_t size = item->size();
-  if (item->control()) {
-    if (control_bytes_ + size > kMaxControlBytes) return Outcome::kFull;
-    control_bytes_ += size;
-  } else {
-    if (queued_bytes_ > 0 && queued_bytes_ + size > options_.max_queue_bytes) return Outcome::kFull;
-    queued_bytes_ += size;
+  if (control_bytes_ + size > kMaxControlBytes) return Outcome::kFull;
+  control_bytes_ += size;
+  try {
+    return AppendLocked(std::move(item), lock);
+  } catch (const std::bad_alloc&) {
+    control_bytes_ -= size;
+    throw;
   }
+}
+
+// What it costs has been counted. Throws only while nothing has changed.
+SendQueue::Outcome SendQueue::AppendLocked(std::unique_ptr<Item> item, std::unique_lock<std::mutex>& lock) {
+  if (closed_) return Outcome::kBroken;
   items_.push_back(std::move(item));
   open_batch_ = nullptr;  // what comes now stays behind it
   if (writing_ || blocked_) return Outcome::kQueued;
@@ -264,15 +286,40 @@ SendQueue::Outcome SendQueue::WriteDirectly(Item& item) {
     if (!sent) {
       // The stream is full, or others wait for their turn between two chunks.
       if (result.status == os::IoStatus::kDone && items_.empty()) continue;
-      auto rest = std::make_unique<Item>(std::move(item));
-      rest->Own();
-      queued_bytes_ += rest->size();
-      items_.push_front(std::move(rest));
+      const bool torn = !item.untouched();
+      try {
+        KeepRestLocked(item);
+      } catch (const std::bad_alloc&) {
+        return GiveUpRestLocked(torn);
+      }
     }
     if (items_.empty()) return StopWritingLocked(Outcome::kSent);
     const Outcome of_the_rest = Write(lock);
     return sent && of_the_rest == Outcome::kBroken ? Outcome::kSentLast : of_the_rest;
   }
+}
+
+void SendQueue::KeepRestLocked(Item& item) {
+  items_.push_front(std::make_unique<Item>(std::move(item)));
+  try {
+    items_.front()->Own();
+  } catch (const std::bad_alloc&) {
+    items_.pop_front();
+    throw;
+  }
+  queued_bytes_ += items_.front()->size();
+}
+
+// There is no memory for what the stream does not take. Others' messages stand behind it in the queue.
+SendQueue::Outcome SendQueue::GiveUpRestLocked(bool torn) {
+  if (torn) {
+    // Nobody may write behind half a message.
+    CloseLocked();
+    return StopWritingLocked(Outcome::kTorn);
+  }
+  if (items_.empty()) return StopWritingLocked(Outcome::kNoMemory);
+  BlockLocked();
+  return Outcome::kNoMemory;
 }
 
 // Called with writing_ set by this thread, and gives it up.
@@ -352,12 +399,16 @@ SendQueue::Outcome SendQueue::Resume() {
 void SendQueue::Close() {
   std::deque<std::unique_ptr<Item>> dropped;
   const std::lock_guard lock(mutex_);
+  CloseLocked();
+  // A thread that writes uses the items; they go with the queue then.
+  if (!writing_) dropped.swap(items_);
+}
+
+void SendQueue::CloseLocked() {
   closed_ = true;
   blocked_ = false;
   open_batch_ = nullptr;
   idle_.notify_all();
-  // A thread that writes uses the items; they go with the queue then.
-  if (!writing_) dropped.swap(items_);
 }
 
 std::optional<std::chrono::steady_clock::time_point> SendQueue::BlockedSince() const {

@@ -39,9 +39,12 @@ class SendQueue {
     kFull,      ///< refused: too much is queued already
     kBroken,    ///< refused: the connection is no more
     kSentLast,  ///< of Send: it was sent, and the connection broke behind it
-    kGathered   ///< of Send: it waits for others, and Flush has to be called soon
+    kGathered,  ///< of Send: it waits for others, and Flush has to be called soon
+    kNoMemory,  ///< of Send: refused, as there is no memory to keep it; call Resume as for kBlocked
+    kTorn       ///< of Send: as well, but a part of it was sent: the connection is no more
   };
 
+  /// Throws std::bad_alloc when there is no memory for it; nothing of it is sent then.
   Outcome Send(const OutgoingMessage& message, bool more_follow = false);
   /// Writes what was gathered. kSent, kBlocked or kBroken; kQueued when somebody else does, or will.
   Outcome Flush();
@@ -62,13 +65,17 @@ class SendQueue {
   class Item;
 
   Outcome Gather(const OutgoingMessage& message);
-  Outcome Enqueue(std::unique_ptr<Item> item);
+  bool ReserveLocked(std::size_t bytes);
+  Outcome AppendLocked(std::unique_ptr<Item> item, std::unique_lock<std::mutex>& lock);
   Outcome Write(std::unique_lock<std::mutex>& lock);
   Outcome WriteDirectly(Item& item);
+  void KeepRestLocked(Item& item);
+  Outcome GiveUpRestLocked(bool torn);
   void LetSmallOnesPassLocked();
   void SetBulk(bool bulk);
   Outcome BlockLocked();
   Outcome StopWritingLocked(Outcome outcome);
+  void CloseLocked();
 
   os::Stream& stream_;
   const Options& options_;

@@ -1,0 +1,158 @@
+// A host that may have 64 descriptors, and 200 who want to be connected: over the plugins' endpoint, and over the
+// guard's. Nobody is to be served worse than not at all: no processor's time and no log is used up, and it is over
+// when there is room again.
+
+#include <sys/resource.h>
+
+#include <chrono>
+#include <filesystem>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+#include "Samples.h"
+#include "Stage.h"
+#include "posix/GuardClient.h"
+#include "posix/Loopback.h"
+#include "pressure/Cases.h"
+#include "pressure/Crowd.h"
+#include "support/Figures.h"
+#include "traffic/PluginProcess.h"
+#include "traffic/ProcessState.h"
+
+namespace trust {
+namespace {
+
+constexpr int kFew = 64;
+constexpr int kEnough = 4096;
+constexpr char kEndpoint[] = "few";
+
+std::string Program(const char* name) {
+  for (const char* const folder : {"/usr/bin/", "/bin/"}) {
+    if (std::filesystem::exists(std::string(folder) + name)) return std::string(folder) + name;
+  }
+  throw std::runtime_error(std::string("there is no ") + name);
+}
+
+// A host in a folder of its own, which begins with the few descriptors.
+class FewHost {
+ public:
+  FewHost() {
+    port_ = bench::FreePort();
+    stage_.WritePort("ServerPort", port_);
+    rlimit own{};
+    ::getrlimit(RLIMIT_NOFILE, &own);
+    const std::string limits = std::to_string(kFew) + ':' + std::to_string(own.rlim_max);
+    host_ = std::make_unique<Crowd>(Program("prlimit"), std::vector<std::string>{"--nofile=" + limits, stage_.Host(),
+                                                                                  "--role", "few-host", kEndpoint});
+    process_ = static_cast<int>(host_->Do("process").at(0));
+  }
+
+  std::uint16_t port() const { return port_; }
+  ProcessState state() const { return StateOf(process_); }
+  Crowd& crowd() { return *host_; }
+  /// From here on it may have enough of them.
+  void Raise() const {
+    rlimit limit{};
+    ::prlimit(process_, RLIMIT_NOFILE, nullptr, &limit);
+    limit.rlim_cur = std::min<rlim_t>(kEnough, limit.rlim_max);
+    if (::prlimit(process_, RLIMIT_NOFILE, &limit, nullptr) != 0) throw std::runtime_error("the limit stays");
+  }
+  /// Whether it has used them all up, within a minute.
+  void AwaitShortage() const {
+    const auto begin = bench::Clock::now();
+    // One or two stand free now and then: who gave up in its handshake has just gone.
+    while (state().descriptors < kFew - 2) {
+      if (bench::SecondsSince(begin) > 60) throw std::runtime_error("the descriptors are not used up");
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+  }
+
+ private:
+  const bench::Stage stage_;
+  std::uint16_t port_ = 0;
+  std::unique_ptr<Crowd> host_;
+  int process_ = 0;
+};
+
+// How long it takes until `count` of the crowd are connected; a minute at most.
+double SecondsUntil(Crowd& crowd, double count) {
+  const auto begin = bench::Clock::now();
+  while (crowd.Do("connected").at(0) < count && bench::SecondsSince(begin) < 60) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return bench::SecondsSince(begin);
+}
+
+void PrintShortage(const std::string& name, FewHost& host, const PressureSettings& settings) {
+  host.AwaitShortage();
+  // Those who were let in have said what they have to say.
+  std::this_thread::sleep_for(std::chrono::seconds(1));
+  host.crowd().Do("lines");
+  const double before = host.state().processor_seconds;
+  const double seconds = settings.quick ? 2 : 10;
+  std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+  const double used = (host.state().processor_seconds - before) / seconds * 100;
+  const auto lines = host.crowd().Do("lines");
+  PrintFigure(name + ".processor_time", used, "percent", Bound::kAtMost, settings.quick ? 100 : 20);
+  PrintFigure(name + ".log_lines", lines.at(0), "lines", Bound::kAtMost, 49);
+  PrintFigure(name + ".log_lines_errors", lines.at(1), "lines");
+}
+
+void PrintAfter(const std::string& name, double seconds, const PressureSettings& settings) {
+  PrintFigure(name, seconds, "s", Bound::kAtMost, settings.quick ? 20 : 1);
+}
+
+}  // namespace
+
+void FewDescriptors(const PressureSettings& settings) {
+  const int count = settings.quick ? 100 : 200;
+  const std::string many = std::to_string(count);
+  {
+    FewHost host;
+    PluginProcess fresh("fresh");
+    {
+      Crowd clients("few-clients");
+      clients.Do("connect " + many + ' ' + kEndpoint);
+      PrintShortage("pressure.nofile.plugins", host, settings);
+    }
+    const auto begin = bench::Clock::now();
+    fresh.Start(kEndpoint);
+    while (host.crowd().Do("call /fresh/echo").at(0) == 0 && bench::SecondsSince(begin) < 60) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    PrintAfter("pressure.nofile.plugins.served_when_they_are_gone", bench::SecondsSince(begin), settings);
+
+    Crowd clients("few-clients");
+    clients.Do("connect " + many + ' ' + kEndpoint);
+    host.AwaitShortage();
+    host.Raise();
+    PrintAfter("pressure.nofile.plugins.all_connected_when_raised", SecondsUntil(clients, count), settings);
+  }
+  FewHost host;
+  {
+    Crowd guards("few-guards");
+    guards.Do("connect " + many + ' ' + std::to_string(host.port()));
+    PrintShortage("pressure.nofile.guards", host, settings);
+    // Whoever leaves makes room for one, and the next one finds none again.
+    guards.Do("turns");
+    host.crowd().Do("lines");
+    std::this_thread::sleep_for(std::chrono::seconds(settings.quick ? 2 : 5));
+    PrintFigure("pressure.nofile.guards.log_errors_while_they_take_turns", host.crowd().Do("lines").at(1), "lines",
+                Bound::kAtMost, 9);
+  }
+  const auto begin = bench::Clock::now();
+  bench::GuardClient guard(host.port());
+  const std::string question = R"({"guid":"one","requestData":{"method":"GetMianProcessPath"}})";
+  guard.Ask(bench::GuardClient::FrameOf(question));
+  PrintAfter("pressure.nofile.guards.served_when_they_are_gone", bench::SecondsSince(begin), settings);
+
+  Crowd guards("few-guards");
+  guards.Do("connect " + many + ' ' + std::to_string(host.port()));
+  host.AwaitShortage();
+  host.Raise();
+  PrintAfter("pressure.nofile.guards.all_connected_when_raised", SecondsUntil(guards, count), settings);
+}
+
+}  // namespace trust

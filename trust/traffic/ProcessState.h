@@ -1,0 +1,21 @@
+#pragma once
+
+#include <string>
+
+namespace trust {
+
+/// What the system says of a process.
+struct ProcessState {
+  double resident_kib = 0;
+  double descriptors = 0;
+  double threads = 0;
+  double processor_seconds = 0;  ///< since it began
+};
+
+/// Throws when there is no such process.
+ProcessState StateOf(int process);
+
+/// In KiB, since it began or bench::ForgetPeak.
+double PeakOf(int process);
+
+}  // namespace trust
