@@ -28,8 +28,8 @@ class SmallCalls {
   }
 
   std::uint64_t failed() const { return failed_; }
-  /// Of the blocks' 99th percentiles, or medians, the median, in microseconds: a block in which the machine was
-  /// busy with something else is one of many.
+  /// Of the blocks' 99th percentiles, or medians, the median, in microseconds: a block in which the machine
+  /// was busy with something else is one of many.
   double P99() const;
   double P50() const;
   double Max() const { return max_; }

@@ -3,7 +3,8 @@
 namespace trust {
 
 struct PressureSettings {
-  /// A run of a few seconds, for builds in which times mean nothing: only what does not depend on them is bound.
+  /// A run of a few seconds, for builds in which times mean nothing: only what does not depend on them is
+  /// bound.
   bool quick = false;
 };
 
@@ -17,6 +18,8 @@ void Flood(const PressureSettings& settings);
 void LargeBody(const PressureSettings& settings);
 /// Many threads call when the frame is stopped.
 void StopInTheMiddle(const PressureSettings& settings);
+/// A plugin's queue is full of its own messages when it has to register.
+void FullStart(const PressureSettings& settings);
 /// A host with hardly any descriptors, and very many who want to be connected.
 void FewDescriptors(const PressureSettings& settings);
 /// Large blocks of memory are refused.

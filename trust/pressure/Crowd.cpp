@@ -78,7 +78,8 @@ int RunFewHostRole(const std::string& endpoint) {
   const Host host(endpoint, ids);
   return TakeOrders([&](const std::string& what, std::istream& words) -> std::string {
     if (what == "process") return std::to_string(::getpid());
-    if (what == "lines") return std::to_string(lines.all.exchange(0)) + ' ' + std::to_string(lines.errors.exchange(0));
+    if (what == "lines")
+      return std::to_string(lines.all.exchange(0)) + ' ' + std::to_string(lines.errors.exchange(0));
     std::string url;
     words >> url;
     return host.Call(url, "x", 1000).answered ? "1" : "0";

@@ -23,13 +23,13 @@ class Crowd {
 
 // The roles, until the other process ends.
 
-/// "process": its id; "lines": how many lines the frame has logged since it was last asked, and how many of them are
-/// errors; "call URL": 1 when it was answered.
+/// "process": its id; "lines": how many lines the frame has logged since it was last asked, and how many of
+/// them are errors; "call URL": 1 when it was answered.
 int RunFewHostRole(const std::string& endpoint);
 /// Bare clients of the transport. "connect COUNT ENDPOINT"; "connected": how many are.
 int RunFewClientsRole();
-/// Connections of guards, which are made again when they end. "connect COUNT PORT"; "connected": how many have been
-/// let in; "turns": from here on they come and go.
+/// Connections of guards, which are made again when they end. "connect COUNT PORT"; "connected": how many
+/// have been let in; "turns": from here on they come and go.
 int RunFewGuardsRole();
 /// "run" does what RunNoMemory does; `arguments` are its own, with commas between them.
 int RunNoMemoryRole(const std::string& arguments);

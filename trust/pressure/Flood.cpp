@@ -14,14 +14,15 @@
 #include "support/Figures.h"
 #include "traffic/PluginProcess.h"
 #include "traffic/ProcessState.h"
+#include "traffic/Time.h"
 
 namespace trust {
 namespace {
 
 constexpr int kLongSeconds = 300;
 constexpr std::size_t kBody = 100;
-// What counts as received and still worked on is 64 MiB at most, and small messages cost somewhat more than they
-// count for; the rest is what a process has anyway.
+// What counts as received and still worked on is 64 MiB at most, and small messages cost somewhat more than
+// they count for; the rest is what a process has anyway.
 constexpr double kMostMiB = 192;
 
 std::string Name(const std::string& way, const char* what) {
@@ -29,19 +30,10 @@ std::string Name(const std::string& way, const char* what) {
 }
 
 void PrintOthers(const std::string& way, const SmallCalls& others) {
-  PrintFigure(Name(way, "other_calls_failed"), static_cast<double>(others.failed()), "calls", Bound::kExactly, 0);
+  PrintFigure(Name(way, "other_calls_failed"), static_cast<double>(others.failed()), "calls", Bound::kExactly,
+              0);
   PrintFigure(Name(way, "other_calls_p99"), others.P99(), "us");
   PrintFigure(Name(way, "other_calls_longest"), others.Max() / 1000, "ms", Bound::kAtMost, 2000);
-}
-
-template <typename Predicate>
-bool Await(Predicate predicate) {
-  const auto begin = bench::Clock::now();
-  while (!predicate()) {
-    if (bench::SecondsSince(begin) > kLongSeconds) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
 }
 
 void ToHost(std::uint64_t count, const Host& host, PluginProcess& flood, PluginProcess& other) {
@@ -54,7 +46,7 @@ void ToHost(std::uint64_t count, const Host& host, PluginProcess& flood, PluginP
   calls.MakeWhile([&] { return host.notified() < count && bench::SecondsSince(begin) < kLongSeconds; });
   const auto sent = flood.Finish(kLongSeconds);
   const auto asked = other.Finish(kLongSeconds);
-  Await([&] { return host.notified() >= static_cast<std::uint64_t>(sent.at(0)); });
+  Await(kLongSeconds, [&] { return host.notified() >= static_cast<std::uint64_t>(sent.at(0)); });
   const double seconds = bench::SecondsSince(begin);
   PrintFigure(Name("to_host", "taken"), sent.at(0), "messages", Bound::kExactly, static_cast<double>(count));
   PrintFigure(Name("to_host", "refused_queue_full"), sent.at(1), "messages");
@@ -87,23 +79,24 @@ void ToPlugin(std::uint64_t count, const Host& host, PluginProcess& flood, Plugi
         continue;
       }
       ++(code == lpc::kQueueFull ? full : otherwise);
-      std::this_thread::sleep_for(std::chrono::microseconds(200));
+      Spend(std::chrono::microseconds(200));
     }
     done = true;
   });
   calls.MakeWhile([&] { return !done; });
   sender.join();
   double counted = 0;
-  Await([&] { return (counted = flood.Do("counted").at(0)) >= static_cast<double>(count); });
+  Await(kLongSeconds, [&] { return (counted = flood.Do("counted").at(0)) >= static_cast<double>(count); });
   const double seconds = bench::SecondsSince(begin);
   PrintFigure(Name("to_plugin", "refused_queue_full"), static_cast<double>(full), "messages");
-  PrintFigure(Name("to_plugin", "refused_otherwise"), static_cast<double>(otherwise), "messages", Bound::kExactly,
+  PrintFigure(Name("to_plugin", "refused_otherwise"), static_cast<double>(otherwise), "messages",
+              Bound::kExactly, 0);
+  PrintFigure(Name("to_plugin", "lost"), static_cast<double>(count) - counted, "messages", Bound::kExactly,
               0);
-  PrintFigure(Name("to_plugin", "lost"), static_cast<double>(count) - counted, "messages", Bound::kExactly, 0);
   PrintFigure(Name("to_plugin", "rate"), static_cast<double>(count) / seconds, "per_s");
   PrintFigure(Name("to_plugin", "peak_resident"), PeakOf(::getpid()) / 1024, "MiB", Bound::kAtMost, kMostMiB);
-  PrintFigure(Name("to_plugin", "peak_resident_plugin"), PeakOf(flood.process()) / 1024, "MiB", Bound::kAtMost,
-              kMostMiB);
+  PrintFigure(Name("to_plugin", "peak_resident_plugin"), PeakOf(flood.process()) / 1024, "MiB",
+              Bound::kAtMost, kMostMiB);
   PrintOthers("to_plugin", calls);
 }
 

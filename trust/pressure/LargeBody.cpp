@@ -1,5 +1,5 @@
-// Bodies near the limit of one message beside calls of 1 KiB. A body of 256 MiB is beyond that limit: it is refused
-// before anything of it is sent.
+// Bodies near the limit of one message beside calls of 1 KiB. A body of 256 MiB is beyond that limit: it is
+// refused before anything of it is sent.
 
 #include <unistd.h>
 
@@ -50,11 +50,13 @@ class LargeCalls {
   std::thread thread_;
 };
 
-void PrintBeside(const std::string& what, const SmallCalls& undisturbed, const SmallCalls& beside, bool quick) {
+void PrintBeside(const std::string& what, const SmallCalls& undisturbed, const SmallCalls& beside,
+                 bool quick) {
   const std::string name = "pressure.large_body." + what;
   PrintFigure(name + ".p50", beside.P50(), "us");
   PrintFigure(name + ".p50_ratio", beside.P50() / undisturbed.P50(), "ratio");
-  // Two more processes copy as fast as they can, on as many cores as there are: what is bound is what a user sees.
+  // Two more processes copy as fast as they can, on as many cores as there are: what is bound is what a user
+  // sees.
   if (quick) {
     PrintFigure(name + ".p99", beside.P99() / 1000, "ms");
   } else {
@@ -77,8 +79,8 @@ void TooLarge(const Host& host, PluginProcess& plugin) {
               Bound::kExactly, lpc::kMessageTooLarge);
   // The answer is what is too large: its requester is told at once, and does not wait for its time-out.
   const Outcome made = host.Call(plugin.Url("make"), std::to_string(256 * kMiB), kTimeOutMs);
-  PrintFigure("pressure.large_body.code_for_256_mib_answer", made.answered ? 0 : made.code, "code", Bound::kExactly,
-              lpc::kRefused);
+  PrintFigure("pressure.large_body.code_for_256_mib_answer", made.answered ? 0 : made.code, "code",
+              Bound::kExactly, lpc::kRefused);
   const auto carried = plugin.Do("call " + std::string(kHostSize) + " 133169152 1 60000", 120);
   PrintFigure("pressure.large_body.carried_127_mib_to_host", carried.at(0), "calls", Bound::kExactly, 1);
 }

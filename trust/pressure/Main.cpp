@@ -18,6 +18,7 @@ using Case = void (*)(const trust::PressureSettings& settings);
 
 const std::map<std::string, Case>& Cases() {
   static const std::map<std::string, Case> cases{{"flood", trust::Flood},
+                                                 {"full_start", trust::FullStart},
                                                  {"large_body", trust::LargeBody},
                                                  {"no_memory", trust::NoMemory},
                                                  {"nofile", trust::FewDescriptors},

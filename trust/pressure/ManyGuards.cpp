@@ -10,6 +10,8 @@
 #include <cstddef>
 #include <utility>
 
+#include "traffic/Time.h"
+
 namespace trust {
 namespace {
 
@@ -45,7 +47,7 @@ void ManyGuards::Run(std::uint16_t port) {
       if (watched[i].revents != 0) Follow(connections_[i], watched[i].revents);
     }
     // Who was not let in does not come again at once.
-    std::this_thread::sleep_for(std::chrono::milliseconds(kLookMs));
+    Spend(std::chrono::milliseconds(kLookMs));
   }
 }
 
@@ -62,7 +64,8 @@ void ManyGuards::Connect(Connection& connection, std::uint16_t port) {
 void ManyGuards::Follow(Connection& connection, short events) {
   if (!connection.asked) {
     constexpr std::size_t kSize = sizeof kRequest - 1;
-    if ((events & POLLERR) != 0 || ::send(connection.socket, kRequest, kSize, MSG_NOSIGNAL) != ssize_t{kSize}) {
+    if ((events & POLLERR) != 0 ||
+        ::send(connection.socket, kRequest, kSize, MSG_NOSIGNAL) != ssize_t{kSize}) {
       return Close(connection);
     }
     connection.asked = true;

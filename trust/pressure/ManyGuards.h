@@ -8,8 +8,8 @@
 
 namespace trust {
 
-/// Connections to the guard's endpoint that ask for their upgrade and then say nothing; each is made again a moment
-/// after it has ended.
+/// Connections to the guard's endpoint that ask for their upgrade and then say nothing; each is made again a
+/// moment after it has ended.
 class ManyGuards {
  public:
   ManyGuards(int count, std::uint16_t port);

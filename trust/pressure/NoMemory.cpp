@@ -1,6 +1,6 @@
-// Each large block of memory that the frame asks for is refused once, and then all of them, in everything that moves
-// large things. Whatever comes of it has to be said: an answer, a code, a connection that ends with a reason, or an
-// error in the log; others are served as before, and afterwards everything works again.
+// Each large block of memory that the frame asks for is refused once, and then all of them, in everything
+// that moves large things. Whatever comes of it has to be said: an answer, a code, a connection that ends
+// with a reason, or an error in the log; others are served as before, and afterwards everything works again.
 
 #include "pressure/NoMemory.h"
 
@@ -12,7 +12,6 @@
 #include <functional>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -28,6 +27,7 @@
 #include "support/Figures.h"
 #include "traffic/Host.h"
 #include "traffic/PluginProcess.h"
+#include "traffic/Time.h"
 
 namespace trust {
 namespace {
@@ -61,11 +61,8 @@ class Scene {
   /// Waits until everybody who lost the connection is back; whether both then answer.
   bool Recovers(PluginProcess& alpha, PluginProcess& beta) {
     for (const auto& [plugin, name] : {std::pair(&beta, "beta"), std::pair(&alpha, "alpha")}) {
-      const auto begin = bench::Clock::now();
-      while (!host_.Call(plugin->Url("echo"), "x", kTimeOutMs).answered) {
-        if (bench::SecondsSince(begin) > 20) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-      }
+      const std::string url = plugin->Url("echo");
+      if (!Await(20, [&] { return host_.Call(url, "x", kTimeOutMs).answered; })) return false;
     }
     return true;
   }
@@ -81,8 +78,8 @@ class Scene {
 using Operation = std::function<std::pair<bool, int>()>;
 
 bool IsReason(int code) {
-  return code == lpc::kPeerGone || code == lpc::kTimeOut || code == lpc::kRefused || code == lpc::kNotConnected ||
-         code == lpc::kFailed || code == lpc::kNoSuchPeer;
+  return code == lpc::kPeerGone || code == lpc::kTimeOut || code == lpc::kRefused ||
+         code == lpc::kNotConnected || code == lpc::kFailed || code == lpc::kNoSuchPeer;
 }
 
 struct Tally {
@@ -107,7 +104,8 @@ void Print(const std::string& operation, const Tally& tally, std::uint64_t bysta
 
 class Trials {
  public:
-  Trials(Scene& scene, PluginProcess& alpha, PluginProcess& beta) : scene_(scene), alpha_(alpha), beta_(beta) {}
+  Trials(Scene& scene, PluginProcess& alpha, PluginProcess& beta)
+      : scene_(scene), alpha_(alpha), beta_(beta) {}
 
   void Run(const std::string& name, const Operation& operation) {
     Tally tally;
@@ -133,7 +131,8 @@ class Trials {
     }
     tally.late += bench::SecondsSince(begin) * 1e3 > kLongestMs ? 1 : 0;
     tally.blocks += refused;
-    if (refused > 0 && !result.first && !IsReason(result.second) && g_errors == errors_before) ++tally.unexplained;
+    if (refused > 0 && !result.first && !IsReason(result.second) && g_errors == errors_before)
+      ++tally.unexplained;
     if (!scene_.Recovers(alpha_, beta_) || !operation().first) ++tally.not_recovered;
     return refused;
   }
@@ -181,14 +180,14 @@ Operation Registration(PluginProcess& alpha) {
     first += kUrls;
     alpha.Do("register " + std::to_string(first) + ' ' + std::to_string(kUrls));
     const std::string last = alpha.Url("more/" + std::to_string(first + kUrls - 1));
-    const auto begin = bench::Clock::now();
-    int time_out = 0;
     const std::uint64_t errors_before = g_errors;
-    while (bench::SecondsSince(begin) * 1e3 < kTimeOutMs && g_errors == errors_before) {
-      if (TolmLPCFrame::IsPluginURL(time_out, last)) return std::pair(true, 0);
-      std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return std::pair(false, 0);
+    bool known = false;
+    Await(kTimeOutMs / 1e3, [&] {
+      int time_out = 0;
+      known = TolmLPCFrame::IsPluginURL(time_out, last);
+      return known || g_errors != errors_before;
+    });
+    return std::pair(known, 0);
   };
 }
 
@@ -225,15 +224,11 @@ Operation Queue(PluginProcess& alpha) {
       if (code != lpc::kOk) last_code = code;
     }
     alpha.GoOn();
-    const auto begin = bench::Clock::now();
-    while (alpha.Do("counted").at(0) < static_cast<double>(taken)) {
-      // One of which a part was sent already ends the connection, and takes those behind it along.
-      if (last_code != lpc::kOk && bench::SecondsSince(begin) * 1e3 > kTimeOutMs / 2) break;
-      if (bench::SecondsSince(begin) * 1e3 > kTimeOutMs) return std::pair(false, 0);
-      std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
+    const bool all =
+        Await(kTimeOutMs / 2e3, [&] { return alpha.Do("counted").at(0) >= static_cast<double>(taken); });
     taken = static_cast<std::uint64_t>(alpha.Do("counted").at(0));
-    return std::pair(last_code == lpc::kOk, last_code);
+    // A message of which a part was sent already ends the connection, and takes those behind it along.
+    return std::pair(all && last_code == lpc::kOk, last_code);
   };
 }
 
@@ -241,7 +236,8 @@ Operation Queue(PluginProcess& alpha) {
 void TryStarts(const std::string& configuration, std::uint16_t port) {
   {
     std::ofstream file(configuration);
-    file << "<Config>\n<ServerPort>" << port << "</ServerPort>\n</Config>\n" << std::string(kLarge, ' ') << '\n';
+    file << "<Config>\n<ServerPort>" << port << "</ServerPort>\n</Config>\n"
+         << std::string(kLarge, ' ') << '\n';
   }
   std::uint64_t blocks = 0;
   std::uint64_t not_recovered = 0;
@@ -260,7 +256,8 @@ void TryStarts(const std::string& configuration, std::uint16_t port) {
     if (!again || TolmLPCFrame::TolmLPCFrameUnInit() != 0) ++not_recovered;
     if (refused == 0) break;
   }
-  PrintFigure("pressure.no_memory.start.blocks_refused", static_cast<double>(blocks), "count", Bound::kAtLeast, 1);
+  PrintFigure("pressure.no_memory.start.blocks_refused", static_cast<double>(blocks), "count",
+              Bound::kAtLeast, 1);
   PrintFigure("pressure.no_memory.start.not_recovered", static_cast<double>(not_recovered), "count",
               Bound::kExactly, 0);
 }
@@ -270,8 +267,9 @@ void TryStarts(const std::string& configuration, std::uint16_t port) {
 void NoMemory(const PressureSettings& settings) {
   const bench::Stage stage;
   const std::uint16_t port = bench::FreePort();
-  Crowd run(stage.Host(), {"--role", "no-memory", stage.folder().string() + "/LpcFrame.xml," + std::to_string(port) +
-                                                      (settings.quick ? ",short" : "")});
+  Crowd run(stage.Host(), {"--role", "no-memory",
+                           stage.folder().string() + "/LpcFrame.xml," + std::to_string(port) +
+                               (settings.quick ? ",short" : "")});
   if (run.Do("run").at(0) != 1) throw std::runtime_error("a figure was missed");
 }
 

@@ -8,8 +8,8 @@ namespace trust {
 /// What counts as large.
 inline constexpr std::size_t kLargeBlock = 4u << 20;
 
-/// Makes `new` refuse large blocks in this process while it lives: the one with this number, counted from 1, or
-/// with `all_later` that one and all behind it.
+/// Makes `new` refuse large blocks in this process while it lives: the one with this number, counted from 1,
+/// or with `all_later` that one and all behind it.
 class ScarceMemory {
  public:
   ScarceMemory(std::uint64_t number, bool all_later);

@@ -1,5 +1,5 @@
-// A plugin process that is stopped with a signal reads nothing. Blocks of calls to others while it stands and while
-// it works take turns; in the end it is left standing until the frame cuts it off.
+// A plugin process that is stopped with a signal reads nothing. Blocks of calls to others while it stands and
+// while it works take turns; in the end it is left standing until the frame cuts it off.
 
 #include <unistd.h>
 
@@ -17,6 +17,7 @@
 #include "support/Figures.h"
 #include "traffic/PluginProcess.h"
 #include "traffic/ProcessState.h"
+#include "traffic/Time.h"
 
 namespace trust {
 namespace {
@@ -34,7 +35,7 @@ class Knocking {
           while (!ends_) {
             const int code = Host::Notify(url, "knock");
             ++(code == lpc::kQueueFull ? refused_ : others_);
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            Spend(std::chrono::milliseconds(5));
           }
         }) {}
   ~Knocking() {
@@ -59,10 +60,8 @@ std::uint64_t Fill(const std::string& url, int& code) {
 }
 
 void AwaitCounted(PluginProcess& plugin, std::uint64_t count) {
-  const auto begin = bench::Clock::now();
-  while (plugin.Do("counted").at(0) < static_cast<double>(count)) {
-    if (bench::SecondsSince(begin) > 60) throw std::runtime_error("what was taken does not arrive");
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  if (!Await(60, [&] { return plugin.Do("counted").at(0) >= static_cast<double>(count); })) {
+    throw std::runtime_error("what was taken does not arrive");
   }
 }
 
@@ -124,13 +123,15 @@ void Stalled(const PressureSettings& settings) {
               Bound::kAtMost, 64 + 16);
   const bool cut = host.AwaitEvents(TolmLPCFrame::kLpcMsgPluginDisconnected, "stalled", 1, 30'000);
   const double cut_after = bench::SecondsSince(begin);
-  PrintFigure("pressure.stalled.cut_after", cut_after, "s", Bound::kAtMost, cut ? (settings.quick ? 20 : 11) : 0);
+  PrintFigure("pressure.stalled.cut_after", cut_after, "s", Bound::kAtMost,
+              cut ? (settings.quick ? 20 : 11) : 0);
   PrintFigure("pressure.stalled.cut_not_before", cut_after, "s", Bound::kAtLeast, 9.9);
   PrintFigure("pressure.stalled.events_of_the_cut",
               static_cast<double>(host.Events(TolmLPCFrame::kLpcMsgPluginDisconnected, "stalled")), "events",
               Bound::kExactly, 1);
   PrintFigure("pressure.stalled.counted_as_cut_off",
-              static_cast<double>(lpcserver::GetStatistics().cut_off - cut_before), "peers", Bound::kExactly, 1);
+              static_cast<double>(lpcserver::GetStatistics().cut_off - cut_before), "peers", Bound::kExactly,
+              1);
   stalled.GoOn();
   host.AwaitInited("stalled", 2);
   PrintFigure("pressure.stalled.calls_failed", static_cast<double>(undisturbed.failed() + disturbed.failed()),

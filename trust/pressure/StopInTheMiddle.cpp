@@ -14,6 +14,7 @@
 #include "support/Figures.h"
 #include "traffic/Host.h"
 #include "traffic/PluginProcess.h"
+#include "traffic/Time.h"
 
 namespace trust {
 namespace {
@@ -31,8 +32,8 @@ struct Tally {
   double longest = 0;
 };
 
-// What a call may end with when the frame is stopped meanwhile. 0: the frame itself refused, since the url or its
-// plugin is not known any more; no transport was asked.
+// What a call may end with when the frame is stopped meanwhile. 0: the frame itself refused, since the url or
+// its plugin is not known any more; no transport was asked.
 bool IsExplained(int code) {
   switch (code) {
     case lpc::kOk:
@@ -64,9 +65,11 @@ void StopInTheMiddle(const PressureSettings& settings) {
   std::vector<std::thread> threads;
   for (int i = 0; i < kThreads; ++i) {
     threads.emplace_back([&, i] {
-      // A third of them waits for answers that take their time, so that calls are under way whenever it stops.
+      // A third of them waits for answers that take their time, so that calls are under way whenever it
+      // stops.
       const bool slow = i % 3 == 0;
-      const std::string url = plugins[static_cast<std::size_t>(i) % plugins.size()]->Url(slow ? "slow" : "echo");
+      const std::string url =
+          plugins[static_cast<std::size_t>(i) % plugins.size()]->Url(slow ? "slow" : "echo");
       const std::string body = slow ? "50" : std::string(500, 's');
       ++running;
       // A few calls behind the stop as well.
@@ -84,8 +87,8 @@ void StopInTheMiddle(const PressureSettings& settings) {
       }
     });
   }
-  while (running < kThreads) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  std::this_thread::sleep_for(std::chrono::milliseconds(settings.quick ? 200 : 1000));
+  Await(60, [&] { return running == kThreads; });
+  Spend(std::chrono::milliseconds(settings.quick ? 200 : 1000));
   const auto begin = bench::Clock::now();
   const int result = host.Stop();
   const double stop_took = bench::SecondsSince(begin);
@@ -96,12 +99,13 @@ void StopInTheMiddle(const PressureSettings& settings) {
   std::uint64_t failed = 0;
   for (const auto& [code, count] : tally.failed) {
     failed += count;
-    PrintFigure("pressure.stop_in_the_middle.ended_with_code_" + std::to_string(code), static_cast<double>(count),
-                "calls");
+    PrintFigure("pressure.stop_in_the_middle.ended_with_code_" + std::to_string(code),
+                static_cast<double>(count), "calls");
   }
-  PrintFigure("pressure.stop_in_the_middle.answered", static_cast<double>(tally.answered), "calls", Bound::kAtLeast,
+  PrintFigure("pressure.stop_in_the_middle.answered", static_cast<double>(tally.answered), "calls",
+              Bound::kAtLeast, kThreads);
+  PrintFigure("pressure.stop_in_the_middle.failed", static_cast<double>(failed), "calls", Bound::kAtLeast,
               kThreads);
-  PrintFigure("pressure.stop_in_the_middle.failed", static_cast<double>(failed), "calls", Bound::kAtLeast, kThreads);
   PrintFigure("pressure.stop_in_the_middle.unexplained", static_cast<double>(tally.unexplained), "calls",
               Bound::kExactly, 0);
   PrintFigure("pressure.stop_in_the_middle.longest_call", tally.longest / 1000, "ms", Bound::kAtMost,

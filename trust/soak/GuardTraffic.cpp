@@ -12,7 +12,8 @@ using bench::GuardClient;
 constexpr int kQuestionsOfAConnection = 50;
 
 std::string Question(std::size_t more) {
-  return R"({"guid":"soak","requestData":{"method":"GetMianProcessPath"},"more":")" + std::string(more, 'g') + "\"}";
+  return R"({"guid":"soak","requestData":{"method":"GetMianProcessPath"},"more":")" + std::string(more, 'g') +
+         "\"}";
 }
 
 }  // namespace
@@ -29,7 +30,8 @@ void AddGuardTraffic(Repeating& repeating, std::uint16_t port, Tally& tally) {
       }
       const bool is_large = ++number % 20 == 0;
       const std::string answer = (*guard)->Ask(is_large ? *large : *small);
-      tally.Expect(is_large ? "guard_large_text" : "guard_text", answer.find("soak") != std::string::npos, answer);
+      tally.Expect(is_large ? "guard_large_text" : "guard_text", answer.find("soak") != std::string::npos,
+                   answer);
     } catch (const std::exception& error) {
       guard->reset();
       tally.Unexplained("guard", error.what());

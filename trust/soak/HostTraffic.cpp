@@ -60,7 +60,8 @@ void AddHostTraffic(Repeating& repeating, const Host& host, Sent& sent, Tally& t
   const auto large = std::make_shared<const std::string>(kLarge, 'l');
   repeating.Add(milliseconds(2), [&, small] { Echo(host, tally, "host_call", "/alpha/echo", *small); });
   repeating.Add(milliseconds(3), [&, small] { Echo(host, tally, "host_call", "/beta/echo", *small); });
-  repeating.Add(milliseconds(700), [&, large] { Echo(host, tally, "host_large_body", "/alpha/echo", *large); });
+  repeating.Add(milliseconds(700),
+                [&, large] { Echo(host, tally, "host_large_body", "/alpha/echo", *large); });
   repeating.Add(milliseconds(50), [&] { Parts(host, tally); });
   repeating.Add(milliseconds(5), [&] {
     Async(tally, TolmLPCFrame::kMsgTypeRequest, "host_async_request", "/alpha/echo", sent.requests);

@@ -1,15 +1,15 @@
-// trust_soak: every kind of traffic at a time, for a long time, while memory, descriptors and threads of the host and
-// of a plugin are looked at each second. See --help.
+// trust_soak: every kind of traffic at a time, for a long time, while memory, descriptors and threads of the
+// host and of a plugin are looked at each second. See --help.
 
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <exception>
 #include <string>
-#include <thread>
 
 #include "Channel.h"
 #include "Process.h"
@@ -20,6 +20,7 @@
 #include "soak/Traffic.h"
 #include "support/Figures.h"
 #include "traffic/ProcessState.h"
+#include "traffic/Time.h"
 
 namespace {
 
@@ -47,8 +48,8 @@ struct Watched {
 };
 
 // "Flat": over the last two thirds of the run the line grows by no more than `allowed`.
-void PrintSlope(const std::string& name, const Series& series, const char* unit, double seconds, double allowed,
-                double allowed_per_hour) {
+void PrintSlope(const std::string& name, const Series& series, const char* unit, double seconds,
+                double allowed, double allowed_per_hour) {
   const double hours = seconds * 2 / 3 / 3600;
   const double bound = std::max(allowed / hours, allowed_per_hour);
   if (seconds >= kLeastSeconds) {
@@ -69,10 +70,7 @@ void Print(const Watched& watched, double seconds) {
 // What was sent and what has arrived, when all is quiet.
 template <typename Arrived>
 void Compare(Tally& tally, const char* kind, std::uint64_t sent, Arrived arrived) {
-  const auto begin = bench::Clock::now();
-  while (arrived() < sent && bench::SecondsSince(begin) < 30) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
+  Await(30, [&] { return arrived() >= sent; });
   const std::uint64_t came = arrived();
   tally.Expect(kind, came == sent, std::to_string(came) + " of " + std::to_string(sent) + " arrived");
 }
@@ -101,7 +99,7 @@ int RunHere(double seconds, std::uint16_t port) {
     while (bench::SecondsSince(begin) < seconds) {
       watched_host.Look(bench::SecondsSince(begin));
       watched_plugin.Look(bench::SecondsSince(begin));
-      std::this_thread::sleep_for(std::chrono::seconds(1));
+      Spend(std::chrono::seconds(1));
     }
   }
   Compare(tally, "answers_to_async_requests", sent.requests, [&] { return host.answered_later(); });
@@ -127,7 +125,8 @@ int RunInAFolder(double seconds) {
   const bench::Stage stage;
   const std::uint16_t port = bench::FreePort();
   stage.WritePort("ServerPort", port);
-  bench::Child run(stage.Host(), {"--role", "run", "--seconds", std::to_string(seconds), std::to_string(port)});
+  bench::Child run(stage.Host(),
+                   {"--role", "run", "--seconds", std::to_string(seconds), std::to_string(port)});
   run.AwaitWord(static_cast<int>(seconds) + 300);
   return run.channel().TakeText() == "0" ? 0 : 1;
 }

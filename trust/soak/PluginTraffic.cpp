@@ -23,7 +23,8 @@ std::string Text(const std::vector<double>& answer) {
 }
 
 // An order whose answer begins with `count`.
-void Do(PluginProcess& plugin, Tally& tally, const std::string& kind, const std::string& order, double count) {
+void Do(PluginProcess& plugin, Tally& tally, const std::string& kind, const std::string& order,
+        double count) {
   const auto answer = plugin.Do(order);
   tally.Expect(kind, answer.at(0) == count, Text(answer));
 }
@@ -46,7 +47,8 @@ void Round(PluginProcess& plugin, const std::string& other, std::uint64_t number
   Do(plugin, tally, "plugin_registers",
      "register " + std::to_string(number * kUrlsAtOnce % kUrls) + ' ' + std::to_string(kUrlsAtOnce), 1);
   if (number % 10 == 0) {
-    Fails(plugin, tally, "plugin_call_timed_out", std::string("call ") + kHostSilent + " 10 1 30", lpc::kTimeOut);
+    Fails(plugin, tally, "plugin_call_timed_out", std::string("call ") + kHostSilent + " 10 1 30",
+          lpc::kTimeOut);
     Fails(plugin, tally, "plugin_call_to_unknown_url", "call /nobody/serves 10 1 30", lpc::kTimeOut);
     Do(plugin, tally, "plugin_large_body", std::string("call ") + kHostSize + " 6000000 1 20000", 1);
   }

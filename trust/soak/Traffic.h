@@ -11,6 +11,7 @@
 #include "soak/Tally.h"
 #include "traffic/Host.h"
 #include "traffic/PluginProcess.h"
+#include "traffic/Time.h"
 
 namespace trust {
 
@@ -24,7 +25,7 @@ class Repeating {
     threads_.emplace_back([this, pause, what = std::move(what)] {
       while (!ends_) {
         what();
-        std::this_thread::sleep_for(pause);
+        Spend(pause);
       }
     });
   }
@@ -50,7 +51,8 @@ struct Sent {
 /// What the host does, with the plugins `alpha` and `beta`.
 void AddHostTraffic(Repeating& repeating, const Host& host, Sent& sent, Tally& tally);
 /// What a plugin does; `other` is the plugin that it calls through the frame.
-void AddPluginTraffic(Repeating& repeating, PluginProcess& plugin, const std::string& other, Sent& sent, Tally& tally);
+void AddPluginTraffic(Repeating& repeating, PluginProcess& plugin, const std::string& other, Sent& sent,
+                      Tally& tally);
 /// Plugins that come and go: the process `coming` connects and disconnects, and others are killed.
 void AddChurn(Repeating& repeating, const Host& host, Tally& tally);
 /// A guard that asks, and that comes again now and then.

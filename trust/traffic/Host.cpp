@@ -106,8 +106,17 @@ void Host::Receive(const LPCData& data) {
       if (data.url == kHostSize) Answer(data, std::to_string(data.body.size()));
       return;
     default:
-      if (data.url == kHostCount) ++notified_;
+      if (data.url != kHostCount) return;
+      ++notified_;
+      std::unique_lock lock(mutex_);
+      changed_.wait(lock, [this] { return !holds_; });
   }
+}
+
+void Host::Hold(bool holds) {
+  const std::lock_guard lock(mutex_);
+  holds_ = holds;
+  changed_.notify_all();
 }
 
 bool Host::Callback(const TolmLPCFrame::FrameCallBackData& data, void* user) {

@@ -17,8 +17,8 @@ namespace trust {
 
 /// Urls that the host serves itself.
 inline constexpr char kHostEcho[] = "/host/echo";
-inline constexpr char kHostSize[] = "/host/size";    ///< answers with the number of the body's bytes
-inline constexpr char kHostCount[] = "/host/count";  ///< for notifications
+inline constexpr char kHostSize[] = "/host/size";      ///< answers with the number of the body's bytes
+inline constexpr char kHostCount[] = "/host/count";    ///< for notifications
 inline constexpr char kHostSilent[] = "/host/silent";  ///< never answers
 
 /// What became of a call.
@@ -55,6 +55,9 @@ class Host {
   /// The same for an id's "InitFinish"; throws when it does not come.
   void AwaitInited(const std::string& id, std::uint64_t count = 1) const;
 
+  /// From here on, or no more, the callback stays in every notification.
+  void Hold(bool holds);
+
   std::uint64_t notified() const { return notified_.load(); }
   std::uint64_t pushed() const { return pushed_.load(); }
   std::uint64_t answered_later() const { return answered_later_.load(); }
@@ -70,7 +73,9 @@ class Host {
   std::atomic<std::uint64_t> answered_later_{0};
   mutable std::mutex mutex_;
   mutable std::condition_variable changed_;
-  std::map<std::pair<std::int32_t, std::string>, std::uint64_t> events_;  // guarded by mutex_
+  // All below is guarded by mutex_.
+  std::map<std::pair<std::int32_t, std::string>, std::uint64_t> events_;
+  bool holds_ = false;
 };
 
 }  // namespace trust

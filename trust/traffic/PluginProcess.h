@@ -36,8 +36,8 @@ class PluginProcess {
 };
 
 /// The plugin's side, until the other process ends. What it serves, for the id ID:
-///   /ID/echo   what came      /ID/size   how many bytes the body had       /ID/make   a body of so many bytes
-///   /ID/slow   an answer after so many milliseconds                        /ID/count  notifications
+///   /ID/echo   what came      /ID/size   how many bytes the body had       /ID/make   a body of so many
+///   bytes /ID/slow   an answer after so many milliseconds                        /ID/count  notifications
 int RunPluginRole(const std::string& id);
 
 }  // namespace trust

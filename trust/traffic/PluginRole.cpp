@@ -8,7 +8,6 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "Channel.h"
@@ -17,6 +16,7 @@
 #include "TolmLPCServer/LpcError.h"
 #include "TolmPlugin/Plugin.h"
 #include "traffic/PluginProcess.h"
+#include "traffic/Time.h"
 
 namespace trust {
 namespace {
@@ -45,15 +45,16 @@ void ServeAll(Orders& self) {
                answer.body = std::move(request.message.body);
                return answer;
              })
-      .Serve(base + "size",
-             [](const Request& request) { return Message{.body = std::to_string(request.message.body.size())}; })
+      .Serve(
+          base + "size",
+          [](const Request& request) { return Message{.body = std::to_string(request.message.body.size())}; })
       .Serve(base + "make",
              [](const Request& request) {
                return Message{.body = std::string(std::stoull(request.message.body), 'm')};
              })
       .Serve(base + "slow",
              [](const Request& request) {
-               std::this_thread::sleep_for(std::chrono::milliseconds(std::stoi(request.message.body)));
+               Spend(std::chrono::milliseconds(std::stoi(request.message.body)));
                return Message{.body = request.message.body};
              })
       .Serve(base + "count", [&self](const Request&) {
@@ -82,14 +83,23 @@ std::string Flood(Plugin& plugin, std::istream& words) {
     const int why = Plugin::LastError();
     ++(why == lpc::kQueueFull ? full : others);
     if (why != lpc::kQueueFull) code = why;
-    std::this_thread::sleep_for(kWhenFull);
+    Spend(kWhenFull);
   }
   std::ostringstream text;
   text << taken << ' ' << full << ' ' << others << ' ' << code;
   return text.str();
 }
 
-// "URL SIZE COUNT TIME-OUT": how many were answered, how many not, the last code, p99 and most in microseconds.
+// Sends notifications as soon as there is a connection, until one is refused.
+void FillQueue(Plugin& plugin) {
+  const Message message{.url = "/host/count", .body = std::string(1u << 20, 'q')};
+  while (plugin.Notify(message) || Plugin::LastError() != lpc::kQueueFull) {
+    if (Plugin::LastError() != lpc::kOk) Spend(kWhenFull);
+  }
+}
+
+// "URL SIZE COUNT TIME-OUT": how many were answered, how many not, the last code, p99 and most in
+// microseconds.
 std::string Call(Plugin& plugin, std::istream& words) {
   Message request;
   std::size_t size = 0;
@@ -109,8 +119,8 @@ std::string Call(Plugin& plugin, std::istream& words) {
     code = Plugin::LastError();
   }
   std::ostringstream text;
-  text << count - failed << ' ' << failed << ' ' << code << ' ' << bench::Rounds::Quantile(samples, 0.99) << ' '
-       << *std::max_element(samples.begin(), samples.end());
+  text << count - failed << ' ' << failed << ' ' << code << ' ' << bench::Rounds::Quantile(samples, 0.99)
+       << ' ' << *std::max_element(samples.begin(), samples.end());
   return text.str();
 }
 
@@ -138,8 +148,8 @@ std::string Register(Plugin& plugin, std::istream& words) {
   message.url = kRegisterUrl;
   message.body = R"({"RegisterInfo":{"SupportUrlList":[)";
   for (std::uint64_t i = first; i < first + count; ++i) {
-    message.body += (i == first ? R"({"Url":"/)" : R"(,{"Url":"/)") + plugin.id() + "/more/" + std::to_string(i) +
-                    R"(","Timeout":5000})";
+    message.body += (i == first ? R"({"Url":"/)" : R"(,{"Url":"/)") + plugin.id() + "/more/" +
+                    std::to_string(i) + R"(","Timeout":5000})";
   }
   message.body += "]}}";
   return plugin.Notify(message) ? "1 0" : "0 " + std::to_string(Plugin::LastError());
@@ -160,6 +170,10 @@ std::string Obey(Orders& self, const std::string& order) {
     Message request;
     words >> request.url;
     return std::to_string(self.plugin.CallLater(request));
+  }
+  if (what == "fill_before_it_registers") {
+    self.plugin.OnInit([&self] { FillQueue(self.plugin); });
+    return "1";
   }
   if (what == "start") {
     std::string endpoint;

@@ -153,23 +153,26 @@ void ServerThread::AcceptAll() {
     std::string error;
     switch (Accept(listening_socket_, accepted, error)) {
       case AcceptResult::kAccepted:
-        if (!Adopt(accepted)) return;
-        continue;
+        if (Adopt(accepted)) continue;
+        return RestFromAccepting("a connection is lost: it finds no place");
       case AcceptResult::kNobody:
         // Only now is a shortage over: in it one comes as soon as another one goes.
         short_of_descriptors_ = false;
         return;
       case AcceptResult::kShortage:
-        // Who waits would be told of again at once: he is looked for by the tick instead.
-        if (!short_of_descriptors_) {
-          TOLM_LOG(kLogLevelError, kLogTag, "nobody can be accepted for now: %s", error.c_str());
-        }
-        short_of_descriptors_ = true;
-        loop_->SetListening(false);
-        EnsureTick();
-        return;
+        return RestFromAccepting(error);
     }
   }
+}
+
+// Who waits would be told of again at once: he is looked for by the tick instead.
+void ServerThread::RestFromAccepting(const std::string& why) {
+  if (!short_of_descriptors_) {
+    TOLM_LOG(kLogLevelError, kLogTag, "nobody can be accepted for now: %s", why.c_str());
+  }
+  short_of_descriptors_ = true;
+  loop_->SetListening(false);
+  EnsureTick();
 }
 
 bool ServerThread::Adopt(const Accepted& accepted) {
@@ -187,7 +190,6 @@ bool ServerThread::Adopt(const Accepted& accepted) {
   if (!loop_->Add(*client, accepted.socket)) {
     // The socket is closed; the client went with it if it was told.
     clients_.erase(client);
-    TOLM_LOG(kLogLevelError, kLogTag, "a connection is lost: it finds no place");
     return false;
   }
   EnsureTick();

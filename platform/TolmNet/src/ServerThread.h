@@ -43,6 +43,7 @@ class ServerThread final : public std::enable_shared_from_this<ServerThread>, pr
   void DestroyLoop();
   void ThreadMain();
   void AcceptAll();
+  void RestFromAccepting(const std::string& why);
   bool Adopt(const Accepted& accepted);
   void FlushAll();
   void LookAtClocks();

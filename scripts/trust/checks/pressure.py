@@ -12,5 +12,5 @@ SECONDS = 600
 
 def run(run):
     program = run.build("release", "trust_pressure") / "trust_pressure"
-    for case in ("stalled", "flood", "large_body", "nofile", "stop_in_the_middle", "no_memory"):
+    for case in ("stalled", "flood", "full_start", "large_body", "nofile", "stop_in_the_middle", "no_memory"):
         run.program([program, case], SECONDS)

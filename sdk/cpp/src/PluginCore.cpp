@@ -261,7 +261,8 @@ void Plugin::Core::Serve(tag_LPCCallBackData&& data, const lpcclient::InboundInf
   const std::uint64_t request_id = reply.msg_id;
   if (!client->Reply(std::move(reply))) {
     const char* const why = lpc::ErrorText(lpcclient::GetLPCLastError());
-    TOLM_LOG(Tolm::Base::kLogLevelWarning, kTag, "the answer for url [%s] could not be sent: %s", url.c_str(), why);
+    TOLM_LOG(Tolm::Base::kLogLevelWarning, kTag, "the answer for url [%s] could not be sent: %s", url.c_str(),
+             why);
     // Whoever waits for it need not do so until the time-out.
     client->Reject(request_id, std::string("the answer could not be sent: ") + why);
   }

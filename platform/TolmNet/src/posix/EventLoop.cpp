@@ -35,9 +35,10 @@ void TakeLibraryLog() {
   std::call_once(once, [] { lws_set_log_level(LLL_ERR, LogLine); });
 }
 
-bool MayHaveMoreDescriptors() {
+/// 0 when nobody knows.
+rlim_t DescriptorLimit() {
   rlimit limit{};
-  return ::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur > kMaxDescriptors;
+  return ::getrlimit(RLIMIT_NOFILE, &limit) == 0 ? limit.rlim_cur : 0;
 }
 
 /// libwebsockets is the event loop here: it polls, reads, keeps time and is woken by other threads. Its own
@@ -77,6 +78,7 @@ class LibraryLoop final : public EventLoop {
   static int OnEvent(lws* wsi, lws_callback_reasons reason, void* user, void* in, std::size_t len);
   static void OnTimer(lws_sorted_usec_list_t* timer);
 
+  bool HasPlaceFor(Socket socket) const { return !is_bound_ || static_cast<rlim_t>(socket) < bound_; }
   bool MakeContext();
   bool IsWakeable();
 
@@ -84,6 +86,9 @@ class LibraryLoop final : public EventLoop {
   lws_context* context_ = nullptr;
   lws* listener_ = nullptr;
   bool wakeable_ = false;
+  // The library's tables end where the process's limit was when they were made.
+  bool is_bound_ = false;
+  rlim_t bound_ = 0;
   Timer timer_{};
 };
 
@@ -109,7 +114,9 @@ bool LibraryLoop::MakeContext() {
   info.gid = -1;
   info.uid = -1;
   info.options = LWS_SERVER_OPTION_SKIP_SERVER_CANONICAL_NAME | LWS_SERVER_OPTION_DISABLE_OS_CA_CERTS;
-  if (MayHaveMoreDescriptors()) info.fd_limit_per_thread = kMaxDescriptors;
+  bound_ = DescriptorLimit();
+  is_bound_ = bound_ > 0 && bound_ <= kMaxDescriptors;
+  if (bound_ > kMaxDescriptors) info.fd_limit_per_thread = kMaxDescriptors;
   TakeLibraryLog();
   const PipeSignalKept kept;
   context_ = lws_create_context(&info);
@@ -128,6 +135,10 @@ bool LibraryLoop::IsWakeable() {
 }
 
 bool LibraryLoop::Add(Client& client, Socket socket) {
+  if (!HasPlaceFor(socket)) {  // the library would complain each time
+    Close(socket);
+    return false;
+  }
   lws_adopt_desc_t description{};
   description.vh = lws_get_vhost_by_name(context_, "default");
   description.type = LWS_ADOPT_SOCKET;

@@ -1,0 +1,32 @@
+// The host's callback is busy, so the plugin is not read from; its queue is full of what it has sent, and its
+// registration is refused. It is ready as soon as there is room all the same.
+
+#include <string>
+
+#include "pressure/Cases.h"
+#include "support/Figures.h"
+#include "traffic/Host.h"
+#include "traffic/PluginProcess.h"
+#include "traffic/Time.h"
+
+namespace trust {
+
+void FullStart(const PressureSettings&) {
+  PluginProcess full("full");
+  Host host("full", {"full"});
+  host.Hold(true);
+  full.Do("fill_before_it_registers");
+  full.Start(host.endpoint());
+  // Longer than it takes to fill it: what comes last is the registration.
+  const bool has_begun = Await(30, [&] { return host.notified() > 0; });
+  Spend(std::chrono::seconds(1));
+  const bool early = host.Events(TolmLPCFrame::kLpcMsgPluginInited, "full") > 0;
+  host.Hold(false);
+  const auto begin = bench::Clock::now();
+  const bool ready = host.AwaitEvents(TolmLPCFrame::kLpcMsgPluginInited, "full", 1, 20'000);
+  PrintFigure("pressure.full_start.filled", has_begun && !early ? 1 : 0, "bool", Bound::kExactly, 1);
+  PrintFigure("pressure.full_start.ready", ready ? 1 : 0, "bool", Bound::kExactly, 1);
+  PrintFigure("pressure.full_start.ready_after", bench::SecondsSince(begin), "s", Bound::kAtMost, 20);
+}
+
+}  // namespace trust
