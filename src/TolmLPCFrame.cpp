@@ -14,6 +14,7 @@
 #include "common/Constants.h"
 #include "common/DataConvert.h"
 #include "common/LenientInt.h"
+#include "common/UrlTemplate.h"
 #include "lpcintegratemodule/LPCIntegrate.h"
 #include "lpcsevermanager/LpcServerManager.h"
 
@@ -94,7 +95,7 @@ void RegisterLpcMsgCallback(LpcMsgCallBack callback, void* user) try {
 
 void RegisterUrl(const std::vector<std::string>& urls) try {
   for (const std::string& url : urls)
-    TOLM_LOG(kLogLevelInfo, kTagInfo, "Up RegisterUrl url[%s]", url.c_str());
+    TOLM_LOG(kLogLevelInfo, kTagInfo, "Up RegisterUrl url[%s]", MaskSidInUrl(url).c_str());
   CLPCIntegrate::GetInstance().RegisterUrl(urls);
 } catch (...) {
   TOLM_LOG_CAUGHT("the call failed");

@@ -1,11 +1,9 @@
 #include "AgentLog.h"
 
-#include <filesystem>
 #include <string>
-#include <system_error>
 
 #include "Layout.h"
-#include "os/UserPlaces.h"
+#include "os/PrivateFiles.h"
 #include "os/Utf8Path.h"
 
 namespace tolm::agent {
@@ -13,8 +11,7 @@ namespace {
 
 bool LogInto(const std::string& path) {
   if (path.empty()) return false;
-  std::error_code ignored;  // a folder that is missing is noticed below
-  std::filesystem::create_directories(os::Utf8Path(path).parent_path(), ignored);
+  os::MakePrivateFolders(os::Utf8Path(path).parent_path());
   constexpr std::size_t kBytes = 1024 * 1024;
   constexpr std::size_t kOldFiles = 3;
   return Tolm::Base::SetLogFile(path, kBytes, kOldFiles, Tolm::Base::kLogLevelInfo);

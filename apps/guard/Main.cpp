@@ -14,6 +14,7 @@
 #include "Supervisor.h"
 #include "TolmBase/LogLine.h"
 #include "os/ExecutablePath.h"
+#include "os/PrivateFiles.h"
 #include "os/StopSignal.h"
 #include "os/UserPlaces.h"
 #include "os/Utf8Path.h"
@@ -40,8 +41,7 @@ std::string LockName(const fs::path& config) {
 /// Begins the guard's log in the first folder that can be written to; gives that, or the first one.
 fs::path OpenLog(const std::vector<fs::path>& folders) {
   for (const fs::path& folder : folders) {
-    std::error_code ignored;
-    fs::create_directories(folder, ignored);
+    os::MakePrivateFolders(folder);
     if (Tolm::Base::SetLogFile((folder / "guard.log").string(), kLogFileBytes, kOldLogFiles,
                                Tolm::Base::kLogLevelInfo)) {
       return folder;

@@ -7,6 +7,8 @@
 #include <utility>
 
 #include "TolmBase/LogLine.h"
+#include "TolmBase/StringUtil.h"
+#include "os/PrivateFiles.h"
 
 namespace guard {
 namespace {
@@ -88,7 +90,7 @@ void OutputFile::EndPiece(bool continues) {
 
 void OutputFile::Note(std::string_view line) {
   const std::lock_guard lock(mutex_);
-  WriteLine("[guard] ", line);
+  WriteLine("[guard] ", Tolm::Base::StringUtil::MaskSessionIds(line));
 }
 
 std::vector<std::string> OutputFile::LastLines() const {
@@ -115,8 +117,10 @@ bool OutputFile::Append(const std::string& line) {
   const auto now = std::chrono::steady_clock::now();
   if (failed_ && now < retry_at_) return false;
   if (!file_.is_open()) {
+    os::MakePrivateFolders(path_.parent_path());
+    // It holds what the plugin prints, and its command line.
+    os::MakePrivateFile(path_);
     std::error_code error;
-    fs::create_directories(path_.parent_path(), error);
     file_.open(path_, std::ios::binary | std::ios::app);
     const auto size = fs::file_size(path_, error);
     size_ = error ? 0 : static_cast<std::size_t>(size);
@@ -153,6 +157,7 @@ void OutputFile::Rotate() {
   for (int n = rules_.files - 1; n > 0; --n) {
     fs::rename(n == 1 ? path_ : OldFile(n - 1), OldFile(n), ignored);
   }
+  os::MakePrivateFile(path_);
   // Truncated in any case: when the renaming fails, the bound still holds.
   file_.open(path_, std::ios::binary | std::ios::trunc);
   size_ = 0;

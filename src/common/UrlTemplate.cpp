@@ -14,8 +14,6 @@ namespace TolmLPCFrame {
 namespace {
 
 constexpr std::size_t kGuidBytes = 32;
-constexpr std::string_view kSidName = "sid";
-constexpr std::size_t kSidBytes = 32;
 
 constexpr char LowerAscii(char c) {
   return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
@@ -23,10 +21,6 @@ constexpr char LowerAscii(char c) {
 
 constexpr bool IsDigit(char c) {
   return c >= '0' && c <= '9';
-}
-
-constexpr bool IsHexDigit(char c) {
-  return IsDigit(c) || (LowerAscii(c) >= 'a' && LowerAscii(c) <= 'f');
 }
 
 /// Whether extraction from a text stream into a 64-bit integer would take the whole of `segment`, and
@@ -96,16 +90,6 @@ std::string_view MakePattern(PatternRoom& room, std::string_view url) {
   return {first, static_cast<std::size_t>(out - first)};
 }
 
-/// Whether the "=" at `equals` stands between a session id's name and its digits.
-bool IsSidAt(std::string_view url, std::size_t equals) {
-  if (equals < kSidName.size() || url.size() - equals <= kSidBytes) return false;
-  const std::string_view name = url.substr(equals - kSidName.size(), kSidName.size());
-  const std::string_view digits = url.substr(equals + 1, kSidBytes);
-  return std::equal(name.begin(), name.end(), kSidName.begin(),
-                    [](char c, char lower) { return LowerAscii(c) == lower; }) &&
-         std::all_of(digits.begin(), digits.end(), IsHexDigit);
-}
-
 }  // namespace
 
 char* PatternRoom::ForUrlOf(std::size_t url_bytes) {
@@ -127,20 +111,7 @@ std::string CutQuery(const std::string& url) {
 UrlLookupKey::UrlLookupKey(std::string_view url) : text_(MakePattern<ForLookUp>(room_, url)) {}
 
 std::string MaskSidInUrl(const std::string& url) {
-  std::string masked;
-  masked.reserve(url.size());
-  std::size_t done = 0;
-  for (std::size_t equals = url.find('='); equals != std::string::npos; equals = url.find('=', equals + 1)) {
-    if (!IsSidAt(url, equals)) continue;
-    const std::size_t digits = equals + 1;
-    masked.append(url, done, digits - done);
-    masked += Tolm::Base::StringUtil::MaskForLog(url.substr(digits, kSidBytes),
-                                                 Tolm::Base::StringUtil::kMaskModeSessionId,
-                                                 Tolm::Base::StringUtil::kCodePageUtf8);
-    done = digits + kSidBytes;
-  }
-  masked.append(url, done);
-  return masked;
+  return Tolm::Base::StringUtil::MaskSessionIds(url);
 }
 
 }  // namespace TolmLPCFrame

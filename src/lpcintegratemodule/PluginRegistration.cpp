@@ -8,6 +8,7 @@
 #include "TolmBase/StringUtil.h"
 #include "TolmProto/RapidJsonProto.h"
 #include "common/Constants.h"
+#include "common/UrlTemplate.h"
 #include "lpcintegratemodule/LPCIntegrate.h"
 
 namespace TolmLPCFrame {
@@ -55,9 +56,9 @@ void CLPCIntegrate::PluginURLRegister(const tag_LPCCallBackData& request) {
     map_url_timeout_.Write([&](auto& time_outs) { time_outs.InsertOrAssign(url, time_out); });
     TOLM_LOG(kLogLevelInfo, kTagTrace,
              "[/QOMI/Vantrel/Integration/V1/Register], SupportUrlList = %s, Timeout = %d,  plugin_id = %s",
-             url.c_str(), time_out, request.src_id.c_str());
+             MaskSidInUrl(url).c_str(), time_out, request.src_id.c_str());
     TOLM_LOG(kLogLevelInfo, kTagMessageBus, "Plugin[%s] add url = [%s], method-exec_type = [%s].",
-             request.src_id.c_str(), url.c_str(), TaskText(message, entry).c_str());
+             request.src_id.c_str(), MaskSidInUrl(url).c_str(), TaskText(message, entry).c_str());
   }
 
   const int header_count = message.get_cnt(kHeaderList);

@@ -41,8 +41,8 @@ void CLPCIntegrate::URLCallBackEIT(const std::string& ori_url, const std::string
   NormalizeUrlPattern(cov_url, CutQuery(ori_url));
   TOLM_LOG(kLogLevelTrace, kTagTrace,
            "url call src_id=[%s], dst_id=[%s], ori_url[%s], cov_urr[%s], lpc_body =[%s], mt_method[%s]",
-           request.src_id.c_str(), request.dst_id.c_str(), ori_url.c_str(), cov_url.c_str(),
-           request.body.c_str(), method.c_str());
+           request.src_id.c_str(), request.dst_id.c_str(), MaskSidInUrl(ori_url).c_str(),
+           MaskSidInUrl(cov_url).c_str(), request.body.c_str(), MaskSidInUrl(method).c_str());
   if (cov_url == register_url_) {
     PluginURLRegister(request);
     return;
@@ -78,12 +78,13 @@ void CLPCIntegrate::URLTaskEIT(std::int32_t kind, const std::string& url, tag_LP
 void CLPCIntegrate::PluginURLAddressForward(const std::string& url, tag_LPCCallBackData&& request) {
   std::string dst_id;
   if (!FindDstIdByUrl(dst_id, url)) {
-    TOLM_LOG(kLogLevelError, kTagError, "PluginURLAddressForward. FindDstIdByUrl failed[%s]", url.c_str());
+    TOLM_LOG(kLogLevelError, kTagError, "PluginURLAddressForward. FindDstIdByUrl failed[%s]",
+             MaskSidInUrl(url).c_str());
     return;
   }
   TOLM_LOG(kLogLevelTrace, kTagTrace,
-           "PluginURLAddressForward. plugin to plugin [url=%s],[dstid=%s],[srcid=%s]", url.c_str(),
-           dst_id.c_str(), request.src_id.c_str());
+           "PluginURLAddressForward. plugin to plugin [url=%s],[dstid=%s],[srcid=%s]",
+           MaskSidInUrl(url).c_str(), dst_id.c_str(), request.src_id.c_str());
   if (dst_id.empty() || dst_id == kMainCompnentID) {
     TOLM_LOG(kLogLevelError, kTagError, "the id for the url is empty or kMainCompnentID.");
     return;

@@ -12,6 +12,7 @@
 #include "common/CaughtException.h"
 #include "common/Constants.h"
 #include "common/DataConvert.h"
+#include "common/UrlTemplate.h"
 #include "lpcintegratemodule/LPCIntegrate.h"
 
 namespace TolmLPCFrame {
@@ -139,8 +140,8 @@ bool CLpcServerManager::CallLpcCallBack(const FrameCallBackData& fcd) {
 bool CLpcServerManager::LPCServerCallback(const tag_LPCCallBackData& data, void* /*user*/) try {
   const std::string_view whole_url = ParamOrEmpty(data.params, kKeyUrl);
   std::string url(whole_url.substr(0, whole_url.find('?')));
-  TOLM_LOG(kLogLevelInfo, kTagTrace, "[LPCServer Callback], url=[%s], msg_id[%lu], src_id[%s]", url.c_str(),
-           static_cast<unsigned long>(data.msg_id), data.src_id.c_str());
+  TOLM_LOG(kLogLevelInfo, kTagTrace, "[LPCServer Callback], url=[%s], msg_id[%lu], src_id[%s]",
+           MaskSidInUrl(url).c_str(), static_cast<unsigned long>(data.msg_id), data.src_id.c_str());
   if (!url.empty()) {
     const std::string_view query = whole_url.substr(std::min(url.size() + 1, whole_url.size()));
     std::string mt(QueryParameter(query, kKeyMT));

@@ -4,6 +4,7 @@
 #include <iostream>
 #include <utility>
 
+#include "support/TestLogs.h"
 #include "support/Wait.h"
 
 namespace tolm::test {
@@ -26,8 +27,8 @@ ChildProcess& GuardedTest::Launch(std::vector<std::string> command) {
 }
 
 ChildProcess& GuardedTest::StartHost(int frame_type) {
-  ChildProcess& host =
-      Launch({folder_.Host().string(), "--frame-type", std::to_string(frame_type), "--log", "info"});
+  ChildProcess& host = Launch({folder_.Host().string(), "--frame-type", std::to_string(frame_type), "--log",
+                               TestLogFolder() ? "trace" : "info"});
   EXPECT_TRUE(host.WaitForLine("the frame listens as \"host\""));
   return host;
 }

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "support/NativeChild.h"
+#include "support/TestLogs.h"
 
 namespace tolm::test {
 
@@ -21,6 +22,7 @@ ChildProcess::~ChildProcess() {
   Kill();
   CloseInput();
   watcher_.join();
+  KeepForSearch("child-" + std::to_string(id()), printed_);
 }
 
 ProcessId ChildProcess::id() const {

@@ -7,6 +7,7 @@
 #include <system_error>
 
 #include "support/System.h"
+#include "support/TestLogs.h"
 #include "support/Wait.h"
 
 namespace tolm::test {
@@ -16,6 +17,7 @@ class TempDirectory {
  public:
   TempDirectory() : path_(MakeTempFolder()) {}
   ~TempDirectory() {
+    KeepLogsBelow(path_);
     // Some systems hold a program's file for a moment after its process has ended.
     WaitFor([this] {
       std::error_code held;

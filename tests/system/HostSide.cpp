@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "support/TestLogs.h"
+
 namespace tolm::test {
 
 using TolmLPCFrame::LPCData;
@@ -10,6 +12,11 @@ HostSide::HostSide() {
   TolmLPCFrame::SetLogStderrLevel(TolmLPCFrame::kLogNothing);
   TolmLPCFrame::SetLogLevel(TolmLPCFrame::kLogInformation);
   TolmLPCFrame::SetLogSink(&HostSide::Log, this);
+  // The library's log is another one than this program's.
+  if (const auto file = TestLogFile("frame")) {
+    TolmLPCFrame::SetLogFile(*file, kTestLogBytes, 1);
+    TolmLPCFrame::SetLogLevel(1);
+  }
 }
 
 HostSide::~HostSide() {

@@ -47,12 +47,14 @@ Message Echo(const Request& request) {
 void ServeAll(Plugin& plugin, const std::string& id) {
   const std::string root = "/" + id + "/";
   plugin.Serve(root + "echo", Echo, 7000);
+  plugin.Serve(root + "SID=" + kSecret, Echo);
   plugin.Serve(root + "relay", [&plugin](const Request& request) {
     Message answer;
     const std::string time_out = HeaderOf(request, "X-Time-Out");
-    const bool answered =
-        plugin.Call(answer, {.url = request.message.body, .method = "GET", .body = "relayed"},
-                    time_out.empty() ? TolmPlugin::kDefaultTimeOutMs : std::stoi(time_out));
+    const std::string url = HeaderOf(request, "X-Url");
+    const bool answered = plugin.Call(
+        answer, {.url = url.empty() ? request.message.body : url, .method = "GET", .body = "relayed"},
+        time_out.empty() ? TolmPlugin::kDefaultTimeOutMs : std::stoi(time_out));
     return Message{.body = answered ? "got " + answer.body : "error " + std::to_string(Plugin::LastError())};
   });
   plugin.Serve(root + "later", [&plugin](const Request& request) {

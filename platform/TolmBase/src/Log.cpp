@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "TolmBase/FileUtil.h"
+#include "os/PrivateFiles.h"
 #include "os/Utf8Path.h"
 
 namespace Tolm::Base {
@@ -80,8 +81,11 @@ class LogFile {
 
  private:
   void Open() {
-    auto sink = std::make_unique<spdlog::sinks::rotating_file_sink_st>(os::Utf8Path(path_).native(),
-                                                                       max_bytes_, max_files_);
+    // Lines may hold what is meant for this user alone. Called for each file of a rotation.
+    spdlog::file_event_handlers handlers;
+    handlers.before_open = [](const spdlog::filename_t& name) { os::MakePrivateFile(name); };
+    auto sink = std::make_unique<spdlog::sinks::rotating_file_sink_st>(
+        os::Utf8Path(path_).native(), max_bytes_, max_files_, false, handlers);
     sink->set_formatter(MakeFormatter());
     sink_ = std::move(sink);
   }

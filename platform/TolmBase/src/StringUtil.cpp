@@ -1,5 +1,6 @@
 #include "TolmBase/StringUtil.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdarg>
 #include <cstddef>
@@ -12,6 +13,27 @@ namespace {
 
 std::atomic<bool> g_log_masking{true};
 
+constexpr std::string_view kSidName = "sid";
+constexpr std::size_t kSidBytes = 32;
+
+constexpr char LowerAscii(char c) {
+  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
+constexpr bool IsHexDigit(char c) {
+  return (c >= '0' && c <= '9') || (LowerAscii(c) >= 'a' && LowerAscii(c) <= 'f');
+}
+
+/// Whether the "=" at `equals` stands between a session id's name and its digits.
+bool IsSidAt(std::string_view text, std::size_t equals) {
+  if (equals < kSidName.size() || text.size() - equals <= kSidBytes) return false;
+  const std::string_view name = text.substr(equals - kSidName.size(), kSidName.size());
+  const std::string_view digits = text.substr(equals + 1, kSidBytes);
+  return std::equal(name.begin(), name.end(), kSidName.begin(),
+                    [](char c, char lower) { return LowerAscii(c) == lower; }) &&
+         std::all_of(digits.begin(), digits.end(), IsHexDigit);
+}
+
 }  // namespace
 
 std::string Local2UTF8(const std::string& local) {
@@ -21,9 +43,7 @@ std::string Local2UTF8(const std::string& local) {
 std::string LowerCase(const std::string& text) {
   std::string lower = text;
   // Not std::tolower: the host's locale must not decide which URLs are equal.
-  for (char& c : lower) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  }
+  for (char& c : lower) c = LowerAscii(c);
   return lower;
 }
 
@@ -58,6 +78,21 @@ std::string str_fmt(const char* format, ...) {
 std::string MaskForLog(const std::string& text, int /*mode*/, unsigned /*code_page*/) {
   if (!g_log_masking.load(std::memory_order_relaxed)) return text;
   return std::string(text.size(), '*');
+}
+
+std::string MaskSessionIds(std::string_view text) {
+  std::string masked;
+  masked.reserve(text.size());
+  std::size_t done = 0;
+  for (std::size_t equals = text.find('='); equals != std::string_view::npos;
+       equals = text.find('=', equals + 1)) {
+    if (!IsSidAt(text, equals)) continue;
+    const std::size_t digits = equals + 1;
+    masked += text.substr(done, digits - done);
+    masked += MaskForLog(std::string(text.substr(digits, kSidBytes)), kMaskModeSessionId, kCodePageUtf8);
+    done = digits + kSidBytes;
+  }
+  return masked += text.substr(done);
 }
 
 void SetLogMasking(bool on) {

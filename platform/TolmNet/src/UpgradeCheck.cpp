@@ -94,6 +94,8 @@ bool ParseHeader(std::string_view line, UpgradeRequest& request) {
   } else if (IsSame(name, "Sec-WebSocket-Version")) {
     ++request.version_count;
     request.websocket_version = value;
+  } else if (IsSame(name, "Transfer-Encoding") || (IsSame(name, "Content-Length") && value != "0")) {
+    request.has_body = true;
   }
   return true;
 }
@@ -127,11 +129,23 @@ bool IsLoopbackHost(std::string_view host) {
   return false;
 }
 
+std::optional<std::string_view> HostOfTarget(std::string_view target) {
+  for (const std::string_view scheme : {"http://", "https://"}) {
+    if (target.size() < scheme.size() || !IsSame(target.substr(0, scheme.size()), scheme)) continue;
+    target.remove_prefix(scheme.size());
+    return target.substr(0, target.find_first_of("/?#"));
+  }
+  return std::nullopt;
+}
+
 const char* WhyForbidden(const UpgradeRequest& request) {
   if (request.has_origin) return "it sends an Origin, as browsers do";
   if (request.host_count == 0) return "it sends no Host";
   if (request.host_count > 1) return "it sends several Hosts";
   if (!IsLoopbackHost(request.host)) return "its Host is not loopback";
+  if (!IsLoopbackHost(HostOfTarget(request.target).value_or(request.host))) {
+    return "it asks for another host";
+  }
   return nullptr;
 }
 
@@ -139,7 +153,11 @@ bool IsProperUpgrade(const UpgradeRequest& request, std::string_view& status) {
   status = "400 Bad Request";
   if (request.method != "GET" || request.version != "HTTP/1.1" || !request.has_connection_upgrade)
     return false;
-  if (request.version_count != 1 || request.websocket_version != "13") {
+  // What lies behind the head is read as frames.
+  if (request.has_body) return false;
+  if (!request.target.starts_with('/') && !HostOfTarget(request.target)) return false;
+  if (request.version_count > 1) return false;
+  if (request.version_count == 0 || request.websocket_version != "13") {
     status = "426 Upgrade Required\r\nUpgrade: websocket\r\nSec-WebSocket-Version: 13";
     return false;
   }

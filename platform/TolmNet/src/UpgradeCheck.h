@@ -18,6 +18,7 @@ struct UpgradeRequest {
   bool wants_websocket = false;
   bool has_connection_upgrade = false;
   bool has_origin = false;
+  bool has_body = false;
   int host_count = 0;
   int key_count = 0;
   int version_count = 0;
@@ -32,6 +33,10 @@ std::optional<UpgradeRequest> ParseRequest(std::string_view head);
 /// Whether a Host header names this machine's loopback interface: 127.0.0.1, localhost or [::1], with or
 /// without a port. Another name that leads here is what a foreign web page would use.
 bool IsLoopbackHost(std::string_view host);
+
+/// The host that the target names itself, which counts more than the header: "a" of "http://a/b". Nothing
+/// when it names none, as a guard's does.
+std::optional<std::string_view> HostOfTarget(std::string_view target);
 
 /// Why a request for a WebSocket may not be granted to anybody that sends it: null when it may.
 const char* WhyForbidden(const UpgradeRequest& request);

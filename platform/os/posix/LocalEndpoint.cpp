@@ -20,12 +20,16 @@ namespace {
 
 constexpr int kBacklog = 256;
 
+std::string SocketName(const std::string& name) {
+  return name + ".sock";
+}
+
 EndpointResult<sockaddr_un> Address(const std::string& name) {
   if (!IsEndpointName(name)) {
     return {nullptr, EndpointError::kNameInvalid,
             "an endpoint name is 1 to 64 letters, digits, '.', '_' or '-' and does not begin with '.'"};
   }
-  const std::string path = RuntimeFolder() + "/" + name + ".sock";
+  const std::string path = RuntimeFolder::Path() + "/" + SocketName(name);
   auto address = std::make_unique<sockaddr_un>();
   if (path.size() >= sizeof address->sun_path) {
     return {nullptr, EndpointError::kNameInvalid, path + " is too long for a socket"};
@@ -42,36 +46,47 @@ EndpointResult<T> Fail(EndpointError error, std::string message) {
 
 // The lock file, locked, or nothing. A holder removes its file when it ends, so the file that was
 // opened may not be the one that lies there by the time it is locked.
-EndpointResult<Descriptor> Lock(const std::string& path) {
+EndpointResult<Descriptor> Lock(const RuntimeFolder& folder, const std::string& name) {
+  const std::string path = folder.PathOf(name);
   for (;;) {
-    Descriptor lock(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    Descriptor lock = folder.OpenFile(name, O_CREAT);
     if (!lock) return Fail<Descriptor>(EndpointError::kFailed, SystemMessage("opening " + path));
     if (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
       return errno == EWOULDBLOCK
                  ? Fail<Descriptor>(EndpointError::kInUse, path + " is held by a living process")
                  : Fail<Descriptor>(EndpointError::kFailed, SystemMessage("locking " + path));
     }
-    struct stat opened {};
-    struct stat there {};
-    if (::fstat(lock.get(), &opened) == 0 && ::stat(path.c_str(), &there) == 0 &&
-        opened.st_ino == there.st_ino && opened.st_dev == there.st_dev) {
+    if (folder.Holds(name, lock)) {
       return {std::make_unique<Descriptor>(std::move(lock)), EndpointError::kNone, {}};
     }
   }
 }
 
+// Why nobody should connect to the socket at `path`, or nothing. A link, or a folder that somebody else
+// has made, may lead to another endpoint of this user, which is as good as any to the check of who listens.
+std::string FaultBefore(const std::string& path) {
+  std::string fault = RuntimeFolder::Fault();
+  struct stat status {};
+  if (fault.empty() && ::lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode)) {
+    fault = path + " is a link";
+  }
+  return fault;
+}
+
 class UnixListener final : public Listener {
  public:
-  UnixListener(Descriptor socket, Descriptor lock, std::string socket_path, std::string lock_path)
+  UnixListener(RuntimeFolder folder, std::string socket_name, std::string lock_name, Descriptor lock,
+               Descriptor socket)
       : Listener(socket.get()),
-        socket_(std::move(socket)),
+        folder_(std::move(folder)),
+        socket_name_(std::move(socket_name)),
+        lock_name_(std::move(lock_name)),
         lock_(std::move(lock)),
-        socket_path_(std::move(socket_path)),
-        lock_path_(std::move(lock_path)) {}
+        socket_(std::move(socket)) {}
 
   ~UnixListener() override {
-    ::unlink(socket_path_.c_str());
-    ::unlink(lock_path_.c_str());
+    folder_.Remove(socket_name_);
+    folder_.Remove(lock_name_);
   }
 
   Accepted Accept() override {
@@ -94,10 +109,11 @@ class UnixListener final : public Listener {
   }
 
  private:
-  const Descriptor socket_;
+  const RuntimeFolder folder_;
+  const std::string socket_name_;
+  const std::string lock_name_;
   const Descriptor lock_;  // freed last: a successor may begin only when the files are gone
-  const std::string socket_path_;
-  const std::string lock_path_;
+  const Descriptor socket_;
 };
 
 class UnixTransport final : public LocalTransport {
@@ -106,24 +122,29 @@ class UnixTransport final : public LocalTransport {
     const auto address = Address(name);
     if (!address.value) return Fail<Listener>(address.error, address.message);
     std::string fault;
-    const std::string folder = EnsureRuntimeFolder(fault);
+    RuntimeFolder folder = RuntimeFolder::Open(fault);
     if (!fault.empty()) return Fail<Listener>(EndpointError::kFailed, fault);
     const std::string socket_path = address.value->sun_path;
-    const std::string lock_path = folder + "/" + name + ".lock";
-    auto lock = Lock(lock_path);
+    const std::string socket_name = SocketName(name);
+    const std::string lock_name = name + ".lock";
+    auto lock = Lock(folder, lock_name);
     if (!lock.value) return Fail<Listener>(lock.error, lock.message);
     // The lock is ours, so nobody alive listens there: what lies there was left by a killed process.
-    if (::unlink(socket_path.c_str()) != 0 && errno != ENOENT) {
+    if (!folder.Remove(socket_name) && errno != ENOENT) {
       return Fail<Listener>(EndpointError::kFailed, SystemMessage("replacing " + socket_path));
     }
     Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!socket) return Fail<Listener>(EndpointError::kFailed, SystemMessage("making a socket"));
     const auto* generic = reinterpret_cast<const sockaddr*>(address.value.get());
-    if (::bind(socket.get(), generic, sizeof(sockaddr_un)) != 0 || ::chmod(socket_path.c_str(), 0600) != 0 ||
-        ::listen(socket.get(), kBacklog) != 0) {
+    if (::bind(socket.get(), generic, sizeof(sockaddr_un)) != 0) {
       return Fail<Listener>(EndpointError::kFailed, SystemMessage("listening on " + socket_path));
     }
-    return {std::make_unique<UnixListener>(std::move(socket), std::move(*lock.value), socket_path, lock_path),
+    // A socket is bound by its path alone, and somebody else's folder may lie there by now.
+    if (!folder.ClaimSocket(socket_name) || ::listen(socket.get(), kBacklog) != 0) {
+      return Fail<Listener>(EndpointError::kFailed, SystemMessage("listening on " + socket_path));
+    }
+    return {std::make_unique<UnixListener>(std::move(folder), socket_name, lock_name, std::move(*lock.value),
+                                           std::move(socket)),
             EndpointError::kNone,
             {}};
   }
@@ -132,6 +153,9 @@ class UnixTransport final : public LocalTransport {
     const auto address = Address(name);
     if (!address.value) return Fail<Stream>(address.error, address.message);
     const std::string path = address.value->sun_path;
+    if (const std::string fault = FaultBefore(path); !fault.empty()) {
+      return Fail<Stream>(EndpointError::kFailed, fault);
+    }
     Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!socket) return Fail<Stream>(EndpointError::kFailed, SystemMessage("making a socket"));
     const auto* generic = reinterpret_cast<const sockaddr*>(address.value.get());

@@ -7,7 +7,6 @@
 #include <fcntl.h>
 #include <linux/futex.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 #include <atomic>
@@ -43,12 +42,19 @@ struct Shared {
 static_assert(sizeof(Shared) == 16 && std::atomic<std::uint64_t>::is_always_lock_free &&
               sizeof(std::atomic<std::uint32_t>) == sizeof(std::uint32_t));
 
-/// Where the event's file lies; nothing when the name is empty or the folder may not be used.
-std::string Path(const std::string& name) {
-  if (name.empty()) return {};
+/// Where the event's file lies: the folder and its name in there.
+struct Place {
+  RuntimeFolder folder;
+  std::string name;
+};
+
+/// Nothing when the name is empty or the folder may not be used.
+std::optional<Place> PlaceOf(const std::string& name) {
+  if (name.empty()) return std::nullopt;
   std::string fault;
-  const std::string folder = EnsureRuntimeFolder(fault);
-  return fault.empty() ? folder + "/" + RuntimeFileName(name) + ".event" : std::string();
+  RuntimeFolder folder = RuntimeFolder::Open(fault);
+  if (!fault.empty()) return std::nullopt;
+  return Place{std::move(folder), RuntimeFileName(name) + ".event"};
 }
 
 // ------------------------------------------------------------------------------------- The locks
@@ -77,20 +83,13 @@ bool HasOtherHolders(const Descriptor& file) {
   return ::fcntl(file.get(), F_OFD_GETLK, &range) == 0 && range.l_type != F_UNLCK;
 }
 
-bool LiesAt(const Descriptor& file, const std::string& path) {
-  struct stat opened {};
-  struct stat there {};
-  return ::fstat(file.get(), &opened) == 0 && ::lstat(path.c_str(), &there) == 0 &&
-         opened.st_ino == there.st_ino && opened.st_dev == there.st_dev;
-}
-
-/// The file at `path`, locked for inspection; nothing, with errno set, when it cannot be opened. Whoever
-/// had it locked may have removed it, so that another one, or none, lies there by now.
-Descriptor OpenForInspection(const std::string& path, int more_flags) {
+/// The file there, locked for inspection; nothing, with errno set, when it cannot be opened. Whoever had it
+/// locked may have removed it, so that another one, or none, lies there by now.
+Descriptor OpenForInspection(const Place& place, int more_flags) {
   for (;;) {
-    Descriptor file(::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | more_flags, 0600));
+    Descriptor file = place.folder.OpenFile(place.name, more_flags);
     if (!file || !SetLock(file, F_WRLCK, kInspection)) return {};
-    if (LiesAt(file, path)) return file;
+    if (place.folder.Holds(place.name, file)) return file;
   }
 }
 
@@ -109,8 +108,8 @@ class FileEvent final : public NamedEvent {
  public:
   /// The maker of an event counts as one who waits from the beginning: it serves those who find the event,
   /// and its first wait may not have begun when the first of them is there.
-  FileEvent(Descriptor file, std::string path, Shared* shared, bool is_maker)
-      : file_(std::move(file)), path_(std::move(path)), shared_(*shared) {
+  FileEvent(Place place, Descriptor file, Shared* shared, bool is_maker)
+      : place_(std::move(place)), file_(std::move(file)), shared_(*shared) {
     if (is_maker) standing_.emplace(shared_);
   }
 
@@ -159,7 +158,7 @@ class FileEvent final : public NamedEvent {
  private:
   // REQUIRES: the file is locked for inspection.
   void RemoveName() {
-    if (LiesAt(file_, path_)) ::unlink(path_.c_str());
+    if (place_.folder.Holds(place_.name, file_)) place_.folder.Remove(place_.name);
   }
 
   // One wait's place in `waiters`. A new generation begins when those of the old one have not used their
@@ -227,18 +226,18 @@ class FileEvent final : public NamedEvent {
 
   void WakeAll() { ::syscall(SYS_futex, &shared_.changes, FUTEX_WAKE, INT_MAX); }
 
+  const Place place_;
   const Descriptor file_;
-  const std::string path_;
   Shared& shared_;
   std::optional<Registration> standing_;
 };
 
 /// Becomes one of the holders; `file` is locked for inspection, which ends. Null with errno set.
-std::unique_ptr<NamedEvent> Join(Descriptor file, std::string path, bool is_maker) {
+std::unique_ptr<NamedEvent> Join(Place place, Descriptor file, bool is_maker) {
   if (!SetLock(file, F_RDLCK, kHolders) || !SetLock(file, F_UNLCK, kInspection)) return nullptr;
   void* const memory = ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
   if (memory == MAP_FAILED) return nullptr;
-  return std::make_unique<FileEvent>(std::move(file), std::move(path), static_cast<Shared*>(memory),
+  return std::make_unique<FileEvent>(std::move(place), std::move(file), static_cast<Shared*>(memory),
                                      is_maker);
 }
 
@@ -246,31 +245,31 @@ std::unique_ptr<NamedEvent> Join(Descriptor file, std::string path, bool is_make
 
 std::unique_ptr<NamedEvent> NamedEvent::Create(const std::string& name, int& error) {
   error = 0;
-  std::string path = Path(name);
-  if (path.empty()) {
+  std::optional<Place> place = PlaceOf(name);
+  if (!place) {
     error = name.empty() ? EINVAL : EACCES;
     return nullptr;
   }
-  Descriptor file = OpenForInspection(path, O_CREAT);
+  Descriptor file = OpenForInspection(*place, O_CREAT);
   std::unique_ptr<NamedEvent> event;
   if (file) {
     const bool is_maker = !HasOtherHolders(file);
-    if (!is_maker || MakeFresh(file)) event = Join(std::move(file), std::move(path), is_maker);
+    if (!is_maker || MakeFresh(file)) event = Join(std::move(*place), std::move(file), is_maker);
   }
   if (event == nullptr) error = errno;
   return event;
 }
 
 std::unique_ptr<NamedEvent> NamedEvent::Open(const std::string& name) {
-  std::string path = Path(name);
-  if (path.empty()) return nullptr;
-  Descriptor file = OpenForInspection(path, 0);
+  std::optional<Place> place = PlaceOf(name);
+  if (!place) return nullptr;
+  Descriptor file = OpenForInspection(*place, 0);
   if (!file) return nullptr;
   if (!HasOtherHolders(file)) {
-    ::unlink(path.c_str());
+    place->folder.Remove(place->name);
     return nullptr;
   }
-  return Join(std::move(file), std::move(path), false);
+  return Join(std::move(*place), std::move(file), false);
 }
 
 }  // namespace os

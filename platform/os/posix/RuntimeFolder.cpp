@@ -1,21 +1,19 @@
 #include "RuntimeFolder.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
-
-#include "Descriptor.h"
+#include <utility>
 
 namespace os {
 namespace {
 
-// Why `folder` may not be used, or nothing. The temporary directory is everybody's: a folder that
-// somebody else made there, or may enter, must not hold what is ours.
-std::string FolderFault(const std::string& folder) {
-  struct stat status {};
-  if (::lstat(folder.c_str(), &status) != 0) return SystemMessage("looking at " + folder);
+// Why a folder may not be used, or nothing. The temporary directory is everybody's: a folder that somebody
+// else made there, or may enter, must not hold what is ours.
+std::string FaultOf(const std::string& folder, const struct stat& status) {
   if (!S_ISDIR(status.st_mode)) return folder + " is not a directory";
   if (status.st_uid != ::geteuid()) return folder + " belongs to another user";
   if ((status.st_mode & 077) != 0) return folder + " may be entered by other users";
@@ -35,7 +33,7 @@ std::string Hash(const std::string& text, std::uint64_t hash) {
 
 }  // namespace
 
-std::string RuntimeFolder() {
+std::string RuntimeFolder::Path() {
   const char* runtime = std::getenv("XDG_RUNTIME_DIR");
   if (runtime != nullptr && runtime[0] == '/') return std::string(runtime) + "/tolm-lpc";
   const char* temporary = std::getenv("TMPDIR");
@@ -43,14 +41,53 @@ std::string RuntimeFolder() {
   return std::string(temporary) + "/tolm-lpc-" + std::to_string(::geteuid());
 }
 
-std::string EnsureRuntimeFolder(std::string& fault) {
-  std::string folder = RuntimeFolder();
-  if (::mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) {
-    fault = SystemMessage("making " + folder);
+RuntimeFolder RuntimeFolder::Open(std::string& fault) {
+  std::string path = Path();
+  Descriptor folder;
+  struct stat status {};
+  fault.clear();
+  if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
+    fault = SystemMessage("making " + path);
   } else {
-    fault = FolderFault(folder);
+    // A link is opened as such, and found out.
+    folder = Descriptor(::open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    if (!folder || ::fstat(folder.get(), &status) != 0) {
+      fault = SystemMessage("looking at " + path);
+    } else {
+      fault = FaultOf(path, status);
+    }
   }
-  return folder;
+  return {std::move(path), std::move(folder)};
+}
+
+std::string RuntimeFolder::Fault() {
+  const std::string path = Path();
+  struct stat status {};
+  if (::lstat(path.c_str(), &status) == 0) return FaultOf(path, status);
+  return errno == ENOENT ? std::string() : SystemMessage("looking at " + path);
+}
+
+Descriptor RuntimeFolder::OpenFile(const std::string& name, int flags) const {
+  return Descriptor(
+      ::openat(folder_.get(), name.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | flags, S_IRUSR | S_IWUSR));
+}
+
+bool RuntimeFolder::Holds(const std::string& name, const Descriptor& file) const {
+  struct stat opened {};
+  struct stat there {};
+  return ::fstat(file.get(), &opened) == 0 &&
+         ::fstatat(folder_.get(), name.c_str(), &there, AT_SYMLINK_NOFOLLOW) == 0 &&
+         opened.st_ino == there.st_ino && opened.st_dev == there.st_dev;
+}
+
+bool RuntimeFolder::ClaimSocket(const std::string& name) const {
+  struct stat there {};
+  return ::fstatat(folder_.get(), name.c_str(), &there, AT_SYMLINK_NOFOLLOW) == 0 &&
+         S_ISSOCK(there.st_mode) && ::fchmodat(folder_.get(), name.c_str(), S_IRUSR | S_IWUSR, 0) == 0;
+}
+
+bool RuntimeFolder::Remove(const std::string& name) const {
+  return ::unlinkat(folder_.get(), name.c_str(), 0) == 0;
 }
 
 // '=' stands in no escaped name, so that a long name's file is never a short one's.

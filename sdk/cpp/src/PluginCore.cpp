@@ -11,6 +11,7 @@
 #include "TolmBase/LogLine.h"
 #include "TolmProto/RapidJsonProto.h"
 #include "common/Constants.h"
+#include "common/UrlTemplate.h"
 
 namespace TolmPlugin {
 namespace {
@@ -243,15 +244,18 @@ void Plugin::Core::Serve(tag_LPCCallBackData&& data, const lpcclient::InboundInf
   const std::string url = request.message.url;  // the handler may take the rest
   const Handler* const handler = urls.Find(url);
   if (handler == nullptr) {
-    TOLM_LOG(Tolm::Base::kLogLevelWarning, kTag, "nothing serves url [%s]", url.c_str());
-    if (wants_answer) client->Reject(reply.msg_id, "this plugin does not serve " + url);
+    TOLM_LOG(Tolm::Base::kLogLevelWarning, kTag, "nothing serves url [%s]",
+             TolmLPCFrame::MaskSidInUrl(url).c_str());
+    if (wants_answer)
+      client->Reject(reply.msg_id, "this plugin does not serve " + TolmLPCFrame::MaskSidInUrl(url));
     return;
   }
   Message answer;
   if (const auto thrown = WhatItThrew([&] { answer = (*handler)(std::move(request)); })) {
-    TOLM_LOG(Tolm::Base::kLogLevelError, kTag, "the handler of url [%s] failed: %s", url.c_str(),
-             thrown->c_str());
-    if (wants_answer) client->Reject(reply.msg_id, "the handler failed: " + *thrown);
+    TOLM_LOG(Tolm::Base::kLogLevelError, kTag, "the handler of url [%s] failed: %s",
+             TolmLPCFrame::MaskSidInUrl(url).c_str(), TolmLPCFrame::MaskSidInUrl(*thrown).c_str());
+    if (wants_answer)
+      client->Reject(reply.msg_id, "the handler failed: " + TolmLPCFrame::MaskSidInUrl(*thrown));
     return;
   }
   if (!wants_answer) return;
@@ -261,8 +265,8 @@ void Plugin::Core::Serve(tag_LPCCallBackData&& data, const lpcclient::InboundInf
   const std::uint64_t request_id = reply.msg_id;
   if (!client->Reply(std::move(reply))) {
     const char* const why = lpc::ErrorText(lpcclient::GetLPCLastError());
-    TOLM_LOG(Tolm::Base::kLogLevelWarning, kTag, "the answer for url [%s] could not be sent: %s", url.c_str(),
-             why);
+    TOLM_LOG(Tolm::Base::kLogLevelWarning, kTag, "the answer for url [%s] could not be sent: %s",
+             TolmLPCFrame::MaskSidInUrl(url).c_str(), why);
     // Whoever waits for it need not do so until the time-out.
     client->Reject(request_id, std::string("the answer could not be sent: ") + why);
   }

@@ -123,6 +123,17 @@ TEST_F(OsLocalEndpoint, APipeThatIsThereAlreadyIsNotJoined) {
   EXPECT_EQ(Listen("name"), EndpointError::kNone) << message_ << ": it is free again";
 }
 
+TEST_F(OsLocalEndpoint, APipeThatIsThereInOtherLettersIsNotJoinedEither) {
+  std::wstring pipe = PipeOf("name");
+  pipe.replace(pipe.size() - 4, 4, L"NaMe");
+  const Descriptor descriptor = DescriptorFrom(L"D:(A;;GA;;;WD)");
+  ASSERT_TRUE(descriptor);
+  // Everybody may add instances to it, so the frame could, too.
+  const OwnedHandle taken = MakePipe(pipe, PIPE_UNLIMITED_INSTANCES, descriptor.get());
+  ASSERT_TRUE(taken) << ::GetLastError();
+  EXPECT_EQ(Listen("name"), EndpointError::kInUse) << message_;
+}
+
 TEST_F(OsLocalEndpoint, NamesAreShortAndPlain) {
   for (const std::string& name : {std::string("a"), std::string("A.b-c_9"), std::string("-"),
                                   std::string("_"), std::string("a.."), std::string(64, 'x')}) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "TolmBase/PrintfLike.h"
 
@@ -27,6 +28,9 @@ inline constexpr unsigned kCodePageUtf8 = 65001;
 /// A secret as a log may show it: mode 21 gives one asterisk for each byte. Unknown modes hide in the
 /// same way. Returns `text` unchanged when masking is switched off or `text` is empty.
 std::string MaskForLog(const std::string& text, int mode, unsigned code_page);
+
+/// A text with urls in it as a log may show it: the 32 hex digits behind each "SID=" (any case) are masked.
+std::string MaskSessionIds(std::string_view text);
 
 /// Masking in logs, process-wide; switched on at first.
 void SetLogMasking(bool on);

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "TolmBase/LogLine.h"
+#include "TolmBase/StringUtil.h"
 #include "TolmLPCServer/LpcError.h"
 
 namespace lpc {
@@ -208,11 +209,12 @@ void ServerCore::AcceptAll() {
 
 void ServerCore::Accept(std::unique_ptr<os::Stream> stream) {
   const os::PeerIdentity identity = stream->Peer();
-  auto link = std::make_shared<wire::Link>(std::move(stream), loop_, options_, *this);
   if (!identity.same_user) {
-    Refuse(*link, kRefused, "it belongs to another user");
+    // Closed without a word: a stranger is not told what it has found.
+    NoteRefused(identity, "it belongs to another user");
     return;
   }
+  auto link = std::make_shared<wire::Link>(std::move(stream), loop_, options_, *this);
   const auto deadline = wire::IoLoop::Clock::now() + std::chrono::milliseconds(options_.handshake_ms);
   bool room = false;
   {
@@ -243,11 +245,15 @@ void ServerCore::Refuse(wire::Link& link, int error, const std::string& reason) 
 
 // Whoever marks an entry as refused does this, once.
 void ServerCore::TellRefused(wire::Link& link, int error, const std::string& reason) {
-  refused_.fetch_add(1, std::memory_order_relaxed);
-  TOLM_LOG(Tolm::Base::kLogLevelWarning, kTag, "refused the connection of process %ld: %s",
-           link.identity().process_id, reason.c_str());
+  NoteRefused(link.identity(), reason);
   link.SendNotice(wire::FrameType::kRefuse, 0, error, reason);
   link.CutOff(error, reason);
+}
+
+void ServerCore::NoteRefused(const os::PeerIdentity& peer, const std::string& reason) {
+  refused_.fetch_add(1, std::memory_order_relaxed);
+  TOLM_LOG(Tolm::Base::kLogLevelWarning, kTag, "refused the connection of process %ld: %s", peer.process_id,
+           reason.c_str());
 }
 
 wire::HandshakeStep ServerCore::OnHandshake(wire::Link& link, const wire::FrameHeader& header,
@@ -517,7 +523,7 @@ int ServerCore::SendAndWait(tag_LPCResponseData& response, const tag_LPCRequestD
   const int error = link->SendAndWait(message, time_out, reply);
   if (error != kOk) {
     TOLM_LOG(Tolm::Base::kLogLevelTrace, kTag, "no answer of peer [%s] for url [%s]: %s",
-             request.dst_id.c_str(), url.c_str(), ErrorText(error));
+             request.dst_id.c_str(), Tolm::Base::StringUtil::MaskSessionIds(url).c_str(), ErrorText(error));
     return error;
   }
   response.src_id = link->peer_name();

@@ -84,6 +84,7 @@ class ServerCore final : public wire::LinkOwner, public std::enable_shared_from_
   void Admit(const std::shared_ptr<wire::Link>& link, const std::string& id);
   void Refuse(wire::Link& link, int error, const std::string& reason);
   void TellRefused(wire::Link& link, int error, const std::string& reason);
+  void NoteRefused(const os::PeerIdentity& peer, const std::string& reason);
   TimePoint Housekeeping(TimePoint now);
   void ListenFailed(int system_error);
   void Forget(const wire::Link& link);
