@@ -1,3 +1,4 @@
+#include "FrameEndpoint.h"
 #include "FrameLink.h"
 
 #include <gmock/gmock.h>
@@ -32,54 +33,6 @@ using asio::ip::tcp;
 using boost::system::error_code;
 using testing::ElementsAre;
 using tolm::test::WaitFor;
-
-/// A frame's endpoint that does everything step by step, as the test says.
-class Endpoint {
- public:
-  Endpoint() : acceptor_(context_, tcp::endpoint(asio::ip::address_v4::loopback(), 0)) {
-    acceptor_.non_blocking(true);
-  }
-
-  std::uint16_t port() const { return acceptor_.local_endpoint().port(); }
-  http::request<http::string_body>& request() { return request_; }
-  websocket::stream<tcp::socket>& stream() { return *stream_; }
-
-  /// Takes the next connection and reads its request.
-  bool TakeRequest() {
-    stream_.emplace(context_);
-    error_code error;
-    if (!WaitFor([&] { return !acceptor_.accept(stream_->next_layer(), error); })) return false;
-    stream_->next_layer().non_blocking(false);
-    request_ = {};
-    beast::flat_buffer buffer;
-    http::read(stream_->next_layer(), buffer, request_, error);
-    return !error;
-  }
-  bool Accept() {
-    if (!TakeRequest()) return false;
-    error_code error;
-    stream_->accept(request_, error);
-    return !error;
-  }
-  /// The next text; empty when the connection has ended, for the reason in `ended`.
-  std::string Read() {
-    beast::flat_buffer buffer;
-    stream_->read(buffer, ended);
-    return ended ? std::string() : beast::buffers_to_string(buffer.data());
-  }
-  void Close() {
-    error_code ignored;
-    stream_->next_layer().close(ignored);
-  }
-
-  error_code ended;
-
- private:
-  asio::io_context context_;
-  tcp::acceptor acceptor_;
-  http::request<http::string_body> request_;
-  std::optional<websocket::stream<tcp::socket>> stream_;
-};
 
 class Link : public testing::Test {
  protected:
@@ -120,7 +73,7 @@ class Link : public testing::Test {
 
   const tolm::test::TempDirectory directory_;
   tolm::test::LogCapture capture_{3};
-  Endpoint frame_;
+  FrameEndpoint frame_;
   std::unique_ptr<FrameLink> link_;
 
  private:
@@ -183,7 +136,7 @@ TEST_F(Link, SendsNothingWhileNobodyIsThere) {
 
 TEST_F(Link, ComesBackWhenTheConnectionIsLostAndReadsThePortAnew) {
   Connect();
-  Endpoint other;
+  FrameEndpoint other;
   WritePort(other.port());
   frame_.Close();
   ASSERT_TRUE(other.Accept());

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include <string>
+#include <string_view>
 
 #include "PluginBehaviours.h"
 #include "SystemTest.h"
@@ -18,7 +19,7 @@ std::string WithSecret(const std::string& url) {
   return url + "?x=1&SID=" + kSecret + "&sid=" + kSecret;
 }
 
-/// What a log tells of calls, its bodies left out: they are shown as they are.
+/// Bodies are shown as they are, those of registrations too: nothing else of a line may show a session id.
 class Secrets : public SystemTest {
  protected:
   void SetUp() override {
@@ -28,9 +29,18 @@ class Secrets : public SystemTest {
     b_ = &StartPlugin("b");
   }
   void ExpectNoSecret() {
-    EXPECT_THAT(host_.LogText(), Not(HasSubstr(kSecret)));
+    EXPECT_THAT(LogWithoutBodies(), Not(HasSubstr(kSecret)));
     EXPECT_THAT(a_->Output(), Not(HasSubstr(kSecret)));
     EXPECT_THAT(b_->Output(), Not(HasSubstr(kSecret)));
+  }
+  std::string LogWithoutBodies() const {
+    constexpr std::string_view kFront = "lpc_body =[";
+    std::string log = host_.LogText();
+    for (std::size_t at = log.find(kFront); at != std::string::npos; at = log.find(kFront, at)) {
+      at += kFront.size();
+      log.erase(at, log.find("], mt_method[", at) - at);
+    }
+    return log;
   }
 
   ChildProcess* a_ = nullptr;

@@ -16,10 +16,11 @@ TABLES = {
     "unit_lpc": "OsEndpointAccess.*",
     "unit_base": "LogFileAccess.*",
     "unit_os": "OsInheritance.*:OsPrivateFiles.*",
-    "guard_core_test": "OutputFileAccess.Each*",
-    "unit_net": "NetUpgradeMatrix.*:NetSecondUser.*",
+    "guard_core_test": "OutputFileAccess.Each*:SecondUserServer.*",
+    "unit_net": "NetUpgradeMatrix.*:NetSecondUser.*:NetDescriptors.OfTheServer*",
     "transport_test": "*IdsThatTryTricks*:*OfTwentyThatWant*:*AnIdIsFreeAsSoon*:*AHolderThatComesBack*:SecondUser.*",
     "system_test": "Descriptors.*",
+    "guarded_test": "Inheritance.*",
 }
 LEAST_ROWS = {"endpoint": 100, "second_user": 20, "id": 60, "upgrade": 40, "files": 40, "inherited": 80}
 

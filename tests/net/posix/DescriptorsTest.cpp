@@ -1,14 +1,20 @@
 // A process that has no descriptors left; only here can a process limit its own.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <list>
+#include <set>
+#include <string>
 
 #include "ServerEnd.h"
 #include "ServerPort.h"
 #include "support/OwnResources.h"
+#include "support/Rows.h"
+#include "support/posix/Lookout.h"
 
 namespace tolm::test {
 namespace {
@@ -91,6 +97,31 @@ TEST(NetDescriptors, NoneLeftForAServerIsCannotListen) {
         std::exit(started ? 0 : 3);
       },
       testing::ExitedWithCode(0), "");
+}
+
+TEST(NetDescriptors, ThatAChildInheritsAreSeenByALookout) {
+  Lookout lookout;
+  const int file = ::open("/dev/zero", O_RDONLY);  // without O_CLOEXEC
+  const int looks = lookout.looks();
+  ASSERT_TRUE(WaitFor([&] { return lookout.looks() > looks + 1; }));
+  EXPECT_EQ(lookout.Finish(), std::set<std::string>{"/dev/zero"});
+  ::close(file);
+}
+
+TEST(NetDescriptors, OfTheServerAreKeptFromWhatTheHostStarts) {
+  Rows rows("inherited");
+  Lookout lookout;
+  for (int life = 0; life < 3; ++life) {
+    ServerEnd server;
+    for (int i = 0; i < 20; ++i) {
+      auto guard = RawClient::Upgraded(server.port());
+      guard.Send(Text("in") + CloseBytes(1000));
+      EXPECT_TRUE(guard.ReadToEnd());
+    }
+  }
+  std::set<std::string> found = lookout.Finish();
+  EXPECT_GT(lookout.looks(), 20);
+  rows.Expect(std::set<std::string>{}, found, "descriptors that a child of the host inherits");
 }
 
 }  // namespace
