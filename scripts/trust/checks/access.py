@@ -44,6 +44,7 @@ AS_IT_IS = {
     "a text for the guard": (b"send_data = ", b""),
     "a text for the guard that was not sent": (b",data=", b",session_id="),
     "the plugins' command line": (b"plugin_cmdline[", b""),
+    "what a plugin prints": (b" [out] ", b""),
 }
 RECORD = re.compile(rb"^\[\d{4}-\d\d-\d\d ")
 
@@ -150,7 +151,8 @@ def without_what_is_shown(line, begins):
         return line, ""
     for why, (front, behind) in AS_IT_IS.items():
         before, at, after = line.partition(front)
-        if not at:
+        # What a plugin prints may be a line of our own log.
+        if not at or RECORD.match(after):
             continue
         return before + (after[after.rfind(behind):] if behind and behind in after else b""), why
     return line, ""
