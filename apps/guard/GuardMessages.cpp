@@ -142,8 +142,8 @@ std::string BuildMainProcessPathQuestion() {
   return BuildRequest("GetMianProcessPath", Tolm::Base::GuidUtil::CreateGuid());
 }
 
-std::string BuildInitStatesQuestion() {
-  return BuildRequest("GetProcessInitStateList", Tolm::Base::GuidUtil::CreateGuid());
+std::string BuildInitStatesQuestion(const std::string& guid) {
+  return BuildRequest("GetProcessInitStateList", guid);
 }
 
 std::string BuildProcessEnded(const std::string& plugin) {

@@ -56,7 +56,8 @@ bool ParseFrameMessage(const std::string& text, FrameMessage& message, std::stri
 // What the guard says.
 
 std::string BuildMainProcessPathQuestion();
-std::string BuildInitStatesQuestion();
+/// Its answer carries `guid`.
+std::string BuildInitStatesQuestion(const std::string& guid);
 /// The plugin's process has ended.
 std::string BuildProcessEnded(const std::string& plugin);
 // The replies that the frame waits for.

@@ -81,7 +81,7 @@ void PluginSupervisor::Start(Manifest manifest, std::vector<std::string> extra_a
       CancelTimer();
       [[fallthrough]];
     case State::kIdle:
-      StartProcess();
+      StartWhenSettled();
       break;
   }
 }
@@ -123,11 +123,12 @@ void PluginSupervisor::SetProtected(bool is_protected) {
 }
 
 // A successor that has initialised before the frame takes note of the end would count as ended from then on.
-void PluginSupervisor::Restart() {
-  if (surroundings_.is_end_known(id_)) {
+void PluginSupervisor::StartWhenSettled() {
+  if (surroundings_.is_end_settled(id_)) {
     StartProcess();
   } else {
-    SetTimer(kLookAgain, &PluginSupervisor::Restart);
+    state_ = State::kWaiting;
+    SetTimer(kLookAgain, &PluginSupervisor::StartWhenSettled);
   }
 }
 
@@ -189,11 +190,12 @@ void PluginSupervisor::OnEnded(std::uint64_t run, const os::ProcessEnd& end) {
   const bool was_stopped = state_ == State::kStopping;
   TOLM_LOG(crashed && !was_stopped ? kLogLevelWarning : kLogLevelInfo, kTag, "plugin %s: ended, %s",
            id_.c_str(), how.c_str());
-  surroundings_.on_end(id_);
 
   if (was_stopped) {
-    state_ = State::kIdle;
-    if (std::exchange(start_again_, false)) StartProcess();
+    const bool again = std::exchange(start_again_, false);
+    state_ = again ? State::kWaiting : State::kIdle;
+    surroundings_.on_end(id_);
+    if (again) StartWhenSettled();
     return;
   }
   if (crashed && ran_for < kFirstSeconds) {
@@ -203,6 +205,7 @@ void PluginSupervisor::OnEnded(std::uint64_t run, const os::ProcessEnd& end) {
     });
   }
   FollowEnd(ran_for, crashed);
+  surroundings_.on_end(id_);
 }
 
 void PluginSupervisor::FollowEnd(Milliseconds ran_for, bool crashed) {
@@ -226,7 +229,7 @@ void PluginSupervisor::FollowEnd(Milliseconds ran_for, bool crashed) {
     case RestartPolicy::Decision::Kind::kRestart:
       state_ = State::kWaiting;
       output_->Note("restarted in " + Seconds(decision.delay));
-      SetTimer(decision.delay, &PluginSupervisor::Restart);
+      SetTimer(decision.delay, &PluginSupervisor::StartWhenSettled);
       break;
   }
 }

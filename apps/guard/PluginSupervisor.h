@@ -18,10 +18,11 @@ struct PluginSurroundings {
   Scheduler& scheduler;
   ProcessStarter start;
   std::function<double()> random;  ///< from 0 to below 1
-  /// A process of the plugin that had been started has ended; before anything follows upon it.
+  /// A process of the plugin that had been started has ended. Its state says already whether a successor
+  /// is due, kWaiting, and none has been started yet.
   std::function<void(const std::string& plugin_id)> on_end;
-  /// Whether the frame has taken note of the plugin's end; a restart waits for that.
-  std::function<bool(const std::string& plugin_id)> is_end_known = [](const std::string&) { return true; };
+  /// Whether no word on an earlier end is under way any more; each start waits for that.
+  std::function<bool(const std::string& plugin_id)> is_end_settled = [](const std::string&) { return true; };
 };
 
 /// One plugin: its process, its restarts and its end. All operations are for the scheduler's thread, and
@@ -70,7 +71,7 @@ class PluginSupervisor : public std::enable_shared_from_this<PluginSupervisor> {
 
   PluginSupervisor(std::string id, std::filesystem::path log_file, const PluginSurroundings& surroundings);
 
-  void Restart();
+  void StartWhenSettled();
   void StartProcess();
   void OnEnded(std::uint64_t run, const os::ProcessEnd& end);
   void FollowEnd(Milliseconds ran_for, bool crashed);

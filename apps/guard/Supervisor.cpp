@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "ManifestReader.h"
+#include "TolmBase/GuidUtil.h"
 #include "TolmBase/LogLine.h"
 #include "os/HiddenProcess.h"
 #include "os/UserPlaces.h"
@@ -21,9 +22,6 @@ using Tolm::Base::kLogLevelWarning;
 
 constexpr char kTag[] = "TolmGuard";
 constexpr char kPluginsFolder[] = "plugins";
-/// How long the frame may take to note an end, and when it is asked again whether it has.
-constexpr Milliseconds kNotedWithin{1000};
-constexpr Milliseconds kAskAgain{10};
 
 /// What the frame calls a command line is what stands behind the program in one.
 std::vector<std::string> SplitArguments(const std::string& text) {
@@ -41,10 +39,10 @@ Supervisor::Supervisor(SupervisorOptions options, Scheduler& scheduler, FrameCha
       channel_(channel),
       surroundings_{scheduler, std::move(start), std::move(random),
                     [this](const std::string& id) { OnPluginEnded(id); },
-                    [this](const std::string& id) { return IsEndKnown(id); }} {}
+                    [this](const std::string& id) { return ends_.IsSettled(id); }},
+      ends_(scheduler, channel) {}
 
 Supervisor::~Supervisor() {
-  scheduler_.Cancel(ask_timer_);
   scheduler_.Cancel(lost_timer_);
   scheduler_.Cancel(shutdown_timer_);
 }
@@ -65,18 +63,17 @@ void Supervisor::OnFrameConnected() {
   scheduler_.Cancel(std::exchange(lost_timer_, 0));
   channel_.Send(BuildMainProcessPathQuestion());
   // A plugin that runs again may have told the frame already that it is initialised.
-  for (const std::string& id : std::exchange(unreported_, {})) {
+  for (const std::string& id : ends_.TakeUnheard()) {
     const PluginSupervisor* const ended = Find(id);
-    if (ended != nullptr && !ended->has_process()) ReportEnd(id);
+    if (ended != nullptr && !ended->has_process()) ReportEnd(*ended);
   }
-  channel_.Send(BuildInitStatesQuestion());
+  AskForStates();
 }
 
 void Supervisor::OnFrameLost() {
   TOLM_LOG(kLogLevelWarning, kTag, "the connection to the frame is lost; plugins run on for %lld ms",
            static_cast<long long>(options_.lost_grace.count()));
-  unconfirmed_.clear();  // another frame knows of nobody
-  scheduler_.Cancel(std::exchange(ask_timer_, 0));
+  ends_.OnFrameLost();
   scheduler_.Cancel(lost_timer_);
   lost_timer_ = scheduler_.After(options_.lost_grace, [this] {
     lost_timer_ = 0;
@@ -140,7 +137,7 @@ void Supervisor::On(const FrameMessage&, const StopPlugin& stop) {
 }
 
 void Supervisor::On(const FrameMessage&, const InitStatesChanged&) {
-  channel_.Send(BuildInitStatesQuestion());
+  AskForStates();
 }
 
 void Supervisor::On(const FrameMessage&, const FrameEnds&) {
@@ -148,7 +145,7 @@ void Supervisor::On(const FrameMessage&, const FrameEnds&) {
   StopAll(PluginSupervisor::StopWay::kLetItEnd);
 }
 
-void Supervisor::On(const FrameMessage&, const InitStates& states) {
+void Supervisor::On(const FrameMessage& message, const InitStates& states) {
   std::map<std::string, bool> now(states.plugins.begin(), states.plugins.end());
   for (const auto& [id, is_initialised] : now) {
     const auto before = init_states_.find(id);
@@ -158,15 +155,7 @@ void Supervisor::On(const FrameMessage&, const InitStates& states) {
              is_initialised ? "initialised" : "not initialised any more");
   }
   init_states_.swap(now);
-  std::erase_if(unconfirmed_, [this](const auto& ended) {
-    const auto state = init_states_.find(ended.first);
-    return state == init_states_.end() || !state->second || scheduler_.Now() >= ended.second;
-  });
-  if (unconfirmed_.empty() || ask_timer_ != 0) return;
-  ask_timer_ = scheduler_.After(kAskAgain, [this] {
-    ask_timer_ = 0;
-    channel_.Send(BuildInitStatesQuestion());
-  });
+  ends_.OnStates(message.guid, init_states_);
 }
 
 void Supervisor::On(const FrameMessage&, const MainProcessPath& main_process) {
@@ -225,25 +214,17 @@ void Supervisor::StopAll(PluginSupervisor::StopWay way) {
 }
 
 void Supervisor::OnPluginEnded(const std::string& id) {
-  ReportEnd(id);
+  ReportEnd(*Find(id));
   // Posted: the plugin is still in the middle of its end.
   if (shutting_down_) scheduler_.Post([this] { FinishShutdownWhenDone(); });
 }
 
-void Supervisor::ReportEnd(const std::string& id) {
-  if (!channel_.Send(BuildProcessEnded(id))) {
-    unreported_.insert(id);
-    return;
-  }
-  const auto state = init_states_.find(id);
-  if (state == init_states_.end() || !state->second) return;
-  unconfirmed_[id] = scheduler_.Now() + kNotedWithin;
-  channel_.Send(BuildInitStatesQuestion());
+void Supervisor::ReportEnd(const PluginSupervisor& plugin) {
+  ends_.OnEnded(plugin.id(), plugin.state() == PluginSupervisor::State::kWaiting);
 }
 
-bool Supervisor::IsEndKnown(const std::string& id) const {
-  const auto ended = unconfirmed_.find(id);
-  return ended == unconfirmed_.end() || scheduler_.Now() >= ended->second;
+void Supervisor::AskForStates() {
+  channel_.Send(BuildInitStatesQuestion(Tolm::Base::GuidUtil::CreateGuid()));
 }
 
 // -------------------------------------------------------------------------------------- The guard's end

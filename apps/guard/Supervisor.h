@@ -4,24 +4,15 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <set>
 #include <string>
 #include <vector>
 
+#include "EndReports.h"
 #include "GuardMessages.h"
 #include "PluginSupervisor.h"
 #include "Scheduler.h"
 
 namespace guard {
-
-/// The way to the frame, as the supervisor sees it.
-class FrameChannel {
- public:
-  virtual ~FrameChannel() = default;
-
-  /// Queues one text; false when no frame is connected. Does not block.
-  virtual bool Send(std::string text) = 0;
-};
 
 struct SupervisorOptions {
   std::filesystem::path plugins;      ///< the folder with a folder for each plugin
@@ -69,8 +60,8 @@ class Supervisor {
   void StopAll(PluginSupervisor::StopWay way);
   PluginSupervisor* Find(const std::string& id);
   void OnPluginEnded(const std::string& id);
-  void ReportEnd(const std::string& id);
-  bool IsEndKnown(const std::string& id) const;
+  void ReportEnd(const PluginSupervisor& plugin);
+  void AskForStates();
   void FinishShutdownWhenDone();
 
   SupervisorOptions options_;
@@ -83,10 +74,7 @@ class Supervisor {
   bool is_list_in_force_ = false;    // listed_ is what the frame wants
   std::string command_line_;
   std::map<std::string, bool> init_states_;
-  std::set<std::string> unreported_;  // ended while no frame was connected
-  /// Told to the frame, which counted them as initialised, and until when its taking note is waited for.
-  std::map<std::string, TimePoint> unconfirmed_;
-  Scheduler::TimerId ask_timer_ = 0;
+  EndReports ends_;
   Scheduler::TimerId lost_timer_ = 0;
   bool shutting_down_ = false;
   std::function<void()> done_;

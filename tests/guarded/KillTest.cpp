@@ -38,17 +38,10 @@ TEST_F(LongKill, OfPluginsAndGuardsUnderLoadEndsEveryCallAndLeavesNobody) {
   const auto ended = [&] { return host.CountLines("answer from ") + host.CountLines("no answer, error "); };
   EXPECT_TRUE(WaitFor([&] { return ended() == static_cast<std::size_t>(calls); }, kPatience))
       << ended() << " of " << calls << " calls have ended";
-  const auto serves_within = [&](const std::string& id, auto time) {
+  const auto serves = [&](const std::string& id) {
     return WaitFor(
         [&] { return Call(host, "/" + id + "/echo", "after all") == "answer from " + id + ": after all"; },
-        time);
-  };
-  // The guard's word on an earlier life may have come behind the latest "InitFinish" (docs/limits.md, the
-  // known races): the next life mends that.
-  const auto serves = [&](const std::string& id) {
-    if (serves_within(id, kPatience / 4)) return true;
-    for (const ProcessId process : folder_.ProcessesOf(folder_.Plugin(id))) KillProcess(process);
-    return serves_within(id, kPatience);
+        kPatience);
   };
   CountCalls(host, calls);
   for (const std::string& id : ids) EXPECT_TRUE(serves(id)) << id << " does not come back";

@@ -235,12 +235,13 @@ class Plugins:
         process = self.running.pop(name)
         process.wait()
         say(f"ended {name}")
-        self.on_end(name)
         if name in self.unwatched:
+            self.on_end(name)
             return
         self.restarts[name] = self.restarts.get(name, 0) + 1
         if self.restarts[name] > MOST_RESTARTS:
             say(f"given up {name}")
+            self.on_end(name)
         else:
             self.on_restart(name)
 
@@ -274,6 +275,7 @@ class Guard:
         self.guids = 0
         self.asked = {}  # guid of each question that has no answer yet: its method
         self.restarting = {}  # guid of a question: the plugin that is started when the answer allows it
+        self.told = set()  # plugins that wait for the frame to note their ends
         self.seen = set()  # guids that the frame has used
         self.input = b""
         self.hanging = []
@@ -307,6 +309,7 @@ class Guard:
         self.connection.peer.close()
         self.asked.clear()
         self.restarting.clear()
+        self.told.clear()
 
     def send_text(self, text):
         self.connection.send(frame(TEXT, text.encode()))
@@ -348,10 +351,16 @@ class Guard:
         say(f"answer {method} {guid}: {content or 'none'}")
         if guid in self.restarting:
             name = self.restarting.pop(guid)
-            if {"processName": name, "initState": 1} in data.get("initInfoList", []):
+            listed = {state["processName"]: state["initState"] for state in data.get("initInfoList", [])}
+            if listed.get(name, 1) == 1 and name not in self.told:
+                self.told.add(name)
+                self.tell_end(name)
+            if listed.get(name) == 1:
                 self.restart(name)
-            elif name not in self.plugins.unwatched:
-                self.plugins.start(name)
+            else:
+                self.told.discard(name)
+                if name not in self.plugins.unwatched:
+                    self.plugins.start(name)
 
     def receive_request(self, guid, data):
         method = data["method"]
@@ -430,7 +439,8 @@ class Guard:
         self.send_text(json.dumps({"guid": f"end-{self.guids}", "requestData": data}))
 
     def restart(self, name):
-        """Starts it when the frame counts it as ended: it would take late news for the successor's end."""
+        """Starts it when the frame counts it as ended, and is told so only while it does not: it would take late
+        news for the successor's end."""
         self.restarting[self.ask("GetProcessInitStateList")] = name
 
     # What is typed

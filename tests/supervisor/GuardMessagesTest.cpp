@@ -150,11 +150,11 @@ TEST(GuardMessages, TheReasonIsShortAndPrintableHoweverLongTheTextIs) {
 
 TEST(GuardMessages, QuestionsHaveGuidsOfTheirOwn) {
   const std::string path = BuildMainProcessPathQuestion();
-  const std::string states = BuildInitStatesQuestion();
+  const std::string states = BuildInitStatesQuestion("g1");
   EXPECT_EQ(Built(path, "/requestData/method"), "GetMianProcessPath");
   EXPECT_EQ(Built(states, "/requestData/method"), "GetProcessInitStateList");
   EXPECT_EQ(Built(path, "/guid").size(), 36u);
-  EXPECT_NE(Built(path, "/guid"), Built(states, "/guid"));
+  EXPECT_EQ(Built(states, "/guid"), "g1");
   EXPECT_NE(Built(path, "/guid"), Built(BuildMainProcessPathQuestion(), "/guid"));
 }
 

@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -19,9 +20,12 @@
 
 namespace guard::test {
 
-/// A frame that keeps what it is sent.
+/// A frame that keeps what it is sent, and answers questions for the states at once.
 class FakeFrame : public FrameChannel {
  public:
+  /// `say` brings a text to the guard, later.
+  explicit FakeFrame(std::function<void(std::string text)> say) : say_(std::move(say)) {}
+
   struct Sent {
     std::string method;
     std::string guid;
@@ -35,7 +39,31 @@ class FakeFrame : public FrameChannel {
     EXPECT_TRUE(json.set_str(text));
     sent.push_back({json.get_v("/requestData/method", ""), json.get_v("/guid", ""),
                     json.get_v("/requestData/processId", ""), text});
+    if (sent.back().method == "NotifyProcessState" && notes_ends) Note(sent.back().process_id);
+    if (sent.back().method == "GetProcessInitStateList" && answers) Answer(sent.back().guid);
     return true;
+  }
+
+  /// Handles a notice of an end.
+  void Note(const std::string& plugin) {
+    if (const auto state = states.find(plugin); state != states.end()) state->second = 0;
+  }
+  /// Answers the question that carried `guid`.
+  void Answer(const std::string& guid) {
+    std::string list;
+    for (const auto& [id, state] : states) {
+      list += (list.empty() ? R"({"processName":")" : R"(,{"processName":")") + id + R"(","initState":)" +
+              std::to_string(state) + "}";
+    }
+    say_(R"({"code":"0","msg":"","guid":")" + guid + R"(","responseData":{"initInfoList":[)" + list +
+         R"(],"total":)" + std::to_string(states.size()) + "}}");
+  }
+  /// Answers the latest question.
+  void Answer() {
+    for (auto one = sent.rbegin(); one != sent.rend(); ++one) {
+      if (one->method == "GetProcessInitStateList") return Answer(one->guid);
+    }
+    ADD_FAILURE() << "nothing was asked";
   }
 
   std::vector<std::string> Methods() const {
@@ -52,7 +80,13 @@ class FakeFrame : public FrameChannel {
   }
 
   bool connected = false;
+  bool answers = true;
+  bool notes_ends = true;
+  std::map<std::string, int> states{{"clock", 0}, {"relay", 0}, {"shop", 0}};  // of those that are listed
   std::vector<Sent> sent;
+
+ private:
+  const std::function<void(std::string text)> say_;
 };
 
 /// A supervisor between a frame that the test plays and processes that are none, with real manifests.
@@ -137,7 +171,9 @@ class SupervisorScene : public testing::Test {
   const tolm::test::TempDirectory directory_;
   tolm::test::LogCapture capture_{3};
   VirtualScheduler clock_;
-  FakeFrame frame_;
+  FakeFrame frame_{[this](std::string text) {
+    clock_.Post([this, text = std::move(text)] { supervisor_->OnFrameText(text); });
+  }};
   FakeProcesses processes_;
   std::unique_ptr<Supervisor> supervisor_;
 };
