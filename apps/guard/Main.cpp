@@ -13,6 +13,7 @@
 #include "Options.h"
 #include "Supervisor.h"
 #include "TolmBase/LogLine.h"
+#include "common/AgentNames.h"
 #include "os/ExecutablePath.h"
 #include "os/PrivateFiles.h"
 #include "os/StopSignal.h"
@@ -30,13 +31,6 @@ constexpr int kExitRunsAlready = 3;
 constexpr char kTag[] = "TolmGuard";
 constexpr std::size_t kLogFileBytes = 1048576;
 constexpr std::size_t kOldLogFiles = 2;
-
-/// The same for every way to write a path.
-std::string LockName(const fs::path& config) {
-  std::error_code error;
-  const fs::path canonical = fs::weakly_canonical(config, error);
-  return "guard " + (error ? config : canonical).string();
-}
 
 /// Begins the guard's log in the first folder that can be written to; gives that, or the first one.
 fs::path OpenLog(const std::vector<fs::path>& folders) {
@@ -58,7 +52,7 @@ int Check(const Options& options, const Places& places) {
 
 int Supervise(const Options& options, const Places& places) {
   std::string why;
-  const auto lock = os::ProcessLock::TryTake(LockName(places.config), why);
+  const auto lock = os::ProcessLock::TryTake(TolmLPCFrame::GuardLockName(places.config), why);
   if (!lock) {
     std::fprintf(stderr, "TolmGuard: %s%s\n",
                  why.empty() ? "a guard runs already for " : (why + "; cannot guard ").c_str(),

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <string_view>
+#include <system_error>
 #include <vector>
 
 #include "TolmBase/StringUtil.h"
@@ -38,6 +39,12 @@ std::string AgentEventName(const std::string& agent_path) {
   std::string name = agent_path;
   NormalizePath(name);  // a path that cannot be normalised names its event as it stands
   return "Global\\" + Tolm::Base::StringUtil::StringReplace(name, "\\", "/") + "-agent";
+}
+
+std::string GuardLockName(const std::filesystem::path& config) {
+  std::error_code error;
+  const std::filesystem::path canonical = std::filesystem::weakly_canonical(config, error);
+  return "guard " + (error ? config : canonical).string();
 }
 
 }  // namespace TolmLPCFrame

@@ -3,6 +3,7 @@
 // Where the agent and the guard lie, and what the agent's event is called: agreed on by the frame, the
 // agent and the guard, and made with backslashes on every system.
 
+#include <filesystem>
 #include <string>
 
 namespace TolmLPCFrame {
@@ -18,7 +19,10 @@ inline constexpr char kRoleClient[] = "Client";
 /// False, and `path` is left as it is, when ".." climbs above the first segment or nothing remains.
 bool NormalizePath(std::string& path);
 
-/// The name of the event that the agent at `agent_path` holds while it runs.
+/// The name of the event that the agent at `agent_path` holds while it runs, and of its lock.
 std::string AgentEventName(const std::string& agent_path);
+/// The name of the lock that the guard for the configuration file `config` holds while it runs; the same for
+/// every way to write a path.
+std::string GuardLockName(const std::filesystem::path& config);
 
 }  // namespace TolmLPCFrame

@@ -36,6 +36,9 @@ inline constexpr char kGuardSetProcessGuardStateList[] = "SetProcessGuardStateLi
 /// The frame type whose frame starts and ends the agent.
 inline constexpr int kFrameTypeWithAgent = 1;
 
+/// Beside the host's executable.
+inline constexpr char kConfigFileName[] = "LpcFrame.xml";
+
 /// The host side's own id; a url that maps to it is never forwarded to a plugin.
 inline constexpr char kMainCompnentID[] = "0";
 

@@ -6,8 +6,10 @@
 #include "common/AgentNames.h"
 #include "common/Constants.h"
 #include "lpcintegratemodule/LPCCommunicateWithTolmGuard.h"
+#include "os/ChildProcess.h"
 #include "os/HiddenProcess.h"
 #include "os/NamedEvent.h"
+#include "os/Utf8Path.h"
 
 namespace TolmLPCFrame {
 
@@ -24,6 +26,13 @@ void RemoveProcesses(std::string executable_path) {
   NormalizePath(executable_path);
   os::RunRemovalCommand("wmic process where ExecutablePath=\"" +
                         StringReplace(executable_path, "\\", "\\\\") + "\" delete");
+}
+
+/// The lock of an agent or a guard that was killed may lie there as a file: whoever takes it and lets go of
+/// it takes that away. One that lives keeps it.
+void RemoveLeftLock(const std::string& name) {
+  std::string ignored;
+  os::ProcessLock::TryTake(name, ignored);
 }
 
 }  // namespace
@@ -66,6 +75,9 @@ void CLPCCommunicateWithTolmGuard::UnInitTolmAgent() {
   }
   RemoveProcesses(folder + kGuardRelativePath);
   RemoveProcesses(folder + kAgentRelativePath);
+  if (event_name.empty()) return;
+  RemoveLeftLock(event_name);
+  RemoveLeftLock(GuardLockName(os::Utf8Path(Tolm::Base::FileUtil::GetCurExeDirUtf8()) / kConfigFileName));
 }
 
 }  // namespace TolmLPCFrame

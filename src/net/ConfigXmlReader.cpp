@@ -15,11 +15,10 @@ using Tolm::Base::kLogLevelInfo;
 
 namespace {
 
-constexpr char kFileName[] = "LpcFrame.xml";
 constexpr char kProtocolTypePath[] = "/Config/ProtocolType";
 
 std::string ConfigPath() {
-  return Tolm::Base::FileUtil::GetCurExeDirUtf8() + kFileName;
+  return Tolm::Base::FileUtil::GetCurExeDirUtf8() + kConfigFileName;
 }
 
 const char* PortPath(std::int32_t frame_type) {

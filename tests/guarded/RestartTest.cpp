@@ -116,9 +116,7 @@ TEST_F(Restart, WithoutItsAgentTheGuardAndThePluginsEndAndTheHostStopsInOrder) {
   ChildProcess& host = StartAll();
   KillProcess(OnlyProcessOf(folder_.Agent()));
   EXPECT_TRUE(SeeEvent(host, "a", "disconnected"));
-  host.Type("stop");
-  EXPECT_EQ(host.WaitExit(), (Exit{0, false}));
-  EXPECT_TRUE(WaitFor([this] { return folder_.Processes().empty(); }, kPatience));
+  StopHost(host);
 }
 
 }  // namespace

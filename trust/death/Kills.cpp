@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <iterator>
 #include <random>
 #include <string>
 #include <vector>
@@ -22,7 +23,9 @@ constexpr int kHostThreads = 3;
 constexpr int kPluginThreads = 2;
 constexpr int kKillsBetweenLooks = 20;
 constexpr int kKillsBetweenStops = 100;
+constexpr int kKillsBetweenDeadlyStops = 25;
 constexpr int kMostNaps = 120;
+constexpr int kMostNapsOfAStop = 1500;
 constexpr int kNapsOfCalm = 250;
 constexpr std::size_t kMostShown = 3;
 constexpr int kMostFailed = 5;
@@ -39,6 +42,7 @@ class Killing {
     Look();
     int looked = 0;
     int stopped = 0;
+    int stopped_under_fire = 0;
     while (kills_ < options_.kills && failed_ < kMostFailed) {
       Nap(random_() % kMostNaps);
       KillSomething();
@@ -47,6 +51,11 @@ class Killing {
         Stop();
         StartHost();
         looked = stopped = kills_;
+        std::printf("%d kills\n", kills_);
+      } else if (kills_ - stopped_under_fire >= kKillsBetweenDeadlyStops) {
+        KillWhileItStops();
+        StartHost();
+        stopped_under_fire = kills_;
       } else if (kills_ - looked >= kKillsBetweenLooks) {
         Look();
         looked = kills_;
@@ -87,6 +96,7 @@ class Killing {
     StartHost();
   }
   void KillSomething();
+  void KillWhileItStops();
   void Look();
   void Stop();
   bool AllServe();
@@ -103,6 +113,7 @@ class Killing {
   int guards_ = 0;
   int agents_ = 0;
   int hosts_ = 0;
+  int in_stops_ = 0;
   int failed_ = 0;
   std::size_t orphans_ = 0;
   std::size_t files_ = 0;
@@ -131,6 +142,28 @@ void Killing::KillSomething() {
       StartHost();
     }
   }
+}
+
+// A stop takes its time, and any of the processes may die in it. What the dead leave is for the next start.
+void Killing::KillWhileItStops() {
+  stage_.tally().quiet = true;
+  stage_.host().Type("stop");
+  Nap(random_() % kMostNapsOfAStop);
+  const auto processes = stage_.Processes();
+  if (!processes.empty()) {
+    const auto victim = std::next(processes.begin(), static_cast<long>(random_() % processes.size()));
+    tolm::test::KillProcess(victim->first);
+    const bool is_plugin = victim->second.filename() == "death_plugin";
+    ++(is_plugin                          ? plugins_
+       : victim->second == stage_.Host()  ? hosts_
+       : victim->second == stage_.Agent() ? agents_
+                                          : guards_);
+    ++kills_;
+    ++in_stops_;
+  }
+  if (stage_.host().WaitExit(kPatience)) return;
+  ++failed_;
+  Fail("the host does not end when something dies while it stops");
 }
 
 // Whether every plugin answers the host, and is answered by another one and by the host, from now on.
@@ -207,6 +240,7 @@ void Killing::PrintFigures() {
   figure("kills.guard", guards_);
   figure("kills.agent", agents_);
   figure("kills.host", hosts_);
+  figure("kills.in_stop", in_stops_);
   figure("calls", calls);
   none("calls_late", tally.late.load());
   figure("answered", tally.outcomes[0].load());

@@ -24,6 +24,7 @@ using tolm::test::ProcessId;
 using tolm::test::WaitFor;
 
 const std::string kId = "a";
+constexpr int kLongRounds = 10;
 
 /// One moment: what is expected is written as a row of steps, of which the first that fails ends the round.
 class Moment {
@@ -219,6 +220,16 @@ void PluginWithCallback(Moment& moment) {
   moment.SeeAllWell();
 }
 
+void HostStaysAway(Moment& moment) {
+  moment.StartHost();
+  moment.See("plugin a: initialised");
+  moment.stage().KillHost();
+  moment.Expect(moment.stage().ProcessesThatStay() == 0, "a process stays without a host");
+  moment.StartHost();
+  moment.See("plugin a: initialised");
+  moment.SeeAllWell();
+}
+
 struct Named {
   const char* name;
   bool gated;
@@ -239,6 +250,8 @@ void RunMoments(int rounds) {
       {"plugin_with_callback", false, PluginWithCallback},
   };
   for (const Named& one : moments) Moment(one.name, one.gated).Play(rounds, one.round);
+  // The agent waits ten seconds for a host.
+  Moment("host_stays_away", false).Play((rounds + kLongRounds - 1) / kLongRounds, HostStaysAway);
 }
 
 }  // namespace trust::death
