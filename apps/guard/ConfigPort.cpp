@@ -11,13 +11,15 @@ namespace fs = std::filesystem;
 
 constexpr std::size_t kMaxFileBytes = 1048576;
 
-/// Empty when there is nothing, or the file is longer than any configuration.
+/// Up to its last line feed, as the frame reads it; all of it when there is none. Empty when there is
+/// nothing, or the file is longer than any configuration.
 std::string ReadText(const fs::path& path) {
   std::ifstream file(path, std::ios::binary);
   std::string text(kMaxFileBytes + 1, '\0');
   file.read(text.data(), static_cast<std::streamsize>(text.size()));
   text.resize(static_cast<std::size_t>(file.gcount()));
   if (text.size() > kMaxFileBytes) text.clear();
+  if (const std::size_t last = text.rfind('\n'); last != std::string::npos) text.resize(last + 1);
   return text;
 }
 

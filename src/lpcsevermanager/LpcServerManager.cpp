@@ -1,7 +1,6 @@
 #include "lpcsevermanager/LpcServerManager.h"
 
 #include <algorithm>
-#include <cstddef>
 #include <string_view>
 #include <utility>
 
@@ -12,6 +11,7 @@
 #include "common/CaughtException.h"
 #include "common/Constants.h"
 #include "common/DataConvert.h"
+#include "common/UrlQuery.h"
 #include "common/UrlTemplate.h"
 #include "lpcintegratemodule/LPCIntegrate.h"
 
@@ -25,18 +25,6 @@ namespace {
 
 CLpcServerManager& Manager() {
   return Tolm::Base::CSingleton<CLpcServerManager>::Instance();
-}
-
-/// What the last "<name>=..." of `query` holds; empty without one.
-std::string_view QueryParameter(std::string_view query, std::string_view name) {
-  std::string_view value;
-  while (!query.empty()) {
-    const std::string_view piece = query.substr(0, query.find('&'));
-    query.remove_prefix(std::min(piece.size() + 1, query.size()));
-    const std::size_t equals = piece.find('=');
-    if (equals != std::string_view::npos && piece.substr(0, equals) == name) value = piece.substr(equals + 1);
-  }
-  return value;
 }
 
 std::string_view ParamOrEmpty(const LpcParams& params, const char* key) {

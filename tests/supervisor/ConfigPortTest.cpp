@@ -40,6 +40,15 @@ TEST_F(Config, PaddingWithLineFeedsDoesNotMatter) {
   EXPECT_EQ(Port(), 65535);
 }
 
+TEST_F(Config, WhatStandsBehindTheLastLineFeedIsNotReadAsTheFrameReadsIt) {
+  Write("<Config>\n<ClientPort>7003</ClientPort>\n</Config>\ngarbage");
+  EXPECT_EQ(Port(), 7003);
+  Write("<Config>\n<ClientPort>7003</ClientPort></Config>");
+  EXPECT_EQ(Port(), 65535);
+  Write("<Config><ClientPort>7003</ClientPort></Config>");
+  EXPECT_EQ(Port(), 7003);
+}
+
 TEST_F(Config, TheDataFileStandsInForAMissingOrEmptyOne) {
   Write("<Config><ClientPort>1</ClientPort></Config>", "LpcFrame.data");
   EXPECT_EQ(Port(), 1);
