@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+#include <deque>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -12,9 +14,10 @@
 namespace fuzz {
 
 /// The bytes of a frame whose stated size is that of its payload.
-inline std::string FrameBytes(lpc::wire::FrameType type, std::string_view payload) {
+inline std::string FrameBytes(lpc::wire::FrameType type, std::string_view payload, std::uint64_t id = 0) {
   lpc::wire::FrameHeader header;
   header.type = type;
+  header.message_id = id;
   header.payload_size = static_cast<std::uint32_t>(payload.size());
   const auto bytes = EncodeHeader(header);
   return std::string(bytes.data(), bytes.size()).append(payload);
@@ -30,10 +33,20 @@ class OtherEnd final : public lpc::wire::FrameSink {
   void OnControlFrame(const lpc::wire::FrameHeader& /*header*/, std::string_view /*payload*/) override {
     ++frames_;
   }
-  void OnMessage(lpc::wire::InboundMessage&& /*message*/) override { ++frames_; }
+  void OnMessage(lpc::wire::InboundMessage&& message) override {
+    ++frames_;
+    if (message.type == lpc::wire::FrameType::kRequest) requests_.push_back(message.id);
+  }
 
   /// How many frames have come.
   int frames() const { return frames_; }
+  /// The id of the oldest request that has come and was not taken yet; 0 when there is none.
+  std::uint64_t TakeRequest() {
+    if (requests_.empty()) return 0;
+    const std::uint64_t id = requests_.front();
+    requests_.pop_front();
+    return id;
+  }
 
   /// Takes what has come, which must be in order. False when the connection has ended.
   bool TakeAnswers() {
@@ -67,6 +80,7 @@ class OtherEnd final : public lpc::wire::FrameSink {
   const lpc::Options limits_;
   lpc::wire::FrameReader reader_{limits_};
   int frames_ = 0;
+  std::deque<std::uint64_t> requests_;
 };
 
 }  // namespace fuzz
