@@ -116,11 +116,11 @@ class Sequence {
       case 9:
         end_->TakeAnswers();
         return end_->Write(
-            FrameBytes(FrameType::kUndeliverable, EncodeNotice({11, "no"}), end_->TakeRequest()));
+            FrameBytes(FrameType::kUndeliverable, lpc::wire::EncodeNotice({11, "no"}), end_->TakeRequest()));
       case 10:
         return end_->Write(FrameBytes(variant % 2 == 0 ? FrameType::kPing : FrameType::kPong, {}));
       case 11:
-        if (variant == 0) end_->Write(FrameBytes(FrameType::kGoodbye, EncodeNotice({0, "bye"})));
+        if (variant == 0) end_->Write(FrameBytes(FrameType::kGoodbye, lpc::wire::EncodeNotice({0, "bye"})));
         peers_[peer] = {};
         return;
       case 12:

@@ -125,7 +125,9 @@ void LiveFrame::RequireQuiet() {
   {
     const std::lock_guard lock(mutex_);
     Require(told_["bystander"].disconnected == 0, "a plugin that behaves stays");
-    std::erase_if(told_, [](const auto& entry) { return entry.first != "bystander"; });
+    // What comes late stays with what it belongs to.
+    std::erase_if(told_,
+                  [](const auto& entry) { return entry.second.connected == entry.second.disconnected; });
   }
   LPCData answer;
   Require(TolmLPCFrame::SyncSend(answer, Message("/bystander/echo", "still there?"), 10'000) &&
