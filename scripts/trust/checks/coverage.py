@@ -20,7 +20,7 @@ def counted(tree):
     done = subprocess.run(
         ["gcovr", "--root", ROOT, "--object-directory", tree, "--gcov-executable", "gcov-12", "--exclude-throw-branches",
          "--exclude-unreachable-branches", "--filter", f"{ROOT}/(src|platform|sdk|apps)/", "--json-summary", "-j",
-         str(os.cpu_count())],
+         str(os.cpu_count()), tree],
         capture_output=True, text=True)
     if done.returncode != 0:
         raise Failed(f"gcovr failed:\n{done.stderr[-2000:]}")
