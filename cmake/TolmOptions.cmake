@@ -37,7 +37,9 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_L
 endif()
 if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
   # Inherited constructors and designated initialisers trip these without a fault in the code.
-  target_compile_options(tolm_flags INTERFACE -Wno-missing-field-initializers)
+  target_compile_options(tolm_flags INTERFACE -Wno-missing-field-initializers
+    # What is used without its lock (platform/os/include/os/ThreadSafety.h).
+    -Wthread-safety)
 endif()
 target_link_libraries(tolm_flags INTERFACE Threads::Threads)
 

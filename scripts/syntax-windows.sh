@@ -15,7 +15,7 @@ command -v "$clang" >/dev/null || fail "there is no $clang"
 gcc=$(x86_64-w64-mingw32-g++-posix -print-file-name=include) || fail "there is no MinGW-w64 with posix threads"
 [ -d "$gcc/c++/x86_64-w64-mingw32" ] || fail "no headers of the standard library below $gcc"
 
-options=(--target=x86_64-w64-mingw32 -fsyntax-only -pedantic -Wall -Wextra -Wconversion -Wshadow -Werror
+options=(--target=x86_64-w64-mingw32 -fsyntax-only -pedantic -Wall -Wextra -Wconversion -Wshadow -Wthread-safety -Werror
   # clang would take the headers of a MinGW of its own choice, or the build machine's.
   -nostdinc++ -nostdlibinc -isystem "$gcc/c++" -isystem "$gcc/c++/x86_64-w64-mingw32" -isystem "$gcc/c++/backward"
   -idirafter /usr/x86_64-w64-mingw32/include

@@ -33,9 +33,9 @@ constexpr std::uint64_t kNoMsgId = std::numeric_limits<std::uint64_t>::max();
 constexpr int kUnknownError = -1;
 
 struct InitState {
-  boost::shared_mutex mutex;
+  SharedMutex mutex;
   /// Nothing sets it: a second start is a repetition and not an error.
-  bool already_initialised = false;
+  bool already_initialised TOLM_GUARDED_BY(mutex) = false;
 };
 
 CLpcServerManager& Transport() {
@@ -53,7 +53,7 @@ unsigned long ForLog(std::uint64_t msg_id) {
 
 int TolmLPCFrameInit(const std::string& lpc_server_name, const PlatformInfo& info) try {
   auto& state = Tolm::Base::CSingleton<InitState>::Instance();
-  const boost::unique_lock<boost::shared_mutex> lock(state.mutex);
+  const ExclusiveLock lock(state.mutex);
   if (state.already_initialised) {
     TOLM_LOG(kLogLevelInfo, kTagInfo, "TolmLPCFrameInit alreadly init");
     return kFrameAlreadyInitialised;

@@ -1,11 +1,11 @@
 #include "TolmLPCFrameDiagnostics.h"
 
-#include <mutex>
 #include <utility>
 
 #include "TolmBase/Log.h"
 #include "TolmBase/Singleton.h"
 #include "common/CaughtException.h"
+#include "os/Mutex.h"
 
 namespace TolmLPCFrame {
 
@@ -13,14 +13,13 @@ namespace {
 
 /// What the host chose. The base library is told level and sink at once, so both are kept here.
 struct Choices {
-  std::mutex mutex;
-  // All below is guarded by mutex.
-  LogSink sink = nullptr;
-  void* sink_user = nullptr;
-  std::string file;
-  std::size_t file_max_bytes = 0;
-  std::size_t file_max_files = 0;
-  int level = kLogInformation;
+  os::Mutex mutex;
+  LogSink sink TOLM_GUARDED_BY(mutex) = nullptr;
+  void* sink_user TOLM_GUARDED_BY(mutex) = nullptr;
+  std::string file TOLM_GUARDED_BY(mutex);
+  std::size_t file_max_bytes TOLM_GUARDED_BY(mutex) = 0;
+  std::size_t file_max_files TOLM_GUARDED_BY(mutex) = 0;
+  int level TOLM_GUARDED_BY(mutex) = kLogInformation;
 };
 
 Choices& GetChoices() {
@@ -31,7 +30,7 @@ Choices& GetChoices() {
 
 void SetLogSink(LogSink sink, void* user) try {
   Choices& choices = GetChoices();
-  const std::lock_guard lock(choices.mutex);
+  const os::MutexLock lock(choices.mutex);
   choices.sink = sink;
   choices.sink_user = user;
   Tolm::Base::SetLogCallback(sink, user, choices.level);
@@ -41,7 +40,7 @@ void SetLogSink(LogSink sink, void* user) try {
 
 void SetLogLevel(int level) try {
   Choices& choices = GetChoices();
-  const std::lock_guard lock(choices.mutex);
+  const os::MutexLock lock(choices.mutex);
   choices.level = level;
   if (choices.sink != nullptr) Tolm::Base::SetLogCallback(choices.sink, choices.sink_user, level);
   if (!choices.file.empty()) {
@@ -57,7 +56,7 @@ void SetLogStderrLevel(int level) try { Tolm::Base::SetLogStderrLevel(level); } 
 
 bool SetLogFile(const std::string& path, std::size_t max_bytes, std::size_t max_files) try {
   Choices& choices = GetChoices();
-  const std::lock_guard lock(choices.mutex);
+  const os::MutexLock lock(choices.mutex);
   std::string file = path;
   if (!Tolm::Base::SetLogFile(path, max_bytes, max_files, choices.level)) return false;
   choices.file = std::move(file);

@@ -1,11 +1,10 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <optional>
 
 #include "os/ChildProcess.h"
+#include "os/Mutex.h"
 
 namespace tolm::agent {
 
@@ -23,12 +22,11 @@ class Inbox {
   bool WasAskedByEvent() const;
 
  private:
-  mutable std::mutex mutex_;
-  std::condition_variable changed_;
-  // All are guarded by mutex_.
-  bool asked_ = false;
-  bool asked_by_event_ = false;
-  std::optional<os::ProcessEnd> guard_end_;
+  mutable os::Mutex mutex_;
+  os::Condition changed_;
+  bool asked_ TOLM_GUARDED_BY(mutex_) = false;
+  bool asked_by_event_ TOLM_GUARDED_BY(mutex_) = false;
+  std::optional<os::ProcessEnd> guard_end_ TOLM_GUARDED_BY(mutex_);
 };
 
 }  // namespace tolm::agent

@@ -25,7 +25,7 @@ Children::Children() : thread_([this] { ThreadMain(); }) {}
 
 Children::~Children() {
   {
-    const std::lock_guard lock(mutex_);
+    const os::MutexLock lock(mutex_);
     stopping_ = true;
     changed_.notify_one();
   }
@@ -39,16 +39,16 @@ std::unique_ptr<Process> Children::Start(os::ProcessRequest request, std::string
 }
 
 void Children::Bury(std::unique_ptr<os::ChildProcess> process) {
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   dead_.push_back(std::move(process));
   changed_.notify_one();
 }
 
 void Children::ThreadMain() {
   os::SetThreadName("guard-bury");
-  std::unique_lock lock(mutex_);
+  os::UniqueLock lock(mutex_);
   for (;;) {
-    changed_.wait(lock, [this] { return stopping_ || !dead_.empty(); });
+    changed_.wait(lock, [this]() TOLM_REQUIRES(mutex_) { return stopping_ || !dead_.empty(); });
     if (dead_.empty()) return;
     auto process = std::move(dead_.front());
     dead_.pop_front();

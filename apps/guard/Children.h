@@ -1,13 +1,12 @@
 #pragma once
 
-#include <condition_variable>
 #include <deque>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 
 #include "Process.h"
+#include "os/Mutex.h"
 
 namespace guard {
 
@@ -31,11 +30,10 @@ class Children {
   void Bury(std::unique_ptr<os::ChildProcess> process);
   void ThreadMain();
 
-  std::mutex mutex_;
-  // All below is guarded by mutex_.
-  std::condition_variable changed_;
-  std::deque<std::unique_ptr<os::ChildProcess>> dead_;
-  bool stopping_ = false;
+  os::Mutex mutex_;
+  os::Condition changed_;
+  std::deque<std::unique_ptr<os::ChildProcess>> dead_ TOLM_GUARDED_BY(mutex_);
+  bool stopping_ TOLM_GUARDED_BY(mutex_) = false;
 
   std::thread thread_;  // the last member: it uses the others
 };

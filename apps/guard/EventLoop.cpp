@@ -22,7 +22,7 @@ void EventLoop::Run() {
 
 // Timers that are due come before posted tasks: a flood of posts must not put off a kill.
 bool EventLoop::TakeNext(Task& task) {
-  std::unique_lock lock(mutex_);
+  os::UniqueLock lock(mutex_);
   for (;;) {
     if (stopping_) return false;
     if (!timers_.empty() && timers_.begin()->first.first <= Clock::now()) {
@@ -45,13 +45,13 @@ bool EventLoop::TakeNext(Task& task) {
 }
 
 void EventLoop::Stop() {
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   stopping_ = true;
   posted_.notify_one();
 }
 
 void EventLoop::Post(Task task) {
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   tasks_.push_back(std::move(task));
   posted_.notify_one();
 }

@@ -1,12 +1,11 @@
 #pragma once
 
-#include <condition_variable>
 #include <deque>
 #include <map>
-#include <mutex>
 #include <utility>
 
 #include "Scheduler.h"
+#include "os/Mutex.h"
 
 namespace guard {
 
@@ -32,11 +31,10 @@ class EventLoop : public Scheduler {
   std::map<TimerId, TimePoint> due_;
   TimerId last_timer_ = 0;
 
-  std::mutex mutex_;
-  // All below is guarded by mutex_.
-  std::condition_variable posted_;
-  std::deque<Task> tasks_;
-  bool stopping_ = false;
+  os::Mutex mutex_;
+  os::Condition posted_;
+  std::deque<Task> tasks_ TOLM_GUARDED_BY(mutex_);
+  bool stopping_ TOLM_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace guard

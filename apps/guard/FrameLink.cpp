@@ -11,11 +11,11 @@
 #include <boost/beast/websocket.hpp>
 #include <deque>
 #include <exception>
-#include <mutex>
 #include <thread>
 #include <utility>
 
 #include "TolmBase/LogLine.h"
+#include "os/Mutex.h"
 #include "os/PortTable.h"
 #include "os/ThreadName.h"
 
@@ -67,7 +67,7 @@ class FrameLink::Impl {
   }
 
   bool Send(std::string text) {
-    const std::lock_guard lock(mutex_);
+    const os::MutexLock lock(mutex_);
     if (!connected_) return false;
     if (queued_bytes_ + text.size() > kMaxQueuedBytes) {
       TOLM_LOG(Tolm::Base::kLogLevelError, kTag, "the frame takes no messages: one of %zu bytes is dropped",
@@ -150,7 +150,7 @@ class FrameLink::Impl {
     retry_ = options_.first_retry;
     last_reason_.clear();
     {
-      const std::lock_guard lock(mutex_);
+      const os::MutexLock lock(mutex_);
       connected_ = true;
       connection_ = connection;
     }
@@ -179,7 +179,7 @@ class FrameLink::Impl {
 
   void Write(const ConnectionPtr& connection) {
     {
-      const std::lock_guard lock(mutex_);
+      const os::MutexLock lock(mutex_);
       if (connection != connection_) return;
       writing_ = !queue_.empty();
       if (writing_) {
@@ -223,7 +223,7 @@ class FrameLink::Impl {
     bool was_connected = false;
     std::size_t unsent = 0;
     {
-      const std::lock_guard lock(mutex_);
+      const os::MutexLock lock(mutex_);
       was_connected = std::exchange(connected_, false);
       connection_.reset();
       unsent = queue_.size() + (writing_ ? 1 : 0);
@@ -252,7 +252,7 @@ class FrameLink::Impl {
       close_timer_.async_wait([this](const error_code&) { context_.stop(); });
     }
     {
-      const std::lock_guard lock(mutex_);
+      const os::MutexLock lock(mutex_);
       if (connected_ && writing_) return;
       // What comes from now on has nobody to arrive at.
       if (!std::exchange(connected_, false)) {
@@ -290,13 +290,12 @@ class FrameLink::Impl {
   ConnectionPtr current_;
   bool stopping_ = false;
 
-  std::mutex mutex_;
-  // All below is guarded by mutex_.
-  bool connected_ = false;
-  ConnectionPtr connection_;
-  std::deque<std::string> queue_;
-  std::size_t queued_bytes_ = 0;
-  bool writing_ = false;  // a Write is under way or posted
+  os::Mutex mutex_;
+  bool connected_ TOLM_GUARDED_BY(mutex_) = false;
+  ConnectionPtr connection_ TOLM_GUARDED_BY(mutex_);
+  std::deque<std::string> queue_ TOLM_GUARDED_BY(mutex_);
+  std::size_t queued_bytes_ TOLM_GUARDED_BY(mutex_) = 0;
+  bool writing_ TOLM_GUARDED_BY(mutex_) = false;  // a Write is under way or posted
 
   std::thread thread_;
 };

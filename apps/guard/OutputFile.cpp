@@ -27,8 +27,8 @@ std::string TimeText(std::chrono::system_clock::time_point now) {
   const std::time_t seconds = system_clock::to_time_t(floor<std::chrono::seconds>(now));
   const auto fraction = duration_cast<milliseconds>(now - floor<std::chrono::seconds>(now)).count();
   // Several files are written at a time, and localtime has one result for all.
-  static std::mutex mutex;
-  const std::lock_guard lock(mutex);
+  static os::Mutex mutex;
+  const os::MutexLock lock(mutex);
   char day[32] = "";
   if (const std::tm* const local = std::localtime(&seconds)) {
     std::strftime(day, sizeof day, "%Y-%m-%d %H:%M:%S", local);
@@ -49,12 +49,12 @@ OutputFile::OutputFile(fs::path path, const LogRules& rules, Now now)
     : path_(std::move(path)), now_(now), rules_(rules) {}
 
 void OutputFile::SetRules(const LogRules& rules) {
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   rules_ = rules;
 }
 
 void OutputFile::Write(std::string_view bytes) {
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   if (bytes.empty() && !line_.empty()) EndPiece(false);
   for (const char byte : bytes) AddByte(byte);
 }
@@ -89,12 +89,12 @@ void OutputFile::EndPiece(bool continues) {
 }
 
 void OutputFile::Note(std::string_view line) {
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   WriteLine("[guard] ", Tolm::Base::StringUtil::MaskSessionIds(line));
 }
 
 std::vector<std::string> OutputFile::LastLines() const {
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   std::vector<std::string> lines(last_lines_.begin(), last_lines_.end());
   if (!line_.empty()) lines.push_back(line_.substr(0, kMaxLastLine));
   if (lines.size() > kLastLines) lines.erase(lines.begin());
@@ -102,7 +102,7 @@ std::vector<std::string> OutputFile::LastLines() const {
 }
 
 void OutputFile::ForgetLastLines() {
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   last_lines_.clear();
 }
 

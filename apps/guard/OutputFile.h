@@ -5,12 +5,12 @@
 #include <deque>
 #include <filesystem>
 #include <fstream>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "Manifest.h"
+#include "os/Mutex.h"
 
 namespace guard {
 
@@ -44,27 +44,26 @@ class OutputFile {
   void ForgetLastLines();
 
  private:
-  void AddByte(char byte);
-  void EndPiece(bool continues);
-  void WriteLine(std::string_view tag, std::string_view text);
-  bool Append(const std::string& line);
-  void Rotate();
+  void AddByte(char byte) TOLM_REQUIRES(mutex_);
+  void EndPiece(bool continues) TOLM_REQUIRES(mutex_);
+  void WriteLine(std::string_view tag, std::string_view text) TOLM_REQUIRES(mutex_);
+  bool Append(const std::string& line) TOLM_REQUIRES(mutex_);
+  void Rotate() TOLM_REQUIRES(mutex_);
   std::filesystem::path OldFile(int n) const;
 
   const std::filesystem::path path_;
   const Now now_;
 
-  mutable std::mutex mutex_;
-  // All below is guarded by mutex_.
-  LogRules rules_;
-  std::ofstream file_;
-  std::size_t size_ = 0;
-  bool failed_ = false;
-  std::size_t lost_lines_ = 0;
-  std::chrono::steady_clock::time_point retry_at_;
-  std::string line_;           // of the plugin, not finished
-  bool is_continued_ = false;  // line_ goes on with a line that was cut
-  std::deque<std::string> last_lines_;
+  mutable os::Mutex mutex_;
+  LogRules rules_ TOLM_GUARDED_BY(mutex_);
+  std::ofstream file_ TOLM_GUARDED_BY(mutex_);
+  std::size_t size_ TOLM_GUARDED_BY(mutex_) = 0;
+  bool failed_ TOLM_GUARDED_BY(mutex_) = false;
+  std::size_t lost_lines_ TOLM_GUARDED_BY(mutex_) = 0;
+  std::chrono::steady_clock::time_point retry_at_ TOLM_GUARDED_BY(mutex_);
+  std::string line_ TOLM_GUARDED_BY(mutex_);           // of the plugin, not finished
+  bool is_continued_ TOLM_GUARDED_BY(mutex_) = false;  // line_ goes on with a line that was cut
+  std::deque<std::string> last_lines_ TOLM_GUARDED_BY(mutex_);
 };
 
 }  // namespace guard

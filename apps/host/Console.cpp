@@ -22,14 +22,14 @@ Console& Console::Open() {
 }
 
 void Console::Push(std::string line) {
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   lines_.push_back(std::move(line));
   changed_.notify_all();
 }
 
 std::string Console::NextLine() {
-  std::unique_lock lock(mutex_);
-  changed_.wait(lock, [this] { return !lines_.empty(); });
+  os::UniqueLock lock(mutex_);
+  changed_.wait(lock, [this]() TOLM_REQUIRES(mutex_) { return !lines_.empty(); });
   std::string line = std::move(lines_.front());
   lines_.pop_front();
   return line;

@@ -1,9 +1,9 @@
 #pragma once
 
-#include <condition_variable>
 #include <deque>
-#include <mutex>
 #include <string>
+
+#include "os/Mutex.h"
 
 namespace host {
 
@@ -23,9 +23,9 @@ class Console {
   Console() = default;
   void Push(std::string line);
 
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::deque<std::string> lines_;  // guarded by mutex_
+  os::Mutex mutex_;
+  os::Condition changed_;
+  std::deque<std::string> lines_ TOLM_GUARDED_BY(mutex_);
 };
 
 }  // namespace host

@@ -88,31 +88,31 @@ void HostEvents::LogSink(int /*level*/, const char* tag, const char* text, void*
 }
 
 void HostEvents::Add(const std::string& text) {
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   events_.push_back({text, Clock::now()});
   changed_.notify_all();
 }
 
 void HostEvents::Interrupt() {
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   interrupted_ = true;
   changed_.notify_all();
 }
 
 void HostEvents::Resume() {
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   interrupted_ = false;
 }
 
 bool HostEvents::IsInterrupted() const {
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   return interrupted_;
 }
 
 std::optional<HostEvents::Event> HostEvents::Take(const std::string& text, std::chrono::milliseconds limit) {
-  std::unique_lock lock(mutex_);
+  os::UniqueLock lock(mutex_);
   auto found = events_.end();
-  changed_.wait_for(lock, limit, [&] {
+  changed_.wait_for(lock, limit, [&]() TOLM_REQUIRES(mutex_) {
     found =
         std::find_if(events_.begin(), events_.end(), [&](const Event& event) { return event.text == text; });
     return found != events_.end() || interrupted_;
@@ -124,8 +124,8 @@ std::optional<HostEvents::Event> HostEvents::Take(const std::string& text, std::
 }
 
 std::optional<HostEvents::Event> HostEvents::TakeNext() {
-  std::unique_lock lock(mutex_);
-  changed_.wait(lock, [this] { return !events_.empty() || interrupted_; });
+  os::UniqueLock lock(mutex_);
+  changed_.wait(lock, [this]() TOLM_REQUIRES(mutex_) { return !events_.empty() || interrupted_; });
   if (events_.empty()) return std::nullopt;
   const Event event = events_.front();
   events_.erase(events_.begin());
@@ -133,12 +133,12 @@ std::optional<HostEvents::Event> HostEvents::TakeNext() {
 }
 
 void HostEvents::ForgetAll() {
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   events_.clear();
 }
 
 std::vector<HostEvents::Event> HostEvents::Rest() const {
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   return events_;
 }
 

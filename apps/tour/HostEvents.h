@@ -3,12 +3,12 @@
 #include <TolmLPCFrame.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "os/Mutex.h"
 
 namespace tour {
 
@@ -43,11 +43,10 @@ class HostEvents {
   std::vector<Event> Rest() const;
 
  private:
-  mutable std::mutex mutex_;
-  std::condition_variable changed_;
-  // Both are guarded by mutex_.
-  std::vector<Event> events_;
-  bool interrupted_ = false;
+  mutable os::Mutex mutex_;
+  os::Condition changed_;
+  std::vector<Event> events_ TOLM_GUARDED_BY(mutex_);
+  bool interrupted_ TOLM_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace tour

@@ -1,8 +1,8 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
-#include <mutex>
+
+#include "os/Mutex.h"
 
 namespace TolmLPCFrame {
 
@@ -16,25 +16,25 @@ class Gate {
   Gate& operator=(const Gate&) = delete;
 
   void Close() {
-    const std::lock_guard lock(mutex_);
+    const os::MutexLock lock(mutex_);
     is_open_ = false;
   }
   void Open() {
-    const std::lock_guard lock(mutex_);
+    const os::MutexLock lock(mutex_);
     is_open_ = true;
     opened_.notify_all();
   }
   /// Returns when it has been seen open.
   void Pass() {
     if (is_open_) return;
-    std::unique_lock lock(mutex_);
+    os::UniqueLock lock(mutex_);
     opened_.wait(lock, [this] { return is_open_.load(); });
   }
 
  private:
   std::atomic<bool> is_open_;  // changed with mutex_ held
-  std::mutex mutex_;
-  std::condition_variable opened_;
+  os::Mutex mutex_;
+  os::Condition opened_;
 };
 
 }  // namespace TolmLPCFrame

@@ -1,8 +1,8 @@
 #pragma once
 
-#include <boost/thread/locks.hpp>
-#include <boost/thread/shared_mutex.hpp>
 #include <utility>
+
+#include "common/SharedMutex.h"
 
 namespace TolmLPCFrame {
 
@@ -15,19 +15,19 @@ class Guarded {
  public:
   template <typename Reader>
   auto Read(Reader&& reader) const {
-    const boost::shared_lock<boost::shared_mutex> lock(mutex_);
+    const SharedLock lock(mutex_);
     return std::forward<Reader>(reader)(static_cast<const T&>(value_));
   }
 
   template <typename Writer>
   auto Write(Writer&& writer) {
-    const boost::unique_lock<boost::shared_mutex> lock(mutex_);
+    const ExclusiveLock lock(mutex_);
     return std::forward<Writer>(writer)(value_);
   }
 
  private:
-  mutable boost::shared_mutex mutex_;
-  T value_;
+  mutable SharedMutex mutex_;
+  T value_ TOLM_GUARDED_BY(mutex_);
 };
 
 }  // namespace TolmLPCFrame

@@ -8,6 +8,7 @@
 #include "lpcintegratemodule/LPCCommunicateWithTolmGuard.h"
 #include "os/ChildProcess.h"
 #include "os/HiddenProcess.h"
+#include "os/Mutex.h"
 #include "os/NamedEvent.h"
 #include "os/Utf8Path.h"
 
@@ -42,7 +43,7 @@ void CLPCCommunicateWithTolmGuard::InitTolmAgent(const std::string& main_process
   TOLM_LOG(kLogLevelInfo, kTagInfo, "Start to init TolmAgent");
   const std::string event_name = AgentEventName(agent_path);
   {
-    const std::lock_guard lock(mutex_);
+    const os::MutexLock lock(mutex_);
     agent_event_name_ = event_name;
   }
   // Not kept: an event that this process held would outlive its agent.
@@ -64,7 +65,7 @@ void CLPCCommunicateWithTolmGuard::UnInitTolmAgent() {
   const std::string folder = Tolm::Base::FileUtil::GetCurExeDir();
   std::string event_name;
   {
-    const std::lock_guard lock(mutex_);
+    const os::MutexLock lock(mutex_);
     event_name = agent_event_name_;
   }
   if (const auto event = os::NamedEvent::Open(event_name)) {

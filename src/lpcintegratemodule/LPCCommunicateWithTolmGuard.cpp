@@ -104,7 +104,7 @@ void CLPCCommunicateWithTolmGuard::NotifyFrameInitedFinished(const std::string& 
   message.set_v("/requestData/initState", 1);
   if (!cmdline.empty()) message.set_v("/requestData/cmdline", cmdline);
   {
-    const std::lock_guard lock(mutex_);
+    const os::MutexLock lock(mutex_);
     // The frame was stopped while the guard was waited for: this was not announced to the guards of its
     // next life.
     if (life_ != life) return;
@@ -123,7 +123,7 @@ void CLPCCommunicateWithTolmGuard::NotifyFrameInitedFinished(const std::string& 
 void CLPCCommunicateWithTolmGuard::NotifyFrameInitedFinished() {
   std::string cmdline;
   {
-    const std::lock_guard lock(mutex_);
+    const os::MutexLock lock(mutex_);
     if (frame_init_state_sent_) return;
     cmdline = plugin_cmdline_;
   }
@@ -131,7 +131,7 @@ void CLPCCommunicateWithTolmGuard::NotifyFrameInitedFinished() {
 }
 
 void CLPCCommunicateWithTolmGuard::AddVerifiedPlugin(const std::string& name) {
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   if (std::find(verified_plugins_.begin(), verified_plugins_.end(), name) == verified_plugins_.end()) {
     verified_plugins_.push_back(name);
   }
@@ -141,7 +141,7 @@ void CLPCCommunicateWithTolmGuard::AddVerifiedPlugin(const std::string& name) {
 // second one leaves its text to the first, so that one connection is told once, and a connection that
 // comes in the middle is told all the same.
 void CLPCCommunicateWithTolmGuard::SendFrameInitState(std::string text) {
-  std::unique_lock lock(mutex_);
+  os::UniqueLock lock(mutex_);
   frame_init_state_.swap(text);
   if (sending_) {
     send_again_ = true;
@@ -169,20 +169,20 @@ void CLPCCommunicateWithTolmGuard::SendFrameInitState(std::string text) {
 }
 
 void CLPCCommunicateWithTolmGuard::ForgetFrameInitStateSent() {
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   frame_init_state_sent_ = false;
   ++forgotten_sends_;
 }
 
 void CLPCCommunicateWithTolmGuard::ForgetAnnouncement() {
   ForgetFrameInitStateSent();
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   frame_inited_finished_ = false;
   ++life_;
 }
 
 std::uint64_t CLPCCommunicateWithTolmGuard::Life() const {
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   return life_;
 }
 

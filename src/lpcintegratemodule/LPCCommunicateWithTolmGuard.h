@@ -3,11 +3,11 @@
 #include <atomic>
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "TolmBase/Singleton.h"
+#include "os/Mutex.h"
 
 namespace TolmLPCFrame {
 
@@ -62,7 +62,7 @@ class CLPCCommunicateWithTolmGuard {
   /// Whether NotifyFrameInitedFinished has run in this life of the frame.
   bool IsFrameInitedFinished() const { return frame_inited_finished_; }
   /// A guard's connection has ended: the next one is told again.
-  void ForgetFrameInitStateSent();
+  void ForgetFrameInitStateSent() TOLM_EXCLUDES(mutex_);
   /// The endpoint has closed: what was announced in this life of the frame does not hold for the next.
   void ForgetAnnouncement();
 
@@ -70,24 +70,24 @@ class CLPCCommunicateWithTolmGuard {
   friend class Tolm::Base::CSingleton<CLPCCommunicateWithTolmGuard>;
   CLPCCommunicateWithTolmGuard() = default;
 
-  void AddVerifiedPlugin(const std::string& name);
-  void SendFrameInitState(std::string text);
-  std::uint64_t Life() const;
+  void AddVerifiedPlugin(const std::string& name) TOLM_EXCLUDES(mutex_);
+  void SendFrameInitState(std::string text) TOLM_EXCLUDES(mutex_);
+  std::uint64_t Life() const TOLM_EXCLUDES(mutex_);
 
   std::atomic<bool> need_notify_lpc_frame_init_{true};
   std::atomic<bool> frame_inited_finished_{false};
 
-  /// Guards everything below.
-  mutable std::mutex mutex_;
-  std::string agent_event_name_;
-  std::string plugin_cmdline_;
-  std::vector<std::string> verified_plugins_;
-  bool frame_init_state_sent_ = false;
-  std::string frame_init_state_;       ///< the latest text of the notice
-  std::uint64_t life_ = 0;             ///< how often the endpoint has closed
-  bool sending_ = false;               ///< a thread is sending the notice
-  bool send_again_ = false;            ///< and is to look again when it has
-  std::uint64_t forgotten_sends_ = 0;  ///< how often frame_init_state_sent_ was taken back
+  mutable os::Mutex mutex_;
+  std::string agent_event_name_ TOLM_GUARDED_BY(mutex_);
+  std::string plugin_cmdline_ TOLM_GUARDED_BY(mutex_);
+  std::vector<std::string> verified_plugins_ TOLM_GUARDED_BY(mutex_);
+  bool frame_init_state_sent_ TOLM_GUARDED_BY(mutex_) = false;
+  std::string frame_init_state_ TOLM_GUARDED_BY(mutex_);  ///< the latest text of the notice
+  std::uint64_t life_ TOLM_GUARDED_BY(mutex_) = 0;        ///< how often the endpoint has closed
+  bool sending_ TOLM_GUARDED_BY(mutex_) = false;          ///< a thread is sending the notice
+  bool send_again_ TOLM_GUARDED_BY(mutex_) = false;       ///< and is to look again when it has
+  /// How often frame_init_state_sent_ was taken back.
+  std::uint64_t forgotten_sends_ TOLM_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace TolmLPCFrame

@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -13,6 +12,7 @@
 #include "TolmLPCServer/LpcRecords.h"
 #include "common/Guarded.h"
 #include "common/IndexedMap.h"
+#include "os/Mutex.h"
 
 namespace TolmLPCFrame {
 
@@ -101,8 +101,8 @@ class CLPCIntegrate {
   std::optional<std::string> SetConnectState(const std::string& component_id, std::int32_t state,
                                              std::uint64_t arrival);
   /// Stops waiting for a plugin's answer to "Uninit", if that goes on.
-  void ForgetUniniting(const std::string& id);
-  bool IsAnyUniniting();
+  void ForgetUniniting(const std::string& id) TOLM_EXCLUDES(uniniting_mutex_);
+  bool IsAnyUniniting() TOLM_EXCLUDES(uniniting_mutex_);
 
   const std::string register_url_;
   const std::string messages_url_;
@@ -120,9 +120,9 @@ class CLPCIntegrate {
   Guarded<std::string> frame_full_path_;
   Guarded<std::int32_t> frame_type_;
 
-  /// Guards the line below; never held across a send or a sleep.
-  std::mutex uniniting_mutex_;
-  std::vector<std::string> vec_uniniting_plugin_;
+  /// Never held across a send or a sleep.
+  os::Mutex uniniting_mutex_;
+  std::vector<std::string> vec_uniniting_plugin_ TOLM_GUARDED_BY(uniniting_mutex_);
 };
 
 /// One message on its way to the host (kind 0) or to a plugin (kind 1).

@@ -9,6 +9,7 @@
 #include "common/Constants.h"
 #include "lpcintegratemodule/LPCCommunicateWithTolmGuard.h"
 #include "lpcintegratemodule/LPCIntegrate.h"
+#include "os/Mutex.h"
 
 namespace TolmLPCFrame {
 
@@ -62,7 +63,7 @@ void CLPCIntegrate::CloseAllComponents() {
                "[/method:Uninit], Notify [%s] plugin start uninit, time tick [%lld]", id.c_str(), tick);
       {
         // Before the send, since the answer may be here before the send returns.
-        const std::lock_guard lock(uniniting_mutex_);
+        const os::MutexLock lock(uniniting_mutex_);
         vec_uniniting_plugin_.push_back(id);
       }
       request.dst_id = id;
@@ -84,13 +85,13 @@ void CLPCIntegrate::CloseAllComponents() {
 }
 
 void CLPCIntegrate::ForgetUniniting(const std::string& id) {
-  const std::lock_guard lock(uniniting_mutex_);
+  const os::MutexLock lock(uniniting_mutex_);
   const auto found = std::find(vec_uniniting_plugin_.begin(), vec_uniniting_plugin_.end(), id);
   if (found != vec_uniniting_plugin_.end()) vec_uniniting_plugin_.erase(found);
 }
 
 bool CLPCIntegrate::IsAnyUniniting() {
-  const std::lock_guard lock(uniniting_mutex_);
+  const os::MutexLock lock(uniniting_mutex_);
   return !vec_uniniting_plugin_.empty();
 }
 

@@ -93,7 +93,7 @@ bool CLpcServerManager::LpcStopListen() {
 }
 
 void CLpcServerManager::SetCallBack(LpcMsgCallBack callback, void* user) {
-  const std::lock_guard lock(callback_mutex_);
+  const os::MutexLock lock(callback_mutex_);
   callback_ = callback;
   callback_user_ = user;
 }
@@ -102,7 +102,7 @@ bool CLpcServerManager::CallLpcCallBack(const FrameCallBackData& fcd) {
   LpcMsgCallBack callback = nullptr;
   void* user = nullptr;
   {
-    const std::lock_guard lock(callback_mutex_);
+    const os::MutexLock lock(callback_mutex_);
     callback = callback_;
     user = callback_user_;
   }

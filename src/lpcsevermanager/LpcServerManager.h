@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <mutex>
 #include <string>
 #include <string_view>
 
@@ -9,6 +8,7 @@
 #include "TolmBase/Task.h"
 #include "TolmLPCFrame.h"
 #include "TolmLPCServer/LpcRecords.h"
+#include "os/Mutex.h"
 
 namespace TolmLPCFrame {
 
@@ -32,8 +32,8 @@ class CLpcServerManager {
   /// task of CMessageLoopForNetCallBack. Always true.
   static bool LPCServerCallback(const tag_LPCCallBackData& data, void* user);
 
-  /// The transport's operations, forwarded. `body` stands for the record's own, so that the host's need not be
-  /// copied.
+  /// The transport's operations, forwarded. `body` stands for the record's own, so that the host's need not
+  /// be copied.
   std::uint64_t SendRequest(const tag_LPCRequestData& request, std::string_view body);
   bool SendAndWait(tag_LPCResponseData& response, const tag_LPCRequestData& request, std::string_view body,
                    const std::string& url, int time_out);
@@ -46,9 +46,9 @@ class CLpcServerManager {
   CLpcServerManager() = default;
 
   /// Held only while the pair is copied or replaced, never during a call.
-  std::mutex callback_mutex_;
-  LpcMsgCallBack callback_ = nullptr;
-  void* callback_user_ = nullptr;
+  os::Mutex callback_mutex_;
+  LpcMsgCallBack callback_ TOLM_GUARDED_BY(callback_mutex_) = nullptr;
+  void* callback_user_ TOLM_GUARDED_BY(callback_mutex_) = nullptr;
 };
 
 /// A message with a url, on its way to CLPCIntegrate::URLCallBackEIT.

@@ -4,7 +4,7 @@
 
 namespace TolmLPCFrame {
 
-bool ConditionAndMutex::WaitFor(std::unique_lock<std::mutex>& lock, std::int32_t timeout_ms,
+bool ConditionAndMutex::WaitFor(os::UniqueLock& lock, std::int32_t timeout_ms,
                                 const std::function<bool()>& is_over) {
   return condition.wait_for(lock, std::chrono::milliseconds(timeout_ms), is_over);
 }

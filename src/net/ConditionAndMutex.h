@@ -1,21 +1,21 @@
 #pragma once
 
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
-#include <mutex>
+
+#include "os/Mutex.h"
 
 namespace TolmLPCFrame {
 
 /// What a sender waits on for its reply. Shared by the sender and the table of waiters.
 struct ConditionAndMutex {
-  std::mutex mutex;
-  std::condition_variable condition;
+  os::Mutex mutex;
+  os::Condition condition;
 
   /// One wait of at most `timeout_ms` on the steady clock; wake-ups before `is_over` holds do not end it.
-  /// What `is_over` says at the end. REQUIRES: `lock` holds `mutex`.
-  bool WaitFor(std::unique_lock<std::mutex>& lock, std::int32_t timeout_ms,
-               const std::function<bool()>& is_over);
+  /// What `is_over` says at the end. `lock` holds `mutex`.
+  bool WaitFor(os::UniqueLock& lock, std::int32_t timeout_ms, const std::function<bool()>& is_over)
+      TOLM_REQUIRES(mutex);
 };
 
 }  // namespace TolmLPCFrame

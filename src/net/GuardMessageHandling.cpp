@@ -7,6 +7,7 @@
 #include "common/Constants.h"
 #include "lpcintegratemodule/LPCCommunicateWithTolmGuard.h"
 #include "net/TolmGuardConnectionManager.h"
+#include "os/Mutex.h"
 
 namespace TolmLPCFrame {
 
@@ -52,7 +53,7 @@ void CTolmGuardConnectManager::DealReply(const std::string& guid, const std::str
   const auto waiter = FindResponseWaiter(guid);
   if (waiter == nullptr) return;
   // The sender holds this mutex until it waits, so it cannot miss the wake-up.
-  const std::lock_guard lock(waiter->mutex);
+  const os::MutexLock lock(waiter->mutex);
   waiter->condition.notify_all();
 }
 
@@ -62,7 +63,7 @@ void CTolmGuardConnectManager::SendAndWaitResponse(std::string& reply, const std
   const auto waiter = std::make_shared<ConditionAndMutex>();
   if (!AddResponseWaiter(guid, waiter)) return;
   // Held across the send: a reply that comes at once finds its sender waiting.
-  std::unique_lock lock(waiter->mutex);
+  os::UniqueLock lock(waiter->mutex);
   SendMessageToTolmGuard(GetSessionId(), Tolm::Net::kWebsocketText, message.data(),
                          static_cast<std::uint32_t>(message.size()), true);
   const bool stored = waiter->WaitFor(lock, timeout_ms, [&] { return IsResponseStored(guid); });
@@ -72,36 +73,36 @@ void CTolmGuardConnectManager::SendAndWaitResponse(std::string& reply, const std
 
 bool CTolmGuardConnectManager::AddResponseWaiter(const std::string& guid,
                                                  const std::shared_ptr<ConditionAndMutex>& waiter) {
-  const std::lock_guard lock(waiter_mutex_);
+  const os::MutexLock lock(waiter_mutex_);
   return map_response_waiter_.try_emplace(guid, waiter).second;
 }
 
 void CTolmGuardConnectManager::RemoveResponseWaiter(const std::string& guid) {
-  const std::lock_guard lock(waiter_mutex_);
+  const os::MutexLock lock(waiter_mutex_);
   const auto found = map_response_waiter_.find(guid);
   if (found != map_response_waiter_.end()) found->second.reset();
 }
 
 std::shared_ptr<ConditionAndMutex> CTolmGuardConnectManager::FindResponseWaiter(
     const std::string& guid) const {
-  const std::lock_guard lock(waiter_mutex_);
+  const os::MutexLock lock(waiter_mutex_);
   const auto found = map_response_waiter_.find(guid);
   return found == map_response_waiter_.end() ? nullptr : found->second;
 }
 
 bool CTolmGuardConnectManager::SaveResponse(const std::string& guid, const std::string& text) {
-  const std::lock_guard lock(response_mutex_);
+  const os::MutexLock lock(response_mutex_);
   map_response_.insert_or_assign(guid, text);
   return true;
 }
 
 bool CTolmGuardConnectManager::IsResponseStored(const std::string& guid) const {
-  const std::lock_guard lock(response_mutex_);
+  const os::MutexLock lock(response_mutex_);
   return map_response_.contains(guid);
 }
 
 std::string CTolmGuardConnectManager::TakeResponse(const std::string& guid) {
-  const std::lock_guard lock(response_mutex_);
+  const os::MutexLock lock(response_mutex_);
   auto taken = map_response_.extract(guid);
   return taken.empty() ? std::string() : std::move(taken.mapped());
 }

@@ -135,7 +135,7 @@ void CTolmGuardConnectManager::WebsocketTolmGuardServerMsgCallback(std::int32_t 
 
 void CTolmGuardConnectManager::PostEvent(std::int32_t handle, const WebsocketRecv& recv) {
   auto this_event = std::make_shared<Gate>(false);
-  const std::lock_guard lock(event_order_mutex_);
+  const os::MutexLock lock(event_order_mutex_);
   auto* const task =
       new CTolmGuardRawMsgTask(handle, recv.type, recv.status, last_event_handled_, this_event);
   last_event_handled_ = std::move(this_event);

@@ -13,7 +13,6 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "TolmBase/Singleton.h"
@@ -21,6 +20,7 @@
 #include "TolmNet/HttpServer.h"
 #include "common/Gate.h"
 #include "net/ConditionAndMutex.h"
+#include "os/Mutex.h"
 
 namespace TolmLPCFrame {
 
@@ -89,15 +89,16 @@ class CTolmGuardConnectManager {
   std::atomic<std::int32_t> session_id_{-1};
   std::atomic<std::uint16_t> tolmguard_port_{0};
 
-  mutable std::mutex waiter_mutex_;
-  std::map<std::string, std::shared_ptr<ConditionAndMutex>> map_response_waiter_;  // guarded by waiter_mutex_
+  mutable os::Mutex waiter_mutex_;
+  std::map<std::string, std::shared_ptr<ConditionAndMutex>> map_response_waiter_
+      TOLM_GUARDED_BY(waiter_mutex_);
 
-  mutable std::mutex response_mutex_;
-  std::map<std::string, std::string> map_response_;  // guarded by response_mutex_
+  mutable os::Mutex response_mutex_;
+  std::map<std::string, std::string> map_response_ TOLM_GUARDED_BY(response_mutex_);
 
-  /// Guards the line below, and that connection events are posted in the order in which they are chained.
-  std::mutex event_order_mutex_;
-  EventHandled last_event_handled_;
+  /// Also held so that connection events are posted in the order in which they are chained.
+  os::Mutex event_order_mutex_;
+  EventHandled last_event_handled_ TOLM_GUARDED_BY(event_order_mutex_);
 };
 
 /// One event of a guard's connection, on its way from TolmNet's thread to the pool.

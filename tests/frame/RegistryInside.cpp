@@ -1,6 +1,5 @@
 #include "RegistryInside.h"
 
-#include <mutex>
 #include <utility>
 
 namespace tolm::test {
@@ -30,7 +29,7 @@ struct Uniniting {
   friend Type Reach(Uniniting);
 };
 struct UninitingMutex {
-  using Type = Member<std::mutex>;
+  using Type = Member<os::Mutex>;
   friend Type Reach(UninitingMutex);
 };
 
@@ -67,7 +66,8 @@ void ForgetEverything(CLPCIntegrate& registry) {
   if (!std::exchange(is_fresh, false)) {
     ClearTables(registry);
     (registry.*Reach(FrameType())).Write([](std::int32_t& type) { type = 2; });
-    const std::lock_guard lock(registry.*Reach(UninitingMutex()));
+    os::Mutex& mutex = registry.*Reach(UninitingMutex());
+    const os::MutexLock lock(mutex);
     (registry.*Reach(Uniniting())).clear();
   }
 }
@@ -95,7 +95,8 @@ std::int32_t TypeOfFrame(const CLPCIntegrate& registry) {
 }
 
 std::vector<std::string> StillUniniting(CLPCIntegrate& registry) {
-  const std::lock_guard lock(registry.*Reach(UninitingMutex()));
+  os::Mutex& mutex = registry.*Reach(UninitingMutex());
+  const os::MutexLock lock(mutex);
   return registry.*Reach(Uniniting());
 }
 

@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 
 namespace tolm::test {
 namespace {
@@ -15,9 +14,9 @@ struct EndpointMembers {
   std::atomic<std::int32_t> CTolmGuardConnectManager::*server_handle;
   std::atomic<std::int32_t> CTolmGuardConnectManager::*session_id;
   std::atomic<std::uint16_t> CTolmGuardConnectManager::*port;
-  std::mutex CTolmGuardConnectManager::*waiter_mutex;
+  os::Mutex CTolmGuardConnectManager::*waiter_mutex;
   std::map<std::string, std::shared_ptr<TolmLPCFrame::ConditionAndMutex>> CTolmGuardConnectManager::*waiters;
-  std::mutex CTolmGuardConnectManager::*response_mutex;
+  os::Mutex CTolmGuardConnectManager::*response_mutex;
   std::map<std::string, std::string> CTolmGuardConnectManager::*responses;
   TolmLPCFrame::EventHandled CTolmGuardConnectManager::*last_event;
 };
@@ -36,7 +35,7 @@ template struct OpenEndpoint<
 struct GuardMembers {
   std::atomic<bool> CLPCCommunicateWithTolmGuard::*need_notify;
   std::atomic<bool> CLPCCommunicateWithTolmGuard::*inited_finished;
-  std::mutex CLPCCommunicateWithTolmGuard::*mutex;
+  os::Mutex CLPCCommunicateWithTolmGuard::*mutex;
   std::string CLPCCommunicateWithTolmGuard::*agent_event_name;
   std::string CLPCCommunicateWithTolmGuard::*cmdline;
   std::vector<std::string> CLPCCommunicateWithTolmGuard::*verified;
@@ -88,24 +87,28 @@ std::int32_t ServerHandleOf(const CTolmGuardConnectManager& endpoint) {
 }
 
 std::map<std::string, std::string> StoredReplies(CTolmGuardConnectManager& endpoint) {
-  const std::lock_guard lock(endpoint.*Of(endpoint).response_mutex);
+  os::Mutex& mutex = endpoint.*Of(endpoint).response_mutex;
+  const os::MutexLock lock(mutex);
   return endpoint.*Of(endpoint).responses;
 }
 
 std::map<std::string, bool> Waiters(CTolmGuardConnectManager& endpoint) {
-  const std::lock_guard lock(endpoint.*Of(endpoint).waiter_mutex);
+  os::Mutex& mutex = endpoint.*Of(endpoint).waiter_mutex;
+  const os::MutexLock lock(mutex);
   std::map<std::string, bool> waiters;
   for (const auto& [guid, waiter] : endpoint.*Of(endpoint).waiters) waiters[guid] = waiter != nullptr;
   return waiters;
 }
 
 std::string AgentEventNameOf(CLPCCommunicateWithTolmGuard& guard) {
-  const std::lock_guard lock(guard.*Of(guard).mutex);
+  os::Mutex& mutex = guard.*Of(guard).mutex;
+  const os::MutexLock lock(mutex);
   return guard.*Of(guard).agent_event_name;
 }
 
 std::vector<std::string> VerifiedPlugins(CLPCCommunicateWithTolmGuard& guard) {
-  const std::lock_guard lock(guard.*Of(guard).mutex);
+  os::Mutex& mutex = guard.*Of(guard).mutex;
+  const os::MutexLock lock(mutex);
   return guard.*Of(guard).verified;
 }
 

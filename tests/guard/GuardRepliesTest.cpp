@@ -1,7 +1,6 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 
@@ -48,10 +47,10 @@ class GuardReplies : public GuardTest {
     /// When this returns, the sender is inside its wait, or beyond it.
     void AwaitWaiting() {
       EXPECT_TRUE(WaitFor([] { return Journal::Count("wait 5000") == 1; }));
-      const std::lock_guard lock(waiter_->mutex);
+      const os::MutexLock lock(waiter_->mutex);
     }
     void WakeWithoutReply() {
-      const std::lock_guard lock(waiter_->mutex);
+      const os::MutexLock lock(waiter_->mutex);
       waiter_->condition.notify_all();
     }
     bool IsDone() const { return done_; }

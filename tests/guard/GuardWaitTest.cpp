@@ -1,7 +1,6 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
-#include <mutex>
 #include <thread>
 
 #include "GuardScene.h"
@@ -19,7 +18,7 @@ class GuardWait : public GuardTest {
     waits_.how_long = [](std::int32_t asked_ms) { return asked_ms; };
   }
   bool Wait(std::int32_t timeout_ms, const std::function<bool()>& is_over) {
-    std::unique_lock lock(waiter_.mutex);
+    os::UniqueLock lock(waiter_.mutex);
     const bool result = waiter_.WaitFor(lock, timeout_ms, is_over);
     EXPECT_TRUE(lock.owns_lock());
     return result;
@@ -47,12 +46,12 @@ TEST_F(GuardWait, WakeUpsBeforeItIsOverDoNotEndIt) {
     for (int i = 0; i < 10; ++i) {
       const int seen = looks;
       WaitFor([&] {
-        const std::lock_guard lock(waiter_.mutex);
+        const os::MutexLock lock(waiter_.mutex);
         waiter_.condition.notify_all();
         return looks > seen;
       });
     }
-    const std::lock_guard lock(waiter_.mutex);
+    const os::MutexLock lock(waiter_.mutex);
     over = true;
     waiter_.condition.notify_all();
   });

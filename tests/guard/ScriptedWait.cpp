@@ -1,7 +1,6 @@
 #include "ScriptedWait.h"
 
 #include <functional>
-#include <mutex>
 #include <string>
 
 #include "Journal.h"
@@ -19,17 +18,15 @@ void ScriptedWait::Reset() {
 }
 
 // The real function.
-bool RealWaitFor(TolmLPCFrame::ConditionAndMutex* waiter, std::unique_lock<std::mutex>& lock, std::int32_t timeout_ms, const std::function<bool()>& is_over) asm(
-    "__real__ZN12TolmLPCFrame17ConditionAndMutex7WaitForERSt11unique_lockISt5mutexEiRKSt8functionI"
-    "FbvEE");
+bool RealWaitFor(TolmLPCFrame::ConditionAndMutex* waiter, os::UniqueLock& lock, std::int32_t timeout_ms, const std::function<bool()>& is_over) asm(
+    "__real__ZN12TolmLPCFrame17ConditionAndMutex7WaitForERN2os10UniqueLockEiRKSt8functionIFbvEE");
 
 // What the frame's calls are led to.
-bool NotedWaitFor(TolmLPCFrame::ConditionAndMutex* waiter, std::unique_lock<std::mutex>& lock, std::int32_t timeout_ms, const std::function<bool()>& is_over) asm(
-    "__wrap__ZN12TolmLPCFrame17ConditionAndMutex7WaitForERSt11unique_lockISt5mutexEiRKSt8functionI"
-    "FbvEE");
+bool NotedWaitFor(TolmLPCFrame::ConditionAndMutex* waiter, os::UniqueLock& lock, std::int32_t timeout_ms, const std::function<bool()>& is_over) asm(
+    "__wrap__ZN12TolmLPCFrame17ConditionAndMutex7WaitForERN2os10UniqueLockEiRKSt8functionIFbvEE");
 
-bool NotedWaitFor(TolmLPCFrame::ConditionAndMutex* waiter, std::unique_lock<std::mutex>& lock,
-                  std::int32_t timeout_ms, const std::function<bool()>& is_over) {
+bool NotedWaitFor(TolmLPCFrame::ConditionAndMutex* waiter, os::UniqueLock& lock, std::int32_t timeout_ms,
+                  const std::function<bool()>& is_over) {
   Journal::Note("wait " + std::to_string(timeout_ms));
   return RealWaitFor(waiter, lock, ScriptedWait::Get().how_long(timeout_ms), is_over);
 }

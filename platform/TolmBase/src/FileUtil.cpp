@@ -1,17 +1,17 @@
 #include "TolmBase/FileUtil.h"
 
 #include <filesystem>
-#include <mutex>
 
 #include "LocalText.h"
 #include "os/ExecutablePath.h"
+#include "os/Mutex.h"
 
 namespace Tolm::Base::FileUtil {
 namespace {
 
 struct Published {
-  std::mutex mutex;
-  std::string utf8_dir;
+  os::Mutex mutex;
+  std::string utf8_dir TOLM_GUARDED_BY(mutex);
 };
 
 Published& GetPublished() {
@@ -33,14 +33,14 @@ void InitCurExeDirUtf8(const std::string& utf8_dir) {
     dir += static_cast<char>(std::filesystem::path::preferred_separator);
   }
   Published& published = GetPublished();
-  const std::lock_guard lock(published.mutex);
+  const os::MutexLock lock(published.mutex);
   published.utf8_dir.swap(dir);
 }
 
 std::string GetCurExeDirUtf8() {
   Published& published = GetPublished();
   {
-    const std::lock_guard lock(published.mutex);
+    const os::MutexLock lock(published.mutex);
     if (!published.utf8_dir.empty()) return published.utf8_dir;
   }
   return LocalToUtf8(GetCurExeDir());

@@ -11,12 +11,12 @@
 #include <cstdio>
 #include <exception>
 #include <memory>
-#include <mutex>
 #include <new>
 #include <string>
 #include <utility>
 
 #include "TolmBase/FileUtil.h"
+#include "os/Mutex.h"
 #include "os/PrivateFiles.h"
 #include "os/Utf8Path.h"
 
@@ -43,9 +43,9 @@ std::unique_ptr<spdlog::formatter> MakeFormatter() {
 
 /// Held while a line goes into a file, whichever: some systems append by seeking the end first, so that a
 /// file and the one that takes its place would overwrite each other's lines when both have the same path.
-std::mutex& FileMutex() {
+os::Mutex& FileMutex() {
   // Never destroyed: threads may log while the process exits.
-  static std::mutex& mutex = *new std::mutex;
+  static os::Mutex& mutex = *new os::Mutex;
   return mutex;
 }
 
@@ -62,7 +62,7 @@ class LogFile {
 
   /// False when the line could not be written and the one before it could.
   bool Write(const spdlog::details::log_msg& line) {
-    const std::lock_guard lock(FileMutex());
+    const os::MutexLock lock(FileMutex());
     const auto now = std::chrono::steady_clock::now();
     if (failed_ && now < retry_at_) return true;
     try {
@@ -80,7 +80,7 @@ class LogFile {
   }
 
  private:
-  void Open() {
+  void Open() TOLM_REQUIRES(FileMutex()) {
     // Lines may hold what is meant for this user alone. Called for each file of a rotation.
     spdlog::file_event_handlers handlers;
     handlers.before_open = [](const spdlog::filename_t& name) { os::MakePrivateFile(name); };
@@ -93,10 +93,9 @@ class LogFile {
   const std::string path_;
   const std::size_t max_bytes_;
   const std::size_t max_files_;
-  // All below is guarded by FileMutex (the constructor is alone).
-  std::unique_ptr<spdlog::sinks::rotating_file_sink_st> sink_;
-  bool failed_ = false;
-  std::chrono::steady_clock::time_point retry_at_;
+  std::unique_ptr<spdlog::sinks::rotating_file_sink_st> sink_ TOLM_GUARDED_BY(FileMutex());
+  bool failed_ TOLM_GUARDED_BY(FileMutex()) = false;
+  std::chrono::steady_clock::time_point retry_at_ TOLM_GUARDED_BY(FileMutex());
 };
 
 /// Writes to what the process has as stderr at that moment; a host may redirect it at any time.
@@ -104,15 +103,15 @@ class Stderr {
  public:
   void Write(const spdlog::details::log_msg& line) {
     spdlog::memory_buf_t text;
-    const std::lock_guard lock(mutex_);
+    const os::MutexLock lock(mutex_);
     formatter_->format(line, text);
     std::fwrite(text.data(), 1, text.size(), stderr);
     std::fflush(stderr);
   }
 
  private:
-  std::mutex mutex_;
-  const std::unique_ptr<spdlog::formatter> formatter_ = MakeFormatter();  // guarded by mutex_
+  os::Mutex mutex_;
+  const std::unique_ptr<spdlog::formatter> formatter_ TOLM_PT_GUARDED_BY(mutex_) = MakeFormatter();
 };
 
 struct Sinks {
@@ -126,9 +125,8 @@ struct Sinks {
 
 struct State {
   Stderr err;
-  std::mutex mutex;
-  // Guarded by mutex.
-  Sinks sinks;
+  os::Mutex mutex;
+  Sinks sinks TOLM_GUARDED_BY(mutex);
 };
 
 State& GetState() {
@@ -141,7 +139,7 @@ State& GetState() {
 template <typename Change>
 void ChangeSinks(Change change) {
   State& state = GetState();
-  const std::lock_guard lock(state.mutex);
+  const os::MutexLock lock(state.mutex);
   Sinks& sinks = state.sinks;
   change(sinks);
   details::g_lowest_wanted_level.store(std::min({sinks.file_level, sinks.callback_level, sinks.stderr_level}),
@@ -153,7 +151,7 @@ void Deliver(int level, const char* tag, const char* text, std::size_t length) {
   State& state = GetState();
   Sinks sinks;
   {
-    const std::lock_guard lock(state.mutex);
+    const os::MutexLock lock(state.mutex);
     sinks = state.sinks;
   }
   const spdlog::details::log_msg line(spdlog::details::os::now(), spdlog::source_loc{}, tag, ToSpdlog(level),

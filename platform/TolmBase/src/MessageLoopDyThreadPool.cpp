@@ -2,18 +2,17 @@
 
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <exception>
 #include <list>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <utility>
 
 #include "TolmBase/LogLine.h"
 #include "TolmBase/TaskThread.h"
+#include "os/Mutex.h"
 #include "os/ThreadName.h"
 
 namespace Tolm::Base {
@@ -72,63 +71,65 @@ struct CMessageLoopDyThreadPool::Core final : CTaskThread::IHost, std::enable_sh
   explicit Core(const char* pool_name) : name(pool_name) {}
   ~Core();
 
-  // These want `mutex` to be held.
-  bool AddThread();
+  bool AddThread() TOLM_REQUIRES(mutex);
   /// Sees to it that somebody comes for the queue: makes a thread, or has the caller wake an idle one. One
   /// at a time, since whoever comes and finds more calls the next one; a burst thus costs no wake-up for
   /// each task.
   enum class Called { kEnough, kWake, kShort, kNewlyShort };  // short: one is wanted and cannot be made
-  Called CallAnother();
+  Called CallAnother() TOLM_REQUIRES(mutex);
   /// Waits for work or a stop. True when neither came until `idle_end`, which the first wait after a
   /// task sets.
-  bool IsIdleTooLong(std::unique_lock<std::mutex>& lock, std::uint64_t own_generation, TimePoint& idle_end);
-  void EndOwnThread(std::unique_lock<std::mutex>& lock);
+  bool IsIdleTooLong(os::UniqueLock& lock, std::uint64_t own_generation, TimePoint& idle_end)
+      TOLM_REQUIRES(mutex);
+  /// The end of the calling thread. Gives those that have ended before it, for it to join.
+  Threads EndOwnThread() TOLM_REQUIRES(mutex);
   /// Threads that run this pool's tasks, or may begin to without being called.
-  std::size_t Busy() const { return members.size() - idle - absent + guests; }
+  std::size_t Busy() const TOLM_REQUIRES(mutex) { return members.size() - idle - absent + guests; }
   /// Whether an idle member may end. One stays with the guests, who take nothing from the queue.
-  bool MayShrink() const { return members.size() > std::max<std::size_t>(min_threads, guests > 0 ? 1 : 0); }
+  bool MayShrink() const TOLM_REQUIRES(mutex) {
+    return members.size() > std::max<std::size_t>(min_threads, guests > 0 ? 1 : 0);
+  }
   /// Keeps a place for the calling thread's next task, which nobody overtakes then.
-  bool TakeGuest();
+  bool TakeGuest() TOLM_REQUIRES(mutex);
 
-  // These want it not to be held.
   /// What CallAnother left to be done. A thread that is woken under the lock would only wait for that.
-  void Finish(Called called);
-  void WarnOfShortage() const;
-  void RunAsGuest(std::unique_ptr<CTask> task) override;
+  void Finish(Called called) TOLM_EXCLUDES(mutex);
+  void WarnOfShortage() const TOLM_EXCLUDES(mutex);
+  void RunAsGuest(std::unique_ptr<CTask> task) override TOLM_EXCLUDES(mutex);
   /// Whether the calling thread runs a task of this pool, or is to come back here.
   bool IsOwnThread() const;
   class Member;
   /// The life of a thread that was made in `own_generation`.
-  void ThreadMain(std::uint64_t own_generation);
+  void ThreadMain(std::uint64_t own_generation) TOLM_EXCLUDES(mutex);
 
   const std::string name;
 
   /// Held while threads are joined, so that a second Stop waits for the first. Locked before `mutex`, and
   /// never waited for by the pool's own threads: the holder may be joining them.
-  std::mutex joining;
+  os::Mutex joining;
 
-  std::mutex mutex;
-  // All below is guarded by mutex.
-  std::condition_variable work_or_stop;
-  State state = State::kNew;
-  Queue queue;
-  Threads members;
-  Threads leavers;
-  Threads ended;
-  std::size_t alive = 0;            // threads that have not ended, wherever their handles are
-  std::size_t idle = 0;             // members that wait, or are about to look for work
-  std::size_t absent = 0;           // members that are guests elsewhere
-  std::size_t guests = 0;           // threads from elsewhere that run a task, or are about to
-  std::size_t stopping_guests = 0;  // of these, inside Stop
-  std::condition_variable guest_left;
-  std::size_t min_threads = 0;
-  std::size_t max_threads = 0;
-  std::chrono::seconds idle_time{0};
-  bool is_one_coming = false;        // a thread was called and has not looked at the queue yet
-  bool is_short_of_threads = false;  // the last attempt to add a thread failed
+  os::Mutex mutex;
+  os::Condition work_or_stop;
+  os::Condition guest_left;
+  State state TOLM_GUARDED_BY(mutex) = State::kNew;
+  Queue queue TOLM_GUARDED_BY(mutex);
+  Threads members TOLM_GUARDED_BY(mutex);
+  Threads leavers TOLM_GUARDED_BY(mutex);
+  Threads ended TOLM_GUARDED_BY(mutex);
+  std::size_t alive TOLM_GUARDED_BY(mutex) = 0;   // threads that have not ended, wherever their handles are
+  std::size_t idle TOLM_GUARDED_BY(mutex) = 0;    // members that wait, or are about to look for work
+  std::size_t absent TOLM_GUARDED_BY(mutex) = 0;  // members that are guests elsewhere
+  std::size_t guests TOLM_GUARDED_BY(mutex) = 0;  // threads from elsewhere that run a task, or are about to
+  std::size_t stopping_guests TOLM_GUARDED_BY(mutex) = 0;  // of these, inside Stop
+  std::size_t min_threads TOLM_GUARDED_BY(mutex) = 0;
+  std::size_t max_threads TOLM_GUARDED_BY(mutex) = 0;
+  std::chrono::seconds idle_time TOLM_GUARDED_BY(mutex){0};
+  /// A thread was called and has not looked at the queue yet.
+  bool is_one_coming TOLM_GUARDED_BY(mutex) = false;
+  bool is_short_of_threads TOLM_GUARDED_BY(mutex) = false;  // the last attempt to add a thread failed
   /// Raised by Start and Reopen. A thread of an earlier generation, whose own task stopped the pool,
   /// leaves the queue and the counters to the later ones.
-  std::uint64_t generation = 0;
+  std::uint64_t generation TOLM_GUARDED_BY(mutex) = 0;
 };
 
 CMessageLoopDyThreadPool::Core::~Core() {
@@ -180,7 +181,7 @@ void CMessageLoopDyThreadPool::Core::RunAsGuest(std::unique_ptr<CTask> task) {
   t_host_core = host_before;
   auto called = Called::kEnough;
   {
-    const std::lock_guard lock(mutex);
+    const os::MutexLock lock(mutex);
     --guests;
     // What was posted while no place was left.
     called = CallAnother();
@@ -198,8 +199,8 @@ void CMessageLoopDyThreadPool::Core::WarnOfShortage() const {
   TOLM_LOG(kLogLevelWarning, "TolmBase", "The pool %s cannot make another thread", name.c_str());
 }
 
-bool CMessageLoopDyThreadPool::Core::IsIdleTooLong(std::unique_lock<std::mutex>& lock,
-                                                   std::uint64_t own_generation, TimePoint& idle_end) {
+bool CMessageLoopDyThreadPool::Core::IsIdleTooLong(os::UniqueLock& lock, std::uint64_t own_generation,
+                                                   TimePoint& idle_end) {
   bool too_long = false;
   ++idle;
   if (idle_time.count() > 0 && MayShrink()) {
@@ -215,14 +216,13 @@ bool CMessageLoopDyThreadPool::Core::IsIdleTooLong(std::unique_lock<std::mutex>&
   return too_long;
 }
 
-void CMessageLoopDyThreadPool::Core::EndOwnThread(std::unique_lock<std::mutex>& lock) {
+Threads CMessageLoopDyThreadPool::Core::EndOwnThread() {
   Threads ended_before;
   ended_before.swap(ended);
   MoveOwnThread(members, ended);
   MoveOwnThread(leavers, ended);
   --alive;
-  lock.unlock();
-  JoinAll(ended_before);
+  return ended_before;
 }
 
 // One of the pool's threads, as a thread that may run a task of another pool.
@@ -233,13 +233,13 @@ class CMessageLoopDyThreadPool::Core::Member final : public CTaskThread {
 
  private:
   bool MayLeave() override {
-    const std::lock_guard lock(core_.mutex);
+    const os::MutexLock lock(core_.mutex);
     return core_.queue.empty() && core_.generation == generation_ && core_.absent < kMostAbsent;
   }
   void Leave() override {
     auto called = Called::kEnough;
     {
-      const std::lock_guard lock(core_.mutex);
+      const os::MutexLock lock(core_.mutex);
       left_ = core_.generation == generation_;
       if (left_) ++core_.absent;
       called = core_.CallAnother();  // a place is left now
@@ -247,7 +247,7 @@ class CMessageLoopDyThreadPool::Core::Member final : public CTaskThread {
     core_.Finish(called);
   }
   void ComeBack() override {
-    const std::lock_guard lock(core_.mutex);
+    const os::MutexLock lock(core_.mutex);
     if (left_ && core_.generation == generation_) --core_.absent;
   }
 
@@ -262,7 +262,7 @@ void CMessageLoopDyThreadPool::Core::ThreadMain(std::uint64_t own_generation) {
   Member self(*this, own_generation);
   TimePoint idle_end = kNoTime;
   bool idle_too_long = false;
-  std::unique_lock lock(mutex);
+  os::UniqueLock lock(mutex);
   if (generation == own_generation) {
     --idle;
     is_one_coming = false;
@@ -288,7 +288,9 @@ void CMessageLoopDyThreadPool::Core::ThreadMain(std::uint64_t own_generation) {
       idle_too_long = IsIdleTooLong(lock, own_generation, idle_end);
     }
   }
-  EndOwnThread(lock);
+  Threads ended_before = EndOwnThread();
+  lock.unlock();
+  JoinAll(ended_before);
 }
 
 CMessageLoopDyThreadPool::CMessageLoopDyThreadPool(const char* name) : core_(std::make_shared<Core>(name)) {}
@@ -302,7 +304,7 @@ bool CMessageLoopDyThreadPool::Start(int min_threads, int max_threads, int idle_
   std::size_t wanted = 0;
   std::size_t made = 0;
   {
-    const std::lock_guard lock(core.mutex);
+    const os::MutexLock lock(core.mutex);
     if (core.state == Core::State::kRunning) return false;
     const auto min = static_cast<std::size_t>(std::max(min_threads, 0));
     const auto max = static_cast<std::size_t>(std::max({1, min_threads, max_threads}));
@@ -338,13 +340,14 @@ bool CMessageLoopDyThreadPool::Stop(bool drain) {
   const std::shared_ptr<Core> core = core_;
   const bool is_own_thread = core->IsOwnThread();
   const bool is_guest = t_host_core == core.get() || CTaskThread::IsOnItsWayTo(core.get());
-  std::unique_lock joining(core->joining, std::defer_lock);
+  // Tried by some and waited for by others, which clang cannot follow; it guards nothing but the joins.
+  std::unique_lock<os::Mutex> joining(core->joining, std::defer_lock);
   const bool joins_members = is_own_thread && joining.try_lock();
   bool was_running = false;
   Queue unrun;
   Threads to_join;
   {
-    const std::lock_guard lock(core->mutex);
+    const os::MutexLock lock(core->mutex);
     was_running = core->state == Core::State::kRunning;
     if (!drain || core->state == Core::State::kNew) unrun.swap(core->queue);
     core->state = Core::State::kStopped;
@@ -359,19 +362,22 @@ bool CMessageLoopDyThreadPool::Stop(bool drain) {
   unrun.clear();
   if (!is_own_thread) {
     joining.lock();
-    const std::lock_guard lock(core->mutex);
+    const os::MutexLock lock(core->mutex);
     to_join.swap(core->leavers);
     to_join.splice(to_join.end(), core->ended);
   }
   JoinAll(to_join);
   {
-    std::unique_lock lock(core->mutex);
+    os::UniqueLock lock(core->mutex);
     if (is_guest) {
       ++core->stopping_guests;
       core->guest_left.notify_all();
     }
     const bool waits = !is_own_thread || joins_members;
-    if (waits) core->guest_left.wait(lock, [&] { return core->guests == core->stopping_guests; });
+    if (waits) {
+      core->guest_left.wait(
+          lock, [&]() TOLM_REQUIRES(core->mutex) { return core->guests == core->stopping_guests; });
+    }
     if (is_guest) --core->stopping_guests;
   }
   return was_running;
@@ -379,7 +385,7 @@ bool CMessageLoopDyThreadPool::Stop(bool drain) {
 
 void CMessageLoopDyThreadPool::Reopen() {
   Core& core = *core_;
-  const std::lock_guard lock(core.mutex);
+  const os::MutexLock lock(core.mutex);
   if (core.state != Core::State::kStopped) return;
   core.state = Core::State::kNew;
   ++core.generation;
@@ -395,7 +401,7 @@ bool CMessageLoopDyThreadPool::PostTask(CTask* task) {
   CTaskThread* const next = CTaskThread::InLastAct();
   auto called = Core::Called::kEnough;
   {
-    const std::lock_guard lock(core.mutex);
+    const os::MutexLock lock(core.mutex);
     if (core.state == Core::State::kStopped) return false;
     if (next != nullptr && core.TakeGuest()) {
       next->Follow(core_, std::move(owned));
@@ -419,12 +425,12 @@ bool CMessageLoopDyThreadPool::PostTask(CTask* task) {
 }
 
 std::size_t CMessageLoopDyThreadPool::ThreadCount() const {
-  const std::lock_guard lock(core_->mutex);
+  const os::MutexLock lock(core_->mutex);
   return core_->alive;
 }
 
 std::size_t CMessageLoopDyThreadPool::QueuedCount() const {
-  const std::lock_guard lock(core_->mutex);
+  const os::MutexLock lock(core_->mutex);
   return core_->queue.size();
 }
 

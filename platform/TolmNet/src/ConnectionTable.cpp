@@ -16,13 +16,13 @@ std::int32_t ConnectionTable::NextIdLocked() {
 }
 
 std::int32_t ConnectionTable::NextId() {
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   return NextIdLocked();
 }
 
 std::shared_ptr<Outbox> ConnectionTable::Add(std::shared_ptr<Waker> waker, std::string client_ip,
                                              std::size_t max_bytes) {
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   const std::int32_t id = NextIdLocked();
   if (id == 0) return nullptr;
   auto outbox = std::make_shared<Outbox>(std::move(waker), id, std::move(client_ip), max_bytes);
@@ -32,7 +32,7 @@ std::shared_ptr<Outbox> ConnectionTable::Add(std::shared_ptr<Waker> waker, std::
 
 void ConnectionTable::Remove(std::int32_t socket_id) {
   std::shared_ptr<Outbox> removed;
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   const auto found = outboxes_.find(socket_id);
   if (found == outboxes_.end()) return;
   removed = std::move(found->second);
@@ -40,18 +40,18 @@ void ConnectionTable::Remove(std::int32_t socket_id) {
 }
 
 std::shared_ptr<Outbox> ConnectionTable::Find(std::int32_t socket_id) const {
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   const auto found = outboxes_.find(socket_id);
   return found == outboxes_.end() ? nullptr : found->second;
 }
 
 bool ConnectionTable::WasGiven(std::int32_t socket_id) const {
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   return socket_id > 0 && socket_id <= last_id_;
 }
 
 std::size_t ConnectionTable::size() const {
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   return outboxes_.size();
 }
 

@@ -3,11 +3,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <unordered_map>
 
 #include "Outbox.h"
+#include "os/Mutex.h"
 
 namespace Tolm::Net {
 
@@ -29,12 +29,11 @@ class ConnectionTable {
   std::size_t size() const;
 
  private:
-  std::int32_t NextIdLocked();
+  std::int32_t NextIdLocked() TOLM_REQUIRES(mutex_);
 
-  mutable std::mutex mutex_;
-  // All below is guarded by mutex_.
-  std::int32_t last_id_ = 0;
-  std::unordered_map<std::int32_t, std::shared_ptr<Outbox>> outboxes_;
+  mutable os::Mutex mutex_;
+  std::int32_t last_id_ TOLM_GUARDED_BY(mutex_) = 0;
+  std::unordered_map<std::int32_t, std::shared_ptr<Outbox>> outboxes_ TOLM_GUARDED_BY(mutex_);
 };
 
 }  // namespace Tolm::Net

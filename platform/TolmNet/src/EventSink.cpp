@@ -13,7 +13,7 @@ EventSink::EventSink(std::shared_ptr<Waker> waker, const ServerOptions& options)
 void EventSink::SetCallback(WebSocketServerCallBack callback) {
   auto next = std::make_shared<const WebSocketServerCallBack>(std::move(callback));
   {
-    const std::lock_guard lock(mutex_);
+    const os::MutexLock lock(mutex_);
     callback_.swap(next);
   }
   // The one before goes unlocked, with what it holds.
@@ -22,7 +22,7 @@ void EventSink::SetCallback(WebSocketServerCallBack callback) {
 }
 
 std::shared_ptr<const WebSocketServerCallBack> EventSink::Callback() const {
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   return callback_;
 }
 

@@ -4,12 +4,12 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "ServerOptions.h"
 #include "TolmNet/HttpServer.h"
 #include "Waker.h"
+#include "os/Mutex.h"
 
 namespace Tolm::Net {
 
@@ -48,8 +48,8 @@ class EventSink {
   std::deque<Kept> kept_;
   std::size_t kept_bytes_ = 0;
 
-  mutable std::mutex mutex_;
-  std::shared_ptr<const WebSocketServerCallBack> callback_;  // guarded by mutex_
+  mutable os::Mutex mutex_;
+  std::shared_ptr<const WebSocketServerCallBack> callback_ TOLM_GUARDED_BY(mutex_);
 };
 
 }  // namespace Tolm::Net

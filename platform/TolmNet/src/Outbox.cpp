@@ -22,7 +22,7 @@ Outbox::Outbox(std::shared_ptr<Waker> waker, std::int32_t socket_id, std::string
 int Outbox::Send(int opcode, const char* data, std::uint32_t len, bool fin) {
   const std::size_t cost = std::max<std::size_t>(len, kMinCost);
   {
-    const std::lock_guard lock(mutex_);
+    const os::MutexLock lock(mutex_);
     if (shut_ || close_requested_) return kNetNoSuchHandle;
     if (cost > max_bytes_ || bytes_ > max_bytes_ - cost) return kNetQueueFull;
     bytes_ += cost;
@@ -36,7 +36,7 @@ int Outbox::Send(int opcode, const char* data, std::uint32_t len, bool fin) {
     result = kNetNoMemory;
   }
   {
-    const std::lock_guard lock(mutex_);
+    const os::MutexLock lock(mutex_);
     if (result == kNetOk && (shut_ || close_requested_)) result = kNetNoSuchHandle;
     if (result == kNetOk) {
       try {
@@ -62,7 +62,7 @@ int Outbox::Send(int opcode, const char* data, std::uint32_t len, bool fin) {
 
 void Outbox::RequestClose() {
   {
-    const std::lock_guard lock(mutex_);
+    const os::MutexLock lock(mutex_);
     if (shut_ || close_requested_) return;
     close_requested_ = true;
   }
@@ -70,12 +70,12 @@ void Outbox::RequestClose() {
 }
 
 bool Outbox::IsCloseRequested() const {
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   return close_requested_;
 }
 
 Outbox::Next Outbox::Take(OutgoingFrame& frame) {
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   if (frames_.empty()) return close_requested_ ? Next::kClose : Next::kNothing;
   frame = std::move(frames_.front());
   frames_.pop_front();
@@ -83,14 +83,14 @@ Outbox::Next Outbox::Take(OutgoingFrame& frame) {
 }
 
 void Outbox::Done() {
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   bytes_ -= costs_.front();
   costs_.pop_front();
 }
 
 std::size_t Outbox::Shut() {
   std::deque<OutgoingFrame> lost;
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   shut_ = true;
   lost.swap(frames_);
   return lost.size();

@@ -4,12 +4,12 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "FrameText.h"
 #include "TolmNet/HttpServer.h"
 #include "Waker.h"
+#include "os/Mutex.h"
 
 namespace Tolm::Net {
 
@@ -40,13 +40,13 @@ class Outbox {
   const std::string client_ip_;
   const std::size_t max_bytes_;
 
-  mutable std::mutex mutex_;
-  // All below is guarded by mutex_.
-  std::deque<OutgoingFrame> frames_;
-  std::deque<std::size_t> costs_;  // of what has been reserved and is in frames_ or being sent
-  std::size_t bytes_ = 0;
-  bool close_requested_ = false;
-  bool shut_ = false;
+  mutable os::Mutex mutex_;
+  std::deque<OutgoingFrame> frames_ TOLM_GUARDED_BY(mutex_);
+  /// Of what has been reserved and is in frames_ or being sent.
+  std::deque<std::size_t> costs_ TOLM_GUARDED_BY(mutex_);
+  std::size_t bytes_ TOLM_GUARDED_BY(mutex_) = 0;
+  bool close_requested_ TOLM_GUARDED_BY(mutex_) = false;
+  bool shut_ TOLM_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace Tolm::Net

@@ -18,7 +18,7 @@ int ServerTable::Start(std::int32_t& handle, const std::string& ip, std::uint16_
   if (!callback || port == 0 || !ParseIp(ip, address.ip)) return kNetBadArgument;
   const auto server = std::make_shared<ServerThread>(std::move(callback), options);
   const auto entry = [&] {
-    const std::lock_guard lock(mutex_);
+    const os::MutexLock lock(mutex_);
     // Kept free before the thread runs, so that a server that runs has a handle.
     servers_[last_handle_ + 1] = nullptr;
     return ++last_handle_;
@@ -27,11 +27,11 @@ int ServerTable::Start(std::int32_t& handle, const std::string& ip, std::uint16_
   try {
     result = server->Start(address);
   } catch (...) {
-    const std::lock_guard lock(mutex_);
+    const os::MutexLock lock(mutex_);
     servers_.erase(entry);
     throw;
   }
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   if (result != kNetOk) {
     servers_.erase(entry);
     return result;
@@ -45,7 +45,7 @@ int ServerTable::SetCallback(std::int32_t handle, WebSocketServerCallBack callba
   if (!callback) return kNetBadArgument;
   std::shared_ptr<ServerThread> server;
   {
-    const std::lock_guard lock(mutex_);
+    const os::MutexLock lock(mutex_);
     const auto found = servers_.find(handle);
     if (found == servers_.end() || found->second == nullptr) return kNetNoSuchHandle;
     server = found->second;
@@ -57,7 +57,7 @@ int ServerTable::SetCallback(std::int32_t handle, WebSocketServerCallBack callba
 int ServerTable::Stop(std::int32_t handle) {
   std::shared_ptr<ServerThread> server;
   {
-    const std::lock_guard lock(mutex_);
+    const os::MutexLock lock(mutex_);
     const auto found = servers_.find(handle);
     if (found == servers_.end() || found->second == nullptr) return kNetNoSuchHandle;
     server = std::move(found->second);

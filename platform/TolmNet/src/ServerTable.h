@@ -2,13 +2,13 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <unordered_map>
 
 #include "ServerOptions.h"
 #include "ServerThread.h"
 #include "TolmNet/HttpServer.h"
+#include "os/Mutex.h"
 
 namespace Tolm::Net {
 
@@ -23,10 +23,9 @@ class ServerTable {
   int Stop(std::int32_t handle);
 
  private:
-  std::mutex mutex_;
-  // All below is guarded by mutex_, which is not held while a server starts or stops.
-  std::int32_t last_handle_ = 0;
-  std::unordered_map<std::int32_t, std::shared_ptr<ServerThread>> servers_;
+  os::Mutex mutex_;  // not held while a server starts or stops
+  std::int32_t last_handle_ TOLM_GUARDED_BY(mutex_) = 0;
+  std::unordered_map<std::int32_t, std::shared_ptr<ServerThread>> servers_ TOLM_GUARDED_BY(mutex_);
 };
 
 }  // namespace Tolm::Net

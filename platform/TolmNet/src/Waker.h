@@ -1,7 +1,8 @@
 #pragma once
 
 #include <atomic>
-#include <mutex>
+
+#include "os/Mutex.h"
 
 namespace Tolm::Net {
 
@@ -26,8 +27,9 @@ class Waker {
  private:
   std::atomic<bool> stopping_{false};
   std::atomic<bool> woken_{false};
-  std::mutex mutex_;
-  EventLoop* loop_ = nullptr;  // guarded by mutex_: waking a loop that is being destroyed is not allowed
+  os::Mutex mutex_;
+  // The lock is held while it is woken, since it must not be destroyed then.
+  EventLoop* loop_ TOLM_GUARDED_BY(mutex_) TOLM_PT_GUARDED_BY(mutex_) = nullptr;
 };
 
 }  // namespace Tolm::Net

@@ -2,24 +2,23 @@
 
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <cstring>
 #include <deque>
 #include <map>
-#include <mutex>
 #include <utility>
 #include <vector>
 
 #include "os/LocalStream.h"
+#include "os/Mutex.h"
 
 namespace os {
 namespace {
 
 // Everything of one transport is guarded by one mutex: this is for tests, where plain beats fast.
 struct World {
-  std::mutex mutex;
-  std::condition_variable changed;
-  std::map<std::string, std::deque<std::unique_ptr<Stream>>*> listeners;
+  Mutex mutex;
+  Condition changed;
+  std::map<std::string, std::deque<std::unique_ptr<Stream>>*> listeners TOLM_GUARDED_BY(mutex);
 };
 
 struct Pipe {
@@ -48,7 +47,7 @@ class MemoryStream final : public Stream, public Source {
   ~MemoryStream() override { Shutdown(); }
 
   IoResult Read(const MutableBuffer* buffers, std::size_t count) override {
-    const std::lock_guard lock(world_->mutex);
+    const MutexLock lock(world_->mutex);
     std::size_t total = 0;
     for (std::size_t i = 0; i < count; ++i) {
       const std::size_t part = std::min(buffers[i].size, in_->bytes.size());
@@ -63,7 +62,7 @@ class MemoryStream final : public Stream, public Source {
   }
 
   IoResult Write(const ConstBuffer* buffers, std::size_t count) override {
-    const std::lock_guard lock(world_->mutex);
+    const MutexLock lock(world_->mutex);
     if (out_->closed) return {IoStatus::kClosed};
     std::size_t total = 0;
     for (std::size_t i = 0; i < count; ++i) {
@@ -77,14 +76,14 @@ class MemoryStream final : public Stream, public Source {
   }
 
   StreamState Wait(bool /*for_room*/, int timeout_ms) override {
-    std::unique_lock lock(world_->mutex);
+    UniqueLock lock(world_->mutex);
     return {world_->changed.wait_for(lock, std::chrono::milliseconds(timeout_ms),
-                                     [this] { return ReadableLocked(); }),
+                                     [this]() TOLM_REQUIRES(world_->mutex) { return ReadableLocked(); }),
             false};
   }
 
   void Shutdown() noexcept override {
-    const std::lock_guard lock(world_->mutex);
+    const MutexLock lock(world_->mutex);
     in_->closed = true;
     out_->closed = true;
     world_->changed.notify_all();
@@ -92,14 +91,19 @@ class MemoryStream final : public Stream, public Source {
 
   PeerIdentity Peer() const override { return {true, 0}; }
 
-  bool ReadableLocked() const override { return !in_->bytes.empty() || in_->closed; }
-  bool WritableLocked() const override { return out_->bytes.size() < capacity_ || out_->closed; }
-  bool EndedLocked() const override { return in_->closed; }
+  bool ReadableLocked() const override TOLM_REQUIRES(world_->mutex) {
+    return !in_->bytes.empty() || in_->closed;
+  }
+  bool WritableLocked() const override TOLM_REQUIRES(world_->mutex) {
+    return out_->bytes.size() < capacity_ || out_->closed;
+  }
+  bool EndedLocked() const override TOLM_REQUIRES(world_->mutex) { return in_->closed; }
 
  private:
   const std::shared_ptr<World> world_;
-  const std::shared_ptr<Pipe> in_;
-  const std::shared_ptr<Pipe> out_;
+  // What these point to, above all.
+  const std::shared_ptr<Pipe> in_ TOLM_GUARDED_BY(world_->mutex);
+  const std::shared_ptr<Pipe> out_ TOLM_GUARDED_BY(world_->mutex);
   const std::size_t capacity_;
 };
 
@@ -112,29 +116,30 @@ class MemoryListener final : public Listener, public Source {
 
   ~MemoryListener() override {
     std::deque<std::unique_ptr<Stream>> dropped;  // destroyed unlocked
-    const std::lock_guard lock(world_->mutex);
+    const MutexLock lock(world_->mutex);
     world_->listeners.erase(name_);
     dropped.swap(waiting_);
   }
 
   Accepted Accept() override {
-    const std::lock_guard lock(world_->mutex);
+    const MutexLock lock(world_->mutex);
     if (waiting_.empty()) return {};
     Accepted accepted{std::move(waiting_.front()), IoStatus::kDone, false, 0};
     waiting_.pop_front();
     return accepted;
   }
 
-  bool ReadableLocked() const override { return !waiting_.empty(); }
+  bool ReadableLocked() const override TOLM_REQUIRES(world_->mutex) { return !waiting_.empty(); }
   bool WritableLocked() const override { return false; }
   bool EndedLocked() const override { return false; }
 
+  /// To be used under the lock.
   std::deque<std::unique_ptr<Stream>>* waiting() { return &waiting_; }
 
  private:
   const std::shared_ptr<World> world_;
   const std::string name_;
-  std::deque<std::unique_ptr<Stream>> waiting_;
+  std::deque<std::unique_ptr<Stream>> waiting_ TOLM_GUARDED_BY(world_->mutex);
 };
 
 class MemoryPoller final : public Poller {
@@ -142,21 +147,23 @@ class MemoryPoller final : public Poller {
   explicit MemoryPoller(std::shared_ptr<World> world) : world_(std::move(world)) {}
 
   bool Arm(Pollable& source, std::uint64_t token, unsigned interest) override {
-    const std::lock_guard lock(world_->mutex);
+    const MutexLock lock(world_->mutex);
     armed_[reinterpret_cast<Source*>(source.native())] = {token, interest};
     world_->changed.notify_all();
     return true;
   }
 
   void Remove(Pollable& source) override {
-    const std::lock_guard lock(world_->mutex);
+    const MutexLock lock(world_->mutex);
     armed_.erase(reinterpret_cast<Source*>(source.native()));
   }
 
   std::optional<Readiness> Wait(int timeout_ms) override {
-    std::unique_lock lock(world_->mutex);
+    UniqueLock lock(world_->mutex);
     std::optional<Readiness> ready;
-    const auto done = [&] { return wakes_ > 0 || (ready = TakeReadyLocked()).has_value(); };
+    const auto done = [&]() TOLM_REQUIRES(world_->mutex) {
+      return wakes_ > 0 || (ready = TakeReadyLocked()).has_value();
+    };
     if (timeout_ms < 0) {
       world_->changed.wait(lock, done);
     } else {
@@ -167,7 +174,7 @@ class MemoryPoller final : public Poller {
   }
 
   void Wake(unsigned threads) override {
-    const std::lock_guard lock(world_->mutex);
+    const MutexLock lock(world_->mutex);
     wakes_ += threads;
     world_->changed.notify_all();
   }
@@ -178,7 +185,7 @@ class MemoryPoller final : public Poller {
     unsigned interest;
   };
 
-  std::optional<Readiness> TakeReadyLocked() {
+  std::optional<Readiness> TakeReadyLocked() TOLM_REQUIRES(world_->mutex) {
     for (auto entry = armed_.begin(); entry != armed_.end(); ++entry) {
       const auto [source, asked] = *entry;
       const bool readable =
@@ -192,8 +199,8 @@ class MemoryPoller final : public Poller {
   }
 
   const std::shared_ptr<World> world_;
-  std::map<Source*, Interest> armed_;
-  unsigned wakes_ = 0;
+  std::map<Source*, Interest> armed_ TOLM_GUARDED_BY(world_->mutex);
+  unsigned wakes_ TOLM_GUARDED_BY(world_->mutex) = 0;
 };
 
 class MemoryTransport final : public LocalTransport {
@@ -202,7 +209,7 @@ class MemoryTransport final : public LocalTransport {
 
   EndpointResult<Listener> Listen(const std::string& name) override {
     if (!IsEndpointName(name)) return {nullptr, EndpointError::kNameInvalid, "no endpoint name: " + name};
-    const std::lock_guard lock(world_->mutex);
+    const MutexLock lock(world_->mutex);
     if (world_->listeners.count(name) != 0) return {nullptr, EndpointError::kInUse, name + " is in use"};
     auto listener = std::make_unique<MemoryListener>(world_, name);
     world_->listeners[name] = listener->waiting();
@@ -215,7 +222,7 @@ class MemoryTransport final : public LocalTransport {
     auto back = std::make_shared<Pipe>();
     auto near = std::make_unique<MemoryStream>(world_, back, there, capacity_);
     auto far = std::make_unique<MemoryStream>(world_, there, back, capacity_);
-    std::unique_lock lock(world_->mutex);
+    UniqueLock lock(world_->mutex);
     const auto listener = world_->listeners.find(name);
     if (listener == world_->listeners.end()) {
       lock.unlock();  // both ends lock it when they go

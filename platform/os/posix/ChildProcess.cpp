@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <climits>
 #include <csignal>
-#include <mutex>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -17,6 +16,7 @@
 #include "ProcessTable.h"
 #include "ProcessTree.h"
 #include "Spawn.h"
+#include "os/Mutex.h"
 #include "os/ThreadName.h"
 
 namespace os {
@@ -54,12 +54,12 @@ class PosixChildProcess final : public ChildProcess {
 
   void KillTree() override {
     {
-      const std::lock_guard lock(mutex_);
+      const MutexLock lock(mutex_);
       if (collected_) return;  // that is done only when nothing of the tree was left
       ++killers_;
     }
     KillTreeOf(root_);
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     --killers_;
   }
 
@@ -108,7 +108,7 @@ class PosixChildProcess final : public ChildProcess {
         info.si_code == CLD_EXITED ? ProcessEnd{info.si_status, 0} : ProcessEnd{0, info.si_status};
     const bool nothing_left = AdoptsOrphans() ? KillTreeOf(root_) : !HasDescendants(root_);
     if (nothing_left) {
-      const std::lock_guard lock(mutex_);
+      const MutexLock lock(mutex_);
       if (killers_ == 0) {
         CollectChild(root_.id);
         collected_ = true;
@@ -157,9 +157,9 @@ class PosixChildProcess final : public ChildProcess {
   const Descriptor closing_;
   char buffer_[64 * 1024];  // the thread's
 
-  std::mutex mutex_;
-  int killers_ = 0;         // guarded by mutex_
-  bool collected_ = false;  // guarded by mutex_
+  Mutex mutex_;
+  int killers_ TOLM_GUARDED_BY(mutex_) = 0;
+  bool collected_ TOLM_GUARDED_BY(mutex_) = false;
 
   std::thread thread_;
 };

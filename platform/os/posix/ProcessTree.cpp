@@ -14,7 +14,6 @@
 #include <cstdlib>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <set>
 #include <thread>
 #include <utility>
@@ -22,6 +21,7 @@
 
 #include "ProcessTable.h"
 #include "os/ChildProcess.h"
+#include "os/Mutex.h"
 #include "os/ThreadName.h"
 
 namespace os {
@@ -40,8 +40,8 @@ constexpr int kEmptyLooks = 2;
 
 /// The children that are not collected yet.
 struct Children {
-  std::mutex mutex;
-  std::map<pid_t, TreeRoot> roots;  // guarded by mutex
+  Mutex mutex;
+  std::map<pid_t, TreeRoot> roots TOLM_GUARDED_BY(mutex);
 };
 
 Children& TheChildren() {
@@ -132,7 +132,7 @@ void CollectAdopted() {
   for (const ProcessRow& row : ReadProcesses()) {
     if (row.parent != self || row.IsAlive()) continue;
     Children& children = TheChildren();
-    const std::lock_guard lock(children.mutex);
+    const MutexLock lock(children.mutex);
     if (children.roots.count(row.id) != 0) continue;  // its ChildProcess does it
     siginfo_t ignored{};
     ::waitid(P_PID, static_cast<id_t>(row.id), &ignored, WEXITED | WNOHANG);
@@ -171,7 +171,7 @@ std::string MakeMark() {
 pid_t ForkChild(TreeRoot& root) {
   Children& children = TheChildren();
   // Forked and noted in one step: whoever looks for strays in between would take the new child for one.
-  const std::lock_guard lock(children.mutex);
+  const MutexLock lock(children.mutex);
   const pid_t id = ::fork();
   if (id <= 0) return id;
   root.id = id;
@@ -186,7 +186,7 @@ void CollectChild(pid_t id) {
   while (::waitid(P_PID, static_cast<id_t>(id), &ignored, WEXITED | WNOWAIT) != 0 && errno == EINTR) {
   }
   Children& children = TheChildren();
-  const std::lock_guard lock(children.mutex);
+  const MutexLock lock(children.mutex);
   ::waitid(P_PID, static_cast<id_t>(id), &ignored, WEXITED | WNOHANG);
   children.roots.erase(id);
 }
@@ -235,7 +235,7 @@ void KillStrayDescendants() {
     std::map<pid_t, TreeRoot> roots;
     {
       Children& children = TheChildren();
-      const std::lock_guard lock(children.mutex);
+      const MutexLock lock(children.mutex);
       roots = children.roots;
     }
     std::set<pid_t> strays{self};

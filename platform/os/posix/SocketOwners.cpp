@@ -63,7 +63,7 @@ std::vector<std::uint32_t> SocketOwners::Find(const std::vector<std::uint64_t>& 
   const Descriptor processes(::open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!processes) return owners;
 
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   std::vector<std::size_t> missing;
   for (std::size_t i = 0; i < inodes.size(); ++i) {
     if (const auto owner = Recall(processes.get(), inodes[i])) {

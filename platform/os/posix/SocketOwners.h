@@ -2,10 +2,11 @@
 
 #include <chrono>
 #include <cstdint>
-#include <mutex>
 #include <optional>
 #include <unordered_map>
 #include <vector>
+
+#include "os/Mutex.h"
 
 namespace os {
 
@@ -29,13 +30,14 @@ class SocketOwners {
     std::uint32_t descriptor;
   };
 
-  std::optional<std::uint32_t> Recall(int processes, std::uint64_t inode) const;
-  void LookEverywhere(int processes);
+  std::optional<std::uint32_t> Recall(int processes, std::uint64_t inode) const TOLM_REQUIRES(mutex_);
+  void LookEverywhere(int processes) TOLM_REQUIRES(mutex_);
 
-  std::mutex mutex_;
-  std::unordered_map<std::uint64_t, Place> places_;                // guarded by mutex_, as is what follows
-  std::unordered_map<std::uint64_t, Clock::time_point> not_seen_;  // when they were looked for in vain
-  Clock::time_point looked_everywhere_{};
+  Mutex mutex_;
+  std::unordered_map<std::uint64_t, Place> places_ TOLM_GUARDED_BY(mutex_);
+  /// When they were looked for in vain.
+  std::unordered_map<std::uint64_t, Clock::time_point> not_seen_ TOLM_GUARDED_BY(mutex_);
+  Clock::time_point looked_everywhere_ TOLM_GUARDED_BY(mutex_){};
 };
 
 }  // namespace os

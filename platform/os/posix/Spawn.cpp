@@ -6,12 +6,10 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <condition_variable>
 #include <csignal>
 #include <deque>
 #include <filesystem>
 #include <future>
-#include <mutex>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -19,6 +17,7 @@
 #include "ProcessTable.h"
 #include "ProcessTree.h"
 #include "os/ExecutableFault.h"
+#include "os/Mutex.h"
 #include "os/ThreadName.h"
 
 extern char** environ;
@@ -98,7 +97,7 @@ class Spawner {
     });
     std::future<int> error = job.get_future();
     {
-      const std::lock_guard lock(mutex_);
+      const MutexLock lock(mutex_);
       jobs_.push_back(std::move(job));
     }
     wanted_.notify_one();
@@ -126,8 +125,8 @@ class Spawner {
     for (;;) {
       std::packaged_task<int()> job;
       {
-        std::unique_lock lock(mutex_);
-        wanted_.wait(lock, [this] { return !jobs_.empty(); });
+        UniqueLock lock(mutex_);
+        wanted_.wait(lock, [this]() TOLM_REQUIRES(mutex_) { return !jobs_.empty(); });
         job = std::move(jobs_.front());
         jobs_.pop_front();
       }
@@ -135,9 +134,9 @@ class Spawner {
     }
   }
 
-  std::mutex mutex_;
-  std::condition_variable wanted_;
-  std::deque<std::packaged_task<int()>> jobs_;  // guarded by mutex_
+  Mutex mutex_;
+  Condition wanted_;
+  std::deque<std::packaged_task<int()>> jobs_ TOLM_GUARDED_BY(mutex_);
 };
 
 std::vector<std::string> EnvironmentFor(const ProcessRequest& request, const std::string& mark) {

@@ -5,7 +5,6 @@
 // of the system; for systems that do not look (Wine), a lock and a question beforehand say the same.
 
 #include <cstdlib>
-#include <mutex>
 #include <utility>
 #include <vector>
 
@@ -18,6 +17,7 @@
 #include "WideText.h"
 #include "os/ChildProcess.h"
 #include "os/LocalStream.h"
+#include "os/Mutex.h"
 
 namespace os {
 namespace {
@@ -63,7 +63,7 @@ PeerIdentity IdentityOf(ULONG process_id) {
 /// An instance of a pipe, with the system's answer to whether somebody has connected.
 class Instance {
  public:
-  explicit Instance(Handle pipe) { end_ = {std::move(pipe), Port::NewKey(), nullptr}; }
+  explicit Instance(Handle pipe) : end_{std::move(pipe), Port::NewKey(), nullptr} {}
   Instance(Instance&&) = default;
   Instance& operator=(Instance&&) = default;
   ~Instance() {
@@ -154,7 +154,7 @@ class Door final : public PipeSource, public std::enable_shared_from_this<Door> 
       : lock_(std::move(lock)), name_(std::move(name)), instances_(std::move(instances)) {}
 
   Listener::Accepted Accept() {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     for (Instance& instance : instances_) {
       if (!instance.IsConnected()) continue;
       // The next one first, so that there is one at any time.
@@ -172,13 +172,13 @@ class Door final : public PipeSource, public std::enable_shared_from_this<Door> 
 
   void Close() {
     Disarm();
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     instances_.clear();
     lock_.reset();  // last: a successor may begin only when the pipe is gone
   }
 
   bool Arm(const std::shared_ptr<Port>& port, std::uint64_t token, unsigned interest) override {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     armed_ = (interest & Poller::kRead) != 0;
     token_ = token;
     for (Instance& instance : instances_) {
@@ -190,7 +190,7 @@ class Door final : public PipeSource, public std::enable_shared_from_this<Door> 
   }
 
   void Disarm() override {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     armed_ = false;
     for (Instance& instance : instances_) {
       if (instance.end().port) instance.end().port->Forget(instance.end().key);
@@ -198,14 +198,14 @@ class Door final : public PipeSource, public std::enable_shared_from_this<Door> 
   }
 
   std::optional<Readiness> Take(const OVERLAPPED*) override {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (!armed_ || !SomebodyCameLocked()) return std::nullopt;
     armed_ = false;
     return Readiness{token_, true, false};
   }
 
  private:
-  bool SomebodyCameLocked() {
+  bool SomebodyCameLocked() TOLM_REQUIRES(mutex_) {
     bool somebody = false;
     for (Instance& instance : instances_) somebody |= instance.IsConnected();  // all are to wait
     return somebody;
@@ -213,11 +213,10 @@ class Door final : public PipeSource, public std::enable_shared_from_this<Door> 
 
   std::unique_ptr<ProcessLock> lock_;
   const std::wstring name_;
-  std::mutex mutex_;
-  // All below is guarded by mutex_.
-  std::vector<Instance> instances_;
-  bool armed_ = false;
-  std::uint64_t token_ = 0;
+  Mutex mutex_;
+  std::vector<Instance> instances_ TOLM_GUARDED_BY(mutex_);
+  bool armed_ TOLM_GUARDED_BY(mutex_) = false;
+  std::uint64_t token_ TOLM_GUARDED_BY(mutex_) = 0;
 };
 
 class PipeListener final : public Listener {

@@ -6,12 +6,12 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
-#include <mutex>
 #include <thread>
 #include <utility>
 #include <vector>
 
 #include "PipeStream.h"
+#include "os/Mutex.h"
 #include "os/PerThread.h"
 
 namespace os {
@@ -50,39 +50,39 @@ class Pipe final : public PipeSource, public std::enable_shared_from_this<Pipe> 
   std::optional<Readiness> Take(const OVERLAPPED* ended) override;
 
  private:
-  bool HasInputLocked() const { return input_begin_ < input_end_; }
-  bool IsReadableLocked() const { return over_ || HasInputLocked(); }
-  void BeginReadLocked();
-  void CollectReadLocked();
-  void CollectWriteLocked();
-  std::size_t TakeInputLocked(const MutableBuffer*& buffers, std::size_t& count, std::size_t& filled);
-  std::size_t ReadAvailableLocked(char* data, std::size_t size);
-  void DrainLocked();
-  bool IsReadyLocked();
-  void EndLocked(DWORD error);
+  bool HasInputLocked() const TOLM_REQUIRES(mutex_) { return input_begin_ < input_end_; }
+  bool IsReadableLocked() const TOLM_REQUIRES(mutex_) { return over_ || HasInputLocked(); }
+  void BeginReadLocked() TOLM_REQUIRES(mutex_);
+  void CollectReadLocked() TOLM_REQUIRES(mutex_);
+  void CollectWriteLocked() TOLM_REQUIRES(mutex_);
+  std::size_t TakeInputLocked(const MutableBuffer*& buffers, std::size_t& count, std::size_t& filled)
+      TOLM_REQUIRES(mutex_);
+  std::size_t ReadAvailableLocked(char* data, std::size_t size) TOLM_REQUIRES(mutex_);
+  void DrainLocked() TOLM_REQUIRES(mutex_);
+  bool IsReadyLocked() TOLM_REQUIRES(mutex_);
+  void EndLocked(DWORD error) TOLM_REQUIRES(mutex_);
 
   const PeerIdentity peer_;
   const Handle read_event_{::CreateEventW(nullptr, TRUE, FALSE, nullptr)};
 
-  std::mutex mutex_;
-  // All below is guarded by mutex_.
-  PipeEnd end_;  // without handle after Shutdown
-  bool over_ = false;
-  IoResult over_result_{IoStatus::kClosed};
+  Mutex mutex_;
+  PipeEnd end_ TOLM_GUARDED_BY(mutex_);  // without handle after Shutdown
+  bool over_ TOLM_GUARDED_BY(mutex_) = false;
+  IoResult over_result_ TOLM_GUARDED_BY(mutex_){IoStatus::kClosed};
 
   // What was read ahead: [input_begin_, input_end_) of input_. A read under way writes behind it.
-  std::vector<char> input_ = std::vector<char>(kInputBytes);
-  std::size_t input_begin_ = 0;
-  std::size_t input_end_ = 0;
-  std::unique_ptr<PipeOperation> idle_read_;  // between two reads
-  std::unique_ptr<PipeOperation> read_;       // null when none is under way
-  std::unique_ptr<PipeOperation> write_;      // as well
+  std::vector<char> input_ TOLM_GUARDED_BY(mutex_) = std::vector<char>(kInputBytes);
+  std::size_t input_begin_ TOLM_GUARDED_BY(mutex_) = 0;
+  std::size_t input_end_ TOLM_GUARDED_BY(mutex_) = 0;
+  std::unique_ptr<PipeOperation> idle_read_ TOLM_GUARDED_BY(mutex_);  // between two reads
+  std::unique_ptr<PipeOperation> read_ TOLM_GUARDED_BY(mutex_);       // null when none is under way
+  std::unique_ptr<PipeOperation> write_ TOLM_GUARDED_BY(mutex_);      // as well
   // Somebody is in WaitReadable: the read under way and its event are his.
-  bool is_waited_for_ = false;
+  bool is_waited_for_ TOLM_GUARDED_BY(mutex_) = false;
 
-  bool armed_ = false;
-  std::uint64_t token_ = 0;
-  unsigned interest_ = 0;
+  bool armed_ TOLM_GUARDED_BY(mutex_) = false;
+  std::uint64_t token_ TOLM_GUARDED_BY(mutex_) = 0;
+  unsigned interest_ TOLM_GUARDED_BY(mutex_) = 0;
 };
 
 // ------------------------------------------------------------------------------- reading
@@ -169,7 +169,7 @@ std::size_t Pipe::TakeInputLocked(const MutableBuffer*& buffers, std::size_t& co
 }
 
 IoResult Pipe::Read(const MutableBuffer* buffers, std::size_t count) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   CollectReadLocked();
   // A buffer that was not filled held all there was; otherwise there may be more where it came from.
   const bool may_be_more = !HasInputLocked() || input_end_ >= kInputBytes;
@@ -194,7 +194,7 @@ bool Pipe::WaitReadable(int timeout_ms) {
   const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
   for (;;) {
     {
-      const std::lock_guard lock(mutex_);
+      const MutexLock lock(mutex_);
       CollectReadLocked();
       if (!IsReadableLocked()) BeginReadLocked();
       is_waited_for_ = !IsReadableLocked();
@@ -204,12 +204,12 @@ bool Pipe::WaitReadable(int timeout_ms) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
     const DWORD timeout = static_cast<DWORD>(std::max<std::int64_t>(0, left));
     if (::WaitForSingleObject(read_event_.get(), timeout) == WAIT_OBJECT_0) {
-      const std::lock_guard lock(mutex_);
+      const MutexLock lock(mutex_);
       // The event comes before the result where the system leaves that to the thread that takes the packet.
       if (read_ && !read_->IsCompleted()) std::this_thread::yield();
       continue;
     }
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     is_waited_for_ = false;
     if (read_ && end_.port == nullptr) {
       ::CancelIoEx(end_.handle.get(), &read_->overlapped);
@@ -224,7 +224,7 @@ bool Pipe::WaitReadable(int timeout_ms) {
 // ------------------------------------------------------------------------------- writing
 
 IoResult Pipe::Write(const ConstBuffer* buffers, std::size_t count) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   CollectWriteLocked();
   if (over_) return over_result_;
   if (write_) return {IoStatus::kWouldBlock};
@@ -279,7 +279,7 @@ void Pipe::DrainLocked() {
 }
 
 void Pipe::Shutdown() noexcept {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   if (!end_.handle) return;
   CollectReadLocked();
   if (read_) {
@@ -313,7 +313,7 @@ void Pipe::Shutdown() noexcept {
 // ------------------------------------------------------------------------------- the poller
 
 bool Pipe::Arm(const std::shared_ptr<Port>& port, std::uint64_t token, unsigned interest) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   // What began before would send its packet nowhere.
   CollectWriteLocked();
   if (end_.port == nullptr && (write_ || read_)) return false;
@@ -326,7 +326,7 @@ bool Pipe::Arm(const std::shared_ptr<Port>& port, std::uint64_t token, unsigned 
 }
 
 void Pipe::Disarm() {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   armed_ = false;
   if (end_.port) end_.port->Forget(end_.key);
 }
@@ -348,7 +348,7 @@ bool Pipe::IsReadyLocked() {
 }
 
 std::optional<Readiness> Pipe::Take(const OVERLAPPED* ended) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   // Its packet says that a write has ended, also where nobody has noted that in the operation: Wine leaves
   // that to the thread that began it, which may have ended as well.
   if (write_ && ended == &write_->overlapped) write_.reset();
@@ -375,7 +375,9 @@ class PipeStream final : public Stream {
   IoResult Write(const ConstBuffer* buffers, std::size_t count) override {
     return pipe_->Write(buffers, count);
   }
-  StreamState Wait(bool /*for_room*/, int timeout_ms) override { return {pipe_->WaitReadable(timeout_ms), false}; }
+  StreamState Wait(bool /*for_room*/, int timeout_ms) override {
+    return {pipe_->WaitReadable(timeout_ms), false};
+  }
   void Shutdown() noexcept override { pipe_->Shutdown(); }
   PeerIdentity Peer() const override { return pipe_->peer(); }
 

@@ -1,12 +1,12 @@
 #include "os/NamedEvent.h"
 
 #include "Handle.h"
+#include "os/Mutex.h"
 
 #include <winternl.h>
 
 #include <algorithm>
 #include <memory>
-#include <mutex>
 #include <string_view>
 #include <utility>
 
@@ -75,7 +75,7 @@ class OwnEvent final : public NamedEvent {
   // A kernel object's name goes with its last handle. When that is ours, this holder goes on with an event
   // that has no name; somebody else who holds it hears and is heard as before, and the name lasts.
   void GiveUpName() override {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (!IsHeldByNobodyElse(object_->event)) return;
     Handle nameless(::CreateEventW(nullptr, FALSE, FALSE, nullptr));
     if (!nameless) return;
@@ -94,7 +94,7 @@ class OwnEvent final : public NamedEvent {
   };
 
   std::shared_ptr<Object> Current() const {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     return object_;
   }
 
@@ -104,8 +104,8 @@ class OwnEvent final : public NamedEvent {
     return static_cast<DWORD>(end - std::min(end, ::GetTickCount64()));
   }
 
-  mutable std::mutex mutex_;
-  std::shared_ptr<Object> object_;  // guarded by mutex_
+  mutable Mutex mutex_;
+  std::shared_ptr<Object> object_ TOLM_GUARDED_BY(mutex_);
 };
 
 }  // namespace

@@ -69,14 +69,14 @@ bool Port::Watch(const std::shared_ptr<Port>& self, PipeEnd& end, std::shared_pt
     end.port = self;
   }
   if (end.port != self) return false;
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   sources_[end.key] = std::move(source);
   return true;
 }
 
 void Port::Forget(std::uint64_t key) {
   std::shared_ptr<PipeSource> source;  // perhaps the last who held it: destroyed unlocked
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   const auto found = sources_.find(key);
   if (found == sources_.end()) return;
   source = std::move(found->second);
@@ -88,7 +88,7 @@ void Port::Hint(std::uint64_t key) {
 }
 
 void Port::Keep(std::uint64_t key, std::unique_ptr<PipeOperation> operation) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   const OVERLAPPED* const known_by = &operation->overlapped;
   kept_[known_by] = {key, std::move(operation)};
 }
@@ -119,7 +119,7 @@ std::optional<Readiness> Port::Wait(int timeout_ms) {
 std::optional<Readiness> Port::Look(std::uint64_t key, const OVERLAPPED* ended) {
   std::shared_ptr<PipeSource> source;
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (const auto found = sources_.find(key); found != sources_.end()) source = found->second;
   }
   const auto ready = source ? source->Take(ended) : std::nullopt;
@@ -130,7 +130,7 @@ std::optional<Readiness> Port::Look(std::uint64_t key, const OVERLAPPED* ended) 
 
 void Port::Release(std::uint64_t key, const OVERLAPPED* ended) {
   Kept kept;  // goes unlocked
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   const auto found = kept_.find(ended);
   if (found == kept_.end() || found->second.key != key) return;
   kept = std::move(found->second);

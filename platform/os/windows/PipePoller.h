@@ -2,12 +2,12 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <unordered_map>
 
 #include "Handle.h"
 #include "os/LocalStream.h"
+#include "os/Mutex.h"
 
 namespace os {
 
@@ -77,10 +77,9 @@ class Port {
   void Release(std::uint64_t key, const OVERLAPPED* ended);
 
   const Handle port_;
-  std::mutex mutex_;
-  // All below is guarded by mutex_.
-  std::unordered_map<std::uint64_t, std::shared_ptr<PipeSource>> sources_;
-  std::unordered_map<const OVERLAPPED*, Kept> kept_;
+  Mutex mutex_;
+  std::unordered_map<std::uint64_t, std::shared_ptr<PipeSource>> sources_ TOLM_GUARDED_BY(mutex_);
+  std::unordered_map<const OVERLAPPED*, Kept> kept_ TOLM_GUARDED_BY(mutex_);
 };
 
 std::unique_ptr<Poller> CreatePipePoller();

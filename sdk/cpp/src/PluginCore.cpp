@@ -12,6 +12,7 @@
 #include "TolmProto/RapidJsonProto.h"
 #include "common/Constants.h"
 #include "common/UrlTemplate.h"
+#include "os/Mutex.h"
 
 namespace TolmPlugin {
 namespace {
@@ -70,24 +71,26 @@ bool Plugin::Core::Start(const std::string& endpoint) {
   };
   client = std::make_unique<lpcclient::CLpcClient>(std::move(settings));
   if (!client->Start()) return false;
-  registrar_ = std::thread([this] { RegisterAgainAndAgain(); });
+  // Its first hook may call Stop at once, and nobody waits for it then.
+  const os::MutexLock lock(mutex_);
+  registrar_ = std::thread([self = shared_from_this()] { self->RegisterAgainAndAgain(); });
   return true;
 }
 
 bool Plugin::Core::WaitReady(int time_out_ms) const {
-  std::unique_lock lock(mutex_);
+  os::UniqueLock lock(mutex_);
   changed_.wait_for(lock, std::chrono::milliseconds(std::max(0, time_out_ms)),
-                    [this] { return ready_ || stopping_; });
+                    [this]() TOLM_REQUIRES(mutex_) { return ready_ || stopping_; });
   return ready_ && !stopping_;
 }
 
 void Plugin::Core::WaitEnd() const {
-  std::unique_lock lock(mutex_);
-  changed_.wait(lock, [this] { return ended_ || stopping_; });
+  os::UniqueLock lock(mutex_);
+  changed_.wait(lock, [this]() TOLM_REQUIRES(mutex_) { return ended_ || stopping_; });
 }
 
 void Plugin::Core::RequestEnd() {
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   ended_ = true;
   changed_.notify_all();
 }
@@ -95,7 +98,7 @@ void Plugin::Core::RequestEnd() {
 void Plugin::Core::Stop() {
   std::thread registrar;
   {
-    const std::lock_guard lock(mutex_);
+    const os::MutexLock lock(mutex_);
     stopping_ = true;
     changed_.notify_all();
     if (registrar_.joinable()) registrar = std::move(registrar_);
@@ -112,7 +115,7 @@ void Plugin::Core::Stop() {
 // --- the connection, and the registration on it ---
 
 void Plugin::Core::Connected() {
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   ++connection_;
   connected_ = true;
   confirmed_ = false;
@@ -122,7 +125,7 @@ void Plugin::Core::Connected() {
 
 void Plugin::Core::Disconnected(const std::string& reason) {
   {
-    const std::lock_guard lock(mutex_);
+    const os::MutexLock lock(mutex_);
     connected_ = false;
     ready_ = false;
     changed_.notify_all();
@@ -151,8 +154,9 @@ void Plugin::Core::RegisterAgainAndAgain() {
   for (;;) {
     int connection = 0;
     {
-      std::unique_lock lock(mutex_);
-      changed_.wait(lock, [&] { return stopping_ || (connected_ && connection_ != done); });
+      os::UniqueLock lock(mutex_);
+      changed_.wait(lock,
+                    [&]() TOLM_REQUIRES(mutex_) { return stopping_ || (connected_ && connection_ != done); });
       if (stopping_) return;
       connection = connection_;
     }
@@ -161,13 +165,14 @@ void Plugin::Core::RegisterAgainAndAgain() {
     finished.body = init_finish_body;
     if (!RegisterAndConfirm(connection) || !client->Notify(std::move(finished))) {
       // The queue may be full of the plugin's own messages: the connection stands, and it is tried again.
-      std::unique_lock lock(mutex_);
-      changed_.wait_for(lock, kPauseWhenRefused, [&] { return !StillLocked(connection); });
+      os::UniqueLock lock(mutex_);
+      changed_.wait_for(lock, kPauseWhenRefused,
+                        [&]() TOLM_REQUIRES(mutex_) { return !StillLocked(connection); });
       continue;
     }
     done = connection;
     {
-      const std::lock_guard lock(mutex_);
+      const os::MutexLock lock(mutex_);
       if (!StillLocked(connection)) continue;
       ready_ = true;
       changed_.notify_all();
@@ -191,7 +196,7 @@ bool Plugin::Core::RegisterAndConfirm(int connection) {
   registration.body = RegistrationBody(urls, own_url_, header_names);
   const std::string nonce = Tolm::Base::GuidUtil::CreateGuid();
   {
-    const std::lock_guard lock(mutex_);
+    const os::MutexLock lock(mutex_);
     awaited_nonce_ = nonce;
     confirmed_ = false;
   }
@@ -201,8 +206,9 @@ bool Plugin::Core::RegisterAndConfirm(int connection) {
   for (std::chrono::microseconds next = kUsualPause;;
        pause = next, next = std::min(2 * next, kLongestPause)) {
     {
-      std::unique_lock lock(mutex_);
-      changed_.wait_for(lock, pause, [&] { return confirmed_ || !StillLocked(connection); });
+      os::UniqueLock lock(mutex_);
+      changed_.wait_for(lock, pause,
+                        [&]() TOLM_REQUIRES(mutex_) { return confirmed_ || !StillLocked(connection); });
       if (!StillLocked(connection)) return false;
       if (confirmed_) return true;
     }
@@ -227,7 +233,7 @@ void Plugin::Core::Received(tag_LPCCallBackData&& data, const lpcclient::Inbound
     return;
   }
   if (url->second == own_url_) {
-    const std::lock_guard lock(mutex_);
+    const os::MutexLock lock(mutex_);
     if (data.body == awaited_nonce_) confirmed_ = true;
     changed_.notify_all();
     return;
@@ -286,7 +292,7 @@ void Plugin::Core::MethodReceived(const tag_LPCCallBackData& data) {
 
 void Plugin::Core::Uninit() {
   {
-    const std::lock_guard lock(mutex_);
+    const os::MutexLock lock(mutex_);
     if (std::exchange(uniniting_, true)) return;  // asked again; the answer is on its way
   }
   if (const auto thrown = WhatItThrew([this] {

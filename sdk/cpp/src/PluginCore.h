@@ -1,9 +1,7 @@
 #pragma once
 
-#include <condition_variable>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <utility>
@@ -12,6 +10,7 @@
 #include "TolmLPCServer/LpcClient.h"
 #include "TolmPlugin/Plugin.h"
 #include "UrlTable.h"
+#include "os/Mutex.h"
 
 namespace TolmPlugin {
 
@@ -24,8 +23,8 @@ class Plugin::Core : public std::enable_shared_from_this<Core> {
   bool Start(const std::string& endpoint);
   bool WaitReady(int time_out_ms) const;
   void WaitEnd() const;
-  void Stop();
-  void RequestEnd();
+  void Stop() TOLM_EXCLUDES(mutex_);
+  void RequestEnd() TOLM_EXCLUDES(mutex_);
 
   // Set up before Start, constant afterwards.
   std::string id;
@@ -46,25 +45,26 @@ class Plugin::Core : public std::enable_shared_from_this<Core> {
   void Received(tag_LPCCallBackData&& data, const lpcclient::InboundInfo& info);
   void Serve(tag_LPCCallBackData&& data, const lpcclient::InboundInfo& info);
   void MethodReceived(const tag_LPCCallBackData& data);
-  void Uninit();
+  void Uninit() TOLM_EXCLUDES(mutex_);
   void RegisterAgainAndAgain();
   bool RegisterAndConfirm(int connection);
-  bool StillLocked(int connection) const { return !stopping_ && connection == connection_ && connected_; }
+  bool StillLocked(int connection) const TOLM_REQUIRES(mutex_) {
+    return !stopping_ && connection == connection_ && connected_;
+  }
 
-  std::thread registrar_;
-  std::string own_url_;
+  std::string own_url_;  // set by Start
 
-  mutable std::mutex mutex_;
-  mutable std::condition_variable changed_;
-  // All below is guarded by mutex_.
-  bool stopping_ = false;
-  bool connected_ = false;
-  bool ready_ = false;
-  bool uniniting_ = false;
-  bool ended_ = false;
-  int connection_ = 0;         // counts connections
-  std::string awaited_nonce_;  // what comes back when the registration is in force
-  bool confirmed_ = false;
+  mutable os::Mutex mutex_;
+  mutable os::Condition changed_;
+  bool stopping_ TOLM_GUARDED_BY(mutex_) = false;
+  bool connected_ TOLM_GUARDED_BY(mutex_) = false;
+  bool ready_ TOLM_GUARDED_BY(mutex_) = false;
+  bool uniniting_ TOLM_GUARDED_BY(mutex_) = false;
+  bool ended_ TOLM_GUARDED_BY(mutex_) = false;
+  int connection_ TOLM_GUARDED_BY(mutex_) = 0;         // counts connections
+  std::string awaited_nonce_ TOLM_GUARDED_BY(mutex_);  // what comes back when the registration is in force
+  bool confirmed_ TOLM_GUARDED_BY(mutex_) = false;
+  std::thread registrar_ TOLM_GUARDED_BY(mutex_);
 };
 
 }  // namespace TolmPlugin

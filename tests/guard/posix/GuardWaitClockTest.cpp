@@ -6,7 +6,6 @@
 
 #include <cstdint>
 #include <ctime>
-#include <mutex>
 
 #include "ScriptedWait.h"
 #include "net/ConditionAndMutex.h"
@@ -34,7 +33,7 @@ namespace {
 TEST(GuardWaitClock, IsOneThatNobodyCanSet) {
   ScriptedWait::Get().how_long = [](std::int32_t asked_ms) { return asked_ms; };
   TolmLPCFrame::ConditionAndMutex waiter;
-  std::unique_lock lock(waiter.mutex);
+  os::UniqueLock lock(waiter.mutex);
   EXPECT_FALSE(waiter.WaitFor(lock, 1, [] { return false; }));
   EXPECT_EQ(t_clock_of_latest_wait, CLOCK_MONOTONIC);
   ScriptedWait::Get().Reset();

@@ -9,7 +9,6 @@
 #include <chrono>
 #include <cstdint>
 #include <ctime>
-#include <mutex>
 
 #include "ScriptedWait.h"
 #include "net/ConditionAndMutex.h"
@@ -74,7 +73,7 @@ steady_clock::duration WaitWhileTheClockIsSet(std::int64_t seconds) {
   g_clock.asked = 0;
   g_clock.thread = ::GetCurrentThreadId();
   TolmLPCFrame::ConditionAndMutex waiter;
-  std::unique_lock lock(waiter.mutex);
+  os::UniqueLock lock(waiter.mutex);
   const auto begin = steady_clock::now();
   EXPECT_FALSE(waiter.WaitFor(lock, 25, [] { return false; }));
   const auto end = steady_clock::now();

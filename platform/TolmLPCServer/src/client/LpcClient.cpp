@@ -3,15 +3,14 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <exception>
-#include <mutex>
 #include <random>
 #include <utility>
 
 #include "LastError.h"
 #include "TolmBase/LogLine.h"
 #include "os/LocalStream.h"
+#include "os/Mutex.h"
 #include "wire/IoLoop.h"
 #include "wire/Link.h"
 
@@ -75,8 +74,8 @@ class CLpcClient::Core final : public lpc::wire::LinkOwner, public std::enable_s
   enum class State { kNew, kRunning, kStopped };
 
   TimePoint Housekeeping(TimePoint now);
-  void Connect();
-  void ScheduleAttempt(const lpc::wire::Link* ended);
+  void Connect() TOLM_EXCLUDES(mutex_);
+  void ScheduleAttempt(const lpc::wire::Link* ended) TOLM_EXCLUDES(mutex_);
   void AttemptFailed(int error, const std::string& reason);
   void Post(std::function<void()> call) { loop_->Post(std::make_unique<CallTask>(std::move(call))); }
   std::shared_ptr<lpc::wire::Link> OpenLink() const;
@@ -89,15 +88,14 @@ class CLpcClient::Core final : public lpc::wire::LinkOwner, public std::enable_s
   std::atomic<std::uint64_t> late_replies_{0};
   std::atomic<std::uint64_t> undelivered_{0};
 
-  mutable std::mutex mutex_;
-  // All below is guarded by mutex_.
-  mutable std::condition_variable changed_;
-  State state_ = State::kNew;
-  std::shared_ptr<lpc::wire::Link> link_;
-  TimePoint attempt_at_ = TimePoint::min();
-  TimePoint handshake_until_ = TimePoint::max();
-  int pause_ms_ = 0;
-  std::minstd_rand jitter_{std::random_device{}()};
+  mutable os::Mutex mutex_;
+  mutable os::Condition changed_;
+  State state_ TOLM_GUARDED_BY(mutex_) = State::kNew;
+  std::shared_ptr<lpc::wire::Link> link_ TOLM_GUARDED_BY(mutex_);
+  TimePoint attempt_at_ TOLM_GUARDED_BY(mutex_) = TimePoint::min();
+  TimePoint handshake_until_ TOLM_GUARDED_BY(mutex_) = TimePoint::max();
+  int pause_ms_ TOLM_GUARDED_BY(mutex_) = 0;
+  std::minstd_rand jitter_ TOLM_GUARDED_BY(mutex_){std::random_device{}()};
 };
 
 class CLpcClient::Core::MessageTask final : public Tolm::Base::CTask {
@@ -133,7 +131,7 @@ int CLpcClient::Core::Start() {
   if (!poller) return lpc::kFailed;
   const std::weak_ptr<Core> self = weak_from_this();
   {
-    const std::lock_guard lock(mutex_);
+    const os::MutexLock lock(mutex_);
     if (state_ != State::kNew) return lpc::kFailed;
     state_ = State::kRunning;
     pause_ms_ = settings_.reconnect_first_ms;
@@ -151,7 +149,7 @@ int CLpcClient::Core::Start() {
 void CLpcClient::Core::Stop() {
   std::shared_ptr<lpc::wire::Link> link;
   {
-    const std::lock_guard lock(mutex_);
+    const os::MutexLock lock(mutex_);
     if (state_ == State::kNew) state_ = State::kStopped;
     if (!loop_) return;
     state_ = State::kStopped;
@@ -166,16 +164,17 @@ void CLpcClient::Core::Stop() {
   }
   loop_->Stop();
   {
-    const std::lock_guard lock(mutex_);
+    const os::MutexLock lock(mutex_);
     link = std::exchange(link_, nullptr);
   }
   if (link) link->Abandon();
 }
 
 bool CLpcClient::Core::WaitConnected(int time_out) const {
-  std::unique_lock lock(mutex_);
-  changed_.wait_for(lock, Milliseconds(std::max(0, time_out)),
-                    [this] { return state_ == State::kStopped || (link_ && link_->IsOpen()); });
+  os::UniqueLock lock(mutex_);
+  changed_.wait_for(lock, Milliseconds(std::max(0, time_out)), [this]() TOLM_REQUIRES(mutex_) {
+    return state_ == State::kStopped || (link_ && link_->IsOpen());
+  });
   return state_ == State::kRunning && link_ && link_->IsOpen();
 }
 
@@ -184,7 +183,7 @@ bool CLpcClient::Core::IsConnected() const {
 }
 
 std::shared_ptr<lpc::wire::Link> CLpcClient::Core::OpenLink() const {
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   return state_ == State::kRunning && link_ && link_->IsOpen() ? link_ : nullptr;
 }
 
@@ -196,7 +195,7 @@ TimePoint CLpcClient::Core::Housekeeping(TimePoint now) {
   std::shared_ptr<lpc::wire::Link> too_slow;
   std::shared_ptr<lpc::wire::Link> open;
   {
-    const std::lock_guard lock(mutex_);
+    const os::MutexLock lock(mutex_);
     if (state_ != State::kRunning) return next;
     if (!link_) {
       connect = now >= attempt_at_;
@@ -236,7 +235,7 @@ void CLpcClient::Core::Connect() {
       std::make_shared<lpc::wire::Link>(std::move(connected.value), loop_, settings_.options, *this);
   const TimePoint until = lpc::wire::IoLoop::Clock::now() + Milliseconds(settings_.options.handshake_ms);
   {
-    const std::lock_guard lock(mutex_);
+    const os::MutexLock lock(mutex_);
     if (state_ != State::kRunning) return;
     link_ = link;
     handshake_until_ = until;
@@ -259,7 +258,7 @@ void CLpcClient::Core::AttemptFailed(int error, const std::string& reason) {
 void CLpcClient::Core::ScheduleAttempt(const lpc::wire::Link* ended) {
   TimePoint at;
   {
-    const std::lock_guard lock(mutex_);
+    const os::MutexLock lock(mutex_);
     if (ended != nullptr && link_.get() == ended) link_ = nullptr;
     changed_.notify_all();
     const int spread = std::max(1, pause_ms_ / 2);
@@ -287,7 +286,7 @@ lpc::wire::HandshakeStep CLpcClient::Core::OnHandshake(lpc::wire::Link& link,
     return lpc::wire::HandshakeStep::kClose;
   }
   {
-    const std::lock_guard lock(mutex_);
+    const os::MutexLock lock(mutex_);
     link.Open(kFrameName, welcome.max_message_bytes);
     pause_ms_ = settings_.reconnect_first_ms;
     handshake_until_ = TimePoint::max();

@@ -2,14 +2,13 @@
 
 #include "TolmLPCServer/LpcServer.h"
 
-#include <condition_variable>
 #include <exception>
 #include <memory>
-#include <mutex>
 #include <utility>
 
 #include "LastError.h"
 #include "TolmBase/LogLine.h"
+#include "os/Mutex.h"
 #include "server/ServerCore.h"
 
 namespace lpcserver {
@@ -18,17 +17,17 @@ namespace {
 constexpr char kTag[] = "TolmLPCServer";
 
 struct Process {
-  std::mutex mutex;
-  // All below is guarded by mutex, which is never held during a callback, a send or a wait for threads.
-  bool initialised = false;
-  lpc::Options options;
-  InvokeCallBack callback = nullptr;
-  void* user = nullptr;
-  std::shared_ptr<lpc::ServerCore> core;  // what sends go through
-  std::string name;
-  std::shared_ptr<lpc::ServerCore> changing;  // an endpoint that some thread is starting or stopping
-  std::condition_variable changed;
-  lpc::Statistics past;  // of endpoints that have been stopped
+  os::Mutex mutex;  // never held during a callback, a send or a wait for threads
+  os::Condition changed;
+  bool initialised TOLM_GUARDED_BY(mutex) = false;
+  lpc::Options options TOLM_GUARDED_BY(mutex);
+  InvokeCallBack callback TOLM_GUARDED_BY(mutex) = nullptr;
+  void* user TOLM_GUARDED_BY(mutex) = nullptr;
+  std::shared_ptr<lpc::ServerCore> core TOLM_GUARDED_BY(mutex);  // what sends go through
+  std::string name TOLM_GUARDED_BY(mutex);
+  /// An endpoint that some thread is starting or stopping.
+  std::shared_ptr<lpc::ServerCore> changing TOLM_GUARDED_BY(mutex);
+  lpc::Statistics past TOLM_GUARDED_BY(mutex);  // of endpoints that have been stopped
 };
 
 // Never destroyed: a process may exit while its plugins talk.
@@ -44,7 +43,7 @@ bool Deliver(tag_LPCCallBackData& data) {
   InvokeCallBack callback = nullptr;
   void* user = nullptr;
   {
-    const std::lock_guard lock(State().mutex);
+    const os::MutexLock lock(State().mutex);
     callback = State().callback;
     user = State().user;
   }
@@ -56,10 +55,9 @@ bool Deliver(tag_LPCCallBackData& data) {
 }
 
 // False when the calling thread is itself what the other one waits for.
-bool WaitWhileChanging(std::unique_lock<std::mutex>& lock) {
-  Process& state = State();
+bool WaitWhileChanging(Process& state, os::UniqueLock& lock) TOLM_REQUIRES(state.mutex) {
   if (state.changing && state.changing->IsOwnThread()) return false;
-  state.changed.wait(lock, [&state] { return !state.changing; });
+  state.changed.wait(lock, [&state]() TOLM_REQUIRES(state.mutex) { return !state.changing; });
   return true;
 }
 
@@ -73,7 +71,7 @@ void AddTo(lpc::Statistics& sum, const lpc::Statistics& part) {
 
 // The endpoint to send through, or null with the reason left as the last error.
 std::shared_ptr<lpc::ServerCore> Core() {
-  const std::lock_guard lock(State().mutex);
+  const os::MutexLock lock(State().mutex);
   if (!State().core) lpc::Conclude(State().initialised ? lpc::kNoSuchPeer : lpc::kNotInitialised);
   return State().core;
 }
@@ -105,26 +103,26 @@ std::uint64_t SendRequest(const tag_LPCRequestData& request, OutgoingBody body) 
 }  // namespace
 
 bool Init() {
-  const std::lock_guard lock(State().mutex);
+  const os::MutexLock lock(State().mutex);
   State().initialised = true;
   return lpc::Conclude(lpc::kOk);
 }
 
 bool Uninit() {
   StopListen();
-  const std::lock_guard lock(State().mutex);
+  const os::MutexLock lock(State().mutex);
   State().initialised = false;
   State().callback = nullptr;
   return lpc::Conclude(lpc::kOk);
 }
 
 void SetOptions(const lpc::Options& options) {
-  const std::lock_guard lock(State().mutex);
+  const os::MutexLock lock(State().mutex);
   State().options = options;
 }
 
 bool SetInvokeCallBack(InvokeCallBack callback, void* user) {
-  const std::lock_guard lock(State().mutex);
+  const os::MutexLock lock(State().mutex);
   if (!State().initialised && callback != nullptr) return lpc::Conclude(lpc::kNotInitialised);
   State().callback = callback;
   State().user = user;
@@ -133,8 +131,8 @@ bool SetInvokeCallBack(InvokeCallBack callback, void* user) {
 
 bool StartListen(const std::string& name) {
   Process& state = State();
-  std::unique_lock lock(state.mutex);
-  if (!WaitWhileChanging(lock)) return lpc::Conclude(lpc::kAlreadyListening);
+  os::UniqueLock lock(state.mutex);
+  if (!WaitWhileChanging(state, lock)) return lpc::Conclude(lpc::kAlreadyListening);
   if (!state.initialised) return lpc::Conclude(lpc::kNotInitialised);
   if (state.core) return lpc::Conclude(state.name == name ? lpc::kOk : lpc::kAlreadyListening);
   int error = lpc::kFailed;
@@ -144,13 +142,11 @@ bool StartListen(const std::string& name) {
     state.core = core;
     state.name = name;
     state.changing = core;
-    lock.unlock();
+    const os::MutexUnlock unlocked(state.mutex);
     error = core->Start(name);
-    lock.lock();
   } catch (const std::exception& failure) {
-    if (lock.owns_lock()) lock.unlock();
+    const os::MutexUnlock unlocked(state.mutex);
     TOLM_LOG(Tolm::Base::kLogLevelError, kTag, "listening failed: %s", failure.what());
-    lock.lock();
   }
   if (error != lpc::kOk) state.core = nullptr;
   state.changing = nullptr;
@@ -160,8 +156,8 @@ bool StartListen(const std::string& name) {
 
 bool StopListen() {
   Process& state = State();
-  std::unique_lock lock(state.mutex);
-  if (WaitWhileChanging(lock) && state.core) {
+  os::UniqueLock lock(state.mutex);
+  if (WaitWhileChanging(state, lock) && state.core) {
     state.changing = std::move(state.core);
     state.core = nullptr;
     const auto core = state.changing;
@@ -239,7 +235,7 @@ lpc::Statistics GetStatistics() {
   std::shared_ptr<lpc::ServerCore> core;
   lpc::Statistics total;
   {
-    const std::lock_guard lock(State().mutex);
+    const os::MutexLock lock(State().mutex);
     core = State().core;
     total = State().past;
   }

@@ -7,7 +7,7 @@ namespace lpc {
 
 bool PeerTable::Add(const std::string& id, std::shared_ptr<wire::Link> link,
                     std::shared_ptr<wire::Link>& holder) {
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   const auto [entry, added] = links_.emplace(id, std::move(link));
   if (!added) holder = entry->second;
   return added;
@@ -15,7 +15,7 @@ bool PeerTable::Add(const std::string& id, std::shared_ptr<wire::Link> link,
 
 bool PeerTable::Remove(const std::string& id, const wire::Link& link) {
   std::shared_ptr<wire::Link> removed;  // released unlocked
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   const auto entry = links_.find(id);
   if (entry == links_.end() || entry->second.get() != &link) return false;
   removed = std::move(entry->second);
@@ -24,14 +24,14 @@ bool PeerTable::Remove(const std::string& id, const wire::Link& link) {
 }
 
 std::shared_ptr<wire::Link> PeerTable::Find(const std::string& id) const {
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   const auto entry = links_.find(id);
   return entry != links_.end() && entry->second->IsOpen() ? entry->second : nullptr;
 }
 
 std::vector<std::shared_ptr<wire::Link>> PeerTable::All() const {
   std::vector<std::shared_ptr<wire::Link>> all;
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   all.reserve(links_.size());
   for (const auto& [id, link] : links_) all.push_back(link);
   return all;
@@ -39,7 +39,7 @@ std::vector<std::shared_ptr<wire::Link>> PeerTable::All() const {
 
 std::vector<std::shared_ptr<wire::Link>> PeerTable::Clear() {
   std::vector<std::shared_ptr<wire::Link>> all;
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   all.reserve(links_.size());
   for (auto& [id, link] : links_) all.push_back(std::move(link));
   links_.clear();
@@ -47,7 +47,7 @@ std::vector<std::shared_ptr<wire::Link>> PeerTable::Clear() {
 }
 
 std::size_t PeerTable::CountOpen() const {
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   return static_cast<std::size_t>(
       std::count_if(links_.begin(), links_.end(), [](const auto& entry) { return entry.second->IsOpen(); }));
 }

@@ -2,11 +2,11 @@
 
 #include <cstddef>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
+#include "os/Mutex.h"
 #include "wire/Link.h"
 
 namespace lpc {
@@ -28,8 +28,8 @@ class PeerTable {
  private:
   // Held for a look-up only, so sharing it would gain nothing. (With MinGW a std::shared_mutex never gives
   // back the two semaphores that it took.)
-  mutable std::mutex mutex_;
-  std::unordered_map<std::string, std::shared_ptr<wire::Link>> links_;
+  mutable os::Mutex mutex_;
+  std::unordered_map<std::string, std::shared_ptr<wire::Link>> links_ TOLM_GUARDED_BY(mutex_);
 };
 
 }  // namespace lpc

@@ -162,7 +162,7 @@ void ServerCore::Stop() {
   std::map<const wire::Link*, HalfOpen> half_open;
   std::shared_ptr<Acceptor> acceptor;  // of the first of several that stop
   {
-    const std::lock_guard lock(half_open_mutex_);
+    const os::MutexLock lock(half_open_mutex_);
     half_open.swap(half_open_);
     acceptor.swap(acceptor_);
   }
@@ -195,7 +195,7 @@ void ServerCore::AcceptAll() {
                  accepted.system_error);
       }
       {
-        const std::lock_guard lock(half_open_mutex_);
+        const os::MutexLock lock(half_open_mutex_);
         accept_again_ = wire::IoLoop::Clock::now() + kAcceptPause;
         loop_->RunHousekeepingBy(accept_again_);
       }
@@ -218,7 +218,7 @@ void ServerCore::Accept(std::unique_ptr<os::Stream> stream) {
   const auto deadline = wire::IoLoop::Clock::now() + std::chrono::milliseconds(options_.handshake_ms);
   bool room = false;
   {
-    const std::lock_guard lock(half_open_mutex_);
+    const os::MutexLock lock(half_open_mutex_);
     room = half_open_.size() < options_.max_half_open && !stopping_.load();
     if (room) half_open_[link.get()] = {link, deadline, {}, {}, false};
   }
@@ -229,14 +229,14 @@ void ServerCore::Accept(std::unique_ptr<os::Stream> stream) {
   loop_->RunHousekeepingBy(deadline);
   if (!link->Begin()) {
     Refuse(*link, kFailed, "the system has no room for it");
-    const std::lock_guard lock(half_open_mutex_);
+    const os::MutexLock lock(half_open_mutex_);
     half_open_.erase(link.get());
   }
 }
 
 void ServerCore::Refuse(wire::Link& link, int error, const std::string& reason) {
   {
-    const std::lock_guard lock(half_open_mutex_);
+    const os::MutexLock lock(half_open_mutex_);
     const auto entry = half_open_.find(&link);
     if (entry != half_open_.end() && std::exchange(entry->second.refused, true)) return;
   }
@@ -286,7 +286,7 @@ wire::HandshakeStep ServerCore::OnHandshake(wire::Link& link, const wire::FrameH
     return wire::HandshakeStep::kClose;
   }
   {
-    const std::lock_guard lock(half_open_mutex_);
+    const os::MutexLock lock(half_open_mutex_);
     const auto entry = half_open_.find(&link);
     // Too late, or this end stops.
     if (entry == half_open_.end() || entry->second.refused) return wire::HandshakeStep::kClose;
@@ -304,7 +304,7 @@ bool ServerCore::TryToAdmit(const std::shared_ptr<wire::Link>& link, const std::
   {
     // One lock around both tables, so that a holder that goes now either leaves the id free here, or
     // finds in Forget that somebody waits for it.
-    const std::lock_guard lock(half_open_mutex_);
+    const os::MutexLock lock(half_open_mutex_);
     const auto entry = half_open_.find(link.get());
     if (entry == half_open_.end() || entry->second.refused) return false;  // decided meanwhile
     if (peers_.Add(id, link, holder)) {
@@ -347,7 +347,7 @@ void ServerCore::RefuseForHolder(const wire::Link& holder) {
   std::vector<std::shared_ptr<wire::Link>> newcomers;
   std::string id;
   {
-    const std::lock_guard lock(half_open_mutex_);
+    const os::MutexLock lock(half_open_mutex_);
     for (auto& [key, entry] : half_open_) {
       if (entry.refused || entry.id.empty() || entry.holder.lock().get() != &holder) continue;
       entry.refused = true;
@@ -371,7 +371,7 @@ void ServerCore::OnClosed(wire::Link& link, bool was_open, int error, const std:
   if (!was_open) {
     bool broke_the_rules = false;
     {
-      const std::lock_guard lock(half_open_mutex_);
+      const os::MutexLock lock(half_open_mutex_);
       const auto entry = half_open_.find(&link);
       if (entry != half_open_.end()) {
         broke_the_rules = !entry->second.refused && error != kPeerGone;
@@ -399,7 +399,7 @@ void ServerCore::Forget(const wire::Link& link) {
   peers_.Remove(id, link);
   std::vector<std::shared_ptr<wire::Link>> waiting;
   {
-    const std::lock_guard lock(half_open_mutex_);
+    const os::MutexLock lock(half_open_mutex_);
     for (const auto& [key, entry] : half_open_) {
       if (entry.id == id && !entry.refused) waiting.push_back(entry.link);
     }
@@ -427,7 +427,7 @@ ServerCore::TimePoint ServerCore::Housekeeping(TimePoint now) {
   std::vector<std::shared_ptr<wire::Link>> too_slow;
   std::vector<HalfOpen> contenders;
   {
-    const std::lock_guard lock(half_open_mutex_);
+    const os::MutexLock lock(half_open_mutex_);
     accept = now >= accept_again_;
     if (accept) accept_again_ = TimePoint::max();
     next = accept_again_;

@@ -5,13 +5,13 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "TolmLPCServer/LpcOptions.h"
 #include "TolmLPCServer/LpcRecords.h"
 #include "os/LocalStream.h"
+#include "os/Mutex.h"
 #include "server/PeerTable.h"
 #include "wire/IoLoop.h"
 #include "wire/Link.h"
@@ -80,15 +80,16 @@ class ServerCore final : public wire::LinkOwner, public std::enable_shared_from_
 
   void AcceptAll();
   void Accept(std::unique_ptr<os::Stream> stream);
-  bool TryToAdmit(const std::shared_ptr<wire::Link>& link, const std::string& id);
+  bool TryToAdmit(const std::shared_ptr<wire::Link>& link, const std::string& id)
+      TOLM_EXCLUDES(half_open_mutex_);
   void Admit(const std::shared_ptr<wire::Link>& link, const std::string& id);
-  void Refuse(wire::Link& link, int error, const std::string& reason);
+  void Refuse(wire::Link& link, int error, const std::string& reason) TOLM_EXCLUDES(half_open_mutex_);
   void TellRefused(wire::Link& link, int error, const std::string& reason);
   void NoteRefused(const os::PeerIdentity& peer, const std::string& reason);
   TimePoint Housekeeping(TimePoint now);
   void ListenFailed(int system_error);
-  void Forget(const wire::Link& link);
-  void RefuseForHolder(const wire::Link& holder);
+  void Forget(const wire::Link& link) TOLM_EXCLUDES(half_open_mutex_);
+  void RefuseForHolder(const wire::Link& holder) TOLM_EXCLUDES(half_open_mutex_);
   std::uint64_t NextId(bool waiting);
 
   os::LocalTransport& transport_;
@@ -108,9 +109,9 @@ class ServerCore final : public wire::LinkOwner, public std::enable_shared_from_
   std::atomic<std::uint64_t> undelivered_{0};
   std::atomic<bool> accepting_is_short_{false};
 
-  std::mutex half_open_mutex_;
-  std::map<const wire::Link*, HalfOpen> half_open_;
-  TimePoint accept_again_ = TimePoint::max();  // after a shortage; guarded by half_open_mutex_
+  os::Mutex half_open_mutex_;
+  std::map<const wire::Link*, HalfOpen> half_open_ TOLM_GUARDED_BY(half_open_mutex_);
+  TimePoint accept_again_ TOLM_GUARDED_BY(half_open_mutex_) = TimePoint::max();  // after a shortage
 };
 
 }  // namespace lpc

@@ -53,7 +53,8 @@ bool IoLoop::IsOwnThread() const {
 
 bool IoLoop::Start() {
   os::ExpectLargeBlocks();  // bodies
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
+  if (stopping_) return false;  // nobody would join them
   for (int i = 0; i < std::max(2, options_.min_threads); ++i) {
     if (!StartThreadLocked()) break;
   }
@@ -83,7 +84,7 @@ void IoLoop::JoinEndedLocked() {
 
 void IoLoop::Stop() {
   std::deque<Work> dropped;
-  std::unique_lock lock(mutex_);
+  os::UniqueLock lock(mutex_);
   stopping_ = true;
   dropped.swap(queue_);
   lock.unlock();
@@ -96,7 +97,7 @@ void IoLoop::Stop() {
   }
   poller_->Wake(static_cast<unsigned>(threads_));
   // From outside also for those inside Stop: their callbacks are about to go on.
-  thread_ended_.wait(lock, [this, own] { return threads_ == (own ? stoppers_ : 0); });
+  thread_ended_.wait(lock, [this, own]() TOLM_REQUIRES(mutex_) { return threads_ == (own ? stoppers_ : 0); });
   if (own) --stoppers_;
   JoinEndedLocked();
   // What is left is inside Stop itself, and ends when its callback does.
@@ -105,19 +106,19 @@ void IoLoop::Stop() {
 }
 
 std::uint64_t IoLoop::Register(std::weak_ptr<IoHandler> handler) {
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   handlers_.emplace(++last_token_, std::move(handler));
   return last_token_;
 }
 
 void IoLoop::Unregister(os::Pollable& source, std::uint64_t token) {
   poller_->Remove(source);
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   handlers_.erase(token);
 }
 
 bool IoLoop::LetGo() {
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   if (free_ <= 1) return false;
   --free_;
   ++absent_;
@@ -129,7 +130,7 @@ IoLoop::Absence::Absence(IoLoop& loop) : loop_(loop), granted_(loop.LetGo()) {}
 
 IoLoop::Absence::~Absence() {
   if (!granted_) return;
-  const std::lock_guard lock(loop_.mutex_);
+  const os::MutexLock lock(loop_.mutex_);
   ++loop_.free_;
   --loop_.absent_;
 }
@@ -140,7 +141,7 @@ bool IoLoop::TakesWorkNext() const {
 }
 
 void IoLoop::Post(Work work) {
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   if (stopping_) return;
   queue_.push_back(std::move(work));
   if (!TakesWorkNext()) poller_->Wake(1);
@@ -149,7 +150,7 @@ void IoLoop::Post(Work work) {
 void IoLoop::Post(std::vector<Work>& work) {
   if (work.empty()) return;
   {
-    const std::lock_guard lock(mutex_);
+    const os::MutexLock lock(mutex_);
     if (stopping_) return;
     for (Work& one : work) queue_.push_back(std::move(one));
     if (!TakesWorkNext()) poller_->Wake(1);
@@ -162,7 +163,7 @@ bool IoLoop::MoreFollows() const {
 }
 
 void IoLoop::FlushSoon(std::weak_ptr<IoHandler> handler) {
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   if (to_flush_.empty()) {
     flush_at_ = Clock::now() + kFlushDelay;  // the timer ends behind it, never before
     poller_->WakeIn(kFlushDelay);
@@ -170,26 +171,25 @@ void IoLoop::FlushSoon(std::weak_ptr<IoHandler> handler) {
   to_flush_.push_back(std::move(handler));
 }
 
-void IoLoop::FlushAll(std::unique_lock<std::mutex>& lock) {
+void IoLoop::FlushAllLocked() {
   std::vector<std::weak_ptr<IoHandler>> due;
   due.swap(to_flush_);
-  lock.unlock();
+  const os::MutexUnlock unlocked(mutex_);
   for (const auto& waiting : due) {
     if (const auto handler = waiting.lock()) handler->OnFlush();
   }
   due.clear();  // perhaps the last who held one
-  lock.lock();
 }
 
 void IoLoop::RunHousekeepingBy(Clock::time_point deadline) {
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   if (deadline >= next_housekeeping_) return;
   next_housekeeping_ = deadline;
   EnsureTimekeeperLocked();
 }
 
 std::size_t IoLoop::ThreadCount() const {
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   return threads_;
 }
 
@@ -252,18 +252,19 @@ IoLoop::Work IoLoop::TakeWorkLocked() {
   return work;
 }
 
-void IoLoop::RunHousekeeping(std::unique_lock<std::mutex>& lock) {
+void IoLoop::RunHousekeepingLocked() {
   housekeeping_runs_ = true;
   next_housekeeping_ = Clock::time_point::max();
-  lock.unlock();
   Clock::time_point next = Clock::time_point::max();
-  try {
-    next = housekeeping_(Clock::now());
-  } catch (const std::exception& error) {
-    TOLM_LOG(Tolm::Base::kLogLevelError, kTag, "looking after the connections failed: %s", error.what());
-    next = Clock::now() + kHousekeepingAgain;
+  {
+    const os::MutexUnlock unlocked(mutex_);
+    try {
+      next = housekeeping_(Clock::now());
+    } catch (const std::exception& error) {
+      TOLM_LOG(Tolm::Base::kLogLevelError, kTag, "looking after the connections failed: %s", error.what());
+      next = Clock::now() + kHousekeepingAgain;
+    }
   }
-  lock.lock();
   housekeeping_runs_ = false;
   // It may have been asked for meanwhile.
   next_housekeeping_ = std::min(next_housekeeping_, next);
@@ -277,15 +278,15 @@ class IoLoop::Member final : public Tolm::Base::CTaskThread {
 
  private:
   bool MayLeave() override {
-    const std::lock_guard lock(loop_.mutex_);
+    const os::MutexLock lock(loop_.mutex_);
     return loop_.queue_.empty() && loop_.absent_ < kMostAbsent && !loop_.stopping_;
   }
   void Leave() override {
-    const std::lock_guard lock(loop_.mutex_);
+    const os::MutexLock lock(loop_.mutex_);
     ++loop_.absent_;
   }
   void ComeBack() override {
-    const std::lock_guard lock(loop_.mutex_);
+    const os::MutexLock lock(loop_.mutex_);
     --loop_.absent_;
   }
 
@@ -297,11 +298,11 @@ void IoLoop::ThreadMain() {
   own_loop = this;
   Member self(*this);
   bool has_worked = false;
-  std::unique_lock lock(mutex_);
+  os::UniqueLock lock(mutex_);
   while (!stopping_) {
     const Clock::time_point now = Clock::now();
     if (!housekeeping_runs_ && now >= next_housekeeping_) {
-      RunHousekeeping(lock);
+      RunHousekeepingLocked();
       continue;
     }
     LookWhetherStuckLocked(now);
@@ -326,7 +327,7 @@ void IoLoop::ThreadMain() {
       continue;
     }
     if (!to_flush_.empty() && (std::exchange(has_worked, false) || now >= flush_at_)) {
-      FlushAll(lock);
+      FlushAllLocked();
       continue;
     }
     // One thread waits until the next deadline, the others for as long as it takes.

@@ -3,12 +3,10 @@
 // The threads of one end of the transport: they wait for traffic, read it, and run what follows from it.
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <unordered_map>
@@ -17,6 +15,7 @@
 #include "TolmBase/Task.h"
 #include "TolmLPCServer/LpcOptions.h"
 #include "os/LocalStream.h"
+#include "os/Mutex.h"
 
 namespace lpc::wire {
 
@@ -65,11 +64,11 @@ class IoLoop : public std::enable_shared_from_this<IoLoop> {
   IoLoop(const IoLoop&) = delete;
   IoLoop& operator=(const IoLoop&) = delete;
 
-  /// False when not a single thread can be made.
+  /// False when not a single thread can be made, and after Stop.
   bool Start();
   /// Runs no more callbacks, destroys what is queued, and waits for the threads; on one of these, not for
   /// itself and those that are inside Stop as well. May be called several times, from any thread.
-  void Stop();
+  void Stop() TOLM_EXCLUDES(mutex_);
   bool IsOwnThread() const;
 
   /// Gives a token for Arm; what becomes ready under it goes to `handler` for as long as that lives.
@@ -97,8 +96,8 @@ class IoLoop : public std::enable_shared_from_this<IoLoop> {
   };
 
   /// Queues work that may block and may call user code.
-  void Post(std::unique_ptr<Tolm::Base::CTask> work);
-  void Post(std::vector<std::unique_ptr<Tolm::Base::CTask>>& work);
+  void Post(std::unique_ptr<Tolm::Base::CTask> work) TOLM_EXCLUDES(mutex_);
+  void Post(std::vector<std::unique_ptr<Tolm::Base::CTask>>& work) TOLM_EXCLUDES(mutex_);
   /// Calls handler->OnFlush when the calling thread has no more work, if it is one of the loop's, or a moment
   /// later. Only where CanFlushSoon.
   void FlushSoon(std::weak_ptr<IoHandler> handler);
@@ -106,7 +105,7 @@ class IoLoop : public std::enable_shared_from_this<IoLoop> {
   /// Whether the calling thread is one of the loop's, and more work waits behind its callback.
   bool MoreFollows() const;
   /// Housekeeping is to run at `deadline` or before.
-  void RunHousekeepingBy(Clock::time_point deadline);
+  void RunHousekeepingBy(Clock::time_point deadline) TOLM_EXCLUDES(mutex_);
 
   /// Threads that exist now, for tests.
   std::size_t ThreadCount() const;
@@ -116,49 +115,49 @@ class IoLoop : public std::enable_shared_from_this<IoLoop> {
 
   class Member;
   void ThreadMain();
-  bool LetGo();
+  bool LetGo() TOLM_EXCLUDES(mutex_);
   bool TakesWorkNext() const;
-  bool StartThreadLocked();
-  Work TakeWorkLocked();
-  void JoinEndedLocked();
-  void WatchLocked();
-  Clock::time_point NextDeadlineLocked() const;
-  void EnsureTimekeeperLocked();
-  void RunHousekeeping(std::unique_lock<std::mutex>& lock);
-  void LookWhetherStuckLocked(Clock::time_point now);
-  void FlushAll(std::unique_lock<std::mutex>& lock);
+  bool StartThreadLocked() TOLM_REQUIRES(mutex_);
+  Work TakeWorkLocked() TOLM_REQUIRES(mutex_);
+  void JoinEndedLocked() TOLM_REQUIRES(mutex_);
+  void WatchLocked() TOLM_REQUIRES(mutex_);
+  Clock::time_point NextDeadlineLocked() const TOLM_REQUIRES(mutex_);
+  void EnsureTimekeeperLocked() TOLM_REQUIRES(mutex_);
+  void RunHousekeepingLocked() TOLM_REQUIRES(mutex_);
+  void LookWhetherStuckLocked(Clock::time_point now) TOLM_REQUIRES(mutex_);
+  void FlushAllLocked() TOLM_REQUIRES(mutex_);
 
   const std::unique_ptr<os::Poller> poller_;
   const Options options_;
   const std::string thread_name_;
   const Housekeeping housekeeping_;
 
-  mutable std::mutex mutex_;
-  // All below is guarded by mutex_.
-  std::condition_variable thread_ended_;
-  bool stopping_ = false;
-  std::unordered_map<std::uint64_t, std::weak_ptr<IoHandler>> handlers_;
-  std::uint64_t last_token_ = 0;
-  std::deque<Work> queue_;
-  std::uint64_t taken_ = 0;   // works taken out of the queue so far
-  std::size_t threads_ = 0;   // that have not ended
-  std::size_t free_ = 0;      // of these, not inside a callback and not absent
-  std::size_t absent_ = 0;    // of these, in an Absence, or running a task of a pool
-  std::size_t stoppers_ = 0;  // of these, inside Stop
-  std::unordered_map<std::thread::id, std::thread> handles_;
-  std::vector<std::thread> ended_;  // to be joined
+  mutable os::Mutex mutex_;
+  os::Condition thread_ended_;
+  bool stopping_ TOLM_GUARDED_BY(mutex_) = false;
+  std::unordered_map<std::uint64_t, std::weak_ptr<IoHandler>> handlers_ TOLM_GUARDED_BY(mutex_);
+  std::uint64_t last_token_ TOLM_GUARDED_BY(mutex_) = 0;
+  std::deque<Work> queue_ TOLM_GUARDED_BY(mutex_);
+  std::uint64_t taken_ TOLM_GUARDED_BY(mutex_) = 0;   // works taken out of the queue so far
+  std::size_t threads_ TOLM_GUARDED_BY(mutex_) = 0;   // that have not ended
+  std::size_t free_ TOLM_GUARDED_BY(mutex_) = 0;      // of these, not inside a callback and not absent
+  std::size_t absent_ TOLM_GUARDED_BY(mutex_) = 0;    // of these, in an Absence, or running a task of a pool
+  std::size_t stoppers_ TOLM_GUARDED_BY(mutex_) = 0;  // of these, inside Stop
+  std::unordered_map<std::thread::id, std::thread> handles_ TOLM_GUARDED_BY(mutex_);
+  std::vector<std::thread> ended_ TOLM_GUARDED_BY(mutex_);  // to be joined
 
-  std::vector<std::weak_ptr<IoHandler>> to_flush_;
-  Clock::time_point flush_at_;
+  std::vector<std::weak_ptr<IoHandler>> to_flush_ TOLM_GUARDED_BY(mutex_);
+  Clock::time_point flush_at_ TOLM_GUARDED_BY(mutex_);
 
-  Clock::time_point timekeeper_until_ = Clock::time_point::max();  // when a waiting thread looks again
-  bool watching_ = false;  // the queue is looked at every few milliseconds
-  bool stuck_ = false;     // callbacks block: threads are added as they are needed
-  std::uint64_t taken_at_last_look_ = 0;
-  int quiet_looks_ = 0;
-  Clock::time_point next_look_;
-  Clock::time_point next_housekeeping_ = Clock::time_point::max();
-  bool housekeeping_runs_ = false;
+  /// When a waiting thread looks again.
+  Clock::time_point timekeeper_until_ TOLM_GUARDED_BY(mutex_) = Clock::time_point::max();
+  bool watching_ TOLM_GUARDED_BY(mutex_) = false;  // the queue is looked at every few milliseconds
+  bool stuck_ TOLM_GUARDED_BY(mutex_) = false;     // callbacks block: threads are added as they are needed
+  std::uint64_t taken_at_last_look_ TOLM_GUARDED_BY(mutex_) = 0;
+  int quiet_looks_ TOLM_GUARDED_BY(mutex_) = 0;
+  Clock::time_point next_look_ TOLM_GUARDED_BY(mutex_);
+  Clock::time_point next_housekeeping_ TOLM_GUARDED_BY(mutex_) = Clock::time_point::max();
+  bool housekeeping_runs_ TOLM_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace lpc::wire

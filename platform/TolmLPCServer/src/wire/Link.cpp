@@ -100,7 +100,7 @@ Link::~Link() {
 bool Link::Begin() {
   token_ = loop_->Register(weak_from_this());
   {
-    const std::lock_guard lock(mutex_);
+    const os::MutexLock lock(mutex_);
     in_charge_ = false;
     if (loop_->Arm(*stream_, token_, os::Poller::kRead)) return true;
     gone_ = true;
@@ -111,7 +111,7 @@ bool Link::Begin() {
 
 void Link::Continue() {
   {
-    const std::lock_guard lock(mutex_);
+    const os::MutexLock lock(mutex_);
     if (!on_hold_) {
       continued_ = true;
       return;
@@ -199,7 +199,7 @@ int Link::SendAndWait(const OutgoingMessage& request, int time_out_ms, InboundMe
   if (!pending_.Add(request.id, waiter)) return kPeerGone;
   bool leads = false;
   {
-    const std::lock_guard lock(mutex_);
+    const os::MutexLock lock(mutex_);
     // A peer that is not read from must be, now that somebody waits for its answer.
     paused_ = false;
     leads = !in_charge_ && !gone_;
@@ -272,7 +272,7 @@ void Link::SendNotice(FrameType type, std::uint64_t message_id, int code, const 
 
 void Link::AskForWritability() {
   {
-    const std::lock_guard lock(mutex_);
+    const os::MutexLock lock(mutex_);
     want_write_ = true;
     ArmLocked();
   }
@@ -292,7 +292,7 @@ bool Link::WriteOn() {
 }
 
 bool Link::IsPaused() const {
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   return paused_;
 }
 
@@ -312,7 +312,7 @@ void Link::ArmLocked() {
 }
 
 bool Link::TakeCharge() {
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   if (gone_ || in_charge_) return false;
   in_charge_ = true;
   return true;
@@ -320,7 +320,7 @@ bool Link::TakeCharge() {
 
 void Link::GiveUpCharge() {
   const bool may_read = MayReadMore();
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   // Asked again under the lock: whoever gives back bytes, or begins to wait, looks at paused_ under it
   // afterwards.
   paused_ = !may_read && pending_.empty() &&
@@ -332,11 +332,11 @@ void Link::GiveUpCharge() {
 void Link::OnReady(bool readable, bool writable) {
   if (writable) {
     {
-      const std::lock_guard lock(mutex_);
+      const os::MutexLock lock(mutex_);
       want_write_ = false;
     }
     if (WriteOn()) {
-      const std::lock_guard lock(mutex_);
+      const os::MutexLock lock(mutex_);
       want_write_ = true;
     }
   }
@@ -344,7 +344,7 @@ void Link::OnReady(bool readable, bool writable) {
     Work();
     return;
   }
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   if (!in_charge_ || want_write_) ArmLocked();
 }
 
@@ -355,7 +355,7 @@ void Link::Work() {
   bool alive = ReadOrFail(sink);
   while (sink.hold) {
     {
-      const std::lock_guard lock(mutex_);
+      const os::MutexLock lock(mutex_);
       if (!std::exchange(continued_, false)) {
         on_hold_ = true;  // still in charge, until Continue
         if (want_write_) ArmLocked();
@@ -498,7 +498,7 @@ void Link::HandleMessage(InboundMessage&& message, Sink& sink) {
 void Link::DeliverAll(std::vector<std::unique_ptr<Tolm::Base::CTask>>& work) {
   if (work.empty()) return;
   if (!delivering_.load(std::memory_order_acquire)) {
-    const std::lock_guard lock(mutex_);
+    const os::MutexLock lock(mutex_);
     if (!delivering_.load(std::memory_order_relaxed)) {
       std::move(work.begin(), work.end(), std::back_inserter(kept_));
       work.clear();
@@ -516,7 +516,7 @@ void Link::Deliver(std::unique_ptr<Tolm::Base::CTask> work) {
 
 void Link::StartDelivery() {
   std::vector<std::unique_ptr<Tolm::Base::CTask>> kept;  // destroyed unlocked when the loop takes nothing
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   kept.swap(kept_);
   loop_->Post(kept);
   delivering_.store(true, std::memory_order_release);  // nobody overtakes what was kept
@@ -544,7 +544,7 @@ void Link::ReturnLease(std::size_t bytes) {
   const std::size_t before = inbound_bytes_.fetch_sub(bytes, std::memory_order_relaxed);
   const std::size_t half = options_.max_inbound_bytes / 2;
   if (before < half || before - bytes >= half) return;
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   if (std::exchange(paused_, false) && !in_charge_) ArmLocked();
 }
 
@@ -552,7 +552,7 @@ void Link::ReturnLease(std::size_t bytes) {
 
 void Link::CutOff(int error, const std::string& reason) {
   {
-    const std::lock_guard lock(mutex_);
+    const os::MutexLock lock(mutex_);
     // What was done wrong says more than that it is gone.
     if (close_reason_.empty() || (close_error_ == kPeerGone && error != kPeerGone)) {
       close_error_ = error;
@@ -568,7 +568,7 @@ void Link::CloseInCharge(int error, const std::string& reason) {
   int known_error = error;
   std::string known_reason = reason;
   {
-    const std::lock_guard lock(mutex_);
+    const os::MutexLock lock(mutex_);
     gone_ = true;
     // Its last words say more than that it could not be written to any more.
     if (close_error_ != kPeerGone || known_reason.empty()) {
@@ -597,7 +597,7 @@ void Link::WaitUntilSent(int milliseconds) {
 void Link::Abandon() {
   std::vector<std::unique_ptr<Tolm::Base::CTask>> kept;  // destroyed unlocked
   {
-    const std::lock_guard lock(mutex_);
+    const os::MutexLock lock(mutex_);
     gone_ = true;
     kept.swap(kept_);
   }

@@ -6,7 +6,6 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -16,6 +15,7 @@
 #include "TolmLPCServer/LpcOptions.h"
 #include "TolmLPCServer/LpcRecords.h"
 #include "os/LocalStream.h"
+#include "os/Mutex.h"
 #include "wire/Frame.h"
 #include "wire/FrameReader.h"
 #include "wire/IoLoop.h"
@@ -89,11 +89,12 @@ class Link final : public IoHandler, public std::enable_shared_from_this<Link> {
   int Send(const OutgoingMessage& message);
   /// Sends a request and waits. kOk with the reply in `reply`, or the error.
   int SendAndWait(const OutgoingMessage& request, int time_out_ms, InboundMessage& reply);
-  void SendControl(FrameType type, std::uint64_t message_id = 0, const std::string& payload = {});
+  void SendControl(FrameType type, std::uint64_t message_id = 0, const std::string& payload = {})
+      TOLM_EXCLUDES(mutex_);
   void SendNotice(FrameType type, std::uint64_t message_id, int code, const std::string& reason);
 
   /// Ends the connection: OnClosed follows on a thread of the loop. Any thread, any number of times.
-  void CutOff(int error, const std::string& reason);
+  void CutOff(int error, const std::string& reason) TOLM_EXCLUDES(mutex_);
   /// Fails whoever waits for a reply, now and later, and refuses to send; for an end that stops.
   void FailSenders(int error);
   /// Waits until everything that was sent is on its way, for at most `milliseconds`.
@@ -115,8 +116,8 @@ class Link final : public IoHandler, public std::enable_shared_from_this<Link> {
   class Lease;
   class Sink;
 
-  bool TakeCharge();
-  void GiveUpCharge();
+  bool TakeCharge() TOLM_EXCLUDES(mutex_);
+  void GiveUpCharge() TOLM_EXCLUDES(mutex_);
   void Work();
   int Send(const OutgoingMessage& message, bool more_follow, bool& blocked);
   bool IsOneOfMany() const;
@@ -128,14 +129,14 @@ class Link final : public IoHandler, public std::enable_shared_from_this<Link> {
   bool SayGoodbye(Sink& sink);
   void HandleControl(const FrameHeader& header, std::string_view payload, Sink& sink);
   void HandleMessage(InboundMessage&& message, Sink& sink);
-  void DeliverAll(std::vector<std::unique_ptr<Tolm::Base::CTask>>& work);
-  void AskForWritability();
+  void DeliverAll(std::vector<std::unique_ptr<Tolm::Base::CTask>>& work) TOLM_EXCLUDES(mutex_);
+  void AskForWritability() TOLM_EXCLUDES(mutex_);
   void BoundStall();
-  void ArmLocked();
-  void CloseInCharge(int error, const std::string& reason);
+  void ArmLocked() TOLM_REQUIRES(mutex_);
+  void CloseInCharge(int error, const std::string& reason) TOLM_EXCLUDES(mutex_);
   void CutOffIfFlooding();
   bool MayReadMore();
-  void ReturnLease(std::size_t bytes);
+  void ReturnLease(std::size_t bytes) TOLM_EXCLUDES(mutex_);
 
   const std::unique_ptr<os::Stream> stream_;
   const std::shared_ptr<IoLoop> loop_;
@@ -156,18 +157,17 @@ class Link final : public IoHandler, public std::enable_shared_from_this<Link> {
 
   std::atomic<std::size_t> inbound_bytes_{0};  // delivered, and still worked on
 
-  mutable std::mutex mutex_;
-  // All below is guarded by mutex_.
-  bool in_charge_ = true;  // a thread is; at first the one that made the link
-  bool want_write_ = false;
-  bool paused_ = false;  // not read from: too much of what it sent is worked on
-  bool gone_ = false;    // no readiness is asked for any more
+  mutable os::Mutex mutex_;
+  bool in_charge_ TOLM_GUARDED_BY(mutex_) = true;  // a thread is; at first the one that made the link
+  bool want_write_ TOLM_GUARDED_BY(mutex_) = false;
+  bool paused_ TOLM_GUARDED_BY(mutex_) = false;  // not read from: too much of what it sent is worked on
+  bool gone_ TOLM_GUARDED_BY(mutex_) = false;    // no readiness is asked for any more
   // Continue may come from another thread before the one in charge has come back from OnHandshake.
-  bool on_hold_ = false;
-  bool continued_ = false;
-  std::vector<std::unique_ptr<Tolm::Base::CTask>> kept_;  // until delivering_
-  int close_error_ = kPeerGone;
-  std::string close_reason_;
+  bool on_hold_ TOLM_GUARDED_BY(mutex_) = false;
+  bool continued_ TOLM_GUARDED_BY(mutex_) = false;
+  std::vector<std::unique_ptr<Tolm::Base::CTask>> kept_ TOLM_GUARDED_BY(mutex_);  // until delivering_
+  int close_error_ TOLM_GUARDED_BY(mutex_) = kPeerGone;
+  std::string close_reason_ TOLM_GUARDED_BY(mutex_);
 };
 
 }  // namespace lpc::wire

@@ -9,20 +9,20 @@
 namespace lpc::wire {
 
 int Waiter::WaitUntil(std::chrono::steady_clock::time_point deadline) {
-  std::unique_lock lock(mutex_);
-  if (!done_.wait_until(lock, deadline, [this] { return is_done_; })) return kTimeOut;
+  os::UniqueLock lock(mutex_);
+  if (!done_.wait_until(lock, deadline, [this]() TOLM_REQUIRES(mutex_) { return is_done_; })) return kTimeOut;
   return error_;
 }
 
 int Waiter::Wait() {
-  std::unique_lock lock(mutex_);
-  done_.wait(lock, [this] { return is_done_; });
+  os::UniqueLock lock(mutex_);
+  done_.wait(lock, [this]() TOLM_REQUIRES(mutex_) { return is_done_; });
   return error_;
 }
 
 void Waiter::Complete(InboundMessage&& reply) {
   {
-    const std::lock_guard lock(mutex_);
+    const os::MutexLock lock(mutex_);
     reply_ = std::move(reply);
     is_done_ = true;
   }
@@ -31,7 +31,7 @@ void Waiter::Complete(InboundMessage&& reply) {
 
 void Waiter::Fail(int error) {
   {
-    const std::lock_guard lock(mutex_);
+    const os::MutexLock lock(mutex_);
     error_ = error;
     is_done_ = true;
   }
@@ -39,7 +39,7 @@ void Waiter::Fail(int error) {
 }
 
 bool Waiter::IsDone() const {
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   return is_done_;
 }
 
@@ -48,7 +48,7 @@ std::shared_ptr<Waiter> Waiter::ForThisThread() {
   std::shared_ptr<Waiter>& kept = of_each_thread.Get();
   // Somebody who completed it late may hold it still; it is theirs then.
   if (!kept || kept.use_count() != 1) kept = std::make_shared<Waiter>();
-  const std::lock_guard lock(kept->mutex_);
+  const os::MutexLock lock(kept->mutex_);
   kept->is_done_ = false;
   kept->error_ = kOk;
   kept->reply_ = {};
@@ -60,14 +60,14 @@ PendingReplies::~PendingReplies() {
 }
 
 bool PendingReplies::Add(std::uint64_t id, std::shared_ptr<Waiter> waiter) {
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   if (closed_) return false;
   waiters_.emplace(id, std::move(waiter));
   return true;
 }
 
 std::shared_ptr<Waiter> PendingReplies::Take(std::uint64_t id) {
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   const auto found = waiters_.find(id);
   if (found == waiters_.end()) return nullptr;
   auto waiter = std::move(found->second);
@@ -94,7 +94,7 @@ bool PendingReplies::Fail(std::uint64_t id, int error) {
 void PendingReplies::FailAll(int error) {
   std::unordered_map<std::uint64_t, std::shared_ptr<Waiter>> failed;
   {
-    const std::lock_guard lock(mutex_);
+    const os::MutexLock lock(mutex_);
     closed_ = true;
     failed.swap(waiters_);
   }
@@ -102,7 +102,7 @@ void PendingReplies::FailAll(int error) {
 }
 
 bool PendingReplies::empty() const {
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   return waiters_.empty();
 }
 

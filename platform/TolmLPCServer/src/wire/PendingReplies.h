@@ -3,12 +3,11 @@
 // The senders of one connection that wait for a reply.
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <unordered_map>
 
+#include "os/Mutex.h"
 #include "wire/Message.h"
 
 namespace lpc::wire {
@@ -31,10 +30,10 @@ class Waiter {
   static std::shared_ptr<Waiter> ForThisThread();
 
  private:
-  mutable std::mutex mutex_;
-  std::condition_variable done_;
-  bool is_done_ = false;
-  int error_ = 0;
+  mutable os::Mutex mutex_;
+  os::Condition done_;
+  bool is_done_ TOLM_GUARDED_BY(mutex_) = false;
+  int error_ TOLM_GUARDED_BY(mutex_) = 0;
   InboundMessage reply_;
 };
 
@@ -58,11 +57,11 @@ class PendingReplies {
   bool empty() const;
 
  private:
-  std::shared_ptr<Waiter> Take(std::uint64_t id);
+  std::shared_ptr<Waiter> Take(std::uint64_t id) TOLM_EXCLUDES(mutex_);
 
-  mutable std::mutex mutex_;
-  bool closed_ = false;
-  std::unordered_map<std::uint64_t, std::shared_ptr<Waiter>> waiters_;
+  mutable os::Mutex mutex_;
+  bool closed_ TOLM_GUARDED_BY(mutex_) = false;
+  std::unordered_map<std::uint64_t, std::shared_ptr<Waiter>> waiters_ TOLM_GUARDED_BY(mutex_);
 };
 
 }  // namespace lpc::wire

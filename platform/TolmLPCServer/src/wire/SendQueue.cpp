@@ -178,7 +178,7 @@ SendQueue::Outcome SendQueue::Send(const OutgoingMessage& message, bool more_fol
   Item item(message);
   bool direct = false;
   {
-    const std::lock_guard lock(mutex_);
+    const os::MutexLock lock(mutex_);
     if (closed_) return Outcome::kBroken;
     if (item.chunked()) {
       // 0 means "whole". A number comes round again when its message is long through: so many large
@@ -196,10 +196,10 @@ SendQueue::Outcome SendQueue::Send(const OutgoingMessage& message, bool more_fol
   try {
     auto kept = std::make_unique<Item>(std::move(item));
     kept->Own();
-    std::unique_lock lock(mutex_);
-    return AppendLocked(std::move(kept), lock);
+    os::UniqueLock lock(mutex_);
+    return AppendLocked(std::move(kept));
   } catch (const std::bad_alloc&) {
-    const std::lock_guard lock(mutex_);
+    const os::MutexLock lock(mutex_);
     queued_bytes_ -= reserved;
     throw;
   }
@@ -212,7 +212,7 @@ bool SendQueue::ReserveLocked(std::size_t bytes) {
 }
 
 SendQueue::Outcome SendQueue::Gather(const OutgoingMessage& message) {
-  std::unique_lock lock(mutex_);
+  os::UniqueLock lock(mutex_);
   if (closed_) return Outcome::kBroken;
   if (queued_bytes_ > options_.max_queue_bytes) return Outcome::kFull;
   const bool is_first = open_batch_ == nullptr;
@@ -228,27 +228,27 @@ SendQueue::Outcome SendQueue::Gather(const OutgoingMessage& message) {
   }
   if (open_batch_->size() < kGatheredBytes) return is_first ? Outcome::kGathered : Outcome::kQueued;
   writing_ = true;
-  return Write(lock);
+  return WriteLocked();
 }
 
 SendQueue::Outcome SendQueue::Flush() {
-  std::unique_lock lock(mutex_);
+  os::UniqueLock lock(mutex_);
   if (closed_) return Outcome::kBroken;
   if (writing_ || blocked_ || items_.empty()) return Outcome::kQueued;
   writing_ = true;
-  return Write(lock);
+  return WriteLocked();
 }
 
 SendQueue::Outcome SendQueue::SendControl(FrameType type, std::uint64_t message_id,
                                           const std::string& payload) {
   auto item = std::make_unique<Item>(type, message_id, payload);
   const std::size_t size = item->size();
-  std::unique_lock lock(mutex_);
+  os::UniqueLock lock(mutex_);
   if (closed_) return Outcome::kBroken;
   if (control_bytes_ + size > kMaxControlBytes) return Outcome::kFull;
   control_bytes_ += size;
   try {
-    return AppendLocked(std::move(item), lock);
+    return AppendLocked(std::move(item));
   } catch (const std::bad_alloc&) {
     control_bytes_ -= size;
     throw;
@@ -256,13 +256,13 @@ SendQueue::Outcome SendQueue::SendControl(FrameType type, std::uint64_t message_
 }
 
 // What it costs has been counted. Throws only while nothing has changed.
-SendQueue::Outcome SendQueue::AppendLocked(std::unique_ptr<Item> item, std::unique_lock<std::mutex>& lock) {
+SendQueue::Outcome SendQueue::AppendLocked(std::unique_ptr<Item> item) {
   if (closed_) return Outcome::kBroken;
   items_.push_back(std::move(item));
   open_batch_ = nullptr;  // what comes now stays behind it
   if (writing_ || blocked_) return Outcome::kQueued;
   writing_ = true;
-  return Write(lock);
+  return WriteLocked();
 }
 
 // Only by the thread that writes.
@@ -279,7 +279,7 @@ SendQueue::Outcome SendQueue::WriteDirectly(Item& item) {
     const bool broken = result.status == os::IoStatus::kClosed || result.status == os::IoStatus::kFailed;
     if (result.status == os::IoStatus::kDone && !item.done() && !item.at_frame_start()) continue;
 
-    std::unique_lock lock(mutex_);
+    os::UniqueLock lock(mutex_);
     // What was written whole was sent, even if the peer has read it and gone by now.
     const bool sent = item.done();
     if (closed_ || broken) return StopWritingLocked(sent ? Outcome::kSent : Outcome::kBroken);
@@ -294,7 +294,7 @@ SendQueue::Outcome SendQueue::WriteDirectly(Item& item) {
       }
     }
     if (items_.empty()) return StopWritingLocked(Outcome::kSent);
-    const Outcome of_the_rest = Write(lock);
+    const Outcome of_the_rest = WriteLocked();
     return sent && of_the_rest == Outcome::kBroken ? Outcome::kSentLast : of_the_rest;
   }
 }
@@ -323,7 +323,7 @@ SendQueue::Outcome SendQueue::GiveUpRestLocked(bool torn) {
 }
 
 // Called with writing_ set by this thread, and gives it up.
-SendQueue::Outcome SendQueue::Write(std::unique_lock<std::mutex>& lock) {
+SendQueue::Outcome SendQueue::WriteLocked() {
   for (int turn = 0; !closed_; ++turn) {
     if (turn == kWriteTurn) return BlockLocked();
     LetSmallOnesPassLocked();
@@ -335,10 +335,11 @@ SendQueue::Outcome SendQueue::Write(std::unique_lock<std::mutex>& lock) {
     }
     open_batch_ = nullptr;
     const bool bulk = items_.front()->chunked();
-    lock.unlock();
-    SetBulk(bulk);
-    const auto result = stream_.Write(pieces.data(), count);
-    lock.lock();
+    const auto result = [&]() TOLM_REQUIRES(mutex_) {
+      const os::MutexUnlock unlocked(mutex_);
+      SetBulk(bulk);
+      return stream_.Write(pieces.data(), count);
+    }();
     if (result.status == os::IoStatus::kWouldBlock) {
       if (closed_) break;
       return BlockLocked();
@@ -381,24 +382,25 @@ SendQueue::Outcome SendQueue::StopWritingLocked(Outcome outcome) {
 }
 
 void SendQueue::WaitUntilSent(std::chrono::steady_clock::time_point deadline) {
-  std::unique_lock lock(mutex_);
+  os::UniqueLock lock(mutex_);
   ++waiters_;
-  idle_.wait_until(lock, deadline, [this] { return closed_ || (items_.empty() && !writing_); });
+  idle_.wait_until(lock, deadline,
+                   [this]() TOLM_REQUIRES(mutex_) { return closed_ || (items_.empty() && !writing_); });
   --waiters_;
 }
 
 SendQueue::Outcome SendQueue::Resume() {
-  std::unique_lock lock(mutex_);
+  os::UniqueLock lock(mutex_);
   if (closed_) return Outcome::kBroken;
   if (!blocked_) return Outcome::kQueued;
   blocked_ = false;
   writing_ = true;
-  return Write(lock);
+  return WriteLocked();
 }
 
 void SendQueue::Close() {
   std::deque<std::unique_ptr<Item>> dropped;
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   CloseLocked();
   // A thread that writes uses the items; they go with the queue then.
   if (!writing_) dropped.swap(items_);
@@ -412,7 +414,7 @@ void SendQueue::CloseLocked() {
 }
 
 std::optional<std::chrono::steady_clock::time_point> SendQueue::BlockedSince() const {
-  const std::lock_guard lock(mutex_);
+  const os::MutexLock lock(mutex_);
   if (!blocked_) return std::nullopt;
   return blocked_since_;
 }

@@ -4,16 +4,15 @@
 // I/O threads when it does not.
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
 #include "TolmLPCServer/LpcOptions.h"
 #include "os/LocalStream.h"
+#include "os/Mutex.h"
 #include "wire/Frame.h"
 #include "wire/Message.h"
 
@@ -64,37 +63,38 @@ class SendQueue {
  private:
   class Item;
 
-  Outcome Gather(const OutgoingMessage& message);
-  bool ReserveLocked(std::size_t bytes);
-  Outcome AppendLocked(std::unique_ptr<Item> item, std::unique_lock<std::mutex>& lock);
-  Outcome Write(std::unique_lock<std::mutex>& lock);
-  Outcome WriteDirectly(Item& item);
-  void KeepRestLocked(Item& item);
-  Outcome GiveUpRestLocked(bool torn);
-  void LetSmallOnesPassLocked();
+  Outcome Gather(const OutgoingMessage& message) TOLM_EXCLUDES(mutex_);
+  bool ReserveLocked(std::size_t bytes) TOLM_REQUIRES(mutex_);
+  Outcome AppendLocked(std::unique_ptr<Item> item) TOLM_REQUIRES(mutex_);
+  Outcome WriteLocked() TOLM_REQUIRES(mutex_);
+  Outcome WriteDirectly(Item& item) TOLM_EXCLUDES(mutex_);
+  void KeepRestLocked(Item& item) TOLM_REQUIRES(mutex_);
+  Outcome GiveUpRestLocked(bool torn) TOLM_REQUIRES(mutex_);
+  void LetSmallOnesPassLocked() TOLM_REQUIRES(mutex_);
   void SetBulk(bool bulk);
-  Outcome BlockLocked();
-  Outcome StopWritingLocked(Outcome outcome);
-  void CloseLocked();
+  Outcome BlockLocked() TOLM_REQUIRES(mutex_);
+  Outcome StopWritingLocked(Outcome outcome) TOLM_REQUIRES(mutex_);
+  void CloseLocked() TOLM_REQUIRES(mutex_);
 
   os::Stream& stream_;
   const Options& options_;
   bool bulk_ = false;  // of the thread that writes: what the stream was told
 
-  mutable std::mutex mutex_;
-  // All below is guarded by mutex_; the items at the front are changed by the writer alone.
-  std::deque<std::unique_ptr<Item>> items_;
-  Item* open_batch_ = nullptr;     // the last one, while it can take more messages
-  std::size_t queued_bytes_ = 0;   // of messages
-  std::size_t control_bytes_ = 0;  // of control frames
-  bool writing_ = false;           // a thread writes
-  bool blocked_ = false;           // nobody writes, since the stream takes nothing
-  bool closed_ = false;
-  bool small_ones_passed_ = false;  // the large message in front, since its latest frame
-  std::condition_variable idle_;
-  int waiters_ = 0;
-  std::uint16_t last_stream_ = 0;  // of the messages in chunks
-  std::chrono::steady_clock::time_point blocked_since_;
+  mutable os::Mutex mutex_;
+  os::Condition idle_;
+  /// Those at the front are changed by the writer alone.
+  std::deque<std::unique_ptr<Item>> items_ TOLM_GUARDED_BY(mutex_);
+  Item* open_batch_ TOLM_GUARDED_BY(mutex_) = nullptr;     // the last one, while it can take more messages
+  std::size_t queued_bytes_ TOLM_GUARDED_BY(mutex_) = 0;   // of messages
+  std::size_t control_bytes_ TOLM_GUARDED_BY(mutex_) = 0;  // of control frames
+  bool writing_ TOLM_GUARDED_BY(mutex_) = false;           // a thread writes
+  bool blocked_ TOLM_GUARDED_BY(mutex_) = false;           // nobody writes, since the stream takes nothing
+  bool closed_ TOLM_GUARDED_BY(mutex_) = false;
+  /// The large message in front, since its latest frame.
+  bool small_ones_passed_ TOLM_GUARDED_BY(mutex_) = false;
+  int waiters_ TOLM_GUARDED_BY(mutex_) = 0;
+  std::uint16_t last_stream_ TOLM_GUARDED_BY(mutex_) = 0;  // of the messages in chunks
+  std::chrono::steady_clock::time_point blocked_since_ TOLM_GUARDED_BY(mutex_);
 };
 
 }  // namespace lpc::wire

@@ -1,21 +1,22 @@
 #include "PipeSignal.h"
 
 #include <csignal>
-#include <mutex>
+
+#include "os/Mutex.h"
 
 namespace Tolm::Net {
 namespace {
 
 // Two contexts made at the same time would take the other's "ignore" for what was before.
-std::mutex& OneAtATime() {
-  static std::mutex& mutex = *new std::mutex;
+os::Mutex& OneAtATime() {
+  static os::Mutex& mutex = *new os::Mutex;
   return mutex;
 }
 
 }  // namespace
 
 struct PipeSignalKept::Action {
-  std::unique_lock<std::mutex> turn{OneAtATime()};
+  os::UniqueLock turn{OneAtATime()};
   struct sigaction action {};
 };
 
