@@ -240,6 +240,13 @@ TEST_F(LpcIoLoop, StopDestroysWhatIsQueuedAndWaitsForWhatRuns) {
   loop->Stop();
 }
 
+TEST_F(LpcIoLoop, AStartThatAStopHasOvertakenMakesNoThreads) {
+  const auto loop = Make();
+  loop->Stop();
+  EXPECT_FALSE(loop->Start());
+  EXPECT_EQ(loop->ThreadCount(), 0u);
+}
+
 TEST_F(LpcIoLoop, StopFromInsideDoesNotWaitForItself) {
   const auto loop = Make();
   ASSERT_TRUE(loop->Start());
