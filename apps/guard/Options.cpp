@@ -85,6 +85,7 @@ std::optional<int> ReadOptions(const std::vector<std::string>& command_line, Opt
           ->type_name("[DIR]");
   try {
     std::vector<const char*> words;
+    words.reserve(command_line.size());
     for (const std::string& word : command_line) words.push_back(word.c_str());
     app.parse(static_cast<int>(words.size()), words.data());
   } catch (const CLI::ParseError& error) {

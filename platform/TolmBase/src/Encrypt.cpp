@@ -14,21 +14,29 @@ constexpr char kPadding = '=';
 constexpr std::uint8_t kForeign = 0xFF;
 constexpr std::uint8_t kLastValue = 63;
 
-constexpr std::array<std::uint8_t, 256> kValues = [] {
-  std::array<std::uint8_t, 256> values{};
+using Values = std::array<std::uint8_t, 256>;
+
+constexpr Values MakeValues() {
+  Values values{};
   values.fill(kForeign);
   for (std::size_t i = 0; i < kAlphabet.size(); ++i) {
     values[static_cast<unsigned char>(kAlphabet[i])] = static_cast<std::uint8_t>(i);
   }
   return values;
-}();
+}
 
-/// The characters of every twelve bits: two at once.
-constexpr auto kPairs = [] {
-  std::array<std::array<char, 2>, 1u << 12> pairs{};
+constexpr Values kValues = MakeValues();
+
+using Pairs = std::array<std::array<char, 2>, 1u << 12>;
+
+constexpr Pairs MakePairs() {
+  Pairs pairs{};
   for (std::size_t i = 0; i < pairs.size(); ++i) pairs[i] = {kAlphabet[i >> 6], kAlphabet[i & 0x3F]};
   return pairs;
-}();
+}
+
+/// The characters of every twelve bits: two at once.
+constexpr Pairs kPairs = MakePairs();
 
 std::uint32_t ByteAt(std::string_view bytes, std::size_t at) {
   return static_cast<unsigned char>(bytes[at]);

@@ -56,7 +56,7 @@ class FrameReader {
   Receiver& receiver_;
   const std::uint32_t max_payload_;
 
-  unsigned char header_[14];
+  unsigned char header_[14] = {};
   std::size_t header_has_ = 0;
   std::size_t header_needs_ = 2;
   int opcode_ = 0;

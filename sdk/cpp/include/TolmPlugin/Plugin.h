@@ -55,8 +55,8 @@ struct Request {
 
 /// Answers one request. Runs on threads of the plugin, many at a time; may block and may call back into
 /// the plugin object. When it throws, the sender is told at once that there will be no answer.
-/// The request is the handler's own: one that is written with `Request request` or `Request&& request` may move
-/// a long body out of it.
+/// The request is the handler's own: one that is written with `Request request` or `Request&& request` may
+/// move a long body out of it.
 using Handler = std::function<Message(Request&& request)>;
 
 /// The answer to a request that was sent without waiting.
