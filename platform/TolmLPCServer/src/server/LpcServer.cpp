@@ -224,7 +224,9 @@ bool Notify(const tag_LPCNotifyData& notify, std::string_view body) {
 }
 
 tag_LPCCallBackData Take(const tag_LPCCallBackData& data) {
-  return &data == t_delivered ? std::move(*t_delivered) : data;
+  // No conditional expression: compilers differ in whether that moves.
+  if (&data == t_delivered) return std::move(*t_delivered);
+  return data;
 }
 
 int GetLPCLastError() {
