@@ -85,7 +85,7 @@ bool Connection::IsSameUser() const {
     return server_.options.is_peer_same_user(accepted_.local.port, accepted_.peer.port);
   };
   // The system's table may lack a row while others come and go; it never has one of a wrong user.
-  return ask() || ask();
+  return ask() || ask();  // NOLINT(misc-redundant-expression): the second answer may be another one
 }
 
 void Connection::Refuse(std::string_view status, const char* why) {

@@ -67,7 +67,7 @@ class ByteReader {
   }
   template <typename Count>
   std::string_view Text() {
-    const Count size = Number<Count>();
+    const auto size = Number<Count>();
     if (!Have(size)) return {};
     const std::string_view text = rest_.substr(0, size);
     rest_.remove_prefix(size);

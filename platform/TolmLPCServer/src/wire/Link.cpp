@@ -481,7 +481,8 @@ void Link::HandleControl(const FrameHeader& header, std::string_view payload, Si
 void Link::HandleMessage(InboundMessage&& message, Sink& sink) {
   if (message.type == FrameType::kReply) {
     if (pending_.Complete(std::move(message))) return;
-    if (IsWaitingId(message.id)) {
+    // Nobody has taken it, so that it is whole.
+    if (IsWaitingId(message.id)) {  // NOLINT(bugprone-use-after-move)
       owner_.OnLateReply(*this);
       return;
     }

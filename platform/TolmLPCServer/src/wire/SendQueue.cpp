@@ -47,7 +47,7 @@ class SendQueue::Item {
   }
 
   /// A batch.
-  explicit Item(std::size_t room) : payload_left_(0), chunked_(false), batch_(true) {
+  explicit Item(std::size_t room) : chunked_(false), batch_(true) {
     head_.reserve(room);
     position_ = 0;
     header_left_ = 0;
