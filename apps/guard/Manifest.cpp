@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cctype>
 
+#include "TolmBase/Utf8Check.h"
+
 namespace guard {
 namespace {
 
@@ -32,6 +34,8 @@ std::string WhyNotAPluginId(const std::string& id) {
   if (std::any_of(id.begin(), id.end(), IsForbidden)) {
     return "a plugin's id must not hold separators, control characters or any of :*?\"<>|";
   }
+  // It stands in texts for the frame, which have to be UTF-8.
+  if (!Tolm::Base::IsUtf8(id)) return "a plugin's id must be UTF-8";
   // guard.log, guard.1.log and so on are the guard's own.
   const std::string lower = LowerCase(id);
   if (lower == "guard" || lower.starts_with("guard.")) {

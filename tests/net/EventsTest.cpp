@@ -294,5 +294,18 @@ TEST(NetArguments, AreChecked) {
   EXPECT_EQ(CHttpServer::SendWebSocketMsg(-1, kWebsocketText, "x", 1, true), kNetNoSuchHandle);
 }
 
+TEST(NetArguments, ATextThatIsNotUtf8IsNotSentAndTheConnectionStays) {
+  ServerEnd server;
+  auto client = RawClient::Upgraded(server.port());
+  const auto socket = server.WaitSocket();
+  for (const std::string text : {"\xff", "a\xc3", "\xed\xa0\x80"}) {
+    const auto size = static_cast<std::uint32_t>(text.size());
+    EXPECT_EQ(CHttpServer::SendWebSocketMsg(socket, kWebsocketText, text.data(), size, true),
+              kNetBadArgument);
+    EXPECT_EQ(CHttpServer::SendWebSocketMsg(socket, kWebsocketBinary, text.data(), size, true), kNetOk);
+    EXPECT_EQ(client.ReadFrame()->payload, text);
+  }
+}
+
 }  // namespace
 }  // namespace tolm::test

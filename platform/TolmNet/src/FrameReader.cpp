@@ -176,8 +176,7 @@ std::optional<FrameFault> FrameReader::EndCloseFrame() {
   if (payload_size_ >= 2) {
     code = static_cast<std::uint16_t>(BigEndian(reinterpret_cast<const unsigned char*>(payload_), 2));
     if (!MayBeSent(code)) return ProtocolFault("a close code that may not be sent");
-    Utf8Check reason;
-    if (!reason.Add(payload_ + 2, payload_size_ - 2) || !reason.IsWhole()) {
+    if (!Base::IsUtf8({payload_ + 2, payload_size_ - 2U})) {
       return FrameFault{kCloseInvalidText, "a close reason that is not UTF-8"};
     }
   }

@@ -9,7 +9,7 @@
 #include <string_view>
 
 #include "FrameText.h"
-#include "Utf8Check.h"
+#include "TolmBase/Utf8Check.h"
 
 namespace Tolm::Net {
 
@@ -74,7 +74,7 @@ class FrameReader {
   // Of the message that fragments belong to.
   bool in_message_ = false;
   bool message_is_text_ = false;
-  Utf8Check utf8_;
+  Base::Utf8Check utf8_;
 };
 
 }  // namespace Tolm::Net

@@ -8,6 +8,7 @@
 #include "ServerOptions.h"
 #include "ServerTable.h"
 #include "TolmBase/LogLine.h"
+#include "TolmBase/Utf8Check.h"
 
 namespace Tolm::Net {
 namespace {
@@ -45,6 +46,8 @@ int CHttpServer::SendWebSocketMsg(std::int32_t socket_id, WebsocketMsgtype type,
     return kNetBadArgument;
   }
   if (data == nullptr && len > 0) return kNetBadArgument;
+  // Whoever receives it would have to end the connection.
+  if (type == kWebsocketText && fin && !Base::IsUtf8({data, len})) return kNetBadArgument;
   return Attempt("sending", [&]() -> int {
     const auto outbox = ConnectionTable::Instance().Find(socket_id);
     return outbox ? outbox->Send(type, data, len, fin) : kNetNoSuchHandle;

@@ -54,7 +54,7 @@ using WebSocketServerCallBack = std::function<void(std::int32_t handle, const We
 enum HttpServerError : int {
   kNetOk = 0,
   kNetNoSuchHandle = 1,  ///< no such server or connection, or not any more
-  kNetBadArgument = 2,   ///< not an address, no callback, a type that cannot be sent, null data
+  kNetBadArgument = 2,   ///< not an address, no callback, a type that cannot be sent, null data, no text
   kNetCannotListen = 3,  ///< the port is taken, or the system says no; the log has its text
   kNetQueueFull = 4,     ///< the client does not read: too much waits to be sent to it
   kNetNoMemory = 5,
@@ -83,7 +83,8 @@ class CHttpServer {
   static int SetWebSocketServerCallBack(std::int32_t handle, WebSocketServerCallBack callback);
 
   /// Queues one frame; the server's thread sends it. The data are copied. Masking does not apply (RFC 6455,
-  /// section 5.1: a server does not mask).
+  /// section 5.1: a server does not mask). A text in one frame that is not UTF-8 is kNetBadArgument; fragments
+  /// are not looked at.
   static int SendWebSocketMsg(std::int32_t socket_id, WebsocketMsgtype type, const char* data,
                               std::uint32_t len, bool fin);
 

@@ -1,8 +1,8 @@
-#include "Utf8Check.h"
+#include "TolmBase/Utf8Check.h"
 
 #include <cstring>
 
-namespace Tolm::Net {
+namespace Tolm::Base {
 
 bool Utf8Check::Add(const char* data, std::size_t size) {
   const char* const end = data + size;
@@ -37,4 +37,4 @@ bool Utf8Check::Add(const char* data, std::size_t size) {
   return true;
 }
 
-}  // namespace Tolm::Net
+}  // namespace Tolm::Base

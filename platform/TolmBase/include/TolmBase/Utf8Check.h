@@ -2,8 +2,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
-namespace Tolm::Net {
+namespace Tolm::Base {
 
 /// Whether bytes that arrive in pieces are UTF-8 (RFC 3629: shortest forms only, no surrogates, nothing
 /// above U+10FFFF).
@@ -22,4 +23,10 @@ class Utf8Check {
   std::uint8_t highest_ = 0xBF;
 };
 
-}  // namespace Tolm::Net
+/// The same for bytes that are all there.
+inline bool IsUtf8(std::string_view bytes) {
+  Utf8Check check;
+  return check.Add(bytes.data(), bytes.size()) && check.IsWhole();
+}
+
+}  // namespace Tolm::Base
