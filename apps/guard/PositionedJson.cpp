@@ -9,6 +9,8 @@
 #include <limits>
 #include <utility>
 
+#include "TolmProto/JsonEscapes.h"
+
 namespace guard {
 namespace {
 
@@ -128,13 +130,19 @@ bool ReadJson(std::string_view text, std::size_t max_depth, JsonValue& value, Po
   const rapidjson::ParseResult result =
       reader.Parse<rapidjson::kParseValidateEncodingFlag | rapidjson::kParseNumbersAsStringsFlag>(stream,
                                                                                                   builder);
-  if (!result.IsError()) return true;
+  // The stream shows its end as a NUL; a NUL in the text must not pass for it.
+  const bool has_end = stream.Tell() == text.size();
+  const std::size_t half = proto::FindUnpairedSurrogate(text);
+  if (!result.IsError() && has_end && half == std::string_view::npos) return true;
   if (builder.too_deep()) {
     where = builder.last();
     why = "nested more than " + std::to_string(max_depth) + " deep";
   } else {
-    where = PositionFinder(text).At(result.Offset());
-    why = rapidjson::GetParseError_En(result.Code());
+    const auto code = result.IsError() ? result.Code()
+                      : has_end        ? rapidjson::kParseErrorStringUnicodeSurrogateInvalid
+                                       : rapidjson::kParseErrorDocumentRootNotSingular;
+    where = PositionFinder(text).At(result.IsError() ? result.Offset() : has_end ? half : stream.Tell());
+    why = rapidjson::GetParseError_En(code);
   }
   return false;
 }

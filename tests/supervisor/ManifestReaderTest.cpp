@@ -193,6 +193,8 @@ TEST_F(ManifestFile, WhatIsNoJsonSaysWhere) {
   EXPECT_THAT(Faults("{\"program\": \"\xff\"}")[0], HasSubstr("p:1:1"));
   EXPECT_THAT(Faults("// no comments\n{\"program\": \"x\"}")[0], HasSubstr("p:1:1: "));
   EXPECT_THAT(Faults("{\"stopGraceMs\": 1e999}")[0], HasSubstr("p:1:1"));
+  EXPECT_THAT(Faults(std::string("{\"program\": \"x\"}\n\0 more", 23))[0], HasSubstr("p:2:1: "));
+  EXPECT_THAT(Faults("{\"program\":\n \"a\\udc00\"}")[0], HasSubstr("p:2:4: The surrogate pair"));
 }
 
 TEST_F(ManifestFile, DeepNestingEndsAtItsBound) {
@@ -225,8 +227,9 @@ TEST(PluginId, IsAFolderNameOnEverySystem) {
     EXPECT_EQ(WhyNotAPluginId(good), "") << good;
   }
   EXPECT_EQ(WhyNotAPluginId(std::string(128, 'x')), "");
-  for (const std::string bad : {"", ".", "..", "../x", "x..y", "a/b", "a\\b", "/", "C:x", ".hidden", "dot.",
-                                " x", "x ", "a\nb", "a*", "guard", "GUARD", "guard.1"}) {
+  for (const std::string bad :
+       {"",   ".",  "..",   "../x", "x..y",  "a/b",   "a\\b",    "/",    "C:x",   ".hidden",     "dot.",
+        " x", "x ", "a\nb", "a*",   "guard", "GUARD", "guard.1", "\xff", "a\xc3", "\xed\xb0\x80"}) {
     EXPECT_NE(WhyNotAPluginId(bad), "") << bad;
   }
   EXPECT_NE(WhyNotAPluginId(std::string(129, 'x')), "");

@@ -92,6 +92,14 @@ TEST(JsonParse, AnythingBehindTheValueFails) {
   }
 }
 
+TEST(JsonParse, HalfASurrogatePairFails) {
+  for (const char* text : {R"("\ud800")", R"("\udc00")", R"("a\uDFFFb")", R"("\ude00\ud83d")",
+                           R"({"\udc00":1})", R"("\ud83d\ude00\ude00")", R"("\\\udc00")"}) {
+    EXPECT_FALSE(CRapidJsonProto().set_str(text)) << text;
+  }
+  EXPECT_EQ(Json(R"({"a":"\ud83d\ude00\\udc00"})").get_v("/a", ""), "\xF0\x9F\x98\x80\\udc00");
+}
+
 TEST(JsonParse, ANewTextReplacesTheWholeDocument) {
   Json json(R"({"a":1,"b":2})");
   EXPECT_TRUE(json.set_str(R"({"b":3})"));

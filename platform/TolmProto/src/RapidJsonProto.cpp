@@ -16,6 +16,8 @@
 #include <system_error>
 #include <vector>
 
+#include "TolmProto/JsonEscapes.h"
+
 namespace proto {
 namespace {
 
@@ -171,6 +173,8 @@ class Builder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Builder> 
 /// `document`.
 bool ParseInto(rapidjson::Document& document, std::string& text) {
   if (text.size() > kMaxTextSize) return false;
+  // The reader finds first halves only.
+  if (FindUnpairedSurrogate(text) != std::string::npos) return false;
   const std::size_t mark = text.starts_with("\xEF\xBB\xBF") ? 3 : 0;
   rapidjson::InsituStringStream stream(text.data() + mark);
   const char* const end = text.data() + text.size();
