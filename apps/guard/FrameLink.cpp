@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "TolmBase/LogLine.h"
+#include "TolmBase/Utf8Check.h"
 #include "os/Mutex.h"
 #include "os/PortTable.h"
 #include "os/ThreadName.h"
@@ -67,6 +68,12 @@ class FrameLink::Impl {
   }
 
   bool Send(std::string text) {
+    // The frame would have to end the connection.
+    if (!Tolm::Base::IsUtf8(text)) {
+      TOLM_LOG(Tolm::Base::kLogLevelError, kTag, "a text of %zu bytes for the frame is not UTF-8: dropped",
+               text.size());
+      return false;
+    }
     const os::MutexLock lock(mutex_);
     if (!connected_) return false;
     if (queued_bytes_ + text.size() > kMaxQueuedBytes) {
@@ -92,6 +99,7 @@ class FrameLink::Impl {
     std::string sent;  // what is being written
     tcp::endpoint endpoint;
     std::string host;
+    websocket::response_type answer;  // to the upgrade
   };
   using ConnectionPtr = std::shared_ptr<Connection>;
 
@@ -130,13 +138,23 @@ class FrameLink::Impl {
     connection->stream.auto_fragment(false);
     connection->stream.text(true);
     connection->stream.read_message_max(kMaxMessageBytes);
-    connection->stream.async_handshake(connection->host, "/", [this, connection](const error_code& error) {
-      if (error) {
-        Lose(connection, connection->host + " refuses the connection: " + error.message());
-      } else {
-        Begin(connection);
-      }
-    });
+    connection->stream.async_handshake(
+        connection->answer, connection->host, "/", [this, connection](const error_code& error) {
+          if (error) {
+            Lose(connection, connection->host + " refuses the connection: " + error.message());
+          } else if (HasUnaskedFor(connection->answer)) {
+            Lose(connection, connection->host + " answers with an extension or a subprotocol");
+          } else {
+            Begin(connection);
+          }
+        });
+  }
+
+  // What was not asked for must not be agreed to (RFC 6455, section 4.1), which the library leaves to its
+  // user.
+  static bool HasUnaskedFor(const websocket::response_type& answer) {
+    return answer.count(beast::http::field::sec_websocket_extensions) > 0 ||
+           answer.count(beast::http::field::sec_websocket_protocol) > 0;
   }
 
   // Only now: before the other side has accepted the connection, the system does not know whose it is.

@@ -138,6 +138,19 @@ TEST(NetSending, CloseComesBehindWhatWaits) {
   EXPECT_EQ(client.ReadFrame()->close_code(), 1000);
 }
 
+TEST(NetSending, APingBehindOurCloseFrameIsStillAnswered) {
+  ServerEnd server;
+  auto client = RawClient::Upgraded(server.port());
+  EXPECT_EQ(CHttpServer::CloseWebSocket(server.WaitSocket()), kNetOk);
+  EXPECT_EQ(client.ReadFrame()->close_code(), 1000);
+  client.Send(FrameBytes{.opcode = 9}("late") + CloseBytes(1000));
+  const auto pong = client.ReadFrame();
+  ASSERT_TRUE(pong);
+  EXPECT_EQ(pong->opcode, 10);
+  EXPECT_EQ(pong->payload, "late");
+  EXPECT_TRUE(client.ReadToEnd());
+}
+
 TEST(NetStall, ClientThatTakesNothingIsCutOff) {
   ServerOptions options;
   options.stall = milliseconds(150);

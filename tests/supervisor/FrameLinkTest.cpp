@@ -126,6 +126,31 @@ TEST_F(Link, SendsALargeTextInOneFrame) {
   EXPECT_EQ(length, kSize);
 }
 
+TEST_F(Link, SendsNoTextThatTheFrameWouldHaveToEndTheConnectionFor) {
+  Connect();
+  EXPECT_FALSE(link_->Send("not UTF-8: \xff"));
+  EXPECT_TRUE(link_->Send("a text"));
+  EXPECT_EQ(frame_.Read(), "a text");
+  EXPECT_EQ(CountInLog("is not UTF-8: dropped"), 1u);
+}
+
+TEST_F(Link, WantsNoExtensionOrSubprotocolThatItHasNotAskedFor) {
+  WritePort(frame_.port());
+  Start();
+  for (const auto field : {http::field::sec_websocket_extensions, http::field::sec_websocket_protocol}) {
+    ASSERT_TRUE(frame_.TakeRequest());
+    error_code error;
+    frame_.stream().set_option(
+        websocket::stream_base::decorator([&](websocket::response_type& answer) { answer.set(field, "x"); }));
+    frame_.stream().accept(frame_.request(), error);
+    EXPECT_EQ(frame_.Read(), "");
+  }
+  ASSERT_TRUE(frame_.Accept());
+  ASSERT_TRUE(HasEvents(1));
+  EXPECT_THAT(Events(), ElementsAre("connected"));
+  EXPECT_EQ(CountInLog("answers with an extension or a subprotocol"), 1u);
+}
+
 TEST_F(Link, SendsNothingWhileNobodyIsThere) {
   EXPECT_FALSE(FrameLink({.config = config()}, {}).Send("x"));
   Connect();

@@ -137,8 +137,8 @@ void Connection::OnData(int opcode, bool fin, const char* data, std::uint32_t le
   server_.sink.Deliver(outbox_->socket_id(), opcode, fin, data, len);
 }
 
+// Also behind our own close frame: the peer may not have seen it yet (RFC 6455, section 5.5.2).
 void Connection::OnPing(std::string_view payload) {
-  if (state_ != State::kOpen) return;
   if (urgent_.size() >= kMaxUrgent) urgent_.pop_back();
   urgent_.push_back(MakeFrame(kOpcodePong, true, payload.data(), payload.size()));
   if (!Flush()) broken_ = true;

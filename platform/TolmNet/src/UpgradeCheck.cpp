@@ -60,6 +60,12 @@ bool IsKey(std::string_view key) {
   return key.size() == 24 && key.substr(22) == "==" && std::all_of(key.begin(), key.begin() + 22, is_base64);
 }
 
+// Of what comes behind 1.1, all that we need means the same.
+bool IsVersionOne(std::string_view version) {
+  return version.size() == 8 && version.starts_with("HTTP/1.") && version.back() >= '0' &&
+         version.back() <= '9';
+}
+
 bool ParseRequestLine(std::string_view line, UpgradeRequest& request) {
   const std::size_t first = line.find(' ');
   if (first == std::string_view::npos) return false;
@@ -69,7 +75,7 @@ bool ParseRequestLine(std::string_view line, UpgradeRequest& request) {
   request.target = line.substr(first + 1, second - first - 1);
   request.version = line.substr(second + 1);
   return IsToken(request.method) && !request.target.empty() && !HasControlChar(request.target) &&
-         (request.version == "HTTP/1.1" || request.version == "HTTP/1.0");
+         IsVersionOne(request.version);
 }
 
 bool ParseHeader(std::string_view line, UpgradeRequest& request) {
@@ -151,7 +157,7 @@ const char* WhyForbidden(const UpgradeRequest& request) {
 
 bool IsProperUpgrade(const UpgradeRequest& request, std::string_view& status) {
   status = "400 Bad Request";
-  if (request.method != "GET" || request.version != "HTTP/1.1" || !request.has_connection_upgrade)
+  if (request.method != "GET" || request.version == "HTTP/1.0" || !request.has_connection_upgrade)
     return false;
   // What lies behind the head is read as frames.
   if (request.has_body) return false;

@@ -14,7 +14,7 @@ inline constexpr std::size_t kMaxRequestHead = 16U * 1024;
 struct UpgradeRequest {
   std::string method;
   std::string target;
-  std::string version;  ///< "HTTP/1.1"
+  std::string version;  ///< "HTTP/1.1", or another digit at the end
   bool wants_websocket = false;
   bool has_connection_upgrade = false;
   bool has_origin = false;
