@@ -5,13 +5,20 @@
 //   7 text+ 5          (a plus: final; the length)
 //   7 close
 //
+// Some texts have it do something: "!close" has it close the connection, "!text 5" and "!binary 5" send so
+// many bytes, "!fragments" a text in three frames, "!overlong", "!surrogate" and "!short" a text that is not
+// UTF-8. A sending that fails is a line, too: "7 refused 2" with the result.
+//
 // usage: net_echo [--any-user]
 //
 // --any-user: for a client whose owner the system cannot tell, as when a Windows server runs beside a client
 // that does not belong to that world.
 
+#include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
+#include <string>
 #include <string_view>
 
 #include "ServerPort.h"
@@ -40,10 +47,36 @@ const char* Name(std::int32_t type) {
   }
 }
 
+void Send(std::int32_t socket, Tolm::Net::WebsocketMsgtype type, const std::string& data, bool fin = true) {
+  const int result =
+      CHttpServer::SendWebSocketMsg(socket, type, data.data(), static_cast<std::uint32_t>(data.size()), fin);
+  if (result != 0) std::printf("%d refused %d\n", socket, result);
+}
+
+void Obey(std::int32_t socket, const std::string& order) {
+  const std::size_t blank = order.find(' ');
+  const std::string what = order.substr(0, blank);
+  const std::string bytes(blank == std::string::npos ? 0 : std::strtoul(order.c_str() + blank, nullptr, 10),
+                          'x');
+  if (what == "!close") CHttpServer::CloseWebSocket(socket);
+  if (what == "!text") Send(socket, Tolm::Net::kWebsocketText, bytes);
+  if (what == "!binary") Send(socket, Tolm::Net::kWebsocketBinary, bytes);
+  if (what == "!overlong") Send(socket, Tolm::Net::kWebsocketText, "a\xC0\x80");
+  if (what == "!surrogate") Send(socket, Tolm::Net::kWebsocketText, "\xED\xA0\x80");
+  if (what == "!short") Send(socket, Tolm::Net::kWebsocketText, "a\xC3");
+  if (what == "!fragments") {
+    Send(socket, Tolm::Net::kWebsocketText, "ab", false);
+    Send(socket, Tolm::Net::kWebsocketContinuation, "", false);
+    Send(socket, Tolm::Net::kWebsocketContinuation, "c");
+  }
+}
+
 void Print(std::int32_t socket, const WebsocketRecv& recv) {
   std::printf("%d %s", socket, Name(recv.type));
   if (recv.data != nullptr) std::printf("%c %u", recv.fin ? '+' : '-', recv.len);
   std::printf("\n");
+  const std::string text(recv.data, recv.data != nullptr ? recv.len : 0);
+  if (recv.type == Tolm::Net::kWebsocketText && text.starts_with('!')) Obey(socket, text);
   std::fflush(stdout);
 }
 
@@ -51,6 +84,8 @@ void Print(std::int32_t socket, const WebsocketRecv& recv) {
 
 int main(int argc, char** argv) try {
   Tolm::Net::ServerOptions options;
+  // Requests come byte by byte, and machines may be slow.
+  options.handshake = std::chrono::minutes(1);
   if (argc > 1 && std::string_view(argv[1]) == "--any-user") {
     options.is_peer_same_user = [](std::uint16_t, std::uint16_t) { return true; };
   }
