@@ -32,13 +32,14 @@ class Case:
     upgrade: bytes
     after: bytes  # is sent when the server's close frame has come
     why: str
+    server_closes: bool  # by itself: nothing is to be asked then
 
 
 CASES = []
 
 
-def case(section, name, expected, sent=b"", upgrade=request(), after=close(1000), why=""):
-    CASES.append(Case(section, name, expected, sent, upgrade, after, why))
+def case(section, name, expected, sent=b"", upgrade=request(), after=close(1000), why="", server_closes=False):
+    CASES.append(Case(section, name, expected, sent, upgrade, after, why, server_closes))
 
 
 def upgrades(section, status, rows, why=""):
@@ -219,7 +220,7 @@ def control():
         case("5.5.2", f"ping of {size}", f"pong {size}, open", ping(b"\xff" * size))
     case("5.5.2", "ten pings", "pong 3, " * 10 + "open", ping(b"abc") * 10)
     case("5.5.2", "ping between texts", "text+ 1, text+ 1, pong 1, open", text(b"a") + ping(b"p") + text(b"b"))
-    case("5.5.2", "ping when the server has closed", "text+ 6, closed 1000, pong 4", text(b"!close"),
+    case("5.5.2", "ping when the server has closed", "text+ 6, closed 1000, pong 4", text(b"!close"), server_closes=True,
          after=ping(b"late") + close(1000))
     case("5.5.3", "pong that nobody asked for", "open", frame(10, b"x"))
     case("5.5.3", "pong of 0", "open", frame(10))
@@ -251,14 +252,14 @@ def closing():
     case("5.5.1", "two closes", "closed 1000", close(1000) + close(1001))
     case("5.5.1", "ping behind a close", "closed 1001", close(1001) + ping(b"late"))
     case("5.5.1", "close behind text", "text+ 1, closed 1000", text(b"a") + close(1000))
-    case("7.1.1", "the server closes, and is answered", "text+ 6, closed 1000", text(b"!close"))
-    case("7.1.1", "the server closes, and is answered without a code", "text+ 6, closed 1000", text(b"!close"), after=close())
-    case("7.1.1", "the server closes, and is answered with another code", "text+ 6, closed 1000", text(b"!close"),
+    case("7.1.1", "the server closes, and is answered", "text+ 6, closed 1000", text(b"!close"), server_closes=True)
+    case("7.1.1", "the server closes, and is answered without a code", "text+ 6, closed 1000", text(b"!close"), server_closes=True, after=close())
+    case("7.1.1", "the server closes, and is answered with another code", "text+ 6, closed 1000", text(b"!close"), server_closes=True,
          after=close(3000, b"x"))
-    case("7.1.1", "the server closes, and is not answered", "text+ 6, closed 1000", text(b"!close"), after=b"")
-    case("7.1.1", "the server closes, and is answered wrongly", "text+ 6, closed 1000", text(b"!close"), after=b"\xff\xff",
+    case("7.1.1", "the server closes, and is not answered", "text+ 6, closed 1000", text(b"!close"), server_closes=True, after=b"")
+    case("7.1.1", "the server closes, and is answered wrongly", "text+ 6, closed 1000", text(b"!close"), server_closes=True, after=b"\xff\xff",
          why="what is wrong when the server has closed ends the connection, and no second close frame is sent")
-    case("5.5.1", "text when the server has closed", "text+ 6, closed 1000", text(b"!close"), after=text(b"late") + close(1000),
+    case("5.5.1", "text when the server has closed", "text+ 6, closed 1000", text(b"!close"), server_closes=True, after=text(b"late") + close(1000),
          why="who has closed a connection is told of nothing but its end")
     case("7.1.5", "the end instead of a close", "text+ 1, ended", text(b"a"), after=None)
     case("7.1.5", "the end within a message", "text- 1, ended", text(b"a", False), after=None, why=ONE_BY_ONE)

@@ -128,7 +128,8 @@ void Connection::ReadFrames(const char* data, std::size_t size) {
   if (!fault) return;
   TOLM_LOG(kLogLevelInfo, kLogTag, "ending socket %d at %s with code %d: %s", outbox_->socket_id(),
            PeerName().c_str(), static_cast<int>(fault->code), fault->why);
-  Linger(MakeCloseFrame(fault->code, fault->why));
+  // Behind a close frame of ours there is no other one.
+  Linger(state_ == State::kClosing ? OutgoingFrame() : MakeCloseFrame(fault->code, fault->why));
 }
 
 void Connection::OnData(int opcode, bool fin, const char* data, std::uint32_t len) {
