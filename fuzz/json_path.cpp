@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "TolmProto/JsonEscapes.h"
 #include "TolmProto/RapidJsonProto.h"
 #include "support/Input.h"
 
@@ -43,6 +44,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   CRapidJsonProto document;
   const bool is_document = document.set_str(text);
   Require(is_document || document.get_str(0) == "{}", "what is no document leaves an empty object");
+  Require(!is_document || proto::FindUnpairedSurrogate(text) == std::string::npos,
+          "no half of a pair is read");
   Require(document.get_cnt(path) >= 0, "a count is one");
   RequirePrints(document, path);
 

@@ -1,7 +1,7 @@
 // Any bytes as UTF-8, in any pieces, against a reader that takes one character at a time as RFC 3629 has
 // them.
 
-#include "Utf8Check.h"
+#include "TolmBase/Utf8Check.h"
 
 #include "support/Input.h"
 
@@ -33,7 +33,7 @@ bool IsUtf8(std::string_view text) {
 }
 
 bool Check(std::string_view text, std::size_t piece) {
-  Tolm::Net::Utf8Check check;
+  Tolm::Base::Utf8Check check;
   for (; !text.empty(); text.remove_prefix(std::min(piece, text.size()))) {
     if (!check.Add(text.data(), std::min(piece, text.size()))) return false;
   }
