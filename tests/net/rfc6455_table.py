@@ -66,6 +66,7 @@ def opening():
         "subprotocols, of which none is chosen": request(Sec_WebSocket_Protocol="a, b"),
         "extensions, of which none is chosen": request(Sec_WebSocket_Extensions="permessage-deflate; x=1, y"),
         "cookies, and letters that are not ASCII": request(Cookie="a=b; c=\xe4", lines=["X-Y: \xff"]),
+        "a body of nothing": request(lines=["Content-Length: 0"]),
         "a header without a value": request(lines=["X:"]),
         "a later HTTP of the same kind": request("GET / HTTP/1.2"),
         "Host with a port": request(Host="127.0.0.1:80"),
@@ -102,6 +103,8 @@ def opening():
     })
     upgrades("4.2.1", "http 400", {
         "an empty line first": b"\r\n" + request(),
+        "a body, which would be read as frames": request(lines=["Content-Length: 5"]) + b"hello",
+        "a body in chunks": request(lines=["Transfer-Encoding: chunked"]),
         "a line that goes on": request(lines=["X: a", " b"]),
         "a blank before a colon": request(lines=["X : a"]),
         "no colon": request(lines=["X"]),
