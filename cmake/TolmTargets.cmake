@@ -23,16 +23,20 @@ function(tolm_program name)
 endfunction()
 
 # tolm_test(<name> SOURCES <file>... LIBS <lib>... [TIMEOUT <seconds>] [LABELS <label>...]
-#           [PROPERTIES <ctest property>...])
+#           [PROPERTIES <ctest property>...] [OWN_NEW])
 # A GoogleTest program; every case is a ctest of its own, named <name>.<Suite>.<Case>, and so runs
-# in a process of its own.
+# in a process of its own. On POSIX its fallible calls can be made to fail (tests/faults), unless it replaces
+# operator new itself.
 function(tolm_test name)
-  cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LIBS;LABELS;PROPERTIES" ${ARGN})
+  cmake_parse_arguments(ARG "OWN_NEW" "TIMEOUT" "SOURCES;LIBS;LABELS;PROPERTIES" ${ARGN})
   if(NOT ARG_TIMEOUT)
     set(ARG_TIMEOUT 60)
   endif()
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE tolm_flags ${ARG_LIBS} tolm_test_support GTest::gmock GTest::gtest_main)
+  if(TARGET tolm_faults AND NOT ARG_OWN_NEW)
+    target_link_libraries(${name} PRIVATE tolm_faults)
+  endif()
   gtest_discover_tests(${name}
     TEST_PREFIX ${name}.
     NO_PRETTY_VALUES
