@@ -225,7 +225,7 @@ Operation Queue(PluginProcess& alpha) {
     }
     alpha.GoOn();
     const bool all =
-        Await(kTimeOutMs / 2e3, [&] { return alpha.Do("counted").at(0) >= static_cast<double>(taken); });
+        Await(kTimeOutMs / 1e3, [&] { return alpha.Do("counted").at(0) >= static_cast<double>(taken); });
     taken = static_cast<std::uint64_t>(alpha.Do("counted").at(0));
     // A message of which a part was sent already ends the connection, and takes those behind it along.
     return std::pair(all && last_code == lpc::kOk, last_code);

@@ -397,8 +397,12 @@ bool Link::ReadOrFail(Sink& sink) {
     return ReadSome(sink);
   } catch (const std::exception& error) {
     sink.error = kFailed;
-    sink.reason = std::string("reading from it failed: ") + error.what();
-    SendNotice(FrameType::kGoodbye, 0, sink.error, sink.reason);
+    try {
+      sink.reason = std::string("reading from it failed: ") + error.what();
+      SendNotice(FrameType::kGoodbye, 0, sink.error, sink.reason);
+    } catch (const std::exception&) {
+      // Not even memory for a word: it ends without one.
+    }
     return false;
   }
 }
