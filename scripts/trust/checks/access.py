@@ -46,7 +46,8 @@ AS_IT_IS = {
     "the plugins' command line": (b"plugin_cmdline[", b""),
     "what a plugin prints": (b" [out] ", b""),
 }
-RECORD = re.compile(rb"^\[\d{4}-\d\d-\d\d ")
+# How lines begin: those of our own log, and those of a plugin's.
+RECORD = re.compile(rb"^\[?\d{4}-\d\d-\d\d ")
 
 
 def run(run):
@@ -110,20 +111,24 @@ def secrets(run, programs):
             print(tested.stdout[tested.stdout.rfind("The following tests FAILED"):])
         run.add("access.secrets.tests", int(summary[2]), "tests", ">= 500", int(summary[2]) >= 500)
         run.add("access.secrets.tests_failed", int(summary[1]), "tests", "0", int(summary[1]) == 0)
-        lines = masked = found = 0
-        shown = dict.fromkeys(AS_IT_IS, 0)
-        for path in sorted(pathlib.Path(folder).iterdir()):
-            for line, begins in records(path):
-                lines += 1
-                masked += bool(MASKED.search(line))
-                if not (SESSION_ID.search(line) or KNOWN.search(line)):
-                    continue
-                rest, why = without_what_is_shown(line, begins)
-                if SESSION_ID.search(rest) or KNOWN.search(rest):
-                    found += 1
-                    print(f"  {path.name}: {line[:300]!r}")
-                else:
-                    shown[why] += 1
+        search(run, pathlib.Path(folder))
+
+
+def search(run, folder):
+    lines = masked = found = 0
+    shown = dict.fromkeys(AS_IT_IS, 0)
+    for path in sorted(folder.iterdir()):
+        for line, begins in records(path):
+            lines += 1
+            masked += bool(MASKED.search(line))
+            if not (SESSION_ID.search(line) or KNOWN.search(line)):
+                continue
+            rest, why = without_what_is_shown(line, begins)
+            if SESSION_ID.search(rest) or KNOWN.search(rest):
+                found += 1
+                print(f"  {path.name}: {line[:300]!r}")
+            else:
+                shown[why] += 1
     for why, count in shown.items():
         if count:
             print(f"  {count} lines show {why}, with a session id in it")
