@@ -56,6 +56,31 @@ void StopPools() {
   CSingleton<CMessageLoopForNetCallBack>::Instance().Stop(false);
 }
 
+/// Of the frame's own threads one at a time may wait for the others to end: two that stop the frame at once,
+/// in callbacks on different pools, would wait for each other. A thread of the host's is waited for by
+/// nobody.
+class Turn {
+ public:
+  Turn()
+      : is_own_thread_(CLpcServerManager::IsInCallback()),
+        granted_(!is_own_thread_ || !Taken().exchange(true)) {}
+  ~Turn() {
+    if (is_own_thread_ && granted_) Taken() = false;
+  }
+  Turn(const Turn&) = delete;
+  Turn& operator=(const Turn&) = delete;
+  explicit operator bool() const { return granted_; }
+
+ private:
+  static std::atomic<bool>& Taken() {
+    static std::atomic<bool> taken{false};
+    return taken;
+  }
+
+  const bool is_own_thread_;
+  const bool granted_;
+};
+
 bool StartAll(const std::string& lpc_server_name, const PlatformInfo& info) {
   // A start that is repeated holds nobody up: what arrives meanwhile finds what the first one has made.
   std::optional<Starting> starting;
@@ -106,9 +131,18 @@ bool UninitLogical() {
   if (!g_logical_init) return false;
   CLPCIntegrate::GetInstance().UnInit();
   g_pools_stopped = true;
-  StopPools();
-  CSingleton<CTolmGuardConnectManager>::Instance().UninitManager();
-  CSingleton<CLpcServerManager>::Instance().LpcUnint();
+  // The pools are about to be waited for, and in them whoever waits for a plugin.
+  auto& transport = CSingleton<CLpcServerManager>::Instance();
+  transport.EndWaitsSoon();
+  if (const Turn turn; turn) {
+    StopPools();
+    CSingleton<CTolmGuardConnectManager>::Instance().UninitManager();
+    transport.LpcUnint();
+  } else {
+    // Another callback does the rest, and waits for this one to return; that no callback starts any more is
+    // seen to here.
+    transport.SetCallBack(nullptr, nullptr);
+  }
   TOLM_LOG(Tolm::Base::kLogLevelInfo, kTagInfo, "Finish UninitLogical");
   return true;
 }

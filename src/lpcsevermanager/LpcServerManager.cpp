@@ -23,6 +23,17 @@ using Tolm::Base::kLogLevelTrace;
 
 namespace {
 
+/// Callbacks of the host that the calling thread is in.
+thread_local int t_callbacks = 0;
+
+class InCallback {
+ public:
+  InCallback() { ++t_callbacks; }
+  ~InCallback() { --t_callbacks; }
+  InCallback(const InCallback&) = delete;
+  InCallback& operator=(const InCallback&) = delete;
+};
+
 CLpcServerManager& Manager() {
   return Tolm::Base::CSingleton<CLpcServerManager>::Instance();
 }
@@ -117,6 +128,7 @@ bool CLpcServerManager::CallLpcCallBack(const FrameCallBackData& fcd) {
            "method =[%s],push_msg_tag =[%s],body=[%s]",
            fcd.LpcMsgType, data.msg_type, data.dst_id.c_str(), data.dst_type, data.src_id.c_str(),
            MaskSidInUrl(data.url).c_str(), data.method.c_str(), data.push_msg_tag.c_str(), data.body.c_str());
+  const InCallback in_callback;
   try {
     return callback(fcd, user);
   } catch (...) {
@@ -167,6 +179,14 @@ bool CLpcServerManager::Notify(const tag_LPCNotifyData& notify, std::string_view
 
 int CLpcServerManager::GetLastError() {
   return lpcserver::GetLPCLastError();
+}
+
+bool CLpcServerManager::EndWaitsSoon() {
+  return lpcserver::EndWaitsSoon();
+}
+
+bool CLpcServerManager::IsInCallback() {
+  return t_callbacks > 0;
 }
 
 CURLCallBackTask::CURLCallBackTask(std::string url, std::string mt, tag_LPCCallBackData data)

@@ -40,6 +40,10 @@ class CLpcServerManager {
   bool Reply(const tag_LPCReplyData& reply, std::string_view body);
   bool Notify(const tag_LPCNotifyData& notify, std::string_view body);
   int GetLastError();
+  bool EndWaitsSoon();
+
+  /// Whether the calling thread is in the host's callback.
+  static bool IsInCallback();
 
  private:
   friend class Tolm::Base::CSingleton<CLpcServerManager>;

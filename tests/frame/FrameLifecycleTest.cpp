@@ -282,10 +282,10 @@ TEST_F(FrameLifecycle, AStopTakesDownRegistryThenPoolsInReverseThenGuardThenTran
       Journal::Entries(),
       ElementsAre("log TolmLPCFrameUnInit begin", "log Start UninitLogical",
                   "guard.SetProcessGuardStateList A=false", "log All LPC plugins have uninited finish",
-                  "guard.NotifyFrameUninit", "pool.Stop WebSocket false", "pool.Stop Plugins false",
-                  "pool.Stop MainFrameWork false", "pool.Stop NetCallBack false", "guard.UninitManager",
-                  "lpc.SetInvokeCallBack off", "lpc.StopListen", "lpc.Uninit", "log Finish UninitLogical",
-                  "log TolmLPCFrameUnInit End"));
+                  "guard.NotifyFrameUninit", "lpc.EndWaitsSoon", "pool.Stop WebSocket false",
+                  "pool.Stop Plugins false", "pool.Stop MainFrameWork false", "pool.Stop NetCallBack false",
+                  "guard.UninitManager", "lpc.SetInvokeCallBack off", "lpc.StopListen", "lpc.Uninit",
+                  "log Finish UninitLogical", "log TolmLPCFrameUnInit End"));
   EXPECT_THAT(LinesOf("::TolmLPCFrameUnInit"),
               ElementsAre(Info("TolmLPCFrameUnInit", "TolmLPCFrameUnInit begin"),
                           Info("TolmLPCFrameUnInit", "TolmLPCFrameUnInit End")));

@@ -70,6 +70,24 @@ TEST_F(FrameStop, TheHostMayStopTheFrameFromAPluginEvent) {
   ExpectThatTheHostCanStopDuring(InitFinish("A"));
 }
 
+TEST_F(FrameStop, TwoCallbacksOfDifferentKindsMayStopTheFrameAtOnce) {
+  Start();
+  std::atomic<int> inside{0};
+  std::atomic<int> stopped{0};
+  host_.answer = [&](const FrameCallBackData&) {
+    ++inside;
+    WaitFor([&] { return inside == 2; });
+    if (TolmLPCFrameUnInit() == kFrameOk) ++stopped;
+    return true;
+  };
+  transport_.Deliver(Message().From("A").Url("/x"));
+  transport_.Deliver(InitFinish("A"));
+  EXPECT_TRUE(WaitFor([&] { return stopped == 2; }));
+  EXPECT_TRUE(WaitFor([] { return ThreadsOfPools() == std::vector<std::size_t>(4, 0); }));
+  EXPECT_EQ(Journal::Count("lpc.Uninit"), 1u);
+  EXPECT_EQ(Journal::Count("log TolmLPCFrameUnInit End"), 2u);
+}
+
 TEST_F(FrameStop, StopsFromManyThreadsAllSucceed) {
   Start(Plugins({"A"}));
   {

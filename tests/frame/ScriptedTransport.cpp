@@ -185,6 +185,11 @@ bool StartListen(const std::string& name) {
   return ScriptedTransport::Get().start_listen(name);
 }
 
+bool EndWaitsSoon() {
+  Journal::Note("lpc.EndWaitsSoon");
+  return true;
+}
+
 bool StopListen() {
   return ScriptedTransport::Get().StopListen();
 }

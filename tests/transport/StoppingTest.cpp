@@ -108,6 +108,47 @@ TEST_P(Stopping, AFrameThatStopsFailsItsOwnWaiters) {
   EXPECT_EQ(error, lpc::kPeerGone);
 }
 
+TEST_P(Stopping, WaitsThatAreToEndSoonEndThenAndNothingElseDoes) {
+  lpc::Options options;
+  options.stop_wait_ms = 20;
+  FrameEnd frame(transport(), options);
+  ASSERT_EQ(frame.Listen(), lpc::kOk);
+  PluginEnd plugin(transport(), "alpha", [](PluginEnd&, const tag_LPCCallBackData&) {});
+  ASSERT_TRUE(plugin.Meet(frame));
+  // One of them reads for both.
+  std::atomic<int> gone{0};
+  std::vector<std::thread> waiters;
+  for (int i = 0; i < 2; ++i) {
+    waiters.emplace_back([&] {
+      if (frame.Ask("alpha", "x", nullptr, 10 * kLong) == lpc::kPeerGone) ++gone;
+    });
+  }
+  ASSERT_TRUE(WaitFor([&] { return plugin.Messages().size() == 2; }));
+  EXPECT_EQ(gone, 0);
+  frame.core().EndWaitsSoon();
+  for (auto& waiter : waiters) waiter.join();
+  EXPECT_EQ(gone, 2);
+  EXPECT_EQ(frame.Ask("alpha", "too late", nullptr, 10 * kLong), lpc::kPeerGone);
+  EXPECT_EQ(frame.Notify("alpha", "told"), lpc::kOk);
+  EXPECT_TRUE(WaitFor([&] { return plugin.Messages().size() == 3; }));
+  EXPECT_EQ(plugin.Ask("x"), lpc::kOk) << "the other end may wait";
+  // Also of a peer that comes now.
+  PluginEnd newcomer(transport(), "beta");
+  ASSERT_TRUE(newcomer.Meet(frame));
+  EXPECT_EQ(frame.Ask("beta", "x", nullptr, 10 * kLong), lpc::kPeerGone);
+}
+
+TEST_P(Stopping, AnAnswerThatComesBeforeWaitsEndIsGiven) {
+  lpc::Options options;
+  options.stop_wait_ms = kLong;
+  FrameEnd frame(transport(), options);
+  ASSERT_EQ(frame.Listen(), lpc::kOk);
+  PluginEnd plugin(transport(), "alpha");
+  ASSERT_TRUE(plugin.Meet(frame));
+  frame.core().EndWaitsSoon();
+  EXPECT_EQ(frame.Ask("alpha", "x"), lpc::kOk);
+}
+
 TEST_P(Stopping, APluginThatStopsFailsItsOwnWaiters) {
   FrameEnd frame(transport(), {}, [](FrameEnd&, const tag_LPCCallBackData&) {});
   ASSERT_EQ(frame.Listen(), lpc::kOk);

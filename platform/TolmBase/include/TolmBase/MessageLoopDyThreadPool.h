@@ -35,6 +35,7 @@ class CMessageLoopDyThreadPool : CNoncopyable {
   /// A caller that is one of the pool's threads is not waited for: its thread ends when its task does, or,
   /// when it is the only one that could drain the queue, behind that; the next Stop from outside joins it.
   /// Such a caller waits for the other threads, but not for another Stop, which may be waiting for it.
+  /// Tasks of two pools that stop each other's pool wait for each other without end.
   /// False when the pool was not running; what a pool that was never started had queued is then
   /// destroyed all the same.
   bool Stop(bool drain);

@@ -16,6 +16,7 @@ struct Options {
   int handshake_ms = 5000;                     ///< for the whole handshake
   int ping_ms = 1000;                          ///< for the answer to a ping
   int stall_ms = 10000;                        ///< how long a peer may take nothing of what is queued
+  int stop_wait_ms = 5000;                     ///< how long senders that wait hold up an end that is to stop
   int min_threads = 2;                         ///< threads that wait for traffic
   int max_threads = 64;                        ///< with those that are busy in callbacks
 };

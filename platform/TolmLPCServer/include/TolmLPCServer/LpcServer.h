@@ -52,6 +52,12 @@ bool SetInvokeCallBack(InvokeCallBack callback, void* user);
 /// (kEndpointInUse).
 bool StartListen(const std::string& name);
 
+/// For an end that is about to stop, and before that waits for threads that may themselves be waiting for
+/// answers: sends that still wait when Options::stop_wait_ms have passed then fail, with kPeerGone, and so
+/// does each that would wait later. Nothing else changes; the next StartListen ends it. True, also when
+/// nothing was listening.
+bool EndWaitsSoon();
+
 /// Disconnects every peer, ends listening and waits for the transport's threads; when it has returned,
 /// no callback starts any more. Called on one of these threads, it does not wait for that one. True,
 /// also when nothing was listening.

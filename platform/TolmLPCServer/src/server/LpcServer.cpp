@@ -154,6 +154,16 @@ bool StartListen(const std::string& name) {
   return lpc::Conclude(error);
 }
 
+bool EndWaitsSoon() {
+  std::shared_ptr<lpc::ServerCore> core;
+  {
+    const os::MutexLock lock(State().mutex);
+    core = State().core;
+  }
+  if (core) core->EndWaitsSoon();
+  return lpc::Conclude(lpc::kOk);
+}
+
 bool StopListen() {
   Process& state = State();
   os::UniqueLock lock(state.mutex);

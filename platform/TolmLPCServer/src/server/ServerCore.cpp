@@ -148,6 +148,16 @@ int ServerCore::Start(const std::string& name) {
   return kOk;
 }
 
+void ServerCore::EndWaitsSoon() {
+  if (!started_.load(std::memory_order_acquire)) return;
+  const TimePoint at = wire::IoLoop::Clock::now() + std::chrono::milliseconds(options_.stop_wait_ms);
+  {
+    const os::MutexLock lock(half_open_mutex_);
+    end_waits_at_ = std::min(end_waits_at_, at);
+  }
+  loop_->RunHousekeepingBy(at);
+}
+
 void ServerCore::Stop() {
   stopping_.store(true);
   if (!loop_) return;
@@ -336,6 +346,7 @@ void ServerCore::Admit(const std::shared_ptr<wire::Link>& link, const std::strin
                                            [link] { link->StartDelivery(); }));
   // A Stop that is under way may have looked for waiters before this peer was in the table.
   if (stopping_.load()) link->FailSenders(kPeerGone);
+  if (waits_ended_.load()) link->FailWaiters(kPeerGone);
 }
 
 void ServerCore::OnPong(wire::Link& link) {
@@ -424,13 +435,16 @@ void ServerCore::ListenFailed(int system_error) {
 ServerCore::TimePoint ServerCore::Housekeeping(TimePoint now) {
   TimePoint next = TimePoint::max();
   bool accept = false;
+  bool end_waits = false;
   std::vector<std::shared_ptr<wire::Link>> too_slow;
   std::vector<HalfOpen> contenders;
   {
     const os::MutexLock lock(half_open_mutex_);
     accept = now >= accept_again_;
     if (accept) accept_again_ = TimePoint::max();
-    next = accept_again_;
+    end_waits = now >= end_waits_at_;
+    if (end_waits) end_waits_at_ = TimePoint::max();
+    next = std::min(accept_again_, end_waits_at_);
     for (auto& [key, entry] : half_open_) {
       if (entry.refused) continue;
       if (now >= entry.deadline) {
@@ -456,7 +470,10 @@ ServerCore::TimePoint ServerCore::Housekeeping(TimePoint now) {
     if (holder) holder->CutOff(kTimeOut, "it did not answer a ping, and another process asks for its id");
     if (TryToAdmit(contender.link, contender.id)) contender.link->Continue();
   }
+  // Before the walk: a peer that is not in the table yet finds it set.
+  if (end_waits) waits_ended_.store(true);
   for (const auto& link : peers_.All()) {
+    if (end_waits) link->FailWaiters(kPeerGone);
     const TimePoint deadline = link->StallDeadline();
     if (now < deadline) {
       next = std::min(next, deadline);

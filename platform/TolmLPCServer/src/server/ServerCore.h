@@ -39,6 +39,8 @@ class ServerCore final : public wire::LinkOwner, public std::enable_shared_from_
 
   /// kOk or the error.
   int Start(const std::string& name);
+  /// As the function of lpcserver.
+  void EndWaitsSoon();
   /// As lpcserver::StopListen. The core cannot be started again.
   void Stop();
   bool IsOwnThread() const { return started_.load(std::memory_order_acquire) && loop_->IsOwnThread(); }
@@ -102,6 +104,7 @@ class ServerCore final : public wire::LinkOwner, public std::enable_shared_from_
   std::atomic<std::uint64_t> next_id_{1};
   std::atomic<bool> started_{false};  // loop_ is there
   std::atomic<bool> stopping_{false};
+  std::atomic<bool> waits_ended_{false};
   std::atomic<std::uint64_t> connections_{0};
   std::atomic<std::uint64_t> refused_{0};
   std::atomic<std::uint64_t> cut_off_{0};
@@ -112,6 +115,7 @@ class ServerCore final : public wire::LinkOwner, public std::enable_shared_from_
   os::Mutex half_open_mutex_;
   std::map<const wire::Link*, HalfOpen> half_open_ TOLM_GUARDED_BY(half_open_mutex_);
   TimePoint accept_again_ TOLM_GUARDED_BY(half_open_mutex_) = TimePoint::max();  // after a shortage
+  TimePoint end_waits_at_ TOLM_GUARDED_BY(half_open_mutex_) = TimePoint::max();
 };
 
 }  // namespace lpc

@@ -25,6 +25,9 @@ constexpr int kBodyWaitMs = 2;
 // So many messages that one thread sends without such a pause are a burst.
 constexpr int kBurst = 32;
 constexpr auto kBurstPause = std::chrono::microseconds(50);
+// So often a thread that reads for others looks whether its own wait has ended otherwise than by what it
+// reads.
+constexpr std::int64_t kLeadTurnMs = 100;
 // What a message costs beside its bytes.
 constexpr std::size_t kMessageOverhead = 256;
 // What one of its params costs, in the map that it ends up in.
@@ -239,7 +242,8 @@ int Link::Lead(Waiter& waiter, IoLoop::Clock::time_point deadline, bool writes) 
   if (writes) BoundStall();
   for (;;) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - IoLoop::Clock::now()).count();
-    const auto state = stream_->Wait(writes, static_cast<int>(std::max<std::int64_t>(0, left)));
+    const auto state =
+        stream_->Wait(writes, static_cast<int>(std::clamp<std::int64_t>(left, 0, kLeadTurnMs)));
     if (state.writable) writes = WriteOn();
     Sink sink(*this);
     const bool alive = !state.readable || ReadOrFail(sink);
@@ -587,6 +591,10 @@ void Link::CloseInCharge(int error, const std::string& reason) {
   FailSenders(kPeerGone);
   stream_->Shutdown();
   owner_.OnClosed(*this, was_open, known_error, known_reason);
+}
+
+void Link::FailWaiters(int error) {
+  pending_.FailAll(error);
 }
 
 void Link::FailSenders(int error) {

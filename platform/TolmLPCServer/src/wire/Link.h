@@ -97,6 +97,8 @@ class Link final : public IoHandler, public std::enable_shared_from_this<Link> {
   void CutOff(int error, const std::string& reason) TOLM_EXCLUDES(mutex_);
   /// Fails whoever waits for a reply, now and later, and refuses to send; for an end that stops.
   void FailSenders(int error);
+  /// Fails whoever waits for a reply, now and later; a thread that reads for others notices a moment later.
+  void FailWaiters(int error);
   /// Waits until everything that was sent is on its way, for at most `milliseconds`.
   void WaitUntilSent(int milliseconds);
   /// When the loop has stopped: ends the connection without telling the owner.

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+
+#include "TolmLPCFrame.h"
+
+namespace trust {
+
+/// What one registered callback of the host is given: memory that is taken away when the frame has been
+/// stopped, so that a callback behind the stop is counted where it begins, and ends the process where it goes
+/// on.
+class Life {
+ public:
+  /// Does what the host does with an event, until it returns; `life` is this one's number.
+  using Deed = void (*)(const TolmLPCFrame::FrameCallBackData& event, long life);
+
+  /// Registers the callback of a new life, which runs `deed`.
+  explicit Life(Deed deed);
+  /// Takes the memory away. REQUIRES: Over was called.
+  ~Life();
+  Life(const Life&) = delete;
+  Life& operator=(const Life&) = delete;
+
+  /// The frame's stop has returned: no callback of this life may begin any more.
+  void Over();
+  long number() const { return number_; }
+  /// Callbacks of this life that run.
+  long Inside() const;
+
+  /// Callbacks that began when their life was over.
+  static long CallbacksAfter();
+  /// By the kinds of events.
+  static std::array<long, 6> Seen();
+
+ private:
+  static bool Called(const TolmLPCFrame::FrameCallBackData& event, void* user);
+
+  const long number_;
+  void* const page_;
+};
+
+}  // namespace trust

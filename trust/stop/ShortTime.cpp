@@ -1,0 +1,40 @@
+// Times of the frame, a thousand times shorter: the platform's clock in its own library's place, and the wait
+// for a guard's reply led past here by the linker.
+
+#include <chrono>
+#include <functional>
+#include <mutex>
+#include <thread>
+
+#include "KRT/KRT.h"
+#include "Stage.h"
+#include "net/ConditionAndMutex.h"
+
+using Clock = std::chrono::steady_clock;
+
+std::int64_t KRT_GetTimeTick64() {
+  return std::chrono::duration_cast<std::chrono::microseconds>(Clock::now().time_since_epoch()).count();
+}
+
+void KRT_Sleep(int milliseconds) {
+  std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds) / trust::kTimesShorter);
+}
+
+namespace trust {
+
+// The real function.
+bool RealWaitFor(TolmLPCFrame::ConditionAndMutex* waiter, std::unique_lock<std::mutex>& lock, std::int32_t timeout_ms, const std::function<bool()>& is_over) asm(
+    "__real__ZN12TolmLPCFrame17ConditionAndMutex7WaitForERSt11unique_lockISt5mutexEiRKSt8functionI"
+    "FbvEE");
+
+// What the frame's calls are led to.
+bool ShortWaitFor(TolmLPCFrame::ConditionAndMutex* waiter, std::unique_lock<std::mutex>& lock, std::int32_t timeout_ms, const std::function<bool()>& is_over) asm(
+    "__wrap__ZN12TolmLPCFrame17ConditionAndMutex7WaitForERSt11unique_lockISt5mutexEiRKSt8functionI"
+    "FbvEE");
+
+bool ShortWaitFor(TolmLPCFrame::ConditionAndMutex* waiter, std::unique_lock<std::mutex>& lock,
+                  std::int32_t timeout_ms, const std::function<bool()>& is_over) {
+  return RealWaitFor(waiter, lock, timeout_ms / kTimesShorter, is_over);
+}
+
+}  // namespace trust
