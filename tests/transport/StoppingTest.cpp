@@ -292,6 +292,30 @@ TEST_P(Stopping, APluginIsStoppedFromInsideItsCallbacks) {
   EXPECT_TRUE(frame.WaitStatus("beta", "disconnected"));
 }
 
+TEST_P(Stopping, APluginIsDestroyedInsideItsCallback) {
+  FrameEnd frame(transport());
+  ASSERT_EQ(frame.Listen(), lpc::kOk);
+  std::unique_ptr<lpcclient::CLpcClient> client;
+  std::atomic<bool> known{false};
+  std::atomic<bool> returned{false};
+  lpcclient::Settings settings;
+  settings.id = "alpha";
+  settings.endpoint = kEndpoint;
+  settings.transport = &transport();
+  settings.on_message = [&](tag_LPCCallBackData&&, const lpcclient::InboundInfo&) {
+    WaitFor([&] { return known.load(); });
+    client.reset();
+    returned = true;
+  };
+  client = std::make_unique<lpcclient::CLpcClient>(std::move(settings));
+  ASSERT_TRUE(client->Start());
+  known = true;
+  ASSERT_TRUE(frame.WaitStatus("alpha", "connected"));
+  ASSERT_EQ(frame.Notify("alpha", "end"), lpc::kOk);
+  EXPECT_TRUE(WaitFor([&] { return returned.load(); }));
+  EXPECT_TRUE(frame.WaitStatus("alpha", "disconnected"));
+}
+
 TEST_P(Stopping, APluginThatNeverStartedMayBeStopped) {
   lpcclient::Settings settings;
   settings.id = "alpha";

@@ -11,9 +11,12 @@ Agent::Agent(bool there) {
   event_ = os::NamedEvent::Create(TolmLPCFrame::AgentEventName(AgentPath()), error);
   if (event_ == nullptr) return;
   thread_ = std::jthread([this](const std::stop_token& stop) {
-    // The signal of the frame, which waits for the same one of ours then. Two stops at once signal twice.
     while (!stop.stop_requested()) {
-      if (event_->Wait(5)) event_->Set();
+      if (!event_->Wait(5)) continue;
+      // As an agent that ends: who comes now finds no event, and the signal is for who waits already.
+      event_->GiveUpName();
+      event_->Set();
+      return;
     }
   });
 }

@@ -83,7 +83,11 @@ Place in_lost("plugin_lost");
 Place in_plugins_answer("plugin_answer");
 Place in_all_threads("all_threads");
 
+/// Whether "p1" has been ready: before that it is not asked.
+std::atomic<bool> p1_is_ready{false};
+
 void OnEvent(const FrameCallBackData& event, long /*life*/) {
+  if (!p1_is_ready) return;
   const LPCData& data = event.lpc_data;
   if (data.url == "/host/all") {
     // The plugin's handler asks the host in turn, for which no thread is left.
@@ -175,6 +179,12 @@ int Main(int argc, char** argv) {
   std::vector<std::unique_ptr<EagerPlugin>> plugins;
   for (int i = 0; i < kPlugins; ++i) plugins.push_back(std::make_unique<EagerPlugin>(i, kPlugins));
   for (const auto& plugin : plugins) plugin->WaitReady();
+  // The frame takes note of that a moment later.
+  LPCData answer;
+  LPCData question;
+  question.url = "/p1/fast";
+  if (!tolm::test::WaitFor([&] { return SyncSend(answer, question, kTimeOut); })) return 1;
+  p1_is_ready = true;
 
   {
     watchdog.Look("callbacks", 0);

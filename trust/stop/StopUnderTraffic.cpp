@@ -27,6 +27,8 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int kPlugins = 4;
 constexpr int kNobody = -1;
+/// So long the frame waits for the agent, by the system's clock.
+constexpr int kAgentAnswerMs = 5000;
 // So many rounds live with the same plugins; others begin anew.
 constexpr long kRoundsOfPlugins = 25;
 
@@ -182,9 +184,16 @@ struct Measured {
   long failed_starts = 0;
   long left_running = 0;
   double slowest_ms = 0;
+  double slowest_shared_ms = 0;
 };
 
-void StopAs(const Ending& ending, Life& life, Measured& measured) {
+// A thousandth of 3 s for the guard and of ten looks, the slowest callback, up to 1 s for the guard's
+// endpoint, and the machine's other work.
+double MostMs() {
+  return IsWatched() ? 10'000 : 2'000;
+}
+
+void StopAs(const Ending& ending, int frame_type, Life& life, Measured& measured) {
   const auto begin = Clock::now();
   script.stops_begun = 0;
   script.stops_returned = 0;
@@ -205,7 +214,10 @@ void StopAs(const Ending& ending, Life& life, Measured& measured) {
   while (script.stops_returned < script.stops_begun)
     std::this_thread::sleep_for(std::chrono::microseconds(100));
   life.Over();
-  measured.slowest_ms = std::max(measured.slowest_ms, MillisecondsSince(begin));
+  // Of several stops at once each signals the agent and waits for its answer, and one may take the other's.
+  const bool share_the_agent = frame_type == 1 && ending.hosts + script.stops_begun > 1;
+  double& slowest = share_the_agent ? measured.slowest_shared_ms : measured.slowest_ms;
+  slowest = std::max(slowest, MillisecondsSince(begin));
   // Only a stop of the host's own waits for the callback that it is not called in.
   if (!tolm::test::WaitFor([&] { return life.Inside() == 0; })) ++measured.left_running;
 }
@@ -226,9 +238,9 @@ void PrintAll(const Measured& measured, long rounds, const Callers& callers) {
   PrintFigure("stop.calls_unanswered", static_cast<double>(measured.unanswered), "calls", Bound::kExactly, 0);
   PrintFigure("stop.calls_without_code", static_cast<double>(callers.WithoutCode()), "calls", Bound::kExactly,
               0);
-  // A thousandth of 3 s for the guard and of ten looks, the slowest callback, up to 1 s for the guard's
-  // endpoint, and the machine's other work.
-  PrintFigure("stop.slowest_ms", measured.slowest_ms, "ms", Bound::kAtMost, IsWatched() ? 10'000 : 2'000);
+  PrintFigure("stop.slowest_ms", measured.slowest_ms, "ms", Bound::kAtMost, MostMs());
+  PrintFigure("stop.slowest_shared_agent_ms", measured.slowest_shared_ms, "ms", Bound::kAtMost,
+              MostMs() + kAgentAnswerMs);
   constexpr const char* kKinds[] = {"message", "push", "connected", "disconnected", "inited", "uninited"};
   const auto seen = Life::Seen();
   for (std::size_t kind = 0; kind < seen.size(); ++kind) {
@@ -283,7 +295,7 @@ int Main(int argc, char** argv) {
       std::this_thread::sleep_for(std::chrono::microseconds(random() % 20'000));
     }
     watchdog.Look("the stop", round);
-    StopAs(AnyEnding(random), life, measured);
+    StopAs(AnyEnding(random), frame_type, life, measured);
     watchdog.Look("the calls", round);
     measured.unanswered += callers.WaitForThoseUnderWay() + callers_of_plugins->WaitForThoseUnderWay();
     if ((round + 1) % kRoundsOfPlugins == 0) {

@@ -49,7 +49,7 @@ struct Settings {
 class CLpcClient {
  public:
   explicit CLpcClient(Settings settings);
-  /// As Stop. Must not run on one of the client's own threads.
+  /// As Stop, also in a callback. No other call may be under way.
   ~CLpcClient();
   CLpcClient(const CLpcClient&) = delete;
   CLpcClient& operator=(const CLpcClient&) = delete;
