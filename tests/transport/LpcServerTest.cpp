@@ -298,6 +298,32 @@ TEST_F(LpcServer, AllCallsWorkFromInsideTheCallback) {
   EXPECT_TRUE(WaitFor([&] { return done.load(); }, std::chrono::milliseconds(kLong)));
 }
 
+TEST_F(LpcServer, AStopFromElsewhereWaitsForTheCallbackThatStopped) {
+  Gate gate;
+  std::atomic<bool> stopped{false};
+  std::atomic<bool> finished{false};
+  on_record = [&](const tag_LPCCallBackData&) {
+    if (stopped.exchange(true)) return;
+    lpcserver::StopListen();
+    gate.Wait();
+    finished = true;
+  };
+  Begin();
+  PluginEnd plugin(os::SystemTransport(), "alpha");
+  ASSERT_TRUE(WaitFor([&] { return gate.Waiting() == 1; }));
+  std::atomic<bool> opened{false};
+  std::thread stops([&] {
+    lpcserver::StopListen();
+    EXPECT_TRUE(opened) << "it did not wait";
+    EXPECT_TRUE(finished);
+  });
+  // It would be back by then if it did not wait; nothing shows that it does.
+  for (int i = 0; i < 50; ++i) Nap();
+  opened = true;
+  gate.Open();
+  stops.join();
+}
+
 TEST_F(LpcServer, NoCallbackStartsAfterStopListen) {
   std::atomic<bool> stopped{false};
   std::atomic<bool> late{false};

@@ -4,6 +4,7 @@
 #include <memory>
 #include <utility>
 
+#include "Stage.h"
 #include "support/Wait.h"
 
 namespace trust {
@@ -17,7 +18,7 @@ void Callers::Add(Call call) {
       if (!call()) ++without_code_;
       ++caller.done;
       // Others are to have their turn, also where everything fails at once.
-      std::this_thread::sleep_for(std::chrono::microseconds(200));
+      LetPass(std::chrono::microseconds(200));
     }
   });
 }

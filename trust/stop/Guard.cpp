@@ -35,7 +35,7 @@ Guard::Guard(Kind kind, int frame_type) : kind_(kind) {
 void Guard::Live(const std::stop_token& stop, int frame_type) {
   while (!stop.stop_requested()) {
     const auto port = GuardPort(frame_type);
-    if (!port || !Connected(stop, *port)) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    if (!port || !Connected(stop, *port)) LetPass(std::chrono::milliseconds(2));
   }
 }
 
@@ -56,7 +56,7 @@ bool Guard::Connected(const std::stop_token& stop, std::uint16_t port) {
           !client.Send(tolm::test::Text(frame->payload)))
         return true;
     }
-    std::this_thread::sleep_for(std::chrono::microseconds(300));
+    LetPass(std::chrono::microseconds(300));
   }
   if (said % 2 == 0) client.Reset();
   return true;

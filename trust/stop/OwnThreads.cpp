@@ -49,11 +49,15 @@ class Stops {
   /// For a thread of the end's own: stops when that is wanted of it, together with the others of whom it is.
   template <typename Stop>
   bool MaybeStop(Stop&& stop) {
+    if (wanted_ <= 0) return false;
+    ++begun_;  // before it is seen that nobody more is wanted
     int left = wanted_;
     while (left > 0 && !wanted_.compare_exchange_weak(left, left - 1)) {
     }
-    if (left <= 0) return false;
-    ++begun_;
+    if (left <= 0) {
+      ++returned_;
+      return false;
+    }
     // So that they meet, where there is more than one such thread; not all ends have two.
     tolm::test::WaitFor([this] { return wanted_ == 0; }, std::chrono::milliseconds(3));
     wanted_ = 0;
@@ -363,7 +367,7 @@ void StopWebSockets(long rounds, Watchdog& watchdog, Measured& measured) {
         while (!over) {
           CHttpServer::SendWebSocketMsg(socket, Tolm::Net::kWebsocketText, "hello", 5, true);
           CHttpServer::SetWebSocketServerCallBack(-1, nullptr);
-          std::this_thread::sleep_for(std::chrono::microseconds(50));
+          LetPass(std::chrono::microseconds(50));
         }
       });
       {

@@ -22,12 +22,12 @@ EagerPlugin::EagerPlugin(int number, int plugins) : plugin_("p" + std::to_string
   plugin_.Serve(UrlOf(number, "fast"),
                 [](Request&& request) { return Message{.body = request.message.body}; });
   plugin_.Serve(UrlOf(number, "slow"), [](const Request&) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    LetPass(std::chrono::milliseconds(5));
     return Message{};
   });
   plugin_.Serve(UrlOf(number, "never"), [this](const Request&) {
     const long life = lives_;
-    while (lives_ == life) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    while (lives_ == life) LetPass(std::chrono::milliseconds(1));
     return Message{};
   });
   plugin_.Serve(UrlOf(number, "back"), [this](const Request&) {

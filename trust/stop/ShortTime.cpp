@@ -17,7 +17,7 @@ std::int64_t KRT_GetTimeTick64() {
 }
 
 void KRT_Sleep(int milliseconds) {
-  std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds) / trust::kTimesShorter);
+  trust::LetPass(std::chrono::milliseconds(milliseconds) / trust::kTimesShorter);
 }
 
 namespace trust {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -93,7 +94,7 @@ std::optional<std::uint16_t> GuardPort(int frame_type) {
 Watchdog::Watchdog(std::string figure, std::chrono::seconds limit)
     : figure_(std::move(figure)), limit_(limit), since_(Now()), thread_([this](const std::stop_token& stop) {
         while (!stop.stop_requested()) {
-          std::this_thread::sleep_for(std::chrono::milliseconds(20));
+          LetPass(std::chrono::milliseconds(20));
           const auto spent = std::chrono::steady_clock::duration(Now() - since_.load());
           if (spent < limit_) continue;
           std::printf("stands still in %s of %ld\n", what_.load(), number_.load());
@@ -117,6 +118,12 @@ long Argument(int argc, char** argv, const char* name, long otherwise) {
     if (std::string_view(argv[i]) == name) return std::strtol(argv[i + 1], nullptr, 10);
   }
   return otherwise;
+}
+
+void LetPass(std::chrono::microseconds time) {
+  const std::timespec asked{static_cast<std::time_t>(time.count() / 1'000'000),
+                            static_cast<long>(time.count() % 1'000'000 * 1000)};
+  ::nanosleep(&asked, nullptr);
 }
 
 double MillisecondsSince(std::chrono::steady_clock::time_point begin) {

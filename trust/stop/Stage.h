@@ -55,6 +55,10 @@ class Watchdog {
 /// A number behind `name` in the command line, or `otherwise`.
 long Argument(int argc, char** argv, const char* name, long otherwise);
 
+/// What is played here takes so long: a caller's pace, a handler's work. Nobody waits for a result in this
+/// way.
+void LetPass(std::chrono::microseconds time);
+
 double MillisecondsSince(std::chrono::steady_clock::time_point begin);
 
 /// Whether the sanitizers watch, under which everything takes longer.

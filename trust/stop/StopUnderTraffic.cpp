@@ -85,7 +85,7 @@ void OnEvent(const FrameCallBackData& event, long /*life*/) {
     ++script.stops_returned;
     if (stops) return;
   }
-  if (script.slow) std::this_thread::sleep_for(std::chrono::milliseconds(3));
+  if (script.slow) LetPass(std::chrono::milliseconds(3));
   const LPCData& data = event.lpc_data;
   if (event.LpcMsgType == kLpcMsgLpcData && data.msg_type == kMsgTypeRequest && data.url != "/host/never") {
     if (data.url == "/host/asks") Ask("/p0/never", "p0");
@@ -102,7 +102,7 @@ bool EndsWithACode(bool answered) {
 
 /// For who waits for nothing: what is sent is to be worked on in the same time.
 void RestAWhile() {
-  std::this_thread::sleep_for(std::chrono::milliseconds(IsWatched() ? 20 : 4));
+  LetPass(std::chrono::milliseconds(IsWatched() ? 20 : 4));
 }
 
 void AddCallersOfTheHost(Callers& callers) {
@@ -211,8 +211,7 @@ void StopAs(const Ending& ending, int frame_type, Life& life, Measured& measured
     }
   }
   for (auto& stops : script.stops) stops = false;
-  while (script.stops_returned < script.stops_begun)
-    std::this_thread::sleep_for(std::chrono::microseconds(100));
+  while (script.stops_returned < script.stops_begun) LetPass(std::chrono::microseconds(100));
   life.Over();
   // Of several stops at once each signals the agent and waits for its answer, and one may take the other's.
   const bool share_the_agent = frame_type == 1 && ending.hosts + script.stops_begun > 1;
@@ -292,7 +291,7 @@ int Main(int argc, char** argv) {
     if (random() % 5 != 0) {
       watchdog.Look("coming back", round);
       for (const auto& plugin : plugins) plugin->WaitReady();
-      std::this_thread::sleep_for(std::chrono::microseconds(random() % 20'000));
+      LetPass(std::chrono::microseconds(random() % 20'000));
     }
     watchdog.Look("the stop", round);
     StopAs(AnyEnding(random), frame_type, life, measured);

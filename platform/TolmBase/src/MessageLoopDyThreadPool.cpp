@@ -397,14 +397,16 @@ void CMessageLoopDyThreadPool::Reopen() {
 bool CMessageLoopDyThreadPool::PostTask(CTask* task) {
   std::unique_ptr<CTask> owned(task);
   if (!owned) return false;
-  Core& core = *core_;
+  // The task may destroy the pool before this returns.
+  const std::shared_ptr<Core> shared = core_;
+  Core& core = *shared;
   CTaskThread* const next = CTaskThread::InLastAct();
   auto called = Core::Called::kEnough;
   {
     const os::MutexLock lock(core.mutex);
     if (core.state == Core::State::kStopped) return false;
     if (next != nullptr && core.TakeGuest()) {
-      next->Follow(core_, std::move(owned));
+      next->Follow(shared, std::move(owned));
       return true;
     }
     core.queue.push_back(std::move(owned));

@@ -5,6 +5,7 @@
 #include <exception>
 #include <memory>
 #include <utility>
+#include <vector>
 
 #include "LastError.h"
 #include "TolmBase/LogLine.h"
@@ -27,6 +28,8 @@ struct Process {
   std::string name TOLM_GUARDED_BY(mutex);
   /// An endpoint that some thread is starting or stopping.
   std::shared_ptr<lpc::ServerCore> changing TOLM_GUARDED_BY(mutex);
+  /// Stopped by threads of their own, which may still be in the callback that did so.
+  std::vector<std::shared_ptr<lpc::ServerCore>> leaving TOLM_GUARDED_BY(mutex);
   lpc::Statistics past TOLM_GUARDED_BY(mutex);  // of endpoints that have been stopped
 };
 
@@ -175,8 +178,15 @@ bool StopListen() {
     core->Stop();
     lock.lock();
     AddTo(state.past, core->GetStatistics());
+    std::erase_if(state.leaving, [](const auto& left) { return left->HasEnded(); });
+    if (core->IsOwnThread()) state.leaving.push_back(core);
     state.changing = nullptr;
     state.changed.notify_all();
+  }
+  const auto leaving = state.leaving;
+  lock.unlock();
+  for (const auto& core : leaving) {
+    if (!core->IsOwnThread()) core->Stop();
   }
   return lpc::Conclude(lpc::kOk);
 }

@@ -43,6 +43,8 @@ class ServerCore final : public wire::LinkOwner, public std::enable_shared_from_
   void EndWaitsSoon();
   /// As lpcserver::StopListen. The core cannot be started again.
   void Stop();
+  /// Whether its threads have ended.
+  bool HasEnded() const { return !started_.load(std::memory_order_acquire) || loop_->ThreadCount() == 0; }
   bool IsOwnThread() const { return started_.load(std::memory_order_acquire) && loop_->IsOwnThread(); }
 
   // The records' own bodies are not looked at.
