@@ -1,7 +1,7 @@
 // Pools, the transport's two ends and the WebSocket server are stopped by their own threads, by two of them
 // at once, and beside a stop from outside, while others go on using them.
 //
-//   trust_own_threads [--rounds N]
+//   trust_own_threads [--rounds N] [--patient]
 
 #include <algorithm>
 #include <array>
@@ -93,15 +93,14 @@ struct Measured {
   Stops stops;
 };
 
-void Print(const char* end, const Measured& measured, long rounds) {
+void Print(const char* end, const Measured& measured, long rounds, bool patient) {
   const std::string name = std::string("stop.own_thread.") + end;
   PrintFigure(name + ".stops", static_cast<double>(measured.stops.total()), "stops", Bound::kAtLeast,
               static_cast<double>(rounds));
   PrintFigure(name + ".threads_left", static_cast<double>(measured.threads_left), "threads", Bound::kExactly,
               0);
   PrintFigure(name + ".lost", static_cast<double>(measured.lost), "things", Bound::kExactly, 0);
-  PrintFigure(name + ".slowest_ms", measured.stops.slowest_ms(), "ms", Bound::kAtMost,
-              IsWatched() ? 10'000 : 2'000);
+  PrintFigure(name + ".slowest_ms", measured.stops.slowest_ms(), "ms", Bound::kAtMost, MostMs(2000, patient));
 }
 
 std::vector<std::jthread> Threads(int count, const std::function<void()>& run) {
@@ -399,7 +398,7 @@ int Main(int argc, char** argv) {
       measured.threads_left += tolm::test::RunningThreads() - threads;
     }
     // In the ways that have a stop from outside it may be the only one.
-    Print(end.name, measured, rounds / 2);
+    Print(end.name, measured, rounds / 2, IsPatient(argc, argv));
   }
   PrintFigure("stop.own_thread.hung", 0, "calls", Bound::kExactly, 0);
   return AllKept() ? 0 : 1;

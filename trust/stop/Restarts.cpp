@@ -1,8 +1,8 @@
 // The frame, the transport and the WebSocket server are started and stopped over and over in one process,
 // which is to hold no more afterwards than before.
 //
-//   trust_restarts [--restarts N] [--parts N]     of the frame; of the transport and the WebSocket server
-//   alone
+//   trust_restarts [--restarts N] [--parts N] [--patient]     of the frame; of the transport and the
+//   WebSocket server alone
 
 #include <malloc.h>
 
@@ -60,12 +60,13 @@ class Looks {
     resident_.push_back(ResidentKib());
     allocated_.push_back(static_cast<double>(::mallinfo2().uordblks) / 1024);
   }
-  void Print(double most_resident_kib, double most_allocated_kib) const {
+  void Print(double most_resident_kib, double most_allocated_kib, bool patient) const {
     PrintFigure(name_ + "count", static_cast<double>(threads_.size()), "restarts");
     PrintFigure(name_ + "threads_slope", std::abs(Slope(threads_)), "each", Bound::kAtMost, 0.01);
     PrintFigure(name_ + "descriptors_slope", std::abs(Slope(descriptors_)), "each", Bound::kAtMost, 0.01);
-    // A sanitizer keeps what was freed, and counts it otherwise.
-    if (IsWatched()) return;
+    // A sanitizer keeps what was freed, and counts it otherwise; of few restarts the slope is that of the
+    // warm-up.
+    if (IsWatched() || patient) return;
     PrintFigure(name_ + "memory_slope_kib", Slope(resident_), "KiB each", Bound::kAtMost, most_resident_kib);
     PrintFigure(name_ + "allocated_slope_kib", Slope(allocated_), "KiB each", Bound::kAtMost,
                 most_allocated_kib);
@@ -186,7 +187,7 @@ long WebSocketOnce() {
 }
 
 void Repeat(const std::string& name, long times, long (*once)(), Watchdog& watchdog, double most_resident_kib,
-            double most_allocated_kib) {
+            double most_allocated_kib, bool patient) {
   Looks looks(name, times);
   long failed = 0;
   for (long i = 0; i < times; ++i) {
@@ -195,18 +196,19 @@ void Repeat(const std::string& name, long times, long (*once)(), Watchdog& watch
     looks.Take();
   }
   PrintFigure(name + "failures", static_cast<double>(failed), "calls", Bound::kExactly, 0);
-  looks.Print(most_resident_kib, most_allocated_kib);
+  looks.Print(most_resident_kib, most_allocated_kib, patient);
 }
 
 int Main(int argc, char** argv) {
   const long restarts = Argument(argc, argv, "--restarts", 200);
   const long parts = Argument(argc, argv, "--parts", 2000);
+  const bool patient = IsPatient(argc, argv);
   const Stage stage;
   Watchdog watchdog("restarts.hung", std::chrono::seconds(60));
   // Every stop leaves the guid of its question to the guard behind, some 200 bytes.
-  Repeat("restarts.", restarts, FrameOnce, watchdog, 16, 1);
-  Repeat("restarts.transport.", parts, TransportOnce, watchdog, 1, 0.05);
-  Repeat("restarts.websocket.", parts, WebSocketOnce, watchdog, 1, 0.05);
+  Repeat("restarts.", restarts, FrameOnce, watchdog, 16, 1, patient);
+  Repeat("restarts.transport.", parts, TransportOnce, watchdog, 1, 0.05, patient);
+  Repeat("restarts.websocket.", parts, WebSocketOnce, watchdog, 1, 0.05, patient);
   PrintFigure("restarts.hung", 0, "calls", Bound::kExactly, 0);
   return AllKept() ? 0 : 1;
 }

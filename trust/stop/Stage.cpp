@@ -130,6 +130,17 @@ double MillisecondsSince(std::chrono::steady_clock::time_point begin) {
   return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - begin).count();
 }
 
+bool IsPatient(int argc, char** argv) {
+  return std::any_of(argv, argv + argc,
+                     [](const char* word) { return std::string_view(word) == "--patient"; });
+}
+
+double MostMs(double usual, bool patient) {
+  constexpr double kHung = 60'000;
+  if (patient) return kHung;
+  return IsWatched() ? 5 * usual : usual;
+}
+
 bool IsWatched() {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
   return true;

@@ -63,5 +63,10 @@ double MillisecondsSince(std::chrono::steady_clock::time_point begin);
 
 /// Whether the sanitizers watch, under which everything takes longer.
 bool IsWatched();
+/// Whether "--patient" is in the command line: for runs beside much else, of which times and memory say
+/// nothing. What hangs is found all the same.
+bool IsPatient(int argc, char** argv);
+/// The bound of a time that is `usual` milliseconds on a machine with nothing else to do.
+double MostMs(double usual, bool patient);
 
 }  // namespace trust
