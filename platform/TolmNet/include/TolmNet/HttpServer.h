@@ -83,8 +83,8 @@ class CHttpServer {
   static int SetWebSocketServerCallBack(std::int32_t handle, WebSocketServerCallBack callback);
 
   /// Queues one frame; the server's thread sends it. The data are copied. Masking does not apply (RFC 6455,
-  /// section 5.1: a server does not mask). A text in one frame that is not UTF-8 is kNetBadArgument; fragments
-  /// are not looked at.
+  /// section 5.1: a server does not mask). A text in one frame that is not UTF-8 is kNetBadArgument;
+  /// fragments are not looked at.
   static int SendWebSocketMsg(std::int32_t socket_id, WebsocketMsgtype type, const char* data,
                               std::uint32_t len, bool fin);
 

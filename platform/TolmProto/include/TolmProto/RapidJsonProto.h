@@ -25,8 +25,8 @@ class CRapidJsonProto {
   CRapidJsonProto& operator=(const CRapidJsonProto&) = delete;
 
   /// Replaces the document by the one that `text` holds (RFC 8259). False when `text` is not one
-  /// complete JSON value, or longer than 2 GiB, or holds a number too large for a double or an escape for half
-  /// of a surrogate pair; the document is then an empty object. Any depth of nesting is accepted.
+  /// complete JSON value, or longer than 2 GiB, or holds a number too large for a double or an escape for
+  /// half of a surrogate pair; the document is then an empty object. Any depth of nesting is accepted.
   bool set_str(const std::string& text);
 
   /// The text at `path`, NUL bytes included, or `default_value` when there is no text there.
