@@ -20,6 +20,7 @@ def arguments():
     parser.add_argument("program", type=pathlib.Path, nargs="+")
     parser.add_argument("--kind", choices=["calls", "allocations"], help="these only")
     parser.add_argument("--at", default="", help="sites only whose description has this text")
+    parser.add_argument("--once", action="store_true", help="allocations do not go on failing")
     parser.add_argument("--list", action="store_true", help="show the sites, let nothing fail")
     parser.add_argument("--jobs", type=int, default=2, help="tests at a time")
     parser.add_argument("--logs", type=pathlib.Path, help="keep the output of faults there")
@@ -52,7 +53,7 @@ def main():
             for site in sites:
                 print(f"{site.key} {site.tests[0][0]:.2f}s {len(site.tests)} {programs.describe(site)}")
             return 0
-        results = programs.fail_all(sites, told)
+        results = programs.fail_all(sites, told, allocations_go_on=not wanted.once)
     finally:
         programs.close()
     count = {outcome: sum(result.outcome == outcome for result in results) for outcome in fault_runs.OUTCOMES}

@@ -9,6 +9,7 @@ import subprocess
 from figures import ROOT, Failed
 
 OTHERS, OURS, TESTS = 0, 1, 2
+BEFORE_MAIN = ("_GLOBAL__sub_I_", "_Z41__static_initialization_and_destruction_0")
 # A compiler cache leaves the folder of whoever compiled first in the debug information.
 OWN_PATH = re.compile(r"(?:^|/)((?:src|platform|sdk|apps|include|tests|trust)/.*)")
 
@@ -48,19 +49,23 @@ def lines_of(program, addresses, *options):
 def write_code(program, target):
     """Writes what TOLM_FAULTS_CODE is to name (tests/faults/Sites.h)."""
     symbols = subprocess.run(["nm", "-S", "--defined-only", program], capture_output=True, text=True, check=True)
-    functions = {}
+    functions, before_main = {}, set()
     for line in symbols.stdout.splitlines():
         words = line.split()
         if len(words) == 4 and words[2] in "tTwWuV":
             functions[int(words[0], 16)] = int(words[1], 16)
+            if words[3].startswith(BEFORE_MAIN):
+                before_main.add(int(words[0], 16))
     begins = sorted(functions)
     files = [line.rpartition(":")[0] for line in lines_of(program, begins)]
     owners = {name: owner(own_path(name)) for name in set(files)}
     records, last = [], 0
     for begin, name in zip(begins, files):
         end = begin + functions[begin]
-        if owners[name] != OTHERS and begin >= last:
-            records.append(struct.pack("<III", begin, end, owners[name]))
+        # A program that cannot even begin has nobody to tell.
+        whose = TESTS if begin in before_main else owners[name]
+        if whose != OTHERS and begin >= last:
+            records.append(struct.pack("<III", begin, end, whose))
             last = end
     if not records:
         raise Failed(f"{program} has no functions of ours, or no debug information")
