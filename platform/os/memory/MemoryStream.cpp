@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstring>
 #include <deque>
+#include <list>
 #include <map>
 #include <utility>
 #include <vector>
@@ -18,7 +19,7 @@ namespace {
 struct World {
   Mutex mutex;
   Condition changed;
-  std::map<std::string, std::deque<std::unique_ptr<Stream>>*> listeners TOLM_GUARDED_BY(mutex);
+  std::map<std::string, std::list<std::unique_ptr<Stream>>*> listeners TOLM_GUARDED_BY(mutex);
 };
 
 struct Pipe {
@@ -115,9 +116,10 @@ class MemoryListener final : public Listener, public Source {
         name_(std::move(name)) {}
 
   ~MemoryListener() override {
-    std::deque<std::unique_ptr<Stream>> dropped;  // destroyed unlocked
+    std::list<std::unique_ptr<Stream>> dropped;  // destroyed unlocked
     const MutexLock lock(world_->mutex);
-    world_->listeners.erase(name_);
+    const auto own = world_->listeners.find(name_);
+    if (own != world_->listeners.end() && own->second == &waiting_) world_->listeners.erase(own);
     dropped.swap(waiting_);
   }
 
@@ -134,12 +136,12 @@ class MemoryListener final : public Listener, public Source {
   bool EndedLocked() const override { return false; }
 
   /// To be used under the lock.
-  std::deque<std::unique_ptr<Stream>>* waiting() { return &waiting_; }
+  std::list<std::unique_ptr<Stream>>* waiting() { return &waiting_; }
 
  private:
   const std::shared_ptr<World> world_;
   const std::string name_;
-  std::deque<std::unique_ptr<Stream>> waiting_ TOLM_GUARDED_BY(world_->mutex);
+  std::list<std::unique_ptr<Stream>> waiting_ TOLM_GUARDED_BY(world_->mutex);
 };
 
 class MemoryPoller final : public Poller {
@@ -209,10 +211,11 @@ class MemoryTransport final : public LocalTransport {
 
   EndpointResult<Listener> Listen(const std::string& name) override {
     if (!IsEndpointName(name)) return {nullptr, EndpointError::kNameInvalid, "no endpoint name: " + name};
+    auto listener = std::make_unique<MemoryListener>(world_, name);  // locks it when it goes
     const MutexLock lock(world_->mutex);
-    if (world_->listeners.count(name) != 0) return {nullptr, EndpointError::kInUse, name + " is in use"};
-    auto listener = std::make_unique<MemoryListener>(world_, name);
-    world_->listeners[name] = listener->waiting();
+    if (!world_->listeners.emplace(name, listener->waiting()).second) {
+      return {nullptr, EndpointError::kInUse, name + " is in use"};
+    }
     return {std::move(listener), EndpointError::kNone, {}};
   }
 

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <climits>
 #include <csignal>
+#include <new>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -28,14 +29,11 @@ using Clock = std::chrono::steady_clock;
 /// number, which is its group's number too, cannot become another process's.
 class PosixChildProcess final : public ChildProcess {
  public:
-  PosixChildProcess(ProcessRequest request, SpawnedProcess spawned, Descriptor closing)
-      : request_(std::move(request)),
-        root_(std::move(spawned.root)),
-        process_(std::move(spawned.process)),
-        output_(std::move(spawned.output)),
-        closing_(std::move(closing)) {}
+  PosixChildProcess(ProcessRequest request, Descriptor closing)
+      : request_(std::move(request)), closing_(std::move(closing)) {}
 
   ~PosixChildProcess() override {
+    if (root_.id <= 0) return;  // it never came to a process
     PosixChildProcess::KillTree();
     const std::uint64_t one = 1;
     [[maybe_unused]] const ssize_t told = ::write(closing_.get(), &one, sizeof one);
@@ -43,9 +41,15 @@ class PosixChildProcess final : public ChildProcess {
     if (!collected_) CollectChild(root_.id);
   }
 
-  /// Throws what the system says when it has no room for a thread.
-  void Begin() {
+  /// Once, before all else. False with the reason in `why`; may throw as well.
+  bool Begin(std::string& why) {
+    SpawnedProcess spawned;
+    if (!Spawn(request_, spawned, why)) return false;
+    root_ = std::move(spawned.root);
+    process_ = std::move(spawned.process);
+    output_ = std::move(spawned.output);
     thread_ = std::thread([this] { Watch(); });
+    return true;
   }
 
   long id() const override { return root_.id; }
@@ -106,7 +110,7 @@ class PosixChildProcess final : public ChildProcess {
     }
     const ProcessEnd end =
         info.si_code == CLD_EXITED ? ProcessEnd{info.si_status, 0} : ProcessEnd{0, info.si_status};
-    const bool nothing_left = AdoptsOrphans() ? KillTreeOf(root_) : !HasDescendants(root_);
+    const bool nothing_left = AdoptsOrphans() ? KillTreeOf(root_) : IsAlone();
     if (nothing_left) {
       const MutexLock lock(mutex_);
       if (killers_ == 0) {
@@ -116,7 +120,30 @@ class PosixChildProcess final : public ChildProcess {
     }
     // What it said last comes before the news of its end.
     TakeOutput(kRestOfOutput);
-    if (request_.on_end) Call([&] { request_.on_end(end); });
+    if (request_.on_end) TellEnd(end);
+  }
+
+  /// An end that nobody hears of would be waited for for ever, so a handler that lacks memory is asked again.
+  void TellEnd(const ProcessEnd& end) noexcept {
+    constexpr int kPauseMs = 20;
+    for (;;) {
+      try {
+        request_.on_end(end);
+        return;
+      } catch (const std::bad_alloc&) {
+        if (IsReadable(closing_, kPauseMs)) return;
+      } catch (...) {
+        return;
+      }
+    }
+  }
+
+  bool IsAlone() const noexcept {
+    try {
+      return !HasDescendants(root_);
+    } catch (const std::exception&) {
+      return false;  // nobody could be looked for
+    }
   }
 
   /// Reads until nothing is there for the moment, at most `pieces` times.
@@ -151,8 +178,9 @@ class PosixChildProcess final : public ChildProcess {
   static constexpr int kRestOfOutput = 32;
 
   const ProcessRequest request_;
-  const TreeRoot root_;
-  const Descriptor process_;
+  // Set by Begin, before there is a thread.
+  TreeRoot root_;
+  Descriptor process_;
   Descriptor output_;  // the thread's
   const Descriptor closing_;
   char buffer_[64 * 1024];  // the thread's
@@ -172,16 +200,19 @@ std::unique_ptr<ChildProcess> ChildProcess::Start(ProcessRequest request, std::s
     why = SystemMessage("cannot start " + request.program);
     return nullptr;
   }
-  const std::string program = request.program;
   try {
-    SpawnedProcess spawned;
-    if (!Spawn(request, spawned, why)) return nullptr;
-    auto child =
-        std::make_unique<PosixChildProcess>(std::move(request), std::move(spawned), std::move(closing));
-    child->Begin();
+    const std::string program = request.program;
+    // All that it needs before there is a process, which would be nobody's otherwise.
+    auto child = std::make_unique<PosixChildProcess>(std::move(request), std::move(closing));
+    try {
+      if (!child->Begin(why)) return nullptr;
+    } catch (const std::system_error& error) {
+      why = "cannot watch " + program + ": " + error.code().message();  // there is no room for a thread
+      return nullptr;
+    }
     return child;
-  } catch (const std::system_error& error) {
-    why = "cannot watch " + program + ": " + error.code().message();  // there is no room for a thread
+  } catch (const std::bad_alloc&) {
+    why = "memory is short";  // needs none of its own
     return nullptr;
   }
 }

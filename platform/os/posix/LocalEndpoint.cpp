@@ -56,7 +56,11 @@ EndpointResult<Descriptor> Lock(const RuntimeFolder& folder, const std::string& 
                  ? Fail<Descriptor>(EndpointError::kInUse, path + " is held by a living process")
                  : Fail<Descriptor>(EndpointError::kFailed, SystemMessage("locking " + path));
     }
-    if (folder.Holds(name, lock)) {
+    const FilePlace place = folder.PlaceOf(name, lock);
+    if (place == FilePlace::kUnknown) {
+      return Fail<Descriptor>(EndpointError::kFailed, SystemMessage("looking at " + folder.PathOf(name)));
+    }
+    if (place == FilePlace::kThere) {
       return {std::make_unique<Descriptor>(std::move(lock)), EndpointError::kNone, {}};
     }
   }

@@ -89,7 +89,9 @@ Descriptor OpenForInspection(const Place& place, int more_flags) {
   for (;;) {
     Descriptor file = place.folder.OpenFile(place.name, more_flags);
     if (!file || !SetLock(file, F_WRLCK, kInspection)) return {};
-    if (place.folder.Holds(place.name, file)) return file;
+    const FilePlace lies = place.folder.PlaceOf(place.name, file);
+    if (lies == FilePlace::kThere) return file;
+    if (lies == FilePlace::kUnknown) return {};
   }
 }
 
@@ -235,10 +237,15 @@ class FileEvent final : public NamedEvent {
 /// Becomes one of the holders; `file` is locked for inspection, which ends. Null with errno set.
 std::unique_ptr<NamedEvent> Join(Place place, Descriptor file, bool is_maker) {
   if (!SetLock(file, F_RDLCK, kHolders) || !SetLock(file, F_UNLCK, kInspection)) return nullptr;
+  struct Unmap {
+    void operator()(Shared* shared) const { ::munmap(shared, sizeof(Shared)); }
+  };
   void* const memory = ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
   if (memory == MAP_FAILED) return nullptr;
-  return std::make_unique<FileEvent>(std::move(place), std::move(file), static_cast<Shared*>(memory),
-                                     is_maker);
+  std::unique_ptr<Shared, Unmap> shared(static_cast<Shared*>(memory));
+  auto event = std::make_unique<FileEvent>(std::move(place), std::move(file), shared.get(), is_maker);
+  shared.release();  // the event's
+  return event;
 }
 
 }  // namespace

@@ -43,7 +43,12 @@ std::unique_ptr<ProcessLock> ProcessLock::TryTake(const std::string& name, std::
       if (errno != EWOULDBLOCK) why = SystemMessage("locking " + folder.PathOf(file_name));
       return nullptr;
     }
-    if (folder.Holds(file_name, file)) {
+    const FilePlace place = folder.PlaceOf(file_name, file);
+    if (place == FilePlace::kUnknown) {
+      why = SystemMessage("looking at " + folder.PathOf(file_name));
+      return nullptr;
+    }
+    if (place == FilePlace::kThere) {
       return std::make_unique<PosixProcessLock>(std::move(folder), std::move(file_name), std::move(file));
     }
     // Its earlier holder removed the file between the two calls above; the next one is a new file.

@@ -14,6 +14,7 @@ extern "C" {
 #include <memory>
 #include <sstream>
 #include <string_view>
+#include <system_error>
 
 #include "os/ChildProcess.h"
 
@@ -24,11 +25,20 @@ std::string ProcPath(pid_t id, const char* entry) {
   return "/proc/" + std::to_string(id) + "/" + entry;
 }
 
+void ThrowIfShort(int error) {
+  if (error == EMFILE || error == ENFILE || error == ENOMEM) {
+    throw std::system_error(error, std::system_category(), "looking at processes");
+  }
+}
+
 // Files below /proc have no size to ask for.
 std::string ReadProcFile(pid_t id, const char* entry) {
   const Descriptor file(::open(ProcPath(id, entry).c_str(), O_RDONLY | O_CLOEXEC));
   std::string content;
-  if (!file) return content;
+  if (!file) {
+    ThrowIfShort(errno);
+    return content;
+  }
   for (char buffer[4096];;) {
     const ssize_t count = ::read(file.get(), buffer, sizeof buffer);
     if (count < 0 && errno == EINTR) continue;
@@ -40,6 +50,7 @@ std::string ReadProcFile(pid_t id, const char* entry) {
 std::vector<pid_t> ProcessIds() {
   std::vector<pid_t> ids;
   const std::unique_ptr<DIR, int (*)(DIR*)> folder(::opendir("/proc"), ::closedir);
+  if (!folder) ThrowIfShort(errno);
   if (!folder) return ids;
   while (const dirent* entry = ::readdir(folder.get())) {
     const std::string_view name = entry->d_name;

@@ -24,6 +24,9 @@ struct ProcessRow {
   bool IsAlive() const { return state != 'Z' && state != 'X'; }
 };
 
+// To look needs memory and a descriptor. When there is none of either, these throw (std::system_error for the
+// latter): nobody is to be taken for gone who was not looked for.
+
 /// Nothing when there is no such process any more.
 std::optional<ProcessRow> ReadProcess(pid_t id);
 

@@ -12,13 +12,16 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <exception>
 #include <functional>
 #include <map>
+#include <optional>
 #include <set>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include "NoSignals.h"
 #include "ProcessTable.h"
 #include "os/ChildProcess.h"
 #include "os/Mutex.h"
@@ -37,6 +40,9 @@ constexpr std::chrono::milliseconds kEndOfChase{3000};
 // The numbers are listed first and looked at one by one then. A process that starts another one behind the
 // list and ends before its turn hides it from this look; the next one finds it.
 constexpr int kEmptyLooks = 2;
+
+// After a shortage of memory or descriptors, in which nobody can be looked for.
+constexpr int kShortagePauseMs = 20;
 
 /// The children that are not collected yet.
 struct Children {
@@ -96,34 +102,61 @@ std::vector<ProcessRow> LivingOf(const std::vector<ProcessRow>& rows, const std:
   return living;
 }
 
+using Choose = std::function<std::set<pid_t>(const std::vector<ProcessRow>&)>;
+
 /// Kills what `choose` picks of the processes, again and again until it picks nobody: a process may
-/// start another one right before it is killed. False when some do not end in time.
-bool KillUntilNoneIsLeft(const std::function<std::set<pid_t>(const std::vector<ProcessRow>&)>& choose) {
-  std::map<std::pair<pid_t, std::uint64_t>, Descriptor> killed;
-  const auto begin = Clock::now();
-  for (int empty_looks = 0;;) {
-    const std::vector<ProcessRow> rows = ReadProcesses();
-    const std::vector<ProcessRow> living = LivingOf(rows, choose(rows));
-    if (living.empty()) {
-      if (++empty_looks == kEmptyLooks) return true;
-      continue;
+/// start another one right before it is killed. False when some do not end in time, and when the system has
+/// no room to look for them.
+class Hunt {
+ public:
+  explicit Hunt(const Choose& choose) : choose_(choose) {}
+
+  bool Run() noexcept {
+    for (;;) {
+      try {
+        if (const auto over = Look()) return *over;
+      } catch (const std::exception&) {
+        empty_looks_ = 0;  // who was not looked for may be there
+        if (Clock::now() - begin_ >= kEndOfKilled) return false;
+        ::poll(nullptr, 0, kShortagePauseMs);
+      }
     }
-    empty_looks = 0;
+  }
+
+ private:
+  std::optional<bool> Look() {
+    const std::vector<ProcessRow> rows = ReadProcesses();
+    const std::vector<ProcessRow> living = LivingOf(rows, choose_(rows));
+    if (living.empty()) {
+      if (++empty_looks_ == kEmptyLooks) return true;
+      return std::nullopt;
+    }
+    empty_looks_ = 0;
 
     bool met_new_one = false;
     std::vector<pollfd> dying;
     for (const ProcessRow& row : living) {
-      const auto [entry, is_new] = killed.try_emplace({row.id, row.start_time});
+      const auto [entry, is_new] = killed_.try_emplace({row.id, row.start_time});
       if (is_new) {
         met_new_one = true;
         entry->second = Kill(row);
       }
       if (entry->second) dying.push_back({entry->second.get(), POLLIN, 0});
     }
-    if (Clock::now() - begin >= (met_new_one ? kEndOfChase : kEndOfKilled)) return false;
+    if (Clock::now() - begin_ >= (met_new_one ? kEndOfChase : kEndOfKilled)) return false;
     constexpr int kLookAgainMs = 20;
     ::poll(dying.data(), dying.size(), kLookAgainMs);
+    return std::nullopt;
   }
+
+  const Choose& choose_;
+  std::map<std::pair<pid_t, std::uint64_t>, Descriptor> killed_;
+  const Clock::time_point begin_ = Clock::now();
+  int empty_looks_ = 0;
+};
+
+bool KillUntilNoneIsLeft(const Choose& choose) noexcept {
+  return Hunt(choose).Run();
 }
 
 /// Orphans that were adopted and have ended wait to be collected, and nobody else does it.
@@ -153,7 +186,12 @@ void CollectForever() {
     while (::sem_trywait(&g_child_ended) == 0) {
       // One look serves all that ended so far.
     }
-    CollectAdopted();
+    try {
+      CollectAdopted();
+    } catch (const std::exception&) {
+      ::poll(nullptr, 0, kShortagePauseMs);
+      ::sem_post(&g_child_ended);  // to be looked for again
+    }
   }
 }
 
@@ -168,16 +206,24 @@ std::string MakeMark() {
          std::to_string(self ? self->start_time : 0) + "." + std::to_string(++count);
 }
 
-pid_t ForkChild(TreeRoot& root) {
+pid_t ForkChild(TreeRoot& root, ChildPlace& place) {
   Children& children = TheChildren();
   // Forked and noted in one step: whoever looks for strays in between would take the new child for one.
   const MutexLock lock(children.mutex);
   const pid_t id = ::fork();
   if (id <= 0) return id;
   root.id = id;
-  // It is there, though it may have ended: only CollectChild takes it away.
-  if (const auto row = ReadProcess(id)) root.start_time = row->start_time;
-  children.roots[id] = root;
+  try {
+    // It is there, though it may have ended: only CollectChild takes it away.
+    if (const auto row = ReadProcess(id)) root.start_time = row->start_time;
+  } catch (const std::exception&) {
+    // Then everybody may have come from it who has its mark.
+  }
+  auto noted = place.extract(place.begin());
+  noted.key() = id;
+  noted.mapped().id = id;
+  noted.mapped().start_time = root.start_time;
+  children.roots.insert(std::move(noted));
   return id;
 }
 
@@ -201,9 +247,10 @@ bool HasDescendants(const TreeRoot& root) {
   return false;
 }
 
-bool KillTreeOf(const TreeRoot& root) {
+bool KillTreeOf(const TreeRoot& root) noexcept {
   // The group first: that is one step for the system, so that nobody in it gets away by starting another.
   ::kill(-root.id, SIGKILL);
+  // A captured reference fits into the function itself.
   return KillUntilNoneIsLeft([&root](const std::vector<ProcessRow>& rows) { return TreeOf(root, rows); });
 }
 
@@ -213,15 +260,16 @@ bool AdoptsOrphans() {
 
 void AdoptOrphans() {
   if (g_adopts.exchange(true)) return;
-  ::prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0);
   ::sem_init(&g_child_ended, 0, 0);
 
-  sigset_t all;
-  sigset_t before;
-  sigfillset(&all);
-  ::pthread_sigmask(SIG_BLOCK, &all, &before);
-  std::thread(CollectForever).detach();
-  ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  try {
+    const NoSignals here;
+    std::thread(CollectForever).detach();
+  } catch (...) {
+    g_adopts = false;
+    throw;
+  }
+  ::prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0);
 
   struct sigaction action {};
   action.sa_handler = TellCollector;

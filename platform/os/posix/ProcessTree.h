@@ -9,6 +9,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <map>
 #include <string>
 
 namespace os {
@@ -27,10 +28,14 @@ inline constexpr char kMarkVariable[] = "TOLM_STARTED_BY";
 /// recognises the descendants of its child.
 std::string MakeMark();
 
+using ChildPlace = std::map<pid_t, TreeRoot>;
+
 /// Forks on the calling thread a child with `root.mark`, and fills in the rest of `root`. The new process is
 /// known as a child of ours from its first moment on. As fork does, gives 0 in it, and -1 with errno when
 /// there is none.
-pid_t ForkChild(TreeRoot& root);
+/// `place` holds `root` under the number 0: its place among the children, made before, since nothing may fail
+/// behind a fork, and the caller's, since the new process must not free it.
+pid_t ForkChild(TreeRoot& root, ChildPlace& place);
 /// Waits for a child's end and collects it; its number means nothing afterwards.
 void CollectChild(pid_t id);
 
@@ -40,7 +45,7 @@ bool HasDescendants(const TreeRoot& root);
 
 /// Kills a tree and waits until nothing of it runs. False when a part of it does not end within a second, or
 /// others come up for three.
-bool KillTreeOf(const TreeRoot& root);
+bool KillTreeOf(const TreeRoot& root) noexcept;
 
 /// Whether AdoptOrphans was called.
 bool AdoptsOrphans();

@@ -72,12 +72,15 @@ Descriptor RuntimeFolder::OpenFile(const std::string& name, int flags) const {
       ::openat(folder_.get(), name.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | flags, S_IRUSR | S_IWUSR));
 }
 
-bool RuntimeFolder::Holds(const std::string& name, const Descriptor& file) const {
+FilePlace RuntimeFolder::PlaceOf(const std::string& name, const Descriptor& file) const {
   struct stat opened {};
   struct stat there {};
-  return ::fstat(file.get(), &opened) == 0 &&
-         ::fstatat(folder_.get(), name.c_str(), &there, AT_SYMLINK_NOFOLLOW) == 0 &&
-         opened.st_ino == there.st_ino && opened.st_dev == there.st_dev;
+  if (::fstat(file.get(), &opened) != 0) return FilePlace::kUnknown;
+  if (::fstatat(folder_.get(), name.c_str(), &there, AT_SYMLINK_NOFOLLOW) != 0) {
+    return errno == ENOENT ? FilePlace::kElsewhere : FilePlace::kUnknown;
+  }
+  return opened.st_ino == there.st_ino && opened.st_dev == there.st_dev ? FilePlace::kThere
+                                                                        : FilePlace::kElsewhere;
 }
 
 bool RuntimeFolder::ClaimSocket(const std::string& name) const {

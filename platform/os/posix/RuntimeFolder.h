@@ -7,6 +7,13 @@
 
 namespace os {
 
+/// Where an opened file lies.
+enum class FilePlace {
+  kThere,      ///< under the name
+  kElsewhere,  ///< another one has the name by now, or none
+  kUnknown,    ///< the system does not say; errno is set
+};
+
 /// The folder in which this user's processes keep what they share while they run: sockets, locks, events.
 /// It is held open, so that what is done in it is done there, whatever lies at its path by then: in a place
 /// that others may write to they can put something else in its stead.
@@ -25,8 +32,12 @@ class RuntimeFolder {
   /// To be read and written, closed on exec, not through a link; with `flags` besides. Nothing, with errno
   /// set, when it cannot be opened.
   Descriptor OpenFile(const std::string& name, int flags) const;
-  /// Whether `file` is what lies there under `name`: not a later one, and not none.
-  bool Holds(const std::string& name, const Descriptor& file) const;
+  /// Whether `file` is what lies there under `name`.
+  FilePlace PlaceOf(const std::string& name, const Descriptor& file) const;
+  /// The same, for those who do nothing when nobody knows.
+  bool Holds(const std::string& name, const Descriptor& file) const {
+    return PlaceOf(name, file) == FilePlace::kThere;
+  }
   /// Makes the socket `name` this user's alone. False when none lies there, or it could not be done.
   bool ClaimSocket(const std::string& name) const;
   /// Removes the name. False, with errno set, when it could not be.

@@ -14,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "NoSignals.h"
 #include "ProcessTable.h"
 #include "ProcessTree.h"
 #include "os/ExecutableFault.h"
@@ -90,7 +91,8 @@ class Spawner {
   /// 0, or the system's code when there is no process, or no descriptor of it.
   int Fork(const Plan& plan, SpawnedProcess& spawned) {
     std::packaged_task<int()> job([&] {
-      const pid_t id = ForkChild(spawned.root);
+      ChildPlace place{{0, spawned.root}};
+      const pid_t id = ForkChild(spawned.root, place);
       if (id == 0) Become(plan);
       if (id > 0) spawned.process = OpenProcess(id);
       return spawned.process ? 0 : errno;
@@ -111,13 +113,8 @@ class Spawner {
     if (::sigaction(SIGCHLD, nullptr, &action) == 0 && action.sa_handler == SIG_IGN) {
       ::signal(SIGCHLD, SIG_DFL);
     }
-    // Signals are for the threads that the program means them for.
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    ::pthread_sigmask(SIG_BLOCK, &all, &before);
+    const NoSignals here;
     std::thread([this] { Run(); }).detach();
-    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
   }
 
   void Run() {
@@ -262,11 +259,12 @@ bool Spawn(const ProcessRequest& request, SpawnedProcess& spawned, std::string& 
     spawned.output = std::move(output.read);
     return true;
   }
-  why =
-      executed ? SystemMessage("cannot watch " + request.program, error) : Explain(request, program, failure);
   // Without its descriptor the number serves: it is nobody else's before it is collected.
   ::kill(spawned.root.id, SIGKILL);
   CollectChild(spawned.root.id);
+  spawned.root.id = 0;
+  why =
+      executed ? SystemMessage("cannot watch " + request.program, error) : Explain(request, program, failure);
   return false;
 }
 

@@ -61,7 +61,7 @@ class DirectFile final : public UnbufferedFile {
 
   bool UseCache() {
     const int flags = ::fcntl(file_.get(), F_GETFL);
-    return (flags & O_DIRECT) != 0 && ::fcntl(file_.get(), F_SETFL, flags & ~O_DIRECT) == 0;
+    return flags >= 0 && (flags & O_DIRECT) != 0 && ::fcntl(file_.get(), F_SETFL, flags & ~O_DIRECT) == 0;
   }
 
   const Descriptor file_;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <new>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -84,7 +85,22 @@ class WindowsChildProcess final : public ChildProcess {
     if (g_adopts_orphans) EndJob(job_);
     // What it said last comes before the news of its end.
     TakeOutput(kRestOfOutput);
-    if (request_.on_end) Call([&] { request_.on_end({static_cast<int>(status), 0}); });
+    if (request_.on_end) TellEnd({static_cast<int>(status), 0});
+  }
+
+  /// An end that nobody hears of would be waited for for ever, so a handler that lacks memory is asked again.
+  void TellEnd(const ProcessEnd& end) noexcept {
+    constexpr DWORD kPauseMs = 20;
+    for (;;) {
+      try {
+        request_.on_end(end);
+        return;
+      } catch (const std::bad_alloc&) {
+        if (::WaitForSingleObject(closing_.get(), kPauseMs) == WAIT_OBJECT_0) return;
+      } catch (...) {
+        return;
+      }
+    }
   }
 
   /// Takes what is there at the moment, at most `pieces` times.
@@ -143,6 +159,9 @@ std::unique_ptr<ChildProcess> ChildProcess::Start(ProcessRequest request, std::s
     return child;
   } catch (const std::system_error& error) {
     why = "cannot watch " + program + ": " + error.code().message();  // there is no room for a thread
+    return nullptr;
+  } catch (const std::bad_alloc&) {
+    why = "memory is short";  // needs none of its own; a job that nobody holds ends its processes
     return nullptr;
   }
 }

@@ -32,7 +32,8 @@ struct ProcessRequest {
   /// as it does not return, the process may have to wait before it can write more. Handlers must not throw;
   /// what they throw is dropped.
   std::function<void(std::string_view)> on_output{};
-  /// Called once on a thread of the child's when the process itself has ended.
+  /// Called once on a thread of the child's when the process itself has ended; and again after a moment when
+  /// it throws std::bad_alloc, since nobody would tell of the end a second time.
   std::function<void(const ProcessEnd&)> on_end{};
 };
 
