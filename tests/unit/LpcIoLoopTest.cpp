@@ -88,7 +88,7 @@ TEST_F(LpcIoLoop, HasAsManyThreadsAsWasAskedAndAtLeastTwo) {
 TEST_F(LpcIoLoop, ThreadsAreAddedForWorkThatBlocksAndGoWhenItIsDone) {
   const auto loop = Make();
   ASSERT_TRUE(loop->Start());
-  std::vector<std::unique_ptr<Tolm::Base::CTask>> batch;
+  WorkList batch;
   for (int i = 0; i < 20; ++i) batch.push_back(Do([this] { Block(); }));
   loop->Post(batch);
   EXPECT_TRUE(batch.empty());

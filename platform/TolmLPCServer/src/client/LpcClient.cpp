@@ -33,6 +33,34 @@ class CallTask final : public Tolm::Base::CTask {
   const std::function<void()> call_;
 };
 
+// What a plugin is told when a connection, or an attempt, is over. Made before, so that it needs no memory
+// then.
+class EndTask final : public Tolm::Base::CTask {
+ public:
+  using Tell = std::function<void(int error, const std::string& reason)>;
+  /// `tell` must live until it has run.
+  void Say(std::shared_ptr<const void> keeper, const Tell& tell, int error,
+           const std::string& reason) noexcept {
+    keeper_ = std::move(keeper);
+    tell_ = &tell;
+    error_ = error;
+    try {
+      reason_ = reason;
+    } catch (const std::exception&) {
+      reason_ = "memory is short";  // needs none of its own
+    }
+  }
+  void Run() override {
+    if (tell_ != nullptr && *tell_) (*tell_)(error_, reason_);
+  }
+
+ private:
+  std::shared_ptr<const void> keeper_;
+  const Tell* tell_ = nullptr;
+  int error_ = lpc::kOk;
+  std::string reason_;
+};
+
 }  // namespace
 
 //   idle ──due──► connecting ──WELCOME──► open ──► (lost, refused, too slow) ──► idle, due after a pause
@@ -42,8 +70,8 @@ class CLpcClient::Core final : public lpc::wire::LinkOwner, public std::enable_s
       : settings_(std::move(settings)),
         transport_(settings_.transport != nullptr ? *settings_.transport : os::SystemTransport()) {}
 
-  int Start();
-  void Stop();
+  int Start() noexcept;
+  void Stop() noexcept;
   bool WaitConnected(int time_out) const;
   bool IsConnected() const;
   std::uint64_t NextId(bool waiting) {
@@ -67,12 +95,13 @@ class CLpcClient::Core final : public lpc::wire::LinkOwner, public std::enable_s
                                                std::shared_ptr<const void> lease) override;
   void OnPong(lpc::wire::Link& /*link*/) override {}
   void OnLateReply(lpc::wire::Link& /*link*/) override { late_replies_.fetch_add(1); }
-  void OnClosed(lpc::wire::Link& link, bool was_open, int error, const std::string& reason) override;
+  void OnClosed(lpc::wire::Link& link, bool was_open, int error, const std::string& reason) noexcept override;
 
  private:
   class MessageTask;
   enum class State { kNew, kRunning, kStopped };
 
+  int StartOrThrow();
   TimePoint Housekeeping(TimePoint now);
   void Connect() TOLM_EXCLUDES(mutex_);
   void ScheduleAttempt(const lpc::wire::Link* ended) TOLM_EXCLUDES(mutex_);
@@ -124,7 +153,16 @@ class CLpcClient::Core::MessageTask final : public Tolm::Base::CTask {
   const InboundInfo info_;
 };
 
-int CLpcClient::Core::Start() {
+int CLpcClient::Core::Start() noexcept {
+  try {
+    return StartOrThrow();
+  } catch (const std::exception& error) {
+    TOLM_LOG(Tolm::Base::kLogLevelError, kTag, "starting failed: %s", error.what());
+    return lpc::kFailed;
+  }
+}
+
+int CLpcClient::Core::StartOrThrow() {
   if (!os::IsEndpointName(settings_.endpoint)) return lpc::kEndpointNameInvalid;
   if (!lpc::wire::IsPeerId(settings_.id)) return lpc::kRefused;
   auto poller = transport_.CreatePoller();
@@ -133,20 +171,20 @@ int CLpcClient::Core::Start() {
   {
     const os::MutexLock lock(mutex_);
     if (state_ != State::kNew) return lpc::kFailed;
-    state_ = State::kRunning;
-    pause_ms_ = settings_.reconnect_first_ms;
     loop_ = std::make_shared<lpc::wire::IoLoop>(std::move(poller), settings_.options, "LpcClient",
                                                 [self](TimePoint now) {
                                                   const auto core = self.lock();
                                                   return core ? core->Housekeeping(now) : TimePoint::max();
                                                 });
+    state_ = State::kRunning;
+    pause_ms_ = settings_.reconnect_first_ms;
   }
   if (!loop_->Start()) return lpc::kFailed;
   loop_->RunHousekeepingBy(TimePoint::min());
   return lpc::kOk;
 }
 
-void CLpcClient::Core::Stop() {
+void CLpcClient::Core::Stop() noexcept {
   std::shared_ptr<lpc::wire::Link> link;
   {
     const os::MutexLock lock(mutex_);
@@ -233,6 +271,12 @@ void CLpcClient::Core::Connect() {
   }
   const auto link =
       std::make_shared<lpc::wire::Link>(std::move(connected.value), loop_, settings_.options, *this);
+  lpc::wire::WorkList end;
+  end.push_back(std::make_unique<EndTask>());
+  link->KeepForEnd(std::move(end));
+  lpc::wire::Hello hello;
+  hello.id = settings_.id;
+  const std::string payload = lpc::wire::EncodeHello(hello);
   const TimePoint until = lpc::wire::IoLoop::Clock::now() + Milliseconds(settings_.options.handshake_ms);
   {
     const os::MutexLock lock(mutex_);
@@ -240,9 +284,7 @@ void CLpcClient::Core::Connect() {
     link_ = link;
     handshake_until_ = until;
   }
-  lpc::wire::Hello hello;
-  hello.id = settings_.id;
-  link->SendControl(lpc::wire::FrameType::kHello, 0, lpc::wire::EncodeHello(hello));
+  link->SendControl(lpc::wire::FrameType::kHello, 0, payload);
   loop_->RunHousekeepingBy(until);
   if (!link->Begin()) OnClosed(*link, false, lpc::kFailed, "the system has no room for the connection");
 }
@@ -285,6 +327,18 @@ lpc::wire::HandshakeStep CLpcClient::Core::OnHandshake(lpc::wire::Link& link,
     link.CutOff(lpc::kProtocol, "the other side does not speak this protocol");
     return lpc::wire::HandshakeStep::kClose;
   }
+  // Before it is open: who hears of the end has heard of the beginning.
+  lpc::wire::WorkList connected;
+  connected.push_back(
+      std::make_unique<CallTask>([self = shared_from_this(), opened = link.shared_from_this()] {
+        try {
+          if (self->settings_.on_connected) self->settings_.on_connected();
+        } catch (...) {
+          opened->StartDelivery();
+          throw;
+        }
+        opened->StartDelivery();
+      }));
   {
     const os::MutexLock lock(mutex_);
     link.Open(kFrameName, welcome.max_message_bytes);
@@ -293,31 +347,26 @@ lpc::wire::HandshakeStep CLpcClient::Core::OnHandshake(lpc::wire::Link& link,
     changed_.notify_all();
   }
   connections_.fetch_add(1, std::memory_order_relaxed);
-  Post([self = shared_from_this(), opened = link.shared_from_this()] {
-    try {
-      if (self->settings_.on_connected) self->settings_.on_connected();
-    } catch (...) {
-      opened->StartDelivery();
-      throw;
-    }
-    opened->StartDelivery();
-  });
+  loop_->Post(connected);
   return lpc::wire::HandshakeStep::kReadOn;
 }
 
-void CLpcClient::Core::OnClosed(lpc::wire::Link& link, bool was_open, int error, const std::string& reason) {
+void CLpcClient::Core::OnClosed(lpc::wire::Link& link, bool was_open, int error,
+                                const std::string& reason) noexcept {
   TOLM_LOG(Tolm::Base::kLogLevelInfo, kTag, "the connection of [%s] to [%s] ended: %s", settings_.id.c_str(),
            settings_.endpoint.c_str(), reason.c_str());
   ScheduleAttempt(&link);
   // Behind on_connected, if there was one, and the messages.
-  auto tell = std::make_unique<CallTask>([self = shared_from_this(), was_open, error, reason] {
-    const auto& told = was_open ? self->settings_.on_disconnected : self->settings_.on_connect_failed;
-    if (told) told(error, reason);
-  });
+  auto self = weak_from_this().lock();
+  if (!self) return;
+  lpc::wire::WorkList end = link.TakeForEnd();
+  static_cast<EndTask&>(*end.front())
+      .Say(std::move(self), was_open ? settings_.on_disconnected : settings_.on_connect_failed, error,
+           reason);
   if (was_open) {
-    link.Deliver(std::move(tell));
+    link.Deliver(end);
   } else {
-    loop_->Post(std::move(tell));
+    loop_->Post(end);
   }
 }
 

@@ -8,16 +8,17 @@ namespace lpc {
 bool PeerTable::Add(const std::string& id, std::shared_ptr<wire::Link> link,
                     std::shared_ptr<wire::Link>& holder) {
   const os::MutexLock lock(mutex_);
+  if (!had_stop_ && room_for_stop_.capacity() <= links_.size()) room_for_stop_.reserve(2 * links_.size() + 8);
   const auto [entry, added] = links_.emplace(id, std::move(link));
   if (!added) holder = entry->second;
   return added;
 }
 
-bool PeerTable::Remove(const std::string& id, const wire::Link& link) {
+bool PeerTable::Remove(const std::string& id, const wire::Link* link) {
   std::shared_ptr<wire::Link> removed;  // released unlocked
   const os::MutexLock lock(mutex_);
   const auto entry = links_.find(id);
-  if (entry == links_.end() || entry->second.get() != &link) return false;
+  if (entry == links_.end() || entry->second.get() != link) return false;
   removed = std::move(entry->second);
   links_.erase(entry);
   return true;
@@ -37,12 +38,17 @@ std::vector<std::shared_ptr<wire::Link>> PeerTable::All() const {
   return all;
 }
 
-std::vector<std::shared_ptr<wire::Link>> PeerTable::Clear() {
-  std::vector<std::shared_ptr<wire::Link>> all;
+std::vector<std::shared_ptr<wire::Link>> PeerTable::AllForStop() noexcept {
   const os::MutexLock lock(mutex_);
-  all.reserve(links_.size());
-  for (auto& [id, link] : links_) all.push_back(std::move(link));
-  links_.clear();
+  if (std::exchange(had_stop_, true)) return {};
+  for (const auto& [id, link] : links_) room_for_stop_.push_back(link);
+  return std::move(room_for_stop_);
+}
+
+std::unordered_map<std::string, std::shared_ptr<wire::Link>> PeerTable::Clear() noexcept {
+  std::unordered_map<std::string, std::shared_ptr<wire::Link>> all;
+  const os::MutexLock lock(mutex_);
+  all.swap(links_);
   return all;
 }
 

@@ -81,8 +81,10 @@ class ServerCore::DeliverTask final : public Tolm::Base::CTask {
 // A "connected" or "disconnected" event, and what has to wait until it has been delivered.
 class ServerCore::StatusTask final : public Tolm::Base::CTask {
  public:
-  StatusTask(std::shared_ptr<ServerCore> core, tag_LPCCallBackData&& data, std::function<void()> afterwards)
-      : core_(std::move(core)), data_(std::move(data)), afterwards_(std::move(afterwards)) {}
+  StatusTask(tag_LPCCallBackData&& data, std::function<void()> afterwards)
+      : data_(std::move(data)), afterwards_(std::move(afterwards)) {}
+  /// Before it is posted: one that is only kept holds nobody.
+  void SetCore(std::shared_ptr<ServerCore> core) { core_ = std::move(core); }
   void Run() override {
     std::exception_ptr failure;
     try {
@@ -95,9 +97,18 @@ class ServerCore::StatusTask final : public Tolm::Base::CTask {
   }
 
  private:
-  const std::shared_ptr<ServerCore> core_;
+  std::shared_ptr<ServerCore> core_;
   tag_LPCCallBackData data_;
   const std::function<void()> afterwards_;
+};
+
+// All that a peer's life needs memory for on this end, made before it begins: a peer that is let in is
+// announced, and one that was announced has an end.
+struct ServerCore::Admission {
+  std::string welcome;
+  std::string id;
+  wire::WorkList connected;
+  wire::WorkList disconnected;
 };
 
 namespace {
@@ -120,7 +131,18 @@ ServerCore::~ServerCore() {
   if (loop_ != nullptr && !stopping_.load()) Stop();
 }
 
-int ServerCore::Start(const std::string& name) {
+// What was made before something failed has threads already, perhaps, and they deliver.
+int ServerCore::Start(const std::string& name) noexcept {
+  try {
+    return StartOrThrow(name);
+  } catch (const std::exception& error) {
+    TOLM_LOG(Tolm::Base::kLogLevelError, kTag, "cannot listen as [%s]: %s", name.c_str(), error.what());
+    Stop();
+    return kFailed;
+  }
+}
+
+int ServerCore::StartOrThrow(const std::string& name) {
   auto listening = transport_.Listen(name);
   if (!listening.value) {
     TOLM_LOG(Tolm::Base::kLogLevelError, kTag, "cannot listen as [%s]: %s", name.c_str(),
@@ -158,17 +180,17 @@ void ServerCore::EndWaitsSoon() {
   loop_->RunHousekeepingBy(at);
 }
 
-void ServerCore::Stop() {
+void ServerCore::Stop() noexcept {
   stopping_.store(true);
   if (!loop_) return;
   // First whoever waits for an answer: they may be callbacks that the loop waits for.
-  for (const auto& link : peers_.All()) {
+  for (const auto& link : peers_.AllForStop()) {
     link->SendNotice(wire::FrameType::kGoodbye, 0, kOk, "the frame stops");
     link->FailSenders(kPeerGone);
     link->CutOff(kPeerGone, "this end stops");
   }
   loop_->Stop();
-  for (const auto& link : peers_.Clear()) link->Abandon();
+  for (const auto& [id, link] : peers_.Clear()) link->Abandon();
   std::map<const wire::Link*, HalfOpen> half_open;
   std::shared_ptr<Acceptor> acceptor;  // of the first of several that stop
   {
@@ -183,38 +205,39 @@ void ServerCore::Stop() {
 // --- connections ---
 
 void ServerCore::AcceptAll() {
-  for (;;) {
-    auto accepted = acceptor_->listener->Accept();
-    if (accepted.stream) {
-      try {
+  try {
+    for (;;) {
+      auto accepted = acceptor_->listener->Accept();
+      if (accepted.stream) {
         Accept(std::move(accepted.stream));
         continue;
-      } catch (const std::bad_alloc&) {
-        // That connection is lost; who waits behind it is looked for again.
-        accepted = {nullptr, os::IoStatus::kFailed, true, ENOMEM};
       }
-    }
-    if (accepted.status == os::IoStatus::kFailed && !accepted.retry) {
-      ListenFailed(accepted.system_error);
+      if (accepted.status == os::IoStatus::kFailed && !accepted.retry) {
+        ListenFailed(accepted.system_error);
+        return;
+      }
+      if (accepted.status != os::IoStatus::kFailed) break;
+      PauseAccepting(accepted.system_error);
       return;
     }
-    if (accepted.status == os::IoStatus::kFailed) {
-      // Said once in a shortage, which is over when nobody waits any more.
-      if (!accepting_is_short_.exchange(true)) {
-        TOLM_LOG(Tolm::Base::kLogLevelError, kTag, "cannot accept a connection for now, system error %d",
-                 accepted.system_error);
-      }
-      {
-        const os::MutexLock lock(half_open_mutex_);
-        accept_again_ = wire::IoLoop::Clock::now() + kAcceptPause;
-        loop_->RunHousekeepingBy(accept_again_);
-      }
-      return;
-    }
-    accepting_is_short_ = false;
-    loop_->Arm(*acceptor_->listener, acceptor_->token, os::Poller::kRead);
+  } catch (const std::exception&) {
+    // That connection is lost; who waits behind it is looked for again.
+    PauseAccepting(ENOMEM);
     return;
   }
+  accepting_is_short_ = false;
+  loop_->Arm(*acceptor_->listener, acceptor_->token, os::Poller::kRead);
+}
+
+// Said once in a shortage, which is over when nobody waits any more.
+void ServerCore::PauseAccepting(int system_error) {
+  if (!accepting_is_short_.exchange(true)) {
+    TOLM_LOG(Tolm::Base::kLogLevelError, kTag, "cannot accept a connection for now, system error %d",
+             system_error);
+  }
+  const os::MutexLock lock(half_open_mutex_);
+  accept_again_ = wire::IoLoop::Clock::now() + kAcceptPause;
+  loop_->RunHousekeepingBy(accept_again_);
 }
 
 void ServerCore::Accept(std::unique_ptr<os::Stream> stream) {
@@ -244,7 +267,7 @@ void ServerCore::Accept(std::unique_ptr<os::Stream> stream) {
   }
 }
 
-void ServerCore::Refuse(wire::Link& link, int error, const std::string& reason) {
+void ServerCore::Refuse(wire::Link& link, int error, std::string_view reason) noexcept {
   {
     const os::MutexLock lock(half_open_mutex_);
     const auto entry = half_open_.find(&link);
@@ -254,16 +277,16 @@ void ServerCore::Refuse(wire::Link& link, int error, const std::string& reason) 
 }
 
 // Whoever marks an entry as refused does this, once.
-void ServerCore::TellRefused(wire::Link& link, int error, const std::string& reason) {
+void ServerCore::TellRefused(wire::Link& link, int error, std::string_view reason) noexcept {
   NoteRefused(link.identity(), reason);
   link.SendNotice(wire::FrameType::kRefuse, 0, error, reason);
   link.CutOff(error, reason);
 }
 
-void ServerCore::NoteRefused(const os::PeerIdentity& peer, const std::string& reason) {
+void ServerCore::NoteRefused(const os::PeerIdentity& peer, std::string_view reason) noexcept {
   refused_.fetch_add(1, std::memory_order_relaxed);
-  TOLM_LOG(Tolm::Base::kLogLevelWarning, kTag, "refused the connection of process %ld: %s", peer.process_id,
-           reason.c_str());
+  TOLM_LOG(Tolm::Base::kLogLevelWarning, kTag, "refused the connection of process %ld: %.*s", peer.process_id,
+           static_cast<int>(reason.size()), reason.data());
 }
 
 wire::HandshakeStep ServerCore::OnHandshake(wire::Link& link, const wire::FrameHeader& header,
@@ -310,6 +333,13 @@ wire::HandshakeStep ServerCore::OnHandshake(wire::Link& link, const wire::FrameH
 // again when the holder has gone, or at the latest when its time is up. Says whether the link is now open.
 bool ServerCore::TryToAdmit(const std::shared_ptr<wire::Link>& link, const std::string& id) {
   const auto deadline = wire::IoLoop::Clock::now() + std::chrono::milliseconds(options_.ping_ms);
+  wire::Welcome welcome;
+  welcome.max_message_bytes = options_.max_message_bytes;
+  Admission admission{wire::EncodeWelcome(welcome), id, {}, {}};
+  admission.connected.push_back(
+      std::make_unique<StatusTask>(StatusEvent(id, "connected"), [link] { link->StartDelivery(); }));
+  admission.disconnected.push_back(std::make_unique<StatusTask>(
+      StatusEvent(id, "disconnected"), [this, id, gone = link.get()] { Forget(id, gone); }));
   std::shared_ptr<wire::Link> holder;
   {
     // One lock around both tables, so that a holder that goes now either leaves the id free here, or
@@ -325,7 +355,7 @@ bool ServerCore::TryToAdmit(const std::shared_ptr<wire::Link>& link, const std::
     }
   }
   if (!holder) {
-    Admit(link, id);
+    Admit(link, std::move(admission));
     return true;
   }
   holder->SendControl(wire::FrameType::kPing);
@@ -334,16 +364,14 @@ bool ServerCore::TryToAdmit(const std::shared_ptr<wire::Link>& link, const std::
 }
 
 // The id is this link's in the table already.
-void ServerCore::Admit(const std::shared_ptr<wire::Link>& link, const std::string& id) {
-  wire::Welcome welcome;
-  welcome.max_message_bytes = options_.max_message_bytes;
-  link->SendControl(wire::FrameType::kWelcome, 0, wire::EncodeWelcome(welcome));
-  link->Open(id, options_.max_message_bytes);
+void ServerCore::Admit(const std::shared_ptr<wire::Link>& link, Admission&& admission) noexcept {
+  link->SendControl(wire::FrameType::kWelcome, 0, admission.welcome);
+  link->KeepForEnd(std::move(admission.disconnected));
+  link->Open(std::move(admission.id), options_.max_message_bytes);
   connections_.fetch_add(1, std::memory_order_relaxed);
-  TOLM_LOG(Tolm::Base::kLogLevelInfo, kTag, "peer [%s] connected, process %ld", id.c_str(),
+  TOLM_LOG(Tolm::Base::kLogLevelInfo, kTag, "peer [%s] connected, process %ld", link->peer_name().c_str(),
            link->identity().process_id);
-  loop_->Post(std::make_unique<StatusTask>(shared_from_this(), StatusEvent(id, "connected"),
-                                           [link] { link->StartDelivery(); }));
+  if (IsToBeTold(admission.connected)) loop_->Post(admission.connected);
   // A Stop that is under way may have looked for waiters before this peer was in the table.
   if (stopping_.load()) link->FailSenders(kPeerGone);
   if (waits_ended_.load()) link->FailWaiters(kPeerGone);
@@ -356,18 +384,18 @@ void ServerCore::OnPong(wire::Link& link) {
 // The holder of an id lives: whoever asked for that id is refused.
 void ServerCore::RefuseForHolder(const wire::Link& holder) {
   std::vector<std::shared_ptr<wire::Link>> newcomers;
-  std::string id;
+  const std::string reason = "the id [" + holder.peer_name() + "] is in use";
   {
     const os::MutexLock lock(half_open_mutex_);
+    newcomers.reserve(half_open_.size());
     for (auto& [key, entry] : half_open_) {
       if (entry.refused || entry.id.empty() || entry.holder.lock().get() != &holder) continue;
       entry.refused = true;
       newcomers.push_back(entry.link);
-      id = entry.id;
     }
   }
   for (const auto& newcomer : newcomers) {
-    TellRefused(*newcomer, kRefused, "the id [" + id + "] is in use");
+    TellRefused(*newcomer, kRefused, reason);
     newcomer->Continue();
   }
 }
@@ -378,7 +406,7 @@ void ServerCore::OnLateReply(wire::Link& link) {
            link.peer_name().c_str());
 }
 
-void ServerCore::OnClosed(wire::Link& link, bool was_open, int error, const std::string& reason) {
+void ServerCore::OnClosed(wire::Link& link, bool was_open, int error, const std::string& reason) noexcept {
   if (!was_open) {
     bool broke_the_rules = false;
     {
@@ -400,13 +428,20 @@ void ServerCore::OnClosed(wire::Link& link, bool was_open, int error, const std:
            "peer [%s] disconnected, process %ld: %s", id.c_str(), link.identity().process_id, reason.c_str());
   // The id stays taken until the event has been delivered: who has it next comes after that in the eyes
   // of the host, too.
-  link.Deliver(std::make_unique<StatusTask>(shared_from_this(), StatusEvent(id, "disconnected"),
-                                            [this, gone = link.shared_from_this()] { Forget(*gone); }));
+  wire::WorkList disconnected = link.TakeForEnd();
+  if (IsToBeTold(disconnected)) link.Deliver(disconnected);
+}
+
+// Nobody hears of what happens while the core is being destroyed.
+bool ServerCore::IsToBeTold(wire::WorkList& event) noexcept {
+  auto self = weak_from_this().lock();
+  if (!self) return false;
+  static_cast<StatusTask&>(*event.front()).SetCore(std::move(self));
+  return true;
 }
 
 // Whoever waits for this link's id may have it now, first come first served by the table.
-void ServerCore::Forget(const wire::Link& link) {
-  const std::string& id = link.peer_name();
+void ServerCore::Forget(const std::string& id, const wire::Link* link) {
   peers_.Remove(id, link);
   std::vector<std::shared_ptr<wire::Link>> waiting;
   {
@@ -441,10 +476,14 @@ ServerCore::TimePoint ServerCore::Housekeeping(TimePoint now) {
   {
     const os::MutexLock lock(half_open_mutex_);
     accept = now >= accept_again_;
-    if (accept) accept_again_ = TimePoint::max();
+    if (!accept) next = accept_again_;
     end_waits = now >= end_waits_at_;
-    if (end_waits) end_waits_at_ = TimePoint::max();
-    next = std::min(accept_again_, end_waits_at_);
+    if (!end_waits) next = std::min(next, end_waits_at_);
+    // First what may fail, and is then tried again: nobody is refused without a word.
+    for (auto& [key, entry] : half_open_) {
+      if (!entry.refused && now >= entry.deadline && !entry.id.empty()) contenders.push_back(entry);
+    }
+    too_slow.reserve(half_open_.size());
     for (auto& [key, entry] : half_open_) {
       if (entry.refused) continue;
       if (now >= entry.deadline) {
@@ -454,7 +493,6 @@ ServerCore::TimePoint ServerCore::Housekeeping(TimePoint now) {
           continue;
         }
         entry.deadline = now + std::chrono::milliseconds(options_.ping_ms);
-        contenders.push_back(entry);
       }
       next = std::min(next, entry.deadline);
     }
@@ -482,7 +520,17 @@ ServerCore::TimePoint ServerCore::Housekeeping(TimePoint now) {
                    "it took nothing of what was sent to it for " + std::to_string(options_.stall_ms) + " ms");
     }
   }
-  if (accept) AcceptAll();
+  if (end_waits) {
+    const os::MutexLock lock(half_open_mutex_);
+    end_waits_at_ = TimePoint::max();
+  }
+  if (accept) {
+    {
+      const os::MutexLock lock(half_open_mutex_);
+      accept_again_ = TimePoint::max();
+    }
+    AcceptAll();
+  }
   return next;
 }
 

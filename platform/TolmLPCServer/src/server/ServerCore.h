@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "TolmLPCServer/LpcOptions.h"
@@ -38,11 +39,11 @@ class ServerCore final : public wire::LinkOwner, public std::enable_shared_from_
   ~ServerCore();
 
   /// kOk or the error.
-  int Start(const std::string& name);
+  int Start(const std::string& name) noexcept;
   /// As the function of lpcserver.
   void EndWaitsSoon();
   /// As lpcserver::StopListen. The core cannot be started again.
-  void Stop();
+  void Stop() noexcept;
   /// Whether its threads have ended.
   bool HasEnded() const { return !started_.load(std::memory_order_acquire) || loop_->ThreadCount() == 0; }
   bool IsOwnThread() const { return started_.load(std::memory_order_acquire) && loop_->IsOwnThread(); }
@@ -65,7 +66,7 @@ class ServerCore final : public wire::LinkOwner, public std::enable_shared_from_
                                                std::shared_ptr<const void> lease) override;
   void OnPong(wire::Link& link) override;
   void OnLateReply(wire::Link& link) override;
-  void OnClosed(wire::Link& link, bool was_open, int error, const std::string& reason) override;
+  void OnClosed(wire::Link& link, bool was_open, int error, const std::string& reason) noexcept override;
 
  private:
   class Acceptor;
@@ -82,17 +83,21 @@ class ServerCore final : public wire::LinkOwner, public std::enable_shared_from_
     bool refused = false;              // and about to end
   };
 
+  int StartOrThrow(const std::string& name);
   void AcceptAll();
+  void PauseAccepting(int system_error) TOLM_EXCLUDES(half_open_mutex_);
   void Accept(std::unique_ptr<os::Stream> stream);
   bool TryToAdmit(const std::shared_ptr<wire::Link>& link, const std::string& id)
       TOLM_EXCLUDES(half_open_mutex_);
-  void Admit(const std::shared_ptr<wire::Link>& link, const std::string& id);
-  void Refuse(wire::Link& link, int error, const std::string& reason) TOLM_EXCLUDES(half_open_mutex_);
-  void TellRefused(wire::Link& link, int error, const std::string& reason);
-  void NoteRefused(const os::PeerIdentity& peer, const std::string& reason);
+  struct Admission;
+  void Admit(const std::shared_ptr<wire::Link>& link, Admission&& admission) noexcept;
+  bool IsToBeTold(wire::WorkList& event) noexcept;
+  void Refuse(wire::Link& link, int error, std::string_view reason) noexcept TOLM_EXCLUDES(half_open_mutex_);
+  void TellRefused(wire::Link& link, int error, std::string_view reason) noexcept;
+  void NoteRefused(const os::PeerIdentity& peer, std::string_view reason) noexcept;
   TimePoint Housekeeping(TimePoint now);
   void ListenFailed(int system_error);
-  void Forget(const wire::Link& link) TOLM_EXCLUDES(half_open_mutex_);
+  void Forget(const std::string& id, const wire::Link* link) TOLM_EXCLUDES(half_open_mutex_);
   void RefuseForHolder(const wire::Link& holder) TOLM_EXCLUDES(half_open_mutex_);
   std::uint64_t NextId(bool waiting);
 

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <exception>
-#include <system_error>
 #include <utility>
 
 #include "TolmBase/LogLine.h"
@@ -65,10 +64,8 @@ bool IoLoop::StartThreadLocked() {
   JoinEndedLocked();
   try {
     // The thread keeps the loop alive: it may outlast a Stop that was called on it.
-    std::thread thread([self = shared_from_this()] { self->ThreadMain(); });
-    const auto id = thread.get_id();
-    handles_.emplace(id, std::move(thread));
-  } catch (const std::system_error&) {
+    handles_.emplace_back([self = shared_from_this()] { self->ThreadMain(); });
+  } catch (const std::exception&) {
     return false;  // nothing is lost: the others do its work
   }
   ++threads_;
@@ -83,7 +80,7 @@ void IoLoop::JoinEndedLocked() {
 }
 
 void IoLoop::Stop() {
-  std::deque<Work> dropped;
+  WorkList dropped;
   os::UniqueLock lock(mutex_);
   stopping_ = true;
   dropped.swap(queue_);
@@ -101,7 +98,7 @@ void IoLoop::Stop() {
   if (own) --stoppers_;
   JoinEndedLocked();
   // What is left is inside Stop itself, and ends when its callback does.
-  for (auto& [id, thread] : handles_) thread.detach();
+  for (std::thread& thread : handles_) thread.detach();
   handles_.clear();
 }
 
@@ -141,21 +138,17 @@ bool IoLoop::TakesWorkNext() const {
 }
 
 void IoLoop::Post(Work work) {
-  const os::MutexLock lock(mutex_);
-  if (stopping_) return;
-  queue_.push_back(std::move(work));
-  if (!TakesWorkNext()) poller_->Wake(1);
+  WorkList one;
+  one.push_back(std::move(work));
+  Post(one);
 }
 
-void IoLoop::Post(std::vector<Work>& work) {
+void IoLoop::Post(WorkList& work) noexcept {
   if (work.empty()) return;
-  {
-    const os::MutexLock lock(mutex_);
-    if (stopping_) return;
-    for (Work& one : work) queue_.push_back(std::move(one));
-    if (!TakesWorkNext()) poller_->Wake(1);
-  }
-  work.clear();
+  const os::MutexLock lock(mutex_);
+  if (stopping_) return;
+  queue_.splice(queue_.end(), work);
+  if (!TakesWorkNext()) poller_->Wake(1);
 }
 
 bool IoLoop::MoreFollows() const {
@@ -164,11 +157,10 @@ bool IoLoop::MoreFollows() const {
 
 void IoLoop::FlushSoon(std::weak_ptr<IoHandler> handler) {
   const os::MutexLock lock(mutex_);
-  if (to_flush_.empty()) {
-    flush_at_ = Clock::now() + kFlushDelay;  // the timer ends behind it, never before
-    poller_->WakeIn(kFlushDelay);
-  }
   to_flush_.push_back(std::move(handler));
+  if (to_flush_.size() > 1) return;
+  flush_at_ = Clock::now() + kFlushDelay;  // the timer ends behind it, never before
+  poller_->WakeIn(kFlushDelay);
 }
 
 void IoLoop::FlushAllLocked() {
@@ -353,10 +345,10 @@ void IoLoop::ThreadMain() {
   }
   --free_;
   --threads_;
-  if (const auto own = handles_.find(std::this_thread::get_id()); own != handles_.end()) {
-    ended_.push_back(std::move(own->second));
-    handles_.erase(own);
-  }
+  const auto own = std::find_if(handles_.begin(), handles_.end(), [](const std::thread& thread) {
+    return thread.get_id() == std::this_thread::get_id();
+  });
+  if (own != handles_.end()) ended_.splice(ended_.end(), handles_, own);
   thread_ended_.notify_all();
 }
 

@@ -4,8 +4,8 @@
 
 #include <chrono>
 #include <cstdint>
-#include <deque>
 #include <functional>
+#include <list>
 #include <memory>
 #include <string>
 #include <thread>
@@ -18,6 +18,10 @@
 #include "os/Mutex.h"
 
 namespace lpc::wire {
+
+/// Work on its way to a loop. Whoever makes it makes its place in the queue, too, so that handing it on needs
+/// no memory.
+using WorkList = std::list<std::unique_ptr<Tolm::Base::CTask>>;
 
 /// What a readiness of a stream or a listener is for.
 class IoHandler {
@@ -55,7 +59,8 @@ class IoLoop : public std::enable_shared_from_this<IoLoop> {
   using Clock = std::chrono::steady_clock;
 
   /// Runs now and then on one thread of the loop (never on two at once), and says when to run again;
-  /// Clock::time_point::max() for "not until asked for". Must not block and must not call user code.
+  /// Clock::time_point::max() for "not until asked for". Must not block and must not call user code. When it
+  /// throws, it runs again after a moment.
   using Housekeeping = std::function<Clock::time_point(Clock::time_point now)>;
 
   IoLoop(std::unique_ptr<os::Poller> poller, const Options& options, const char* thread_name,
@@ -97,7 +102,8 @@ class IoLoop : public std::enable_shared_from_this<IoLoop> {
 
   /// Queues work that may block and may call user code.
   void Post(std::unique_ptr<Tolm::Base::CTask> work) TOLM_EXCLUDES(mutex_);
-  void Post(std::vector<std::unique_ptr<Tolm::Base::CTask>>& work) TOLM_EXCLUDES(mutex_);
+  /// The same for all of the list, which is empty afterwards unless the loop has been stopped.
+  void Post(WorkList& work) noexcept TOLM_EXCLUDES(mutex_);
   /// Calls handler->OnFlush when the calling thread has no more work, if it is one of the loop's, or a moment
   /// later. Only where CanFlushSoon.
   void FlushSoon(std::weak_ptr<IoHandler> handler);
@@ -137,14 +143,14 @@ class IoLoop : public std::enable_shared_from_this<IoLoop> {
   bool stopping_ TOLM_GUARDED_BY(mutex_) = false;
   std::unordered_map<std::uint64_t, std::weak_ptr<IoHandler>> handlers_ TOLM_GUARDED_BY(mutex_);
   std::uint64_t last_token_ TOLM_GUARDED_BY(mutex_) = 0;
-  std::deque<Work> queue_ TOLM_GUARDED_BY(mutex_);
+  WorkList queue_ TOLM_GUARDED_BY(mutex_);
   std::uint64_t taken_ TOLM_GUARDED_BY(mutex_) = 0;   // works taken out of the queue so far
   std::size_t threads_ TOLM_GUARDED_BY(mutex_) = 0;   // that have not ended
   std::size_t free_ TOLM_GUARDED_BY(mutex_) = 0;      // of these, not inside a callback and not absent
   std::size_t absent_ TOLM_GUARDED_BY(mutex_) = 0;    // of these, in an Absence, or running a task of a pool
   std::size_t stoppers_ TOLM_GUARDED_BY(mutex_) = 0;  // of these, inside Stop
-  std::unordered_map<std::thread::id, std::thread> handles_ TOLM_GUARDED_BY(mutex_);
-  std::vector<std::thread> ended_ TOLM_GUARDED_BY(mutex_);  // to be joined
+  std::list<std::thread> handles_ TOLM_GUARDED_BY(mutex_);
+  std::list<std::thread> ended_ TOLM_GUARDED_BY(mutex_);  // to be joined
 
   std::vector<std::weak_ptr<IoHandler>> to_flush_ TOLM_GUARDED_BY(mutex_);
   Clock::time_point flush_at_ TOLM_GUARDED_BY(mutex_);

@@ -2,8 +2,9 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdio>
 #include <exception>
-#include <iterator>
+#include <new>
 #include <utility>
 
 #include "TolmBase/LogLine.h"
@@ -14,6 +15,8 @@ namespace {
 
 constexpr char kTag[] = "TolmLPCServer";
 constexpr char kNotWritable[] = "it could not be written to";
+// Short enough for a string to hold it without memory of its own.
+constexpr char kNoMemory[] = "memory is short";
 constexpr char kTornMessage[] = "there is no memory for the rest of a message to it";
 constexpr std::size_t kReadBuffer = 64u << 10;
 constexpr std::size_t kBehindPlace = 4u << 10;
@@ -50,6 +53,12 @@ char* ReadBuffer() {
   return buffers.Get().bytes.data();
 }
 
+// Made when the first link is.
+const std::string& ClosedByPeer() {
+  static const std::string& text = *new std::string("the connection was closed");
+  return text;
+}
+
 }  // namespace
 
 // Counts a message as worked on until the last copy of its record is gone.
@@ -76,7 +85,7 @@ class Link::Sink final : public FrameSink {
   }
   void OnMessage(InboundMessage&& message) override { link_.HandleMessage(std::move(message), *this); }
 
-  std::vector<std::unique_ptr<Tolm::Base::CTask>> work;
+  WorkList work;
   bool hold = false;  // nothing more is to be read before Continue
   bool goodbye = false;
   int error = kPeerGone;
@@ -94,14 +103,22 @@ Link::Link(std::unique_ptr<os::Stream> stream, std::shared_ptr<IoLoop> loop, con
       owner_(owner),
       identity_(stream_->Peer()),
       queue_(*stream_, options_),
-      reader_(options_) {}
+      reader_(options_) {
+  ClosedByPeer();
+}
 
 Link::~Link() {
   pending_.FailAll(kPeerGone);
 }
 
 bool Link::Begin() {
-  token_ = loop_->Register(weak_from_this());
+  try {
+    token_ = loop_->Register(weak_from_this());
+  } catch (const std::exception&) {
+    const os::MutexLock lock(mutex_);
+    gone_ = true;
+    return false;
+  }
   {
     const os::MutexLock lock(mutex_);
     in_charge_ = false;
@@ -168,7 +185,11 @@ int Link::Send(const OutgoingMessage& message, bool more_follow, bool& blocked) 
   if (const int error = CheckLimits(message, send_limit_, options_.max_params); error != kOk) return error;
   switch (queue_.Send(message, more_follow)) {
     case SendQueue::Outcome::kGathered:
-      loop_->FlushSoon(weak_from_this());
+      try {
+        loop_->FlushSoon(weak_from_this());
+      } catch (const std::exception&) {
+        OnFlush();  // what nobody comes back to goes now
+      }
       return kOk;
     case SendQueue::Outcome::kSent:
     case SendQueue::Outcome::kQueued:
@@ -248,7 +269,7 @@ int Link::Lead(Waiter& waiter, IoLoop::Clock::time_point deadline, bool writes) 
     Sink sink(*this);
     const bool alive = !state.readable || ReadOrFail(sink);
     // Callbacks belong to the loop's threads: the host may hold a lock here that a callback wants.
-    DeliverAll(sink.work);
+    Deliver(sink.work);
     if (!alive) {
       CloseInCharge(sink.error, sink.reason);
       return waiter.WaitUntil(deadline);  // over already: all waiters have failed
@@ -262,16 +283,29 @@ int Link::Lead(Waiter& waiter, IoLoop::Clock::time_point deadline, bool writes) 
   }
 }
 
-void Link::SendControl(FrameType type, std::uint64_t message_id, const std::string& payload) {
-  const SendQueue::Outcome outcome = queue_.SendControl(type, message_id, payload);
+void Link::SendControl(FrameType type, std::uint64_t message_id, const std::string& payload) noexcept {
+  auto outcome = SendQueue::Outcome::kBroken;
+  try {
+    outcome = queue_.SendControl(type, message_id, payload);
+  } catch (const std::exception&) {
+    CutOff(kFailed, kNoMemory);
+    return;
+  }
   if (outcome == SendQueue::Outcome::kBlocked) AskForWritability();
   if (outcome == SendQueue::Outcome::kBroken) CutOff(kPeerGone, kNotWritable);
   if (outcome == SendQueue::Outcome::kFull)
     CutOff(kQueueFull, "it does not take the answers to what it sends");
 }
 
-void Link::SendNotice(FrameType type, std::uint64_t message_id, int code, const std::string& reason) {
-  SendControl(type, message_id, EncodeNotice({static_cast<std::uint16_t>(code), reason}));
+void Link::SendNotice(FrameType type, std::uint64_t message_id, int code, std::string_view reason) noexcept {
+  std::string payload;
+  try {
+    payload = EncodeNotice({static_cast<std::uint16_t>(code), std::string(reason)});
+  } catch (const std::exception&) {
+    CutOff(kFailed, kNoMemory);
+    return;
+  }
+  SendControl(type, message_id, payload);
 }
 
 void Link::AskForWritability() {
@@ -371,13 +405,13 @@ void Link::Work() {
   }
   if (alive && reader_.IsInLongMessage()) alive = ReadRestOfBody(sink);
   if (!alive) {
-    DeliverAll(sink.work);
+    Deliver(sink.work);
     CloseInCharge(sink.error, sink.reason);
     return;
   }
   CutOffIfFlooding();
   GiveUpCharge();
-  DeliverAll(sink.work);
+  Deliver(sink.work);
 }
 
 // The sender of a long body is about to go on. Waiting for it here spares the way through the poller, which
@@ -399,6 +433,10 @@ bool Link::ReadRestOfBody(Sink& sink) {
 bool Link::ReadOrFail(Sink& sink) {
   try {
     return ReadSome(sink);
+  } catch (const std::bad_alloc&) {
+    sink.error = kFailed;
+    sink.reason = kNoMemory;
+    return false;
   } catch (const std::exception& error) {
     sink.error = kFailed;
     try {
@@ -504,27 +542,20 @@ void Link::HandleMessage(InboundMessage&& message, Sink& sink) {
   }
 }
 
-void Link::DeliverAll(std::vector<std::unique_ptr<Tolm::Base::CTask>>& work) {
+void Link::Deliver(WorkList& work) noexcept {
   if (work.empty()) return;
   if (!delivering_.load(std::memory_order_acquire)) {
     const os::MutexLock lock(mutex_);
     if (!delivering_.load(std::memory_order_relaxed)) {
-      std::move(work.begin(), work.end(), std::back_inserter(kept_));
-      work.clear();
+      kept_.splice(kept_.end(), work);
       return;
     }
   }
   loop_->Post(work);
 }
 
-void Link::Deliver(std::unique_ptr<Tolm::Base::CTask> work) {
-  std::vector<std::unique_ptr<Tolm::Base::CTask>> one;
-  one.push_back(std::move(work));
-  DeliverAll(one);
-}
-
 void Link::StartDelivery() {
-  std::vector<std::unique_ptr<Tolm::Base::CTask>> kept;  // destroyed unlocked when the loop takes nothing
+  WorkList kept;  // destroyed unlocked when the loop takes nothing
   const os::MutexLock lock(mutex_);
   kept.swap(kept_);
   loop_->Post(kept);
@@ -535,7 +566,9 @@ void Link::StartDelivery() {
 void Link::CutOffIfFlooding() {
   const std::size_t bytes = inbound_bytes_.load(std::memory_order_relaxed);
   if (bytes <= 4 * options_.max_inbound_bytes) return;
-  CutOff(kQueueFull, "it sends more than is worked on: " + std::to_string(bytes) + " bytes");
+  char reason[80];
+  std::snprintf(reason, sizeof reason, "it sends more than is worked on: %zu bytes", bytes);
+  CutOff(kQueueFull, reason);
 }
 
 bool Link::MayReadMore() {
@@ -559,13 +592,17 @@ void Link::ReturnLease(std::size_t bytes) {
 
 // --- the end ---
 
-void Link::CutOff(int error, const std::string& reason) {
+void Link::CutOff(int error, std::string_view reason) noexcept {
   {
     const os::MutexLock lock(mutex_);
     // What was done wrong says more than that it is gone.
     if (close_reason_.empty() || (close_error_ == kPeerGone && error != kPeerGone)) {
       close_error_ = error;
-      close_reason_ = reason;
+      try {
+        close_reason_ = reason;
+      } catch (const std::exception&) {
+        close_reason_ = kNoMemory;
+      }
     }
   }
   // The last words of a peer that is merely gone are still read.
@@ -573,24 +610,22 @@ void Link::CutOff(int error, const std::string& reason) {
   stream_->Shutdown();  // the poller tells a thread, which closes
 }
 
-void Link::CloseInCharge(int error, const std::string& reason) {
+void Link::CloseInCharge(int error, std::string& reason) noexcept {
   int known_error = error;
-  std::string known_reason = reason;
   {
     const os::MutexLock lock(mutex_);
     gone_ = true;
     // Its last words say more than that it could not be written to any more.
-    if (close_error_ != kPeerGone || known_reason.empty()) {
+    if (close_error_ != kPeerGone || reason.empty()) {
       known_error = close_error_;
-      known_reason = close_reason_;
+      reason = std::move(close_reason_);
     }
   }
-  if (known_reason.empty()) known_reason = "the connection was closed";
   const bool was_open = open_.exchange(false, std::memory_order_acq_rel);
   loop_->Unregister(*stream_, token_);
   FailSenders(kPeerGone);
   stream_->Shutdown();
-  owner_.OnClosed(*this, was_open, known_error, known_reason);
+  owner_.OnClosed(*this, was_open, known_error, reason.empty() ? ClosedByPeer() : reason);
 }
 
 void Link::FailWaiters(int error) {
@@ -608,7 +643,7 @@ void Link::WaitUntilSent(int milliseconds) {
 }
 
 void Link::Abandon() {
-  std::vector<std::unique_ptr<Tolm::Base::CTask>> kept;  // destroyed unlocked
+  WorkList kept;  // destroyed unlocked
   {
     const os::MutexLock lock(mutex_);
     gone_ = true;

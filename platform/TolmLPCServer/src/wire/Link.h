@@ -8,7 +8,6 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "TolmBase/Task.h"
 #include "TolmLPCServer/LpcError.h"
@@ -46,8 +45,9 @@ class LinkOwner {
   virtual void OnPong(Link& link) = 0;
   virtual void OnLateReply(Link& link) = 0;
   /// The connection has ended; nothing is called for this link any more. `was_open` tells whether its
-  /// handshake was over; `error` is kPeerGone, or what was done wrong.
-  virtual void OnClosed(Link& link, bool was_open, int error, const std::string& reason) = 0;
+  /// handshake was over; `error` is kPeerGone, or what was done wrong. Needs no memory: what is to be
+  /// delivered was made before (Link::KeepForEnd).
+  virtual void OnClosed(Link& link, bool was_open, int error, const std::string& reason) noexcept = 0;
 
  protected:
   ~LinkOwner() = default;
@@ -81,7 +81,12 @@ class Link final : public IoHandler, public std::enable_shared_from_this<Link> {
   /// The peer's "connected" event is over: what arrived since Open is delivered, and what comes.
   void StartDelivery();
   /// Queues work that belongs to this connection, in its turn behind what arrived before.
-  void Deliver(std::unique_ptr<Tolm::Base::CTask> work);
+  void Deliver(WorkList& work) noexcept;
+  /// Work that the owner will want when the connection ends, be memory as short as it may then. Before Begin,
+  /// or inside OnHandshake and while the link is on hold.
+  void KeepForEnd(WorkList work) { for_end_ = std::move(work); }
+  /// Inside OnClosed: what was kept.
+  WorkList TakeForEnd() { return std::move(for_end_); }
   /// Since Open, and until the end of the connection.
   bool IsOpen() const { return open_.load(std::memory_order_acquire); }
 
@@ -89,12 +94,13 @@ class Link final : public IoHandler, public std::enable_shared_from_this<Link> {
   int Send(const OutgoingMessage& message);
   /// Sends a request and waits. kOk with the reply in `reply`, or the error.
   int SendAndWait(const OutgoingMessage& request, int time_out_ms, InboundMessage& reply);
-  void SendControl(FrameType type, std::uint64_t message_id = 0, const std::string& payload = {})
+  /// These two cut the peer off when there is no memory for what it has to be told.
+  void SendControl(FrameType type, std::uint64_t message_id = 0, const std::string& payload = {}) noexcept
       TOLM_EXCLUDES(mutex_);
-  void SendNotice(FrameType type, std::uint64_t message_id, int code, const std::string& reason);
+  void SendNotice(FrameType type, std::uint64_t message_id, int code, std::string_view reason) noexcept;
 
   /// Ends the connection: OnClosed follows on a thread of the loop. Any thread, any number of times.
-  void CutOff(int error, const std::string& reason) TOLM_EXCLUDES(mutex_);
+  void CutOff(int error, std::string_view reason) noexcept TOLM_EXCLUDES(mutex_);
   /// Fails whoever waits for a reply, now and later, and refuses to send; for an end that stops.
   void FailSenders(int error);
   /// Fails whoever waits for a reply, now and later; a thread that reads for others notices a moment later.
@@ -131,11 +137,10 @@ class Link final : public IoHandler, public std::enable_shared_from_this<Link> {
   bool SayGoodbye(Sink& sink);
   void HandleControl(const FrameHeader& header, std::string_view payload, Sink& sink);
   void HandleMessage(InboundMessage&& message, Sink& sink);
-  void DeliverAll(std::vector<std::unique_ptr<Tolm::Base::CTask>>& work) TOLM_EXCLUDES(mutex_);
   void AskForWritability() TOLM_EXCLUDES(mutex_);
   void BoundStall();
   void ArmLocked() TOLM_REQUIRES(mutex_);
-  void CloseInCharge(int error, const std::string& reason) TOLM_EXCLUDES(mutex_);
+  void CloseInCharge(int error, std::string& reason) noexcept TOLM_EXCLUDES(mutex_);
   void CutOffIfFlooding();
   bool MayReadMore();
   void ReturnLease(std::size_t bytes) TOLM_EXCLUDES(mutex_);
@@ -154,6 +159,7 @@ class Link final : public IoHandler, public std::enable_shared_from_this<Link> {
   std::atomic<bool> cut_off_{false};  // for what the peer did: nothing of it is read any more
 
   std::uint64_t token_ = 0;  // set by Begin
+  WorkList for_end_;         // of the thread in charge
 
   FrameReader reader_;  // of the thread in charge
 
@@ -167,7 +173,7 @@ class Link final : public IoHandler, public std::enable_shared_from_this<Link> {
   // Continue may come from another thread before the one in charge has come back from OnHandshake.
   bool on_hold_ TOLM_GUARDED_BY(mutex_) = false;
   bool continued_ TOLM_GUARDED_BY(mutex_) = false;
-  std::vector<std::unique_ptr<Tolm::Base::CTask>> kept_ TOLM_GUARDED_BY(mutex_);  // until delivering_
+  WorkList kept_ TOLM_GUARDED_BY(mutex_);  // until delivering_
   int close_error_ TOLM_GUARDED_BY(mutex_) = kPeerGone;
   std::string close_reason_ TOLM_GUARDED_BY(mutex_);
 };

@@ -399,11 +399,10 @@ SendQueue::Outcome SendQueue::Resume() {
 }
 
 void SendQueue::Close() {
-  std::deque<std::unique_ptr<Item>> dropped;
   const os::MutexLock lock(mutex_);
   CloseLocked();
   // A thread that writes uses the items; they go with the queue then.
-  if (!writing_) dropped.swap(items_);
+  if (!writing_) items_.clear();
 }
 
 void SendQueue::CloseLocked() {
