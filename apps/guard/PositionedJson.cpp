@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "TolmProto/JsonEscapes.h"
+#include "TolmProto/RapidJsonMemory.h"
 
 namespace guard {
 namespace {
@@ -126,7 +127,7 @@ bool ReadJson(std::string_view text, std::size_t max_depth, JsonValue& value, Po
   value = {};
   rapidjson::MemoryStream stream(text.data(), text.size());
   Builder builder(text, max_depth, stream, value);
-  rapidjson::Reader reader;
+  rapidjson::GenericReader<rapidjson::UTF8<>, rapidjson::UTF8<>, proto::RapidJsonMemory> reader;
   const rapidjson::ParseResult result =
       reader.Parse<rapidjson::kParseValidateEncodingFlag | rapidjson::kParseNumbersAsStringsFlag>(stream,
                                                                                                   builder);

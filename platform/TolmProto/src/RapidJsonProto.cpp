@@ -17,13 +17,19 @@
 #include <vector>
 
 #include "TolmProto/JsonEscapes.h"
+#include "TolmProto/RapidJsonMemory.h"
 
 namespace proto {
 namespace {
 
 using rapidjson::SizeType;
-using rapidjson::Value;
-using Allocator = rapidjson::Document::AllocatorType;
+using Allocator = rapidjson::MemoryPoolAllocator<RapidJsonMemory>;
+using Json = rapidjson::GenericDocument<rapidjson::UTF8<>, Allocator, RapidJsonMemory>;
+using Value = Json::ValueType;
+using Reader = rapidjson::GenericReader<rapidjson::UTF8<>, rapidjson::UTF8<>, RapidJsonMemory>;
+using Buffer = rapidjson::GenericStringBuffer<rapidjson::UTF8<>, RapidJsonMemory>;
+using Writer = rapidjson::Writer<Buffer, rapidjson::UTF8<>, rapidjson::UTF8<>, RapidJsonMemory>;
+using PrettyWriter = rapidjson::PrettyWriter<Buffer, rapidjson::UTF8<>, rapidjson::UTF8<>, RapidJsonMemory>;
 
 constexpr std::size_t kMaxTextSize = std::numeric_limits<std::int32_t>::max();
 constexpr std::uint32_t kMaxIndexToSet = 1'000'000;
@@ -136,7 +142,7 @@ bool IsTiny(std::string_view number) {
 /// own arithmetic with exponents overflows on numbers that are made for it.
 class Builder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Builder> {
  public:
-  explicit Builder(rapidjson::Document& document) : document_(document) {}
+  explicit Builder(Json& document) : document_(document) {}
 
   bool Null() { return document_.Null(); }
   bool Bool(bool value) { return document_.Bool(value); }
@@ -165,29 +171,29 @@ class Builder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Builder> 
   }
 
  private:
-  rapidjson::Document& document_;
+  Json& document_;
 };
 
 /// Reads the whole of `text` in place: the document's texts stay where they are, so that a long one is held
 /// once and not three times over. Iterative, so that no nesting exhausts the stack. `text` must outlive
 /// `document`.
-bool ParseInto(rapidjson::Document& document, std::string& text) {
+bool ParseInto(Json& document, std::string& text) {
   if (text.size() > kMaxTextSize) return false;
   // The reader finds first halves only.
   if (FindUnpairedSurrogate(text) != std::string::npos) return false;
   const std::size_t mark = text.starts_with("\xEF\xBB\xBF") ? 3 : 0;
   rapidjson::InsituStringStream stream(text.data() + mark);
   const char* const end = text.data() + text.size();
-  const auto read = [&stream, end](rapidjson::Document& target) {
+  const auto read = [&stream, end](Json& target) {
     constexpr unsigned kFlags =
         rapidjson::kParseIterativeFlag | rapidjson::kParseInsituFlag | rapidjson::kParseNumbersAsStringsFlag;
     Builder builder(target);
-    rapidjson::Reader reader;
+    Reader reader;
     // The stream shows its end as a NUL; a NUL in the text must not pass for it.
     return !reader.Parse<kFlags>(stream, builder).IsError() && stream.src_ == end;
   };
   bool complete = false;
-  const auto generate = [&](rapidjson::Document& target) { return complete = read(target); };
+  const auto generate = [&](Json& target) { return complete = read(target); };
   document.Populate(generate);
   return complete;
 }
@@ -235,7 +241,7 @@ std::size_t Walk(const Value& root, Handler& handler) {
 
 struct CRapidJsonProto::Document {
   std::string text;  // what was read; texts of `json` lie in it
-  rapidjson::Document json{rapidjson::kObjectType};
+  Json json{rapidjson::kObjectType};
 };
 
 CRapidJsonProto::CRapidJsonProto() : document_(std::make_unique<Document>()) {}
@@ -269,14 +275,14 @@ int CRapidJsonProto::get_cnt(const std::string& path) const {
 
 bool CRapidJsonProto::set_v(const std::string& path, int value) {
   if (!IsPathToSet(path)) return false;
-  rapidjson::Document& json = document_->json;
+  Json& json = document_->json;
   Make(json, path, json.GetAllocator()).SetInt(value);
   return true;
 }
 
 bool CRapidJsonProto::set_v(const std::string& path, const std::string& value) {
   if (!IsPathToSet(path) || value.size() > kMaxTextSize) return false;
-  rapidjson::Document& json = document_->json;
+  Json& json = document_->json;
   Make(json, path, json.GetAllocator()).SetString(value, json.GetAllocator());
   return true;
 }
@@ -286,14 +292,14 @@ bool CRapidJsonProto::set_v(const std::string& path, const char* value) {
 }
 
 std::string CRapidJsonProto::get_str(int style) const {
-  const rapidjson::Document& json = document_->json;
-  rapidjson::StringBuffer buffer;
+  const Json& json = document_->json;
+  Buffer buffer;
   rapidjson::BaseReaderHandler<> nobody;
   if (style != 0 && Walk(json, nobody) <= kMaxIndentedDepth) {
-    rapidjson::PrettyWriter<rapidjson::StringBuffer> writer(buffer);
+    PrettyWriter writer(buffer);
     Walk(json, writer);
   } else {
-    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+    Writer writer(buffer);
     Walk(json, writer);
   }
   return {buffer.GetString(), buffer.GetSize()};
