@@ -1,6 +1,7 @@
 #include "Agent.h"
 
 #include <algorithm>
+#include <exception>
 #include <future>
 #include <random>
 #include <thread>
@@ -15,6 +16,8 @@ namespace tolm::agent {
 namespace {
 
 using std::chrono::milliseconds;
+
+constexpr milliseconds kShortagePause{100};
 
 std::function<double()> Random() {
   return
@@ -97,7 +100,12 @@ bool Agent::Run(std::unique_ptr<os::ProcessLock> only_one) {
 
 void Agent::WorkUntilEnd() {
   for (;;) {
-    if (!guard_ && Clock::now() >= next_start_) StartGuard();
+    try {
+      if (!guard_ && Clock::now() >= next_start_) StartGuard();
+    } catch (const std::exception& error) {
+      AGENT_LOG_ERROR("The guard cannot be started for now: %s", error.what());
+      next_start_ = Clock::now() + kShortagePause;
+    }
     if (IsHostGone()) {
       AGENT_LOG_WARNING("The host %s has not been running for %lld ms", host_executable_.c_str(),
                         Count(options_.times.host_gone));
@@ -122,7 +130,13 @@ bool Agent::IsHostGone() {
   if (host_executable_.empty() || now < next_look_) return false;
   next_look_ = now + options_.times.host_interval;
   const bool was_seen = host_.WasSeen();
-  const bool is_gone = host_.IsGone(now);
+  bool is_gone = false;
+  try {
+    is_gone = host_.IsGone(now);
+  } catch (const std::exception& error) {
+    AGENT_LOG_WARNING("The host cannot be looked for: %s", error.what());
+    return false;
+  }
   if (!was_seen && host_.WasSeen()) AGENT_LOG_INFO("The host %s runs", host_executable_.c_str());
   return is_gone;
 }

@@ -8,17 +8,20 @@ namespace guard {
 
 class Children::Child : public Process {
  public:
-  Child(Children& owner, std::unique_ptr<os::ChildProcess> process)
-      : owner_(owner), process_(std::move(process)) {}
-  ~Child() override { owner_.Bury(std::move(process_)); }
+  explicit Child(Children& owner) : owner_(owner), process_(1) {}
+  ~Child() override { owner_.Bury(process_); }
 
-  long id() const override { return process_->id(); }
-  void AskToEnd() override { process_->AskToEnd(); }
-  void KillTree() override { process_->KillTree(); }
+  bool Start(os::ProcessRequest request, std::string& why) {
+    process_.front() = os::ChildProcess::Start(std::move(request), why);
+    return process_.front() != nullptr;
+  }
+  long id() const override { return process_.front()->id(); }
+  void AskToEnd() override { process_.front()->AskToEnd(); }
+  void KillTree() override { process_.front()->KillTree(); }
 
  private:
   Children& owner_;
-  std::unique_ptr<os::ChildProcess> process_;
+  Grave process_;  // one, whose place among the dead is made before it lives
 };
 
 Children::Children() : thread_([this] { ThreadMain(); }) {}
@@ -33,14 +36,13 @@ Children::~Children() {
 }
 
 std::unique_ptr<Process> Children::Start(os::ProcessRequest request, std::string& why) {
-  auto process = os::ChildProcess::Start(std::move(request), why);
-  if (!process) return nullptr;
-  return std::make_unique<Child>(*this, std::move(process));
+  auto child = std::make_unique<Child>(*this);
+  return child->Start(std::move(request), why) ? std::move(child) : nullptr;
 }
 
-void Children::Bury(std::unique_ptr<os::ChildProcess> process) {
+void Children::Bury(Grave& process) noexcept {
   const os::MutexLock lock(mutex_);
-  dead_.push_back(std::move(process));
+  dead_.splice(dead_.end(), process);
   changed_.notify_one();
 }
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <deque>
+#include <list>
 #include <memory>
 #include <string>
 #include <thread>
@@ -27,12 +27,14 @@ class Children {
  private:
   class Child;
 
-  void Bury(std::unique_ptr<os::ChildProcess> process);
+  using Grave = std::list<std::unique_ptr<os::ChildProcess>>;
+
+  void Bury(Grave& process) noexcept;
   void ThreadMain();
 
   os::Mutex mutex_;
   os::Condition changed_;
-  std::deque<std::unique_ptr<os::ChildProcess>> dead_ TOLM_GUARDED_BY(mutex_);
+  Grave dead_ TOLM_GUARDED_BY(mutex_);
   bool stopping_ TOLM_GUARDED_BY(mutex_) = false;
 
   std::thread thread_;  // the last member: it uses the others

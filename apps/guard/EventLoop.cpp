@@ -59,8 +59,13 @@ void EventLoop::Post(Task task) {
 Scheduler::TimerId EventLoop::After(Milliseconds delay, Task task) {
   const TimerId timer = ++last_timer_;
   const TimePoint due = Clock::now() + delay;
-  timers_.emplace(std::pair(due, timer), std::move(task));
-  due_.emplace(timer, due);
+  const auto noted = due_.emplace(timer, due).first;
+  try {
+    timers_.emplace(std::pair(due, timer), std::move(task));
+  } catch (...) {
+    due_.erase(noted);
+    throw;
+  }
   return timer;
 }
 

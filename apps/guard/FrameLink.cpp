@@ -37,6 +37,7 @@ constexpr std::size_t kKeptBuffer = 1u << 20;
 constexpr std::chrono::seconds kConnectTimeOut{2};
 constexpr std::chrono::seconds kHandshakeTimeOut{5};
 constexpr Milliseconds kCloseTimeOut{200};
+constexpr Milliseconds kShortagePause{50};
 
 }  // namespace
 
@@ -51,17 +52,20 @@ class FrameLink::Impl {
         retry_(options_.first_retry) {}
 
   void Start() {
+    asio::post(context_, [this] { Connect(); });
     thread_ = std::thread([this] {
       os::SetThreadName("guard-link");
-      asio::post(context_, [this] { Connect(); });
-      while (!RunOnce()) {
-      }
+      while (!RunOnce()) std::this_thread::sleep_for(kShortagePause);
     });
   }
 
   void Stop() {
     if (!thread_.joinable()) return;
-    asio::post(context_, [this] { Close(); });
+    try {
+      asio::post(context_, [this] { Close(); });
+    } catch (const std::exception&) {
+      context_.stop();  // without a goodbye
+    }
     thread_.join();
     // Handlers that never ran hold it as well, for as long as the link exists.
     if (current_) beast::get_lowest_layer(current_->stream).close();
@@ -81,11 +85,18 @@ class FrameLink::Impl {
                text.size());
       return false;
     }
-    queued_bytes_ += text.size();
+    const std::size_t bytes = text.size();
     queue_.push_back(std::move(text));
-    if (!std::exchange(writing_, true)) {
-      asio::post(context_, [this, connection = connection_] { Write(connection); });
+    if (!writing_) {
+      try {
+        asio::post(context_, [this, connection = connection_] { Write(connection); });
+      } catch (...) {
+        queue_.pop_back();
+        throw;
+      }
     }
+    queued_bytes_ += bytes;
+    writing_ = true;
     return true;
   }
 
@@ -258,8 +269,15 @@ class FrameLink::Impl {
       context_.stop();
       return;
     }
-    if (was_connected) handlers_.on_lost();
+    owes_loss_ = owes_loss_ || was_connected;
+    TellLoss();
     Retry(why);
+  }
+
+  void TellLoss() {
+    if (!owes_loss_) return;
+    handlers_.on_lost();
+    owes_loss_ = false;
   }
 
   // Once nothing is queued, with the closing handshake, for which the frame has a moment.
@@ -282,18 +300,29 @@ class FrameLink::Impl {
                                  [this, connection = current_](const error_code&) { context_.stop(); });
   }
 
-  // Whether there is nothing more to do. A shortage of memory costs the connection, not the link.
+  // Whether there is nothing more to do. A shortage of memory costs the connection, not the link; and it may
+  // last, so that giving the connection up is tried again as well.
   bool RunOnce() {
     try {
+      if (failed_) GiveUp();
+      failed_ = false;
       context_.run();
       return true;
     } catch (const std::exception& error) {
-      if (current_) {
-        Lose(current_, std::string("the connection is given up: ") + error.what());
-      } else {
-        Retry(error.what());
-      }
+      TOLM_LOG(Tolm::Base::kLogLevelWarning, kTag, "the connection is given up: %s", error.what());
+      failed_ = true;
       return false;
+    }
+  }
+
+  void GiveUp() {
+    if (stopping_) {
+      context_.stop();
+    } else if (const ConnectionPtr lost = current_) {  // a copy: current_ goes before the rest of it
+      Lose(lost, "the connection was given up");
+    } else {
+      TellLoss();
+      Retry("the connection was given up");
     }
   }
 
@@ -307,6 +336,8 @@ class FrameLink::Impl {
   std::string last_reason_;
   ConnectionPtr current_;
   bool stopping_ = false;
+  bool failed_ = false;     // the last run ended with an exception
+  bool owes_loss_ = false;  // on_lost has not been called yet
 
   os::Mutex mutex_;
   bool connected_ TOLM_GUARDED_BY(mutex_) = false;

@@ -30,15 +30,6 @@ std::string Seconds(Milliseconds time) {
   return text;
 }
 
-template <typename Work>
-void OnOtherThread(const Work& work) {
-  try {
-    work();
-  } catch (const std::exception& error) {
-    TOLM_LOG(kLogLevelError, kTag, "output or the end of a plugin is lost: %s", error.what());
-  }
-}
-
 }  // namespace
 
 std::shared_ptr<PluginSupervisor> PluginSupervisor::Make(std::string id, std::filesystem::path log_file,
@@ -141,16 +132,18 @@ void PluginSupervisor::StartProcess() {
   request.arguments.insert(request.arguments.end(), extra_arguments_.begin(), extra_arguments_.end());
   request.working_folder = manifest_.working_folder.string();
   request.environment = manifest_.environment;
-  // These run on threads of the process's own, which no exception may leave.
+  // These run on threads of the process's own.
   request.on_output = [output = output_](std::string_view bytes) {
-    OnOtherThread([&] { output->Write(bytes); });
+    try {
+      output->Write(bytes);
+    } catch (const std::exception& error) {
+      TOLM_LOG(kLogLevelError, kTag, "output of a plugin is lost: %s", error.what());
+    }
   };
   request.on_end = [weak = weak_from_this(), &scheduler = surroundings_.scheduler,
                     run](const os::ProcessEnd& end) {
-    OnOtherThread([&] {
-      scheduler.Post([weak, run, end] {
-        if (const auto self = weak.lock()) self->OnEnded(run, end);
-      });
+    scheduler.Post([weak, run, end] {
+      if (const auto self = weak.lock()) self->OnEnded(run, end);
     });
   };
 
@@ -273,12 +266,16 @@ void PluginSupervisor::CancelTimer() {
   surroundings_.scheduler.Cancel(std::exchange(timer_, 0));
 }
 
-void PluginSupervisor::Diagnose() {
+void PluginSupervisor::Diagnose() noexcept {
   surroundings_.scheduler.Cancel(std::exchange(diagnosis_timer_, 0));
   if (diagnosis_.empty()) return;
   std::string lines;
-  for (const std::string& line : output_->LastLines()) lines += "\n    " + line;
-  if (lines.empty()) lines = " none";
+  try {
+    for (const std::string& line : output_->LastLines()) lines += "\n    " + line;
+    if (lines.empty()) lines = " none";
+  } catch (const std::exception&) {
+    lines = " (no memory)";
+  }
   TOLM_LOG(kLogLevelError, kTag, "plugin %s: ended soon after its start: %s; its last lines:%s", id_.c_str(),
            diagnosis_.c_str(), lines.c_str());
   diagnosis_.clear();

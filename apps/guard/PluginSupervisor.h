@@ -79,7 +79,7 @@ class PluginSupervisor : public std::enable_shared_from_this<PluginSupervisor> {
   void SetTimer(Milliseconds delay, void (PluginSupervisor::*then)());
   void CancelTimer();
   void OnGraceOver();
-  void Diagnose();
+  void Diagnose() noexcept;
 
   const std::string id_;
   const PluginSurroundings& surroundings_;
