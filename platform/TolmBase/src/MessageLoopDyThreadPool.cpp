@@ -3,13 +3,13 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
-#include <deque>
 #include <exception>
 #include <list>
 #include <string>
 #include <thread>
 #include <utility>
 
+#include "TaskQueue.h"
 #include "TolmBase/LogLine.h"
 #include "TolmBase/TaskThread.h"
 #include "os/Mutex.h"
@@ -18,7 +18,6 @@
 namespace Tolm::Base {
 namespace {
 
-using Queue = std::deque<std::unique_ptr<CTask>>;
 using Threads = std::list<std::thread>;
 
 /// When so many threads are guests elsewhere, their tasks are long ones, and others had better be woken.
@@ -112,7 +111,7 @@ struct CMessageLoopDyThreadPool::Core final : CTaskThread::IHost, std::enable_sh
   os::Condition work_or_stop;
   os::Condition guest_left;
   State state TOLM_GUARDED_BY(mutex) = State::kNew;
-  Queue queue TOLM_GUARDED_BY(mutex);
+  TaskQueue queue TOLM_GUARDED_BY(mutex);
   Threads members TOLM_GUARDED_BY(mutex);
   Threads leavers TOLM_GUARDED_BY(mutex);
   Threads ended TOLM_GUARDED_BY(mutex);
@@ -271,8 +270,7 @@ void CMessageLoopDyThreadPool::Core::ThreadMain(std::uint64_t own_generation) {
     // Guests, and threads that were absent, may have taken all places.
     const bool has_place = state != State::kRunning || Busy() <= max_threads;
     if (!queue.empty() && has_place) {
-      std::unique_ptr<CTask> task = std::move(queue.front());
-      queue.pop_front();
+      std::unique_ptr<CTask> task = queue.Pop();
       const Called called = CallAnother();
       lock.unlock();
       Finish(called);
@@ -344,7 +342,7 @@ bool CMessageLoopDyThreadPool::Stop(bool drain) {
   std::unique_lock<os::Mutex> joining(core->joining, std::defer_lock);
   const bool joins_members = is_own_thread && joining.try_lock();
   bool was_running = false;
-  Queue unrun;
+  TaskQueue unrun;
   Threads to_join;
   {
     const os::MutexLock lock(core->mutex);
@@ -359,7 +357,7 @@ bool CMessageLoopDyThreadPool::Stop(bool drain) {
     }
     core->work_or_stop.notify_all();
   }
-  unrun.clear();
+  while (!unrun.empty()) unrun.Pop();
   if (!is_own_thread) {
     joining.lock();
     const os::MutexLock lock(core->mutex);
@@ -402,6 +400,7 @@ bool CMessageLoopDyThreadPool::PostTask(CTask* task) {
   Core& core = *shared;
   CTaskThread* const next = CTaskThread::InLastAct();
   auto called = Core::Called::kEnough;
+  bool lacks_memory = false;
   {
     const os::MutexLock lock(core.mutex);
     if (core.state == Core::State::kStopped) return false;
@@ -409,15 +408,20 @@ bool CMessageLoopDyThreadPool::PostTask(CTask* task) {
       next->Follow(shared, std::move(owned));
       return true;
     }
-    core.queue.push_back(std::move(owned));
-    called = core.CallAnother();
+    try {
+      core.queue.Push(std::move(owned));
+    } catch (const std::exception&) {
+      lacks_memory = true;
+    }
+    if (!lacks_memory) called = core.CallAnother();
     const bool is_short = called == Core::Called::kShort || called == Core::Called::kNewlyShort;
     if (is_short && core.members.empty()) {
-      owned = std::move(core.queue.back());
-      core.queue.pop_back();
+      owned = core.queue.PopNewest();
     }
   }
-  if (owned) {
+  if (lacks_memory) {
+    TOLM_LOG(kLogLevelError, "TolmBase", "The pool %s has no memory for a task", core.name.c_str());
+  } else if (owned) {
     TOLM_LOG(kLogLevelError, "TolmBase", "The pool %s has no thread for a task and can make none",
              core.name.c_str());
   } else {

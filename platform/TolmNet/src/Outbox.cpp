@@ -89,11 +89,11 @@ void Outbox::Done() {
 }
 
 std::size_t Outbox::Shut() {
-  std::deque<OutgoingFrame> lost;
   const os::MutexLock lock(mutex_);
   shut_ = true;
-  lost.swap(frames_);
-  return lost.size();
+  const std::size_t lost = frames_.size();
+  frames_.clear();
+  return lost;
 }
 
 }  // namespace Tolm::Net

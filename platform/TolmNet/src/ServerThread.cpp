@@ -147,6 +147,23 @@ void ServerThread::FlushAll() {
 
 // ------------------------------------------------------------------------------- Accepting
 
+// The library that calls these two knows no exceptions.
+void ServerThread::OnListener() {
+  const bool done = Guarded([this] {
+    AcceptAll();
+    return true;
+  });
+  if (!done) RestFromAccepting("memory is short");
+}
+
+void ServerThread::OnTick() {
+  const bool done = Guarded([this] {
+    LookAtClocks();
+    return true;
+  });
+  if (!done) EnsureTick();
+}
+
 void ServerThread::AcceptAll() {
   for (int turn = 0; turn < kAcceptTurn && reading_; ++turn) {
     Accepted accepted;

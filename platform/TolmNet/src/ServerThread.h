@@ -34,8 +34,8 @@ class ServerThread final : public std::enable_shared_from_this<ServerThread>, pr
   };
 
   // EventLoop::Handler
-  void OnListener() override { AcceptAll(); }
-  void OnTick() override { LookAtClocks(); }
+  void OnListener() override;
+  void OnTick() override;
   bool OnClient(EventLoop::Client& client, EventLoop::Event event, const char* data,
                 std::size_t size) override;
 

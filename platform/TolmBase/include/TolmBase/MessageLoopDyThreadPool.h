@@ -46,8 +46,8 @@ class CMessageLoopDyThreadPool : CNoncopyable {
 
   /// Queues `task` and owns it from then on, whatever is returned. Never blocks, never runs the task before
   /// it returns, nor on the calling thread, unless that is in its last act (TaskThread.h). False for a null
-  /// task, after Stop, and when the pool is running without a thread and none can be made: the task is then
-  /// destroyed, on the calling thread.
+  /// task, after Stop, when the pool is running without a thread and none can be made, and when memory is
+  /// short: the task is then destroyed, on the calling thread.
   bool PostTask(CTask* task);
 
   /// Threads of its own that exist now, for diagnostics and tests.

@@ -5,7 +5,7 @@
 
 #include <mutex>
 #include <new>
-#include <string>
+#include <string_view>
 
 #include "PipeSignal.h"
 #include "ServerOptions.h"
@@ -25,9 +25,9 @@ constexpr unsigned int kMaxDescriptors = 64U * 1024;
 // What libwebsockets says goes to our log, and only what it calls an error; for all of the process, since
 // it has no other way.
 void LogLine(int, const char* text) {
-  std::string line(text);
-  while (!line.empty() && line.back() == '\n') line.pop_back();
-  TOLM_LOG(kLogLevelError, kLogTag, "%s", line.c_str());
+  std::string_view line(text);
+  while (!line.empty() && line.back() == '\n') line.remove_suffix(1);
+  TOLM_LOG(kLogLevelError, kLogTag, "%.*s", static_cast<int>(line.size()), line.data());
 }
 
 void TakeLibraryLog() {
