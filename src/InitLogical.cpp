@@ -4,6 +4,7 @@
 #include <optional>
 
 #include "TolmBase/LogLine.h"
+#include "common/CaughtException.h"
 #include "common/Constants.h"
 #include "common/Gate.h"
 #include "lpcintegratemodule/LPCIntegrate.h"
@@ -42,11 +43,13 @@ void ReopenPools() {
   CSingleton<CMessageLoopForWebSocket>::Instance().Reopen();
 }
 
-void StartPools() {
-  CSingleton<CMessageLoopForNetCallBack>::Instance().Start(2, 30, 0);
-  CSingleton<CMessageLoopForMainFrameWork>::Instance().Start(2, 30, 0);
-  CSingleton<CMessageLoopForPlugins>::Instance().Start(2, 30, 0);
-  CSingleton<CMessageLoopForWebSocket>::Instance().Start(2, 10, 5);
+/// False when one has not a single thread, or was running.
+bool StartPools() {
+  const bool sorts = CSingleton<CMessageLoopForNetCallBack>::Instance().Start(2, 30, 0);
+  const bool calls = CSingleton<CMessageLoopForMainFrameWork>::Instance().Start(2, 30, 0);
+  const bool forwards = CSingleton<CMessageLoopForPlugins>::Instance().Start(2, 30, 0);
+  const bool hears = CSingleton<CMessageLoopForWebSocket>::Instance().Start(2, 10, 5);
+  return sorts && calls && forwards && hears;
 }
 
 void StopPools() {
@@ -81,26 +84,48 @@ class Turn {
   const bool granted_;
 };
 
+/// After a start that failed in the middle, of which nothing is to be left: a frame that has never been
+/// started is not stopped. The host's callback does stay, for the next attempt.
+void TakeBackStart() {
+  g_pools_stopped = true;
+  StopPools();
+  auto& guards = CSingleton<CTolmGuardConnectManager>::Instance();
+  if (guards.HasEndpoint()) guards.UninitManager();
+  CSingleton<CLpcServerManager>::Instance().LpcStopListen();
+}
+
 bool StartAll(const std::string& lpc_server_name, const PlatformInfo& info) {
   // A start that is repeated holds nobody up: what arrives meanwhile finds what the first one has made.
   std::optional<Starting> starting;
   if (!g_logical_init || g_pools_stopped) starting.emplace();
   if (!CSingleton<CLpcServerManager>::Instance().LpcInit(lpc_server_name)) return false;
   g_pools_stopped = false;
-  StartPools();
-  CSingleton<CTolmGuardConnectManager>::Instance().InitManager(info.frame_type);
-  CLPCIntegrate::GetInstance().Init(info);
-  g_logical_init = true;
-  return true;
+  try {
+    // Pools that run already are no failure of a start that is repeated.
+    const bool have_threads = StartPools() || !starting;
+    if (have_threads) {
+      CSingleton<CTolmGuardConnectManager>::Instance().InitManager(info.frame_type);
+      CLPCIntegrate::GetInstance().Init(info);
+      g_logical_init = true;
+      return true;
+    }
+  } catch (...) {
+    TOLM_LOG_CAUGHT("the start is taken back");
+  }
+  if (starting) TakeBackStart();
+  return false;
 }
 
-// A frame that has never been started is not stopped, so that what is half started would stay. The host's
-// callback does stay, for the next attempt.
-void UndoStart() {
-  g_pools_stopped = true;
-  StopPools();
-  CSingleton<CTolmGuardConnectManager>::Instance().UninitManager();
-  CSingleton<CLpcServerManager>::Instance().LpcStopListen();
+/// Runs a step of the stop. False when it failed: the others are made all the same.
+template <typename Step>
+bool Attempt(Step&& step) {
+  try {
+    step();
+    return true;
+  } catch (...) {
+    TOLM_LOG_CAUGHT("a step of the stop failed");
+    return false;
+  }
 }
 
 }  // namespace
@@ -110,13 +135,7 @@ bool InitLogical(const std::string& lpc_server_name, const PlatformInfo& info) {
   // them until then; pools that an earlier stop has closed would destroy them.
   const bool reopens = g_pools_stopped;
   if (reopens) ReopenPools();
-  const bool was_running = g_logical_init && !reopens;
-  try {
-    if (StartAll(lpc_server_name, info)) return true;
-  } catch (...) {
-    if (!was_running) UndoStart();
-    throw;
-  }
+  if (StartAll(lpc_server_name, info)) return true;
   TOLM_LOG(Tolm::Base::kLogLevelError, kTagError, "LpcInit failed");
   if (reopens) StopPools();
   return false;
@@ -129,22 +148,22 @@ void WaitWhileStarting() {
 bool UninitLogical() {
   TOLM_LOG(Tolm::Base::kLogLevelInfo, kTagInfo, "Start UninitLogical");
   if (!g_logical_init) return false;
-  CLPCIntegrate::GetInstance().UnInit();
+  const bool orderly = Attempt([] { CLPCIntegrate::GetInstance().UnInit(); });
   g_pools_stopped = true;
   // The pools are about to be waited for, and in them whoever waits for a plugin.
   auto& transport = CSingleton<CLpcServerManager>::Instance();
-  transport.EndWaitsSoon();
+  bool whole = Attempt([&] { transport.EndWaitsSoon(); }) && orderly;
   if (const Turn turn; turn) {
     StopPools();
-    CSingleton<CTolmGuardConnectManager>::Instance().UninitManager();
-    transport.LpcUnint();
+    whole &= Attempt([] { CSingleton<CTolmGuardConnectManager>::Instance().UninitManager(); });
+    whole &= Attempt([&] { transport.LpcUnint(); });
   } else {
     // Another callback does the rest, and waits for this one to return; that no callback starts any more is
     // seen to here.
     transport.SetCallBack(nullptr, nullptr);
   }
   TOLM_LOG(Tolm::Base::kLogLevelInfo, kTagInfo, "Finish UninitLogical");
-  return true;
+  return whole;
 }
 
 }  // namespace TolmLPCFrame

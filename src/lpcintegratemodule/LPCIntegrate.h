@@ -78,6 +78,8 @@ class CLPCIntegrate {
 
  private:
   friend class Tolm::Base::CSingleton<CLPCIntegrate>;
+
+  bool IsNobodyGuarded() const;
   CLPCIntegrate();
 
   struct ListedPlugin : PluginInfo {

@@ -6,6 +6,7 @@
 #include "TolmBase/LogLine.h"
 #include "TolmLPCServer/LpcServer.h"
 #include "TolmProto/RapidJsonProto.h"
+#include "common/CaughtException.h"
 #include "common/Constants.h"
 #include "lpcintegratemodule/LPCCommunicateWithTolmGuard.h"
 #include "lpcintegratemodule/LPCIntegrate.h"
@@ -29,18 +30,26 @@ void CLPCIntegrate::UnInit() {
   vec_register_url_.Write([](auto& urls) { urls.clear(); });
 }
 
-void CLPCIntegrate::CloseAllComponents() {
-  auto& guard = CLPCCommunicateWithTolmGuard::GetInstance();
-  const bool with_agent =
-      frame_type_.Read([](const std::int32_t& type) { return type == kFrameTypeWithAgent; });
-
+// Whether the guard has taken the list that lets it restart nobody.
+bool CLPCIntegrate::IsNobodyGuarded() const try {
   const auto nobody_guarded = map_plugin_data_.Read([](const auto& plugins) {
     std::map<std::string, bool> states;
     for (const auto& entry : plugins) states.try_emplace(entry.second.plugin_id, false);
     return states;
   });
+  return CLPCCommunicateWithTolmGuard::GetInstance().SetProcessGuardStateList(nobody_guarded);
+} catch (...) {
+  TOLM_LOG_CAUGHT("the guard is not asked");
+  return false;
+}
+
+void CLPCIntegrate::CloseAllComponents() {
+  auto& guard = CLPCCommunicateWithTolmGuard::GetInstance();
+  const bool with_agent =
+      frame_type_.Read([](const std::int32_t& type) { return type == kFrameTypeWithAgent; });
+
   // A guard that does not take the list would restart what ends below, so it is dealt with first.
-  const bool guard_handled = !guard.SetProcessGuardStateList(nobody_guarded);
+  const bool guard_handled = !IsNobodyGuarded();
   if (guard_handled) {
     if (with_agent) {
       guard.UnInitTolmAgent();

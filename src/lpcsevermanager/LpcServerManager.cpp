@@ -1,6 +1,7 @@
 #include "lpcsevermanager/LpcServerManager.h"
 
 #include <algorithm>
+#include <memory>
 #include <string_view>
 #include <utility>
 
@@ -44,9 +45,9 @@ std::string_view ParamOrEmpty(const LpcParams& params, const char* key) {
 }
 
 /// Nothing must follow in the inbound callback.
-void PostAsLastAct(Tolm::Base::CTask* task) {
+void PostAsLastAct(std::unique_ptr<Tolm::Base::CTask> task) {
   const Tolm::Base::CTaskThread::CLastAct last_act;
-  Tolm::Base::CSingleton<CMessageLoopForNetCallBack>::Instance().PostTask(task);
+  Tolm::Base::CSingleton<CMessageLoopForNetCallBack>::Instance().PostTask(task.release());
 }
 
 }  // namespace
@@ -145,14 +146,14 @@ bool CLpcServerManager::LPCServerCallback(const tag_LPCCallBackData& data, void*
   if (!url.empty()) {
     const std::string_view query = whole_url.substr(std::min(url.size() + 1, whole_url.size()));
     std::string mt(QueryParameter(query, kKeyMT));
-    PostAsLastAct(new CURLCallBackTask(std::move(url), std::move(mt), lpcserver::Take(data)));
+    PostAsLastAct(std::make_unique<CURLCallBackTask>(std::move(url), std::move(mt), lpcserver::Take(data)));
   } else if (!ParamOrEmpty(data.params, kKeyPushMsgTag).empty()) {
     FrameCallBackData fcd;
     fcd.LpcMsgType = kLpcMsgPush;
     LPCCallBackDataToLPCData(fcd.lpc_data, lpcserver::Take(data));
     Manager().CallLpcCallBack(fcd);
   } else {
-    PostAsLastAct(new CMethodCallBackTask(lpcserver::Take(data)));
+    PostAsLastAct(std::make_unique<CMethodCallBackTask>(lpcserver::Take(data)));
   }
   return true;
 } catch (...) {

@@ -1,5 +1,6 @@
 #include "net/TolmGuardConnectionManager.h"
 
+#include <memory>
 #include <utility>
 
 #include "InitLogical.h"
@@ -23,8 +24,8 @@ namespace {
 
 constexpr char kAddress[] = "127.0.0.1";
 
-void PostToPool(CTolmGuardRawMsgTask* task) {
-  CSingleton<CMessageLoopForWebSocket>::Instance().PostTask(task);
+void PostToPool(std::unique_ptr<CTolmGuardRawMsgTask> task) {
+  CSingleton<CMessageLoopForWebSocket>::Instance().PostTask(task.release());
 }
 
 }  // namespace
@@ -124,22 +125,25 @@ void CTolmGuardConnectManager::WebsocketTolmGuardServerMsgCallback(std::int32_t 
                static_cast<int>(recv.len), recv.status, static_cast<int>(recv.fin));
       return;
     }
-    PostToPool(new CTolmGuardRawMsgTask(handle, recv.type, recv.status, std::string(recv.data, recv.len)));
+    PostToPool(std::make_unique<CTolmGuardRawMsgTask>(handle, recv.type, recv.status,
+                                                      std::string(recv.data, recv.len)));
     TOLM_LOG(kLogLevelInfo, kTagInfo, "receive data, handle = %d, status = %d, fin = %d, len = %d, data = %s",
              handle, recv.status, static_cast<int>(recv.fin), static_cast<int>(recv.len),
              std::string(recv.data, recv.len).c_str());
   } catch (...) {
     TOLM_LOG_CAUGHT("an event of a guard's connection is lost");
+    // Nobody would tell this guard what to start; it comes again.
+    if (recv.type == Tolm::Net::kWebsocketHandshake) CHttpServer::CloseWebSocket(handle);
   }
 }
 
 void CTolmGuardConnectManager::PostEvent(std::int32_t handle, const WebsocketRecv& recv) {
   auto this_event = std::make_shared<Gate>(false);
   const os::MutexLock lock(event_order_mutex_);
-  auto* const task =
-      new CTolmGuardRawMsgTask(handle, recv.type, recv.status, last_event_handled_, this_event);
+  auto task =
+      std::make_unique<CTolmGuardRawMsgTask>(handle, recv.type, recv.status, last_event_handled_, this_event);
   last_event_handled_ = std::move(this_event);
-  PostToPool(task);
+  PostToPool(std::move(task));
 }
 
 // ------------------------------------------------------------------------------- On the pool
@@ -220,14 +224,15 @@ bool CTolmGuardConnectManager::SendMessageToTolmGuard(std::int32_t session_id, W
     TOLM_LOG(kLogLevelError, kTagWebSocket, "SendMessage  data_len = 0");
     return false;
   }
+  // Before the send: what was sent must not count as not sent for want of memory.
+  const std::string text(data, len);
   const int ret = CHttpServer::SendWebSocketMsg(session_id, msg_type, data, len, fin);
   if (ret != 0) {
     TOLM_LOG(kLogLevelError, kTagError, "WebsocketServerSend fail error code = %d,data=%s,session_id=%d", ret,
-             std::string(data, len).c_str(), session_id);
+             text.c_str(), session_id);
     return false;
   }
-  TOLM_LOG(kLogLevelInfo, kTagInfo, "WebsocketServerSend success send_data = %s",
-           std::string(data, len).c_str());
+  TOLM_LOG(kLogLevelInfo, kTagInfo, "WebsocketServerSend success send_data = %s", text.c_str());
   return true;
 }
 

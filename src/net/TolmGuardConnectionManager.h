@@ -39,6 +39,8 @@ class CTolmGuardConnectManager {
   virtual bool InitManager(std::int32_t frame_type);
   /// Closes the server with all of its connections.
   virtual void UninitManager();
+  /// Whether a server was ever started.
+  bool HasEndpoint() const { return server_handle_ != -1; }
 
   // The connection.
 
