@@ -128,8 +128,8 @@ TOLM_LPCFRAME_API int TolmLPCFrameInit(const std::string& lpc_server_name, const
 /// connected plugin to uninitialise, waits for at most about ten seconds for their answers, for
 /// frame_type 1 ends the agent (at most five seconds), then ends the worker threads and both endpoints.
 /// When it has returned, no callback starts any more. In a callback it does not wait for that one, nor, while
-/// another callback stops the frame as well, for the end, which is then the other's to wait for; start the frame
-/// again when all have returned. Returns 0, or -8 when the frame was never started.
+/// another callback stops the frame as well, for the end, which is then the other's to wait for; start the
+/// frame again when all have returned. Returns 0, or -8 when the frame was never started.
 TOLM_LPCFRAME_API int TolmLPCFrameUnInit();
 
 /// Sets the one callback and the pointer that it is given, replacing the earlier pair. Null removes it.

@@ -120,7 +120,7 @@ void LiveFrame::RequireQuiet() {
       Require(lpcserver::GetStatistics().peers == 1, "a peer that has gone is forgotten");
       Require(false, "descriptors are as few as before");
     }
-    std::this_thread::sleep_for(std::chrono::microseconds(50));
+    std::this_thread::yield();
   }
   {
     const std::lock_guard lock(mutex_);

@@ -19,8 +19,8 @@ class CMessageLoopDyThreadPool : CNoncopyable {
  public:
   /// `name` (at most 15 bytes count) is what the pool's threads are called in a debugger.
   explicit CMessageLoopDyThreadPool(const char* name = "TolmPool");
-  /// As Stop(false), also on one of the pool's own threads. No other call may be under way, but for the PostTask of
-  /// the task that destroys the pool.
+  /// As Stop(false), also on one of the pool's own threads. No other call may be under way, but for the
+  /// PostTask of the task that destroys the pool.
   virtual ~CMessageLoopDyThreadPool();
 
   /// Starts `min_threads` threads, and runs what was queued. Later a thread is added whenever a task is

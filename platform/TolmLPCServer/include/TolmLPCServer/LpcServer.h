@@ -59,8 +59,8 @@ bool StartListen(const std::string& name);
 bool EndWaitsSoon();
 
 /// Disconnects every peer, ends listening and waits for the transport's threads; when it has returned,
-/// no callback starts any more. Called on one of these threads, it does not wait for that one; the next call from
-/// elsewhere does. True, also when nothing was listening.
+/// no callback starts any more. Called on one of these threads, it does not wait for that one; the next call
+/// from elsewhere does. True, also when nothing was listening.
 bool StopListen();
 
 /// Sends a request without waiting, and gives its id; the answer comes to the inbound callback with
