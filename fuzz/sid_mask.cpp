@@ -2,6 +2,7 @@
 
 #include <regex>
 
+#include "TolmBase/StringUtil.h"
 #include "common/UrlTemplate.h"
 #include "support/Input.h"
 
@@ -22,6 +23,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string url(reinterpret_cast<const char*>(data), size);
   const std::string masked = TolmLPCFrame::MaskSidInUrl(url);
   fuzz::Require(masked == MaskByRegex(url), "it masks what the expression finds");
+  fuzz::Require(Tolm::Base::StringUtil::MaskSessionIds(url) == masked,
+                "a text with urls is masked as a url is");
   fuzz::Require(TolmLPCFrame::MaskSidInUrl(masked) == masked, "nothing is left to mask");
   return 0;
 }
