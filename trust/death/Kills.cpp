@@ -84,7 +84,11 @@ class Killing {
       ++failed_;
       return;
     }
-    tolm::test::KillProcess(victim);
+    if (program == stage_.Agent()) {
+      Stage::KillAndWait(victim);
+    } else {
+      tolm::test::KillProcess(victim);
+    }
     ++count;
     ++kills_;
   }
@@ -152,7 +156,11 @@ void Killing::KillWhileItStops() {
   const auto processes = stage_.Processes();
   if (!processes.empty()) {
     const auto victim = std::next(processes.begin(), static_cast<long>(random_() % processes.size()));
-    tolm::test::KillProcess(victim->first);
+    if (victim->second == stage_.Agent()) {
+      Stage::KillAndWait(victim->first);
+    } else {
+      tolm::test::KillProcess(victim->first);
+    }
     const bool is_plugin = victim->second.filename() == "death_plugin";
     ++(is_plugin                          ? plugins_
        : victim->second == stage_.Host()  ? hosts_

@@ -159,7 +159,7 @@ void AgentStartsGuard(Moment& moment) {
   std::ofstream(folder / "held");
   moment.StartHost();
   const ProcessId guard = moment.ReadId(folder / "reached");
-  moment.Kill(moment.stage().AnyProcessOf(moment.stage().Agent()));
+  Stage::KillAndWait(moment.stage().AnyProcessOf(moment.stage().Agent()));
   moment.SeeGone(guard, "the guard of the killed agent");
   moment.stage().KillHost();
   fs::remove(folder / "held");

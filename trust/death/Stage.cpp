@@ -111,6 +111,23 @@ void Stage::KillHost() {
   host_->WaitExit(kPatience);
 }
 
+void Stage::KillAndWait(ProcessId process) {
+  if (process <= 0) return;  // others of these numbers are whole groups
+  tolm::test::KillProcess(process);
+  const fs::path threads = "/proc/" + std::to_string(process) + "/task";
+  WaitFor(
+      [&] {
+        std::error_code gone;
+        int left = 0;
+        for (fs::directory_iterator thread(threads, gone); !gone && thread != fs::directory_iterator();
+             thread.increment(gone)) {
+          ++left;
+        }
+        return left == 0 || (left == 1 && !tolm::test::IsAlive(process));
+      },
+      kPatience);
+}
+
 bool Stage::StopHost() {
   Disturb(tally_);
   host_->Type("stop");

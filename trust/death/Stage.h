@@ -45,6 +45,9 @@ class Stage {
   tolm::test::ChildProcess& host() { return *host_; }
   /// Kills it, and waits for its end.
   void KillHost();
+  /// Kills a process and waits until the system has freed all that it held: a host that starts earlier takes
+  /// an agent that is dying for one that lives (docs/limits.md).
+  static void KillAndWait(tolm::test::ProcessId process);
   /// Stops it in order; whether it ended well and within kPatience.
   bool StopHost();
 
