@@ -433,18 +433,14 @@ bool Link::ReadRestOfBody(Sink& sink) {
 bool Link::ReadOrFail(Sink& sink) {
   try {
     return ReadSome(sink);
-  } catch (const std::bad_alloc&) {
-    sink.error = kFailed;
-    sink.reason = kNoMemory;
-    return false;
   } catch (const std::exception& error) {
     sink.error = kFailed;
     try {
       sink.reason = std::string("reading from it failed: ") + error.what();
-      SendNotice(FrameType::kGoodbye, 0, sink.error, sink.reason);
     } catch (const std::exception&) {
-      // Not even memory for a word: it ends without one.
+      sink.reason = kNoMemory;
     }
+    SendNotice(FrameType::kGoodbye, 0, sink.error, sink.reason);  // not even that, when memory is that short
     return false;
   }
 }
