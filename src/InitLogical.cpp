@@ -112,7 +112,10 @@ bool StartAll(const std::string& lpc_server_name, const PlatformInfo& info) {
   } catch (...) {
     TOLM_LOG_CAUGHT("the start is taken back");
   }
-  if (starting) TakeBackStart();
+  if (starting) {
+    starting.reset();  // the pools are about to be waited for, and what came waits in them
+    TakeBackStart();
+  }
   return false;
 }
 
