@@ -146,8 +146,16 @@ std::pair<bool, int> Result(const Outcome& outcome) {
   return {outcome.answered, outcome.code};
 }
 
+// What an operation sends is made before, so that only the frame asks for memory in it.
+Operation CallWith(Scene& scene, TolmLPCFrame::LPCData request) {
+  return [&scene, request = std::move(request)] { return Result(scene.host().Call(request, kTimeOutMs)); };
+}
+
 Operation CallOut(Scene& scene, const std::string& url, const std::string& body) {
-  return [&scene, url, body] { return Result(scene.host().Call(url, body, kTimeOutMs)); };
+  TolmLPCFrame::LPCData request;
+  request.url = url;
+  request.body = body;
+  return CallWith(scene, std::move(request));
 }
 
 // Of a plugin: the answer begins with how many were answered, and has the code at `code_at`.
@@ -164,13 +172,11 @@ std::string CallOrder(const std::string& url, std::size_t size) {
 
 // With a part of a multipart message, there and back.
 Operation PartOut(Scene& scene, const std::string& url) {
-  return [&scene, url] {
-    TolmLPCFrame::LPCData request;
-    request.url = url;
-    request.http_mime.resize(1);
-    request.http_mime[0].body_data.assign(kLarge, 'p');
-    return Result(scene.host().Call(request, kTimeOutMs));
-  };
+  TolmLPCFrame::LPCData request;
+  request.url = url;
+  request.http_mime.resize(1);
+  request.http_mime[0].body_data.assign(kLarge, 'p');
+  return CallWith(scene, std::move(request));
 }
 
 // Nobody answers a registration: whether its last url is known.
@@ -214,12 +220,17 @@ Operation GuardText(std::uint16_t port) {
 
 // Messages that wait for a plugin that does not read: each that was taken arrives.
 Operation Queue(PluginProcess& alpha) {
-  return [&alpha, taken = std::uint64_t{0}]() mutable {
-    const std::string body(kLarge, 'q');
+  TolmLPCFrame::LPCData notification;
+  notification.msg_type = TolmLPCFrame::kMsgTypeNotify;
+  notification.url = alpha.Url("count");
+  notification.body.assign(kLarge, 'q');
+  return [&alpha, notification = std::move(notification), taken = std::uint64_t{0}]() mutable {
     int last_code = lpc::kOk;
     alpha.Halt();
     for (int i = 0; i < 4; ++i) {
-      const int code = Host::Notify(alpha.Url("count"), body);
+      std::uint64_t unused = 0;
+      const bool sent = TolmLPCFrame::AsyncSend(unused, notification);
+      const int code = sent ? static_cast<int>(lpc::kOk) : TolmLPCFrame::GetLPCLastError();
       if (code == lpc::kOk) ++taken;
       if (code != lpc::kOk) last_code = code;
     }
