@@ -115,11 +115,12 @@ void LargeBody(const PressureSettings& settings) {
   for (int block = 0; block < (settings.quick ? 1 : 11); ++block) {
     undisturbed.Make(calls);
     undisturbed_first.Make(calls);
+    // Each block lasts for as long as two large bodies take.
     LargeCalls one(host, first.Url("size"), body);
-    beside.Make(calls);
-    behind.Make(calls);
+    beside.MakeWhile([&] { return one.made() + one.failed() < 2; });
+    behind.MakeWhile([&] { return one.made() + one.failed() < 4; });
     LargeCalls two(host, second.Url("size"), body);
-    beside_two.Make(calls);
+    beside_two.MakeWhile([&] { return two.made() + two.failed() < 2; });
     add(two);
     add(one);
   }
