@@ -1,23 +1,34 @@
 #include "pressure/Calls.h"
 
 #include <algorithm>
+#include <chrono>
 
 #include "Samples.h"
+#include "TolmLPCServer/LpcError.h"
+#include "traffic/Time.h"
 
 namespace trust {
 namespace {
 
 constexpr std::size_t kBody = 1024;
 constexpr int kTimeOutMs = 20'000;
+constexpr auto kWhenFull = std::chrono::microseconds(200);
 
 }  // namespace
 
 double SmallCalls::One() {
   static const std::string body(kBody, 's');
-  const Outcome outcome = host_.Call(urls_[next_++ % urls_.size()], body, kTimeOutMs);
+  const std::string& url = urls_[next_++ % urls_.size()];
+  const auto begin = bench::Clock::now();
+  Outcome outcome = host_.Call(url, body, kTimeOutMs);
+  for (; !outcome.answered && outcome.code == lpc::kQueueFull; outcome = host_.Call(url, body, kTimeOutMs)) {
+    ++refused_;
+    Spend(kWhenFull);
+  }
   if (!outcome.answered || outcome.body != body) ++failed_;
-  max_ = std::max(max_, outcome.microseconds);
-  return outcome.microseconds;
+  const double took = bench::SecondsSince(begin) * 1e6;
+  max_ = std::max(max_, took);
+  return took;
 }
 
 void SmallCalls::Make(std::size_t count) {

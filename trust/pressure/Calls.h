@@ -27,6 +27,9 @@ class SmallCalls {
     Keep(block);
   }
 
+  /// How often one was refused since a queue was full; it is made again a moment later, and has taken that
+  /// longer.
+  std::uint64_t refused() const { return refused_; }
   std::uint64_t failed() const { return failed_; }
   /// Of the blocks' 99th percentiles, or medians, the median, in microseconds: a block in which the machine
   /// was busy with something else is one of many.
@@ -41,6 +44,7 @@ class SmallCalls {
   const Host& host_;
   const std::vector<std::string> urls_;
   std::size_t next_ = 0;
+  std::uint64_t refused_ = 0;
   std::uint64_t failed_ = 0;
   double max_ = 0;
   std::vector<double> p50s_;
