@@ -3,7 +3,6 @@
 
 #include <chrono>
 #include <functional>
-#include <mutex>
 #include <thread>
 
 #include "KRT/KRT.h"
@@ -23,17 +22,17 @@ void KRT_Sleep(int milliseconds) {
 namespace trust {
 
 // The real function.
-bool RealWaitFor(TolmLPCFrame::ConditionAndMutex* waiter, std::unique_lock<std::mutex>& lock, std::int32_t timeout_ms, const std::function<bool()>& is_over) asm(
-    "__real__ZN12TolmLPCFrame17ConditionAndMutex7WaitForERSt11unique_lockISt5mutexEiRKSt8functionI"
+bool RealWaitFor(TolmLPCFrame::ConditionAndMutex* waiter, os::UniqueLock& lock, std::int32_t timeout_ms, const std::function<bool()>& is_over) asm(
+    "__real__ZN12TolmLPCFrame17ConditionAndMutex7WaitForERN2os10UniqueLockEiRKSt8functionI"
     "FbvEE");
 
 // What the frame's calls are led to.
-bool ShortWaitFor(TolmLPCFrame::ConditionAndMutex* waiter, std::unique_lock<std::mutex>& lock, std::int32_t timeout_ms, const std::function<bool()>& is_over) asm(
-    "__wrap__ZN12TolmLPCFrame17ConditionAndMutex7WaitForERSt11unique_lockISt5mutexEiRKSt8functionI"
+bool ShortWaitFor(TolmLPCFrame::ConditionAndMutex* waiter, os::UniqueLock& lock, std::int32_t timeout_ms, const std::function<bool()>& is_over) asm(
+    "__wrap__ZN12TolmLPCFrame17ConditionAndMutex7WaitForERN2os10UniqueLockEiRKSt8functionI"
     "FbvEE");
 
-bool ShortWaitFor(TolmLPCFrame::ConditionAndMutex* waiter, std::unique_lock<std::mutex>& lock,
-                  std::int32_t timeout_ms, const std::function<bool()>& is_over) {
+bool ShortWaitFor(TolmLPCFrame::ConditionAndMutex* waiter, os::UniqueLock& lock, std::int32_t timeout_ms,
+                  const std::function<bool()>& is_over) {
   return RealWaitFor(waiter, lock, timeout_ms / kTimesShorter, is_over);
 }
 
