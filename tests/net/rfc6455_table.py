@@ -132,8 +132,8 @@ def opening():
         for version in ("0", "7", "8", "12", "14", "13, 8", "013", "+13", "13.0", "x", "")
     } | {
         "no version": request(Sec_WebSocket_Version=None),
-        "the version twice": request(lines=["Sec-WebSocket-Version: 13"]),
     })
+    upgrades("4.4", "http 400", {"the version twice": request(lines=["Sec-WebSocket-Version: 13"])})
     case("4.2.2", "a frame in the request's piece", "text+ 3, open", upgrade=request() + text(b"now"))
     case("4.2.2", "half a frame in the request's piece", "text+ 3, open", text(b"now")[4:], request() + text(b"now")[:4])
 

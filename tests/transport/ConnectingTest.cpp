@@ -228,11 +228,11 @@ TEST_P(Connecting, AShortageAtAcceptPassesAndIsSaidOnce) {
   PluginEnd plugin(transport(), "alpha");
   EXPECT_TRUE(plugin.Meet(frame));
   EXPECT_EQ(wrapped.truth.accept_shortages, 0);
-  EXPECT_EQ(log.LinesOf("AcceptAll").size(), 1u);
+  EXPECT_EQ(log.LinesOf("PauseAccepting").size(), 1u);
   wrapped.truth.accept_shortages = 2;
   PluginEnd later(transport(), "beta");
   EXPECT_TRUE(later.Meet(frame));
-  EXPECT_EQ(log.LinesOf("AcceptAll").size(), 2u) << "the first one was over";
+  EXPECT_EQ(log.LinesOf("PauseAccepting").size(), 2u) << "the first one was over";
 }
 
 TEST_P(Connecting, AListenerThatDiesIsReportedAndItsPeersStay) {

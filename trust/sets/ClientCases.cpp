@@ -231,9 +231,6 @@ void AddClosing(Table& table) {
     table.Frames("7.4", "close " + std::to_string(code), "lost, closed " + std::to_string(code),
                  CloseFrame(code), kNoMeaning);
   }
-  table.Frames("7.1.5", "the end without a close", "lost, dropped", "{leave}");
-  table.Frames("7.1.5", "the end within a frame", "lost, dropped", Frame{}.Header(10) + "abc{leave}");
-  table.Frames("7.1.5", "the end within a header", "lost, dropped", "\x81{leave}");
 }
 
 void AddUtf8(Table& table) {

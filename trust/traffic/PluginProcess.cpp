@@ -4,6 +4,9 @@
 #include <sstream>
 #include <utility>
 
+#include "traffic/ProcessState.h"
+#include "traffic/Time.h"
+
 namespace trust {
 
 PluginProcess::PluginProcess(std::string id) : id_(std::move(id)), child_({"--role", "plugin", id_}) {
@@ -33,6 +36,8 @@ std::vector<double> PluginProcess::Do(const std::string& order, int time_out_sec
 
 void PluginProcess::Halt() const {
   ::kill(process_, SIGSTOP);
+  // Each of its threads runs until it sees that.
+  Await(30, [this] { return IsHalted(process_); });
 }
 
 void PluginProcess::GoOn() const {

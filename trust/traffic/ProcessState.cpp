@@ -49,6 +49,15 @@ ProcessState StateOf(int process) {
   return state;
 }
 
+bool IsHalted(int process) {
+  for (const auto& thread : std::filesystem::directory_iterator(FolderOf(process) + "/task")) {
+    std::ifstream stat(thread.path() / "stat");
+    const std::string text{std::istreambuf_iterator<char>(stat), {}};
+    if (text.find(") T ") == std::string::npos) return false;
+  }
+  return true;
+}
+
 double PeakOf(int process) {
   return StatusLine(process, "VmHWM:");
 }

@@ -15,6 +15,9 @@ struct ProcessState {
 /// Throws when there is no such process.
 ProcessState StateOf(int process);
 
+/// Whether none of its threads runs any more since it was halted.
+bool IsHalted(int process);
+
 /// In KiB, since it began or bench::ForgetPeak.
 double PeakOf(int process);
 

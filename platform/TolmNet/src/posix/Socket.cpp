@@ -1,6 +1,7 @@
 #include "Socket.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
@@ -30,6 +31,17 @@ int Descriptor(Socket socket) {
 
 std::string SystemText(const char* doing, int error) {
   return std::string(doing) + ": " + std::system_category().message(error);
+}
+
+/// Leaves the reason in errno.
+bool HasTwoDescriptors(int any) {
+  const int first = ::fcntl(any, F_DUPFD_CLOEXEC, 0);
+  const int second = first < 0 ? -1 : ::fcntl(any, F_DUPFD_CLOEXEC, 0);
+  const int why = errno;
+  if (first >= 0) ::close(first);
+  if (second >= 0) ::close(second);
+  errno = why;
+  return second >= 0;
 }
 
 }  // namespace
@@ -70,6 +82,12 @@ Socket Listen(const SocketAddress& address, std::string& error) {
 }
 
 AcceptResult Accept(Socket listener, Accepted& accepted, std::string& error) {
+  // Who is accepted is then asked for in the system's table, which takes a descriptor, too: with the last one
+  // he would be refused as a stranger.
+  if (!HasTwoDescriptors(Descriptor(listener))) {
+    error = SystemText("accept", errno);
+    return AcceptResult::kShortage;
+  }
   for (;;) {
     sockaddr_in peer{};
     socklen_t size = sizeof peer;
