@@ -33,6 +33,7 @@ constexpr auto kUntilItStaysFull = std::chrono::milliseconds(500);
 struct Orders {
   Plugin plugin;
   std::atomic<std::uint64_t> counted{0};
+  std::atomic<bool> filled{false};
   explicit Orders(const std::string& id) : plugin(id) {}
 };
 
@@ -177,9 +178,13 @@ std::string Obey(Orders& self, const std::string& order) {
     return std::to_string(self.plugin.CallLater(request));
   }
   if (what == "fill_before_it_registers") {
-    self.plugin.OnInit([&self] { FillQueue(self.plugin); });
+    self.plugin.OnInit([&self] {
+      FillQueue(self.plugin);
+      self.filled = true;
+    });
     return "1";
   }
+  if (what == "await_filled") return Await(60, [&self] { return self.filled.load(); }) ? "1" : "0";
   if (what == "start") {
     std::string endpoint;
     words >> endpoint;

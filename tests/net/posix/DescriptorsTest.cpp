@@ -51,7 +51,7 @@ void UseUpDescriptors() {
   do {
     crowd.emplace_back(server.port());
   } while (crowd.back().connected());
-  const auto short_of = [&] { return server.log().LinesOf("AcceptAll").size() == 1; };
+  const auto short_of = [&] { return server.log().LinesOf("RestFromAccepting").size() == 1; };
   crowd.pop_back();
   if (!WaitFor(short_of, kLong)) std::exit(1);
   const double used_before = ProcessorSeconds();
