@@ -51,29 +51,30 @@ TOLM_VISIBLE void* operator new(std::size_t size, std::align_val_t alignment) {
   return Real<void*(std::size_t, std::align_val_t)>(next, "_ZnwmSt11align_val_t")(size, alignment);
 }
 
-// Those of C, where the program itself names them (--wrap).
+// Those of C, where the program itself names them (--wrap). Visible, since the linker leads what a shared
+// library asks for here as well, and refuses what is hidden.
 extern "C" {
 void* __real_malloc(std::size_t size);
 void* __real_calloc(std::size_t count, std::size_t size);
 void* __real_realloc(void* memory, std::size_t size);
 char* __real_strdup(const char* text);
 
-void* __wrap_malloc(std::size_t size) {
+TOLM_VISIBLE void* __wrap_malloc(std::size_t size) {
   if (!Fails("malloc")) return __real_malloc(size);
   errno = ENOMEM;
   return nullptr;
 }
-void* __wrap_calloc(std::size_t count, std::size_t size) {
+TOLM_VISIBLE void* __wrap_calloc(std::size_t count, std::size_t size) {
   if (!Fails("calloc")) return __real_calloc(count, size);
   errno = ENOMEM;
   return nullptr;
 }
-void* __wrap_realloc(void* memory, std::size_t size) {
+TOLM_VISIBLE void* __wrap_realloc(void* memory, std::size_t size) {
   if (!Fails("realloc")) return __real_realloc(memory, size);
   errno = ENOMEM;
   return nullptr;
 }
-char* __wrap_strdup(const char* text) {
+TOLM_VISIBLE char* __wrap_strdup(const char* text) {
   if (!Fails("strdup")) return __real_strdup(text);
   errno = ENOMEM;
   return nullptr;
