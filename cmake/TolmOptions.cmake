@@ -60,9 +60,11 @@ endif()
 # is linked in, too. tests/package reads them off the binaries. Indirect branches are not marked (-fcf-protection):
 # the system's C library has no marks, and one library without makes the loader ignore all.
 if(TOLM_HARDEN AND CMAKE_BUILD_TYPE STREQUAL "Release" AND NOT TOLM_SANITIZE)
-  add_compile_options(-fstack-protector-strong -fstack-clash-protection)
+  add_compile_options(-fstack-protector-strong)
   add_compile_definitions(_FORTIFY_SOURCE=2)
   if(NOT WIN32)
+    # Windows looks at each page of a large frame by itself; there the option ends GCC 12 in an internal error.
+    add_compile_options(-fstack-clash-protection)
     add_link_options(-Wl,-z,relro,-z,now,-z,noexecstack)
   endif()
 endif()
