@@ -61,6 +61,7 @@ endif()
 # the system's C library has no marks, and one library without makes the loader ignore all.
 if(TOLM_HARDEN AND CMAKE_BUILD_TYPE STREQUAL "Release" AND NOT TOLM_SANITIZE)
   add_compile_options(-fstack-protector-strong)
+  add_link_options(-fstack-protector-strong)  # MinGW has the guards in a library of their own
   add_compile_definitions(_FORTIFY_SOURCE=2)
   if(NOT WIN32)
     # Windows looks at each page of a large frame by itself; there the option ends GCC 12 in an internal error.
