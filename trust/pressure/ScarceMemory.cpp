@@ -44,12 +44,20 @@ std::uint64_t ScarceMemory::Refused() {
 
 }  // namespace trust
 
-// Every form that is not told here comes down to these; a sanitizer's own forms of arrays do not.
+// Every form that is not told here comes down to these; a sanitizer's own forms do not.
+
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+  return trust::IsRefused(size) ? nullptr : std::malloc(size == 0 ? 1 : size);
+}
 
 void* operator new(std::size_t size) {
-  void* const block = trust::IsRefused(size) ? nullptr : std::malloc(size == 0 ? 1 : size);
+  void* const block = operator new(size, std::nothrow);
   if (block == nullptr) throw std::bad_alloc();
   return block;
+}
+
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
+  return operator new(size, std::nothrow);
 }
 
 void operator delete(void* block) noexcept {
