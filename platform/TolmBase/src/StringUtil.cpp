@@ -92,7 +92,8 @@ std::string MaskSessionIds(std::string_view text) {
     masked += MaskForLog(std::string(text.substr(digits, kSidBytes)), kMaskModeSessionId, kCodePageUtf8);
     done = digits + kSidBytes;
   }
-  return masked += text.substr(done);
+  masked += text.substr(done);
+  return masked;
 }
 
 void SetLogMasking(bool on) {
