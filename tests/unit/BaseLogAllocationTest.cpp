@@ -3,11 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
-#include <cstdlib>
-#include <new>
 #include <string>
 
 #include "TolmBase/LogLine.h"
+#include "support/OwnNew.h"
 
 namespace {
 
@@ -15,32 +14,9 @@ thread_local std::size_t t_allocations = 0;
 
 }  // namespace
 
-// The array forms too: a sanitizer's own do not come through the single ones.
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+bool tolm::test::MayAllocate(std::size_t /*size*/) noexcept {
   ++t_allocations;
-  return std::malloc(size != 0 ? size : 1);
-}
-void* operator new(std::size_t size) {
-  if (void* const memory = operator new(size, std::nothrow)) return memory;
-  throw std::bad_alloc();
-}
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-  return operator new(size, std::nothrow);
-}
-void* operator new[](std::size_t size) {
-  return operator new(size);
-}
-void operator delete(void* memory) noexcept {
-  std::free(memory);
-}
-void operator delete(void* memory, std::size_t) noexcept {
-  std::free(memory);
-}
-void operator delete[](void* memory) noexcept {
-  std::free(memory);
-}
-void operator delete[](void* memory, std::size_t) noexcept {
-  std::free(memory);
+  return true;
 }
 
 namespace {

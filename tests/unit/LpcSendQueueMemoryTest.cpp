@@ -4,11 +4,11 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <cstdlib>
 #include <limits>
 #include <new>
 #include <string>
 
+#include "support/OwnNew.h"
 #include "wire/SendQueue.h"
 
 namespace {
@@ -17,31 +17,8 @@ thread_local std::size_t t_refused_from = std::numeric_limits<std::size_t>::max(
 
 }  // namespace
 
-// The array forms too: a sanitizer's own do not come through the single ones.
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-  return size < t_refused_from ? std::malloc(size != 0 ? size : 1) : nullptr;
-}
-void* operator new(std::size_t size) {
-  if (void* const memory = operator new(size, std::nothrow)) return memory;
-  throw std::bad_alloc();
-}
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-  return operator new(size, std::nothrow);
-}
-void* operator new[](std::size_t size) {
-  return operator new(size);
-}
-void operator delete(void* memory) noexcept {
-  std::free(memory);
-}
-void operator delete(void* memory, std::size_t) noexcept {
-  std::free(memory);
-}
-void operator delete[](void* memory) noexcept {
-  std::free(memory);
-}
-void operator delete[](void* memory, std::size_t) noexcept {
-  std::free(memory);
+bool tolm::test::MayAllocate(std::size_t size) noexcept {
+  return size < t_refused_from;
 }
 
 namespace lpc::wire {

@@ -1,9 +1,9 @@
 #include "pressure/ScarceMemory.h"
 
 #include <atomic>
-#include <cstdlib>
 #include <limits>
-#include <new>
+
+#include "support/OwnNew.h"
 
 namespace trust {
 namespace {
@@ -44,38 +44,6 @@ std::uint64_t ScarceMemory::Refused() {
 
 }  // namespace trust
 
-// Every form that is not told here comes down to these; a sanitizer's own forms do not.
-
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-  return trust::IsRefused(size) ? nullptr : std::malloc(size == 0 ? 1 : size);
-}
-
-void* operator new(std::size_t size) {
-  void* const block = operator new(size, std::nothrow);
-  if (block == nullptr) throw std::bad_alloc();
-  return block;
-}
-
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-  return operator new(size, std::nothrow);
-}
-
-void operator delete(void* block) noexcept {
-  std::free(block);
-}
-
-void operator delete(void* block, std::size_t) noexcept {
-  std::free(block);
-}
-
-void* operator new[](std::size_t size) {
-  return operator new(size);
-}
-
-void operator delete[](void* block) noexcept {
-  std::free(block);
-}
-
-void operator delete[](void* block, std::size_t) noexcept {
-  std::free(block);
+bool tolm::test::MayAllocate(std::size_t size) noexcept {
+  return !trust::IsRefused(size);
 }
