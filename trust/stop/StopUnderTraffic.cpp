@@ -284,6 +284,11 @@ int Main(int argc, char** argv) {
       for (const auto& plugin : plugins) {
         if (!plugin->WaitReady()) ++measured.failed_starts;
       }
+      // The frame takes note of that a moment later.
+      for (const char* id : {"p0", "p1", "p2", "p3"}) {
+        const std::string url = std::string("/") + id + "/fast";
+        if (!tolm::test::WaitFor([&] { return Ask(url.c_str(), id); })) ++measured.failed_starts;
+      }
       callers_of_plugins = std::make_unique<Callers>();
       AddCallersOfPlugins(*callers_of_plugins, plugins);
       if (callers.Count() == 0) AddCallersOfTheHost(callers);
