@@ -19,6 +19,9 @@
 
 namespace lpc {
 
+/// The host's own id, in messages to and from peers.
+inline constexpr char kFrameId[] = "0";
+
 /// One listening endpoint, from StartListen to StopListen, with its peers. lpcserver puts the one
 /// endpoint of the process in front of it; tests make their own, over any transport.
 ///

@@ -123,6 +123,8 @@ class Link final : public IoHandler, public std::enable_shared_from_this<Link> {
  private:
   class Lease;
   class Sink;
+  /// Short enough for a string to hold it without memory of its own.
+  static constexpr char kNoMemory[] = "memory is short";
 
   bool TakeCharge() TOLM_EXCLUDES(mutex_);
   void GiveUpCharge() TOLM_EXCLUDES(mutex_);
