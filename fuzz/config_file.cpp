@@ -1,24 +1,12 @@
 // The frame's own reader and writer of "LpcFrame.xml": what it reads is in range, and what it has written
 // over any file it reads again.
 
-#include "TolmBase/FileUtil.h"
 #include "net/ConfigXmlReader.h"
-#include "support/Folder.h"
+#include "support/HostFolder.h"
 #include "support/Input.h"
-#include "support/SilentLog.h"
-
-namespace {
-
-const fuzz::Folder& OwnFolder() {
-  static const fuzz::Folder folder;
-  return folder;
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz::SilenceLog();
-  Tolm::Base::FileUtil::InitCurExeDirUtf8(OwnFolder().path().string());
+  fuzz::BeginInOwnFolder();
   return 0;
 }
 
@@ -27,7 +15,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const auto type = static_cast<std::int32_t>(input.Byte() % 2);
   const auto port = static_cast<std::int32_t>(input.Byte() << 8 | input.Byte());
   const std::string text = input.Rest();
-  const auto path = OwnFolder().Write("LpcFrame.xml", text);
+  fuzz::OwnFolder().Write("LpcFrame.xml", text);
 
   TolmLPCFrame::CLocalXmlReader reader;
   fuzz::Require(reader.ReadLocalXml(type) == !text.empty(), "a file that holds something can be read");

@@ -3,24 +3,12 @@
 
 #include "ConfigPort.h"
 
-#include "TolmBase/FileUtil.h"
 #include "net/ConfigXmlReader.h"
-#include "support/Folder.h"
+#include "support/HostFolder.h"
 #include "support/Input.h"
-#include "support/SilentLog.h"
-
-namespace {
-
-const fuzz::Folder& OwnFolder() {
-  static const fuzz::Folder folder;
-  return folder;
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz::SilenceLog();
-  Tolm::Base::FileUtil::InitCurExeDirUtf8(OwnFolder().path().string());
+  fuzz::BeginInOwnFolder();
   return 0;
 }
 
@@ -29,9 +17,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   // Which of the two files is there, and what it holds.
   const unsigned files = input.Byte() % 4;
   const std::string text = input.Rest();
-  const auto path = OwnFolder().Write("LpcFrame.xml", files == 1 ? "" : text);
+  const auto path = fuzz::OwnFolder().Write("LpcFrame.xml", files == 1 ? "" : text);
   const auto companion =
-      OwnFolder().Write("LpcFrame.data", files == 1 ? text : "<Config><ClientPort>1</ClientPort>");
+      fuzz::OwnFolder().Write("LpcFrame.data", files == 1 ? text : "<Config><ClientPort>1</ClientPort>");
   if (files == 2) std::filesystem::remove(companion);
   if (files == 3) std::filesystem::remove(path);
 

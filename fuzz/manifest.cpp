@@ -12,11 +12,6 @@ namespace {
 using fuzz::Require;
 using guard::Milliseconds;
 
-const fuzz::Folder& OwnFolder() {
-  static const fuzz::Folder folder;
-  return folder;
-}
-
 bool IsTime(Milliseconds time, std::int64_t least, std::int64_t most) {
   return time >= Milliseconds(least) && time <= Milliseconds(most);
 }
@@ -49,9 +44,9 @@ void RequireBounds(const guard::Manifest& manifest) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string text(reinterpret_cast<const char*>(data), size);
-  const std::filesystem::path folder = OwnFolder().path() / "clock";
+  const std::filesystem::path folder = fuzz::OwnFolder().path() / "clock";
   std::filesystem::create_directory(folder);
-  OwnFolder().Write("clock/plugin.json", text);
+  fuzz::OwnFolder().Write("clock/plugin.json", text);
 
   const guard::ManifestReading reading = guard::ReadManifest(folder);
   Require(reading.file_exists, "the file is there");

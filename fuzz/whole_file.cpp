@@ -10,11 +10,6 @@ namespace {
 
 using fuzz::Require;
 
-const fuzz::Folder& OwnFolder() {
-  static const fuzz::Folder folder;
-  return folder;
-}
-
 std::string UpToLastLineFeed(const std::string& text) {
   const std::size_t last = text.rfind('\n');
   return last == std::string::npos ? text : text.substr(0, last + 1);
@@ -26,8 +21,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   fuzz::Input input(data, size);
   const std::string before = fuzz::WithLongRuns(input.Bytes(input.Byte()));
   const std::string content = fuzz::WithLongRuns(input.Rest());
-  OwnFolder().Write("file.data", content);
-  const std::string path = OwnFolder().Write("file.xml", before).string();
+  fuzz::OwnFolder().Write("file.data", content);
+  const std::string path = fuzz::OwnFolder().Write("file.xml", before).string();
 
   std::string read = "untouched";
   if (TolmLPCFrame::ReadFileText(read, path)) {

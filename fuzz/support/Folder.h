@@ -35,4 +35,10 @@ class Folder {
   std::filesystem::path path_;
 };
 
+/// The one of this process.
+inline const Folder& OwnFolder() {
+  static const Folder folder;
+  return folder;
+}
+
 }  // namespace fuzz

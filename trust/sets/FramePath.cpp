@@ -22,6 +22,7 @@
 #include <system_error>
 #include <thread>
 
+#include "Deep.h"
 #include "StackUse.h"
 #include "TolmBase/Encrypt.h"
 #include "TolmLPCFrame.h"
@@ -39,17 +40,13 @@ namespace asio = boost::asio;
 namespace beast = boost::beast;
 namespace fs = std::filesystem;
 
-constexpr int kDeep = 100'000;
+using trust::kDeep;
+using trust::Times;
+
 constexpr int kPatienceMs = 60'000;
 constexpr char kEndpoint[] = "deep";
 constexpr char kHostUrl[] = "/host/echo";
 constexpr char kPluginUrl[] = "/plugin/echo";
-
-std::string Times(int count, std::string_view part) {
-  std::string text;
-  for (int i = 0; i < count; ++i) text += part;
-  return text;
-}
 
 struct Shape {
   const char* name;

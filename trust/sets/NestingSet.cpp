@@ -6,6 +6,7 @@
 #include <string>
 
 #include "ConfigPort.h"
+#include "Deep.h"
 #include "GuardMessages.h"
 #include "PositionedJson.h"
 #include "Sets.h"
@@ -20,15 +21,8 @@
 namespace trust {
 namespace {
 
-constexpr int kDeep = 100'000;
 /// As deep as cJSON goes; what is nested deeper must not take more than this does.
 constexpr int kShallow = 1000;
-
-std::string Times(int count, const std::string& part) {
-  std::string text;
-  for (int i = 0; i < count; ++i) text += part;
-  return text;
-}
 
 /// How a document is nested: what opens a level, what is innermost, what closes a level.
 struct Shape {
