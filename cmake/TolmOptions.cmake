@@ -56,6 +56,11 @@ if(MINGW)
   add_compile_options(-Wa,-mbig-obj)
 endif()
 
+# Debug builds ask the standard library to look at what it is given: indices, empty optionals, null pointers.
+if(CMAKE_BUILD_TYPE STREQUAL "Debug")
+  add_compile_definitions(_GLIBCXX_ASSERTIONS)
+endif()
+
 # What makes a fault in memory end the process instead of serving somebody, in all that ships: third-party code that
 # is linked in, too. tests/package reads them off the binaries. Indirect branches are not marked (-fcf-protection):
 # the system's C library has no marks, and one library without makes the loader ignore all.
