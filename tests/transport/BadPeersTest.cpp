@@ -170,6 +170,23 @@ TEST_P(BadPeers, AReasonWithControlCharactersDoesNotReachTheLogAsTheyAre) {
   stream.reset();
 }
 
+TEST_P(BadPeers, ARefusalThatSaysThatNothingIsWrongIsARefusal) {
+  auto listening = transport().Listen("frame");
+  ASSERT_TRUE(listening.value) << listening.message;
+  PluginEnd plugin(transport(), "alpha", PluginEnd::Echo,
+                   [](lpcclient::Settings& settings) { settings.reconnect_first_ms = kLong; });
+  std::unique_ptr<os::Stream> stream;
+  ASSERT_TRUE(WaitFor([&] { return (stream = listening.value->Accept().stream) != nullptr; }));
+  const std::string bytes = FrameBytes(FrameType::kRefuse, lpc::wire::EncodeNotice({lpc::kOk, ""}));
+  const os::ConstBuffer buffer{bytes.data(), bytes.size()};
+  ASSERT_EQ(stream->Write(&buffer, 1).bytes, bytes.size());
+  ASSERT_TRUE(WaitFor([&] { return !plugin.Events().empty(); }));
+  EXPECT_EQ(plugin.Events()[0].what, "failed");
+  EXPECT_EQ(plugin.Events()[0].error, lpc::kRefused);
+  plugin.Stop();
+  stream.reset();
+}
+
 TEST_P(BadPeers, APluginLeavesAFrameThatDoesNotSpeakTheProtocol) {
   const std::vector<std::string> answers = {
       "HTTP/1.1 400 Bad Request\r\n\r\n",

@@ -317,7 +317,8 @@ lpc::wire::HandshakeStep CLpcClient::Core::OnHandshake(lpc::wire::Link& link,
   if (!link.IsOpen() && header.type == lpc::wire::FrameType::kRefuse) {
     lpc::wire::Notice notice;
     const bool said_why = lpc::wire::DecodeNotice(notice, payload);
-    link.CutOff(said_why ? notice.code : static_cast<int>(lpc::kRefused),
+    // A refusal is a failure, whatever it says.
+    link.CutOff(said_why && notice.code != lpc::kOk ? notice.code : static_cast<int>(lpc::kRefused),
                 said_why ? "refused: " + notice.reason : "refused without a reason");
     return lpc::wire::HandshakeStep::kClose;
   }
