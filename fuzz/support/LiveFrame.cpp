@@ -41,6 +41,13 @@ LiveFrame::LiveFrame(const std::vector<std::string>& ids) : ids_(ids) {
     return TolmPlugin::Message{.body = request.message.body};
   });
   Require(bystander_.Start(kEndpoint) && bystander_.WaitReady(10'000), "a plugin that behaves is let in");
+  // The frame takes note of that a moment later.
+  const auto end = std::chrono::steady_clock::now() + kLong;
+  LPCData answer;
+  while (!TolmLPCFrame::SyncSend(answer, Message("/bystander/echo", "there already?"), 10'000)) {
+    Require(std::chrono::steady_clock::now() < end, "a plugin that behaves can be called");
+    std::this_thread::yield();
+  }
   for (int i = 0; i < kCallers; ++i) callers_.emplace_back([this] { RunCalls(); });
   descriptors_ = tolm::test::OpenDescriptors();
 }
