@@ -229,6 +229,7 @@ TEST_P(Connecting, AShortageAtAcceptPassesAndIsSaidOnce) {
   EXPECT_TRUE(plugin.Meet(frame));
   EXPECT_EQ(wrapped.truth.accept_shortages, 0);
   EXPECT_EQ(log.LinesOf("PauseAccepting").size(), 1u);
+  ASSERT_TRUE(WaitFor([&] { return wrapped.truth.all_accepted.load(); })) << "the shortage is over then";
   wrapped.truth.accept_shortages = 2;
   PluginEnd later(transport(), "beta");
   EXPECT_TRUE(later.Meet(frame));

@@ -21,6 +21,7 @@ struct TransportTruth {
   std::atomic<bool> connected_same_user{true};   ///< what made connections say of theirs
   std::atomic<int> accept_shortages{0};          ///< so many of the next accepts fail, and may be tried again
   std::atomic<bool> accept_dead{false};          ///< the next accept fails for good
+  std::atomic<bool> all_accepted{false};         ///< the last accept found nobody who waited
   std::atomic<int> operations_until_failure{0};  ///< that one read or write fails; 0: none does
   std::atomic<std::uint64_t> waits{0};           ///< returns of Poller::Wait
   std::atomic<int> connects{0};                  ///< calls of Connect
@@ -68,6 +69,7 @@ class WrappedListener final : public os::Listener {
       return {nullptr, os::IoStatus::kFailed, true, 24};
     }
     Accepted accepted = inner_->Accept();
+    truth_.all_accepted = !accepted.stream;
     if (accepted.stream) {
       accepted.stream =
           std::make_unique<WrappedStream>(std::move(accepted.stream), truth_, truth_.accepted_same_user);
