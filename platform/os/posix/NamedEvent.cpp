@@ -13,10 +13,14 @@
 #include <cerrno>
 #include <chrono>
 #include <climits>
+#include <cstddef>
 #include <ctime>
+#include <exception>
 #include <optional>
+#include <thread>
 
 #include "Descriptor.h"
+#include "ProcessTable.h"
 #include "RuntimeFolder.h"
 
 namespace os {
@@ -27,6 +31,10 @@ using Clock = std::chrono::steady_clock;
 /// How long a wait that finds the event signalled leaves the signal to those that waited before.
 constexpr std::chrono::milliseconds kGrace{200};
 
+/// How long a maker that was killed may take to end.
+constexpr std::chrono::seconds kLongestEnding{1};
+constexpr std::chrono::milliseconds kEndingInterval{5};
+
 // -------------------------------------------------------------------------------------- The file
 
 constexpr off_t kHolders = 0;
@@ -36,7 +44,7 @@ constexpr off_t kInspection = 1;
 // in between leaves nothing half done.
 struct Shared {
   std::atomic<std::uint32_t> changes;  // odd while signalled
-  std::uint32_t reserved;
+  std::atomic<std::uint32_t> maker;    // its process id; 0 when it is not there any more
   std::atomic<std::uint64_t> waiters;  // how many wait, below the number of a generation
 };
 static_assert(sizeof(Shared) == 16 && std::atomic<std::uint64_t>::is_always_lock_free &&
@@ -95,6 +103,40 @@ Descriptor OpenForInspection(const Place& place, int more_flags) {
   }
 }
 
+/// Whether the event's maker was killed and is not gone yet. That one does not answer any more, and those who
+/// find the event would wait for it.
+bool IsMakerEnding(const Descriptor& file) {
+  std::uint32_t maker = 0;
+  if (::pread(file.get(), &maker, sizeof maker, offsetof(Shared, maker)) != sizeof maker || maker == 0) {
+    return false;
+  }
+  try {
+    return IsEnding(static_cast<pid_t>(maker));
+  } catch (const std::exception&) {
+    return false;  // too little memory, or no descriptor, to look
+  }
+}
+
+struct Found {
+  Descriptor file;         ///< locked for inspection; none when it cannot be opened
+  bool held = false;       ///< by somebody else
+  bool has_maker = false;  ///< and by its maker
+};
+
+/// The event's file, as soon as it is clear who holds it.
+Found Find(const Place& place, int more_flags) {
+  const auto deadline = Clock::now() + kLongestEnding;
+  for (;;) {
+    Found found{OpenForInspection(place, more_flags)};
+    if (!found.file) return found;
+    found.held = HasOtherHolders(found.file);
+    found.has_maker = found.held && !IsMakerEnding(found.file);
+    if (!found.held || found.has_maker || Clock::now() >= deadline) return found;
+    found.file = {};
+    std::this_thread::sleep_for(kEndingInterval);
+  }
+}
+
 /// What nobody holds is left by the killed, whatever it says. Reserves the space: a full disk has to be
 /// noticed here and not where the memory is used.
 bool MakeFresh(const Descriptor& file) {
@@ -112,10 +154,13 @@ class FileEvent final : public NamedEvent {
   /// and its first wait may not have begun when the first of them is there.
   FileEvent(Place place, Descriptor file, Shared* shared, bool is_maker)
       : place_(std::move(place)), file_(std::move(file)), shared_(*shared) {
-    if (is_maker) standing_.emplace(shared_);
+    if (!is_maker) return;
+    standing_.emplace(shared_);
+    shared_.maker = own_id_;
   }
 
   ~FileEvent() override {
+    if (std::uint32_t maker = own_id_; standing_) shared_.maker.compare_exchange_strong(maker, 0);
     standing_.reset();
     ::munmap(&shared_, sizeof(Shared));
     if (SetLock(file_, F_WRLCK, kInspection) && !HasOtherHolders(file_)) RemoveName();
@@ -231,6 +276,7 @@ class FileEvent final : public NamedEvent {
   const Place place_;
   const Descriptor file_;
   Shared& shared_;
+  const std::uint32_t own_id_ = static_cast<std::uint32_t>(::getpid());
   std::optional<Registration> standing_;
 };
 
@@ -257,11 +303,10 @@ std::unique_ptr<NamedEvent> NamedEvent::Create(const std::string& name, int& err
     error = name.empty() ? EINVAL : EACCES;
     return nullptr;
   }
-  Descriptor file = OpenForInspection(*place, O_CREAT);
+  Found found = Find(*place, O_CREAT);
   std::unique_ptr<NamedEvent> event;
-  if (file) {
-    const bool is_maker = !HasOtherHolders(file);
-    if (!is_maker || MakeFresh(file)) event = Join(std::move(*place), std::move(file), is_maker);
+  if (found.file && (found.held || MakeFresh(found.file))) {
+    event = Join(std::move(*place), std::move(found.file), !found.has_maker);
   }
   if (event == nullptr) error = errno;
   return event;
@@ -270,13 +315,13 @@ std::unique_ptr<NamedEvent> NamedEvent::Create(const std::string& name, int& err
 std::unique_ptr<NamedEvent> NamedEvent::Open(const std::string& name) {
   std::optional<Place> place = PlaceOf(name);
   if (!place) return nullptr;
-  Descriptor file = OpenForInspection(*place, 0);
-  if (!file) return nullptr;
-  if (!HasOtherHolders(file)) {
+  Found found = Find(*place, 0);
+  if (!found.file) return nullptr;
+  if (!found.held) {
     place->folder.Remove(place->name);
     return nullptr;
   }
-  return Join(std::move(*place), std::move(file), false);
+  return Join(std::move(*place), std::move(found.file), false);
 }
 
 }  // namespace os

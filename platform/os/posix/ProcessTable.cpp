@@ -11,6 +11,7 @@ extern "C" {
 
 #include <charconv>
 #include <csignal>
+#include <cstdlib>
 #include <memory>
 #include <sstream>
 #include <string_view>
@@ -87,6 +88,19 @@ std::vector<ProcessRow> ReadProcesses() {
     if (const auto row = ReadProcess(id)) rows.push_back(*row);
   }
   return rows;
+}
+
+bool IsEnding(pid_t id) {
+  char target;
+  // A process gives back its memory, its program with it, before its files.
+  if (::readlink(ProcPath(id, "exe").c_str(), &target, 1) < 0 && errno == ENOENT) return true;
+  std::istringstream status(ReadProcFile(id, "status"));
+  for (std::string name, value; status >> name && std::getline(status, value);) {
+    if (name != "SigPnd:" && name != "ShdPnd:") continue;
+    const unsigned long long pending = std::strtoull(value.c_str(), nullptr, 16);
+    if ((pending >> (SIGKILL - 1)) % 2 != 0) return true;
+  }
+  return false;
 }
 
 std::string EnvironmentOf(pid_t id, const std::string& variable) {

@@ -33,6 +33,10 @@ std::optional<ProcessRow> ReadProcess(pid_t id);
 /// All processes; those that start or end meanwhile may be there or not.
 std::vector<ProcessRow> ReadProcesses();
 
+/// Whether process `id` has ended, or was killed and will have ended as soon as the system comes to it; what
+/// such a process holds is still held. False where that cannot be seen. Throws as the others do.
+bool IsEnding(pid_t id);
+
 /// A variable of the environment that the process was started with; empty when it has none, or may not
 /// be looked at.
 std::string EnvironmentOf(pid_t id, const std::string& variable);

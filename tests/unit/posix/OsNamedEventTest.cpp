@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -113,6 +114,62 @@ TEST_F(OsPosixNamedEvent, AKilledWaiterCostsOneGraceAndKeepsNoSignal) {
     EXPECT_TRUE(event->Wait(0));
   }
   EXPECT_LT(Clock::now() - later, kRounds * kGrace / 2) << "it costs that once and not each time";
+}
+
+TEST_F(OsPosixNamedEvent, AMakerThatWasJustKilledHoldsItNoMore) {
+  constexpr int kRounds = 50;
+  for (int i = 0; i < kRounds; ++i) {
+    ForkedChild child([&](const auto& voice) {
+      const Event own = Make(name_);
+      voice.Say('r');
+      own->Wait(-1);
+      return 0;
+    });
+    ASSERT_EQ(child.Hear(), 'r');
+    ASSERT_TRUE(NamedEvent::Open(name_));
+    ::kill(child.id(), SIGKILL);  // and it ends when the system comes to it
+    ASSERT_FALSE(NamedEvent::Open(name_)) << "it does not answer any more, round " << i;
+  }
+  EXPECT_EQ(Files(), 0u);
+}
+
+TEST_F(OsPosixNamedEvent, AMakerThatTakesItsTimeToEndIsWaitedFor) {
+  ForkedChild child([&](const auto& voice) {
+    const Event own = Make(name_);
+    std::thread last([&] {
+      while (tolm::test::ProcessState(::getpid()) != 'Z') std::this_thread::yield();
+      voice.Say('z');
+      std::this_thread::sleep_for(kGrace);
+      ::_exit(0);
+    });
+    ::syscall(SYS_exit, 0);  // the first thread only
+    last.join();
+    return 1;
+  });
+  ASSERT_EQ(child.Hear(), 'z');
+  const auto begin = Clock::now();
+  const bool is_there = NamedEvent::Open(name_) != nullptr;
+  EXPECT_TRUE(!is_there || Clock::now() - begin >= std::chrono::seconds(1));
+  EXPECT_EQ(child.Join(), 0);
+}
+
+TEST_F(OsPosixNamedEvent, WhoeverFindsItsMakerGoneMakesItAnew) {
+  Event held;
+  {
+    ForkedChild child([&](const auto& voice) {
+      const Event own = Make(name_);
+      voice.Say('r');
+      own->Wait(-1);
+      return 0;
+    });
+    ASSERT_EQ(child.Hear(), 'r');
+    held = NamedEvent::Open(name_);
+    child.Kill();
+  }
+  const Event made = Make(name_);
+  const auto begin = Clock::now();
+  for (int i = 0; i < 10; ++i) EXPECT_TRUE(NamedEvent::Open(name_));
+  EXPECT_LT(Clock::now() - begin, std::chrono::seconds(5)) << "the gone one is not waited for each time";
 }
 
 TEST_F(OsPosixNamedEvent, AWaiterThatWasTooSlowOnceHasItsGraceAgain) {
