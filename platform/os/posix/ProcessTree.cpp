@@ -88,7 +88,7 @@ std::set<pid_t> TreeOf(const TreeRoot& root, const std::vector<ProcessRow>& rows
   AddDescendants(rows, tree);
   for (const ProcessRow& row : rows) {
     // Nothing that is older than the root can have come from it; that spares most environments.
-    if (row.start_time < root.start_time || !row.IsAlive() || tree.count(row.id) != 0) continue;
+    if (row.start_time < root.start_time || !row.IsAlive() || tree.contains(row.id)) continue;
     if (row.group == root.id || (!root.mark.empty() && CarriesMark(row.id, root.mark))) tree.insert(row.id);
   }
   AddDescendants(rows, tree);
@@ -98,7 +98,7 @@ std::set<pid_t> TreeOf(const TreeRoot& root, const std::vector<ProcessRow>& rows
 std::vector<ProcessRow> LivingOf(const std::vector<ProcessRow>& rows, const std::set<pid_t>& ids) {
   std::vector<ProcessRow> living;
   std::copy_if(rows.begin(), rows.end(), std::back_inserter(living),
-               [&](const ProcessRow& row) { return row.IsAlive() && ids.count(row.id) != 0; });
+               [&](const ProcessRow& row) { return row.IsAlive() && ids.contains(row.id); });
   return living;
 }
 
@@ -166,7 +166,7 @@ void CollectAdopted() {
     if (row.parent != self || row.IsAlive()) continue;
     Children& children = TheChildren();
     const MutexLock lock(children.mutex);
-    if (children.roots.count(row.id) != 0) continue;  // its ChildProcess does it
+    if (children.roots.contains(row.id)) continue;  // its ChildProcess does it
     siginfo_t ignored{};
     ::waitid(P_PID, static_cast<id_t>(row.id), &ignored, WEXITED | WNOHANG);
   }

@@ -21,8 +21,6 @@
 #include "os/Mutex.h"
 #include "os/ThreadName.h"
 
-extern char** environ;
-
 namespace os {
 namespace {
 
@@ -142,7 +140,7 @@ std::vector<std::string> EnvironmentFor(const ProcessRequest& request, const std
   std::vector<std::string> entries;
   for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
     const std::string_view text = *entry;
-    if (added.count(std::string(text.substr(0, text.find('=')))) == 0) entries.emplace_back(text);
+    if (!added.contains(std::string(text.substr(0, text.find('='))))) entries.emplace_back(text);
   }
   for (const auto& [name, value] : added) entries.push_back(name + "=" + value);
   return entries;
@@ -150,6 +148,7 @@ std::vector<std::string> EnvironmentFor(const ProcessRequest& request, const std
 
 std::vector<char*> Pointers(std::vector<std::string>& texts) {
   std::vector<char*> pointers;
+  pointers.reserve(texts.size() + 1);
   for (std::string& text : texts) pointers.push_back(text.data());
   pointers.push_back(nullptr);
   return pointers;
