@@ -145,7 +145,8 @@ std::string CallWithPart(Plugin& plugin, std::istream& words) {
   return (whole ? "1 " : "0 ") + std::to_string(answered ? 0 : Plugin::LastError());
 }
 
-// "FIRST COUNT": registers urls of these numbers. 1, or 0 and the code.
+// "FIRST COUNT": registers urls of these numbers (as a part of a word: a number by itself is a pattern). 1,
+// or 0 and the code.
 std::string Register(Plugin& plugin, std::istream& words) {
   std::uint64_t first = 0;
   std::uint64_t count = 0;
@@ -154,7 +155,7 @@ std::string Register(Plugin& plugin, std::istream& words) {
   message.url = kRegisterUrl;
   message.body = R"({"RegisterInfo":{"SupportUrlList":[)";
   for (std::uint64_t i = first; i < first + count; ++i) {
-    message.body += (i == first ? R"({"Url":"/)" : R"(,{"Url":"/)") + plugin.id() + "/more/" +
+    message.body += (i == first ? R"({"Url":"/)" : R"(,{"Url":"/)") + plugin.id() + "/more" +
                     std::to_string(i) + R"(","Timeout":5000})";
   }
   message.body += "]}}";
