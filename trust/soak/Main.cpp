@@ -1,6 +1,7 @@
 // trust_soak: every kind of traffic at a time, for a long time, while memory, descriptors and threads of the
 // host and of a plugin are looked at each second. See --help.
 
+#include <malloc.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -38,12 +39,17 @@ struct Watched {
   Series resident;
   Series descriptors;
   Series threads;
+  Series allocated;  ///< of this process only
 
   void Look(double seconds) {
     const ProcessState state = StateOf(process);
     resident.Add(seconds, state.resident_kib);
     descriptors.Add(seconds, state.descriptors);
     threads.Add(seconds, state.threads);
+    if (process == ::getpid()) {
+      const struct mallinfo2 heap = ::mallinfo2();
+      allocated.Add(seconds, static_cast<double>(heap.uordblks + heap.hblkhd) / 1024);
+    }
   }
 };
 
@@ -65,6 +71,9 @@ void Print(const Watched& watched, double seconds) {
   PrintSlope(name + "resident", watched.resident, "KiB", seconds, kSettledKiB, kKiBPerHour);
   PrintSlope(name + "descriptors", watched.descriptors, "count", seconds, 2, 0);
   PrintSlope(name + "threads", watched.threads, "count", seconds, 3, 0);
+  if (watched.allocated.HasAny()) {
+    PrintSlope(name + "allocated", watched.allocated, "KiB", seconds, kSettledKiB, kKiBPerHour);
+  }
 }
 
 // What was sent and what has arrived, when all is quiet.
@@ -86,8 +95,9 @@ int RunHere(double seconds, std::uint16_t port) {
     plugin->Start(host.endpoint());
     host.AwaitInited(plugin->id());
   }
-  Watched watched_host{"host", ::getpid(), {}, {}, {}};
-  Watched watched_plugin{"plugin", alpha.process(), {}, {}, {}};
+  WarmUp(host, sent);
+  Watched watched_host{"host", ::getpid(), {}, {}, {}, {}};
+  Watched watched_plugin{"plugin", alpha.process(), {}, {}, {}, {}};
   {
     Repeating repeating;
     AddHostTraffic(repeating, host, sent, tally);

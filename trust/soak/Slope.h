@@ -16,6 +16,7 @@ class Series {
   /// Of the same samples, the mean of the last quarter without that of the first quarter: how much it has
   /// grown.
   double Growth() const;
+  bool HasAny() const { return !samples_.empty(); }
   double Last() const { return samples_.empty() ? 0 : samples_.back().value; }
 
  private:

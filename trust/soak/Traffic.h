@@ -48,6 +48,10 @@ struct Sent {
   std::atomic<std::uint64_t> pushes{0};
 };
 
+/// Lets the host make what it makes once and keeps: each thread of its pools, and room for large bodies
+/// wherever its allocator keeps some. Throws when it cannot.
+void WarmUp(Host& host, Sent& sent);
+
 /// What the host does, with the plugins `alpha` and `beta`.
 void AddHostTraffic(Repeating& repeating, const Host& host, Sent& sent, Tally& tally);
 /// What a plugin does; `other` is the plugin that it calls through the frame.
