@@ -176,6 +176,35 @@ TEST_P(Connecting, APluginComesBackWhenItsFrameDoes) {
   EXPECT_EQ(plugin.client().GetStatistics().connections, 3u);
 }
 
+TEST_P(Connecting, TheNextConnectionIsLookedForWhenTheEndOfTheOneBeforeWasTold) {
+  WrappedTransport wrapped(transport());
+  std::atomic<bool> too_early{false};
+  auto frame = std::make_unique<FrameEnd>(transport());
+  ASSERT_EQ(frame->Listen(), lpc::kOk);
+  const auto adjust = [&](lpcclient::Settings& settings) {
+    settings.reconnect_first_ms = 1;
+    settings.reconnect_cap_ms = 1;
+    // Whoever tells of an end keeps the thread for a while, in which the next attempt would be made long
+    // since.
+    for (auto* const tells : {&settings.on_disconnected, &settings.on_connect_failed}) {
+      *tells = [&, told = *tells](int error, const std::string& reason) {
+        const int connects = wrapped.truth.connects;
+        const std::chrono::milliseconds while_it_tells(100);
+        if (WaitFor([&] { return wrapped.truth.connects != connects; }, while_it_tells)) too_early = true;
+        told(error, reason);
+      };
+    }
+  };
+  PluginEnd plugin(wrapped, "alpha", PluginEnd::Echo, adjust);
+  ASSERT_TRUE(plugin.Meet(*frame));
+  frame.reset();
+  ASSERT_TRUE(plugin.WaitEvent("failed"));
+  EXPECT_FALSE(too_early);
+  frame = std::make_unique<FrameEnd>(transport());
+  ASSERT_EQ(frame->Listen(), lpc::kOk);
+  EXPECT_TRUE(plugin.Meet(*frame)) << "they go on";
+}
+
 TEST_P(Connecting, ThePausesBetweenAttemptsGrowUpToTheCap) {
   PluginEnd plugin(transport(), "alpha", PluginEnd::Echo, [](lpcclient::Settings& settings) {
     settings.reconnect_first_ms = 20;

@@ -38,9 +38,10 @@ struct Settings {
   /// wait for replies.
   std::function<void()> on_connected;
   /// The connection is gone; `error` says why. One for each on_connected, but for the last when Stop
-  /// ends it.
+  /// ends it. The next connection is looked for when it has returned.
   std::function<void(int error, const std::string& reason)> on_disconnected;
-  /// An attempt to connect failed; more follow, also after a refusal, since its reason may pass.
+  /// An attempt to connect failed; when it has returned more follow, also after a refusal, since its reason
+  /// may pass.
   std::function<void(int error, const std::string& reason)> on_connect_failed;
 };
 

@@ -27,15 +27,16 @@ class CallTask final : public Tolm::Base::CTask {
   const std::function<void()> call_;
 };
 
-// What a plugin is told when a connection, or an attempt, is over. Made before, so that it needs no memory
-// then.
-class EndTask final : public Tolm::Base::CTask {
+}  // namespace
+
+// What a plugin is told when a connection, or an attempt, is over; then the next one is looked for. Made
+// before, so that it needs no memory then.
+class CLpcClient::Core::EndTask final : public Tolm::Base::CTask {
  public:
   using Tell = std::function<void(int error, const std::string& reason)>;
-  /// `tell` must live until it has run.
-  void Say(std::shared_ptr<const void> keeper, const Tell& tell, int error,
-           const std::string& reason) noexcept {
-    keeper_ = std::move(keeper);
+  /// `tell` is one of the settings of `core`.
+  void Say(std::shared_ptr<Core> core, const Tell& tell, int error, const std::string& reason) noexcept {
+    core_ = std::move(core);
     tell_ = &tell;
     error_ = error;
     try {
@@ -45,17 +46,22 @@ class EndTask final : public Tolm::Base::CTask {
     }
   }
   void Run() override {
-    if (tell_ != nullptr && *tell_) (*tell_)(error_, reason_);
+    if (!core_) return;
+    try {
+      if (*tell_) (*tell_)(error_, reason_);
+    } catch (...) {
+      core_->ScheduleAttempt();
+      throw;
+    }
+    core_->ScheduleAttempt();
   }
 
  private:
-  std::shared_ptr<const void> keeper_;
+  std::shared_ptr<Core> core_;
   const Tell* tell_ = nullptr;
   int error_ = lpc::kOk;
   std::string reason_;
 };
-
-}  // namespace
 
 class CLpcClient::Core::MessageTask final : public Tolm::Base::CTask {
  public:
@@ -220,19 +226,24 @@ void CLpcClient::Core::Connect() {
 }
 
 void CLpcClient::Core::AttemptFailed(int error, const std::string& reason) {
-  ScheduleAttempt(nullptr);
-  loop_->Post(std::make_unique<CallTask>([self = shared_from_this(), error, reason] {
-    if (self->settings_.on_connect_failed) self->settings_.on_connect_failed(error, reason);
-  }));
+  {
+    const os::MutexLock lock(mutex_);
+    attempt_at_ = TimePoint::max();
+  }
+  try {
+    auto end = std::make_unique<EndTask>();
+    end->Say(shared_from_this(), settings_.on_connect_failed, error, reason);
+    loop_->Post(std::move(end));
+  } catch (const std::exception&) {
+    ScheduleAttempt();
+  }
 }
 
 // The pause doubles up to the cap; jitter keeps many plugins from coming back at the same moment.
-void CLpcClient::Core::ScheduleAttempt(const lpc::wire::Link* ended) {
+void CLpcClient::Core::ScheduleAttempt() noexcept {
   TimePoint at;
   {
     const os::MutexLock lock(mutex_);
-    if (ended != nullptr && link_.get() == ended) link_ = nullptr;
-    changed_.notify_all();
     const int spread = std::max(1, pause_ms_ / 2);
     const int pause = pause_ms_ - spread / 2 + static_cast<int>(jitter_() % static_cast<unsigned>(spread));
     pause_ms_ = std::min(settings_.reconnect_cap_ms, pause_ms_ * 2);
@@ -286,7 +297,12 @@ void CLpcClient::Core::OnClosed(lpc::wire::Link& link, bool was_open, int error,
                                 const std::string& reason) noexcept {
   TOLM_LOG(Tolm::Base::kLogLevelInfo, kTag, "the connection of [%s] to [%s] ended: %s", settings_.id.c_str(),
            settings_.endpoint.c_str(), reason.c_str());
-  ScheduleAttempt(&link);
+  {
+    const os::MutexLock lock(mutex_);
+    if (link_.get() == &link) link_ = nullptr;
+    attempt_at_ = TimePoint::max();
+    changed_.notify_all();
+  }
   // Behind on_connected, if there was one, and the messages.
   auto self = weak_from_this().lock();
   if (!self) return;

@@ -18,7 +18,10 @@ namespace lpcclient {
 
 // What an end consists of; its links and its tasks hold it.
 //
-//   idle ──due──► connecting ──WELCOME──► open ──► (lost, refused, too slow) ──► idle, due after a pause
+//   idle ──due──► connecting ──WELCOME──► open ──► (lost, refused, too slow) ──► told ──► idle, due after a
+//   pause
+//
+// The owner has been told of one connection's end before the next one is looked for.
 class CLpcClient::Core final : public lpc::wire::LinkOwner, public std::enable_shared_from_this<Core> {
  public:
   explicit Core(Settings settings)
@@ -48,6 +51,7 @@ class CLpcClient::Core final : public lpc::wire::LinkOwner, public std::enable_s
   void OnClosed(lpc::wire::Link& link, bool was_open, int error, const std::string& reason) noexcept override;
 
  private:
+  class EndTask;
   class MessageTask;
   using TimePoint = lpc::wire::IoLoop::Clock::time_point;
   enum class State { kNew, kRunning, kStopped };
@@ -55,8 +59,8 @@ class CLpcClient::Core final : public lpc::wire::LinkOwner, public std::enable_s
   int StartOrThrow();
   TimePoint Housekeeping(TimePoint now);
   void Connect() TOLM_EXCLUDES(mutex_);
-  void ScheduleAttempt(const lpc::wire::Link* ended) TOLM_EXCLUDES(mutex_);
-  void AttemptFailed(int error, const std::string& reason);
+  void ScheduleAttempt() noexcept TOLM_EXCLUDES(mutex_);
+  void AttemptFailed(int error, const std::string& reason) TOLM_EXCLUDES(mutex_);
   std::shared_ptr<lpc::wire::Link> OpenLink() const;
 
   std::uint64_t NextId(bool waiting) {
