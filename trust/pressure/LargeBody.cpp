@@ -59,10 +59,11 @@ void PrintBeside(const std::string& what, const SmallCalls& undisturbed, const S
   // sees.
   if (quick) {
     PrintFigure(name + ".p99", beside.P99() / 1000, "ms");
+    PrintFigure(name + ".longest", beside.Max() / 1000, "ms");
   } else {
     PrintFigure(name + ".p99", beside.P99() / 1000, "ms", Bound::kAtMost, 50);
+    PrintFigure(name + ".longest", beside.Max() / 1000, "ms", Bound::kAtMost, 2000);
   }
-  PrintFigure(name + ".longest", beside.Max() / 1000, "ms", Bound::kAtMost, 2000);
   PrintFigure(name + ".refused_queue_full", static_cast<double>(beside.refused()), "calls");
   PrintFigure(name + ".failed", static_cast<double>(beside.failed()), "calls", Bound::kExactly, 0);
 }

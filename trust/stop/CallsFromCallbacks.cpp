@@ -124,6 +124,7 @@ class Caller {
   Caller() {
     plugin_.Serve("/caller/asks", [this](const TolmPlugin::Request&) {
       in_handler.AskAsPlugin(plugin_);
+      asked_ = true;
       return TolmPlugin::Message{};
     });
     plugin_.OnInit([this] { in_init.AskAsPlugin(plugin_); });
@@ -143,9 +144,11 @@ class Caller {
   Caller& operator=(const Caller&) = delete;
 
   bool Answered() const { return answered_; }
+  bool Asked() const { return asked_; }
 
  private:
   std::atomic<bool> answered_{false};
+  std::atomic<bool> asked_{false};
   TolmPlugin::Plugin plugin_{"caller"};
 };
 
@@ -203,6 +206,7 @@ int Main(int argc, char** argv) {
       const Caller caller;
       tolm::test::WaitFor([&] { return caller.Answered(); });
       SendLater("/caller/asks", "caller");
+      tolm::test::WaitFor([&] { return caller.Asked(); });
       return true;
     });
     Place* const wanted[] = {&by_kind[0], &by_kind[1],        &by_kind[2], &by_kind[3],
