@@ -31,6 +31,9 @@ class Runner:
         self.programs = []
 
     def __enter__(self):
+        if self.windows:
+            # Wine's server goes soon after its last program, and who comes in that moment is turned away: this one stays.
+            self.programs.append(Program([*self.before, "cmd"], dict(os.environ)))
         return self
 
     def __exit__(self, *_):

@@ -149,42 +149,34 @@ TEST_P(BadPeers, ASenderLearnsAtOnceThatItsMessageIsTooLarge) {
   EXPECT_EQ(plugin.Ask("still connected"), lpc::kOk);
 }
 
-TEST_P(BadPeers, AReasonWithControlCharactersDoesNotReachTheLogAsTheyAre) {
-  PluginEnd plugin(transport(), "alpha");
-  auto listening = transport().Listen("frame");
-  ASSERT_TRUE(listening.value);
+/// What a plugin is told when the frame's first bytes are these.
+PluginEnd::Event FirstEvent(os::LocalTransport& transport, const std::string& bytes) {
+  auto listening = transport.Listen("frame");
+  EXPECT_TRUE(listening.value) << listening.message;
+  PluginEnd plugin(transport, "alpha", PluginEnd::Echo,
+                   [](lpcclient::Settings& settings) { settings.reconnect_first_ms = kLong; });
   std::unique_ptr<os::Stream> stream;
-  ASSERT_TRUE(WaitFor([&] { return (stream = listening.value->Accept().stream) != nullptr; }));
-  const std::string bytes =
-      FrameBytes(FrameType::kRefuse, lpc::wire::EncodeNotice({lpc::kRefused, "line\nforged line\x1b[2J"}));
+  if (!WaitFor([&] { return (stream = listening.value->Accept().stream) != nullptr; })) return {};
   const os::ConstBuffer buffer{bytes.data(), bytes.size()};
-  ASSERT_EQ(stream->Write(&buffer, 1).bytes, bytes.size());
-  ASSERT_TRUE(WaitFor([&] {
-    for (const auto& event : plugin.Events()) {
-      if (event.reason.find("forged") != std::string::npos) return true;
-    }
-    return false;
-  }));
-  for (const auto& event : plugin.Events())
-    EXPECT_EQ(event.reason.find_first_of("\n\x1b"), std::string::npos);
-  stream.reset();
+  EXPECT_EQ(stream->Write(&buffer, 1).bytes, bytes.size());
+  if (!WaitFor([&] { return !plugin.Events().empty(); })) return {};
+  plugin.Stop();
+  return plugin.Events()[0];
+}
+
+TEST_P(BadPeers, AReasonWithControlCharactersDoesNotReachTheLogAsTheyAre) {
+  const auto event = FirstEvent(
+      transport(),
+      FrameBytes(FrameType::kRefuse, lpc::wire::EncodeNotice({lpc::kRefused, "line\nforged line\x1b[2J"})));
+  EXPECT_NE(event.reason.find("forged"), std::string::npos) << event.reason;
+  EXPECT_EQ(event.reason.find_first_of("\n\x1b"), std::string::npos);
 }
 
 TEST_P(BadPeers, ARefusalThatSaysThatNothingIsWrongIsARefusal) {
-  auto listening = transport().Listen("frame");
-  ASSERT_TRUE(listening.value) << listening.message;
-  PluginEnd plugin(transport(), "alpha", PluginEnd::Echo,
-                   [](lpcclient::Settings& settings) { settings.reconnect_first_ms = kLong; });
-  std::unique_ptr<os::Stream> stream;
-  ASSERT_TRUE(WaitFor([&] { return (stream = listening.value->Accept().stream) != nullptr; }));
-  const std::string bytes = FrameBytes(FrameType::kRefuse, lpc::wire::EncodeNotice({lpc::kOk, ""}));
-  const os::ConstBuffer buffer{bytes.data(), bytes.size()};
-  ASSERT_EQ(stream->Write(&buffer, 1).bytes, bytes.size());
-  ASSERT_TRUE(WaitFor([&] { return !plugin.Events().empty(); }));
-  EXPECT_EQ(plugin.Events()[0].what, "failed");
-  EXPECT_EQ(plugin.Events()[0].error, lpc::kRefused);
-  plugin.Stop();
-  stream.reset();
+  const auto event =
+      FirstEvent(transport(), FrameBytes(FrameType::kRefuse, lpc::wire::EncodeNotice({lpc::kOk, ""})));
+  EXPECT_EQ(event.what, "failed");
+  EXPECT_EQ(event.error, lpc::kRefused);
 }
 
 TEST_P(BadPeers, APluginLeavesAFrameThatDoesNotSpeakTheProtocol) {
@@ -196,21 +188,9 @@ TEST_P(BadPeers, APluginLeavesAFrameThatDoesNotSpeakTheProtocol) {
       FrameBytes(FrameType::kWelcome, lpc::wire::EncodeWelcome({9, 0, 1000})),
   };
   for (const std::string& answer : answers) {
-    auto listening = transport().Listen("frame");
-    ASSERT_TRUE(listening.value) << listening.message;
-    PluginEnd plugin(transport(), "alpha", PluginEnd::Echo,
-                     [](lpcclient::Settings& settings) { settings.reconnect_first_ms = kLong; });
-    std::unique_ptr<os::Stream> stream;
-    ASSERT_TRUE(WaitFor([&] { return (stream = listening.value->Accept().stream) != nullptr; }));
-    const os::ConstBuffer buffer{answer.data(), answer.size()};
-    ASSERT_EQ(stream->Write(&buffer, 1).bytes, answer.size());
-    ASSERT_TRUE(WaitFor([&] { return !plugin.Events().empty(); }));
-    EXPECT_EQ(plugin.Events()[0].what, "failed");
-    EXPECT_TRUE(plugin.Events()[0].error == lpc::kProtocol ||
-                plugin.Events()[0].error == lpc::kMessageTooLarge)
-        << plugin.Events()[0].error;
-    plugin.Stop();
-    stream.reset();
+    const auto event = FirstEvent(transport(), answer);
+    EXPECT_EQ(event.what, "failed");
+    EXPECT_TRUE(event.error == lpc::kProtocol || event.error == lpc::kMessageTooLarge) << event.error;
   }
 }
 

@@ -184,8 +184,7 @@ TEST_P(Connecting, TheNextConnectionIsLookedForWhenTheEndOfTheOneBeforeWasTold) 
   const auto adjust = [&](lpcclient::Settings& settings) {
     settings.reconnect_first_ms = 1;
     settings.reconnect_cap_ms = 1;
-    // Whoever tells of an end keeps the thread for a while, in which the next attempt would be made long
-    // since.
+    // Long enough for many attempts.
     for (auto* const tells : {&settings.on_disconnected, &settings.on_connect_failed}) {
       *tells = [&, told = *tells](int error, const std::string& reason) {
         const int connects = wrapped.truth.connects;

@@ -90,13 +90,16 @@ struct Tally {
   std::uint64_t not_recovered = 0;
 };
 
-void Print(const std::string& operation, const Tally& tally, double least_blocks,
-           std::uint64_t bystander_cuts) {
+void Print(const std::string& operation, const Tally& tally, bool always_asks, std::uint64_t bystander_cuts) {
   const std::string name = "pressure.no_memory." + operation;
   const auto print = [&](const char* what, std::uint64_t count, Bound kind, double bound) {
     PrintFigure(name + '.' + what, static_cast<double>(count), "count", kind, bound);
   };
-  print("blocks_refused", tally.blocks, Bound::kAtLeast, least_blocks);
+  if (always_asks) {
+    print("blocks_refused", tally.blocks, Bound::kAtLeast, 1);
+  } else {
+    PrintFigure(name + ".blocks_refused", static_cast<double>(tally.blocks), "count");
+  }
   print("unexplained", tally.unexplained, Bound::kExactly, 0);
   print("late", tally.late, Bound::kExactly, 0);
   print("not_recovered", tally.not_recovered, Bound::kExactly, 0);
@@ -108,8 +111,8 @@ class Trials {
   Trials(Scene& scene, PluginProcess& alpha, PluginProcess& beta)
       : scene_(scene), alpha_(alpha), beta_(beta) {}
 
-  /// An operation that asks for large blocks only now and then may ask for none.
-  void Run(const std::string& name, const Operation& operation, double least_blocks = 1) {
+  /// An operation that does not always ask for large blocks may have none to be refused.
+  void Run(const std::string& name, const Operation& operation, bool always_asks = true) {
     Tally tally;
     const std::uint64_t cuts_before = scene_.Cuts("beta");
     if (!Await(20, [&] { return operation().first; })) {
@@ -119,7 +122,7 @@ class Trials {
       if (Try(tally, operation, number, false) == 0) break;
     }
     Try(tally, operation, 1, true);
-    Print(name, tally, least_blocks, scene_.Cuts("beta") - cuts_before);
+    Print(name, tally, always_asks, scene_.Cuts("beta") - cuts_before);
   }
 
  private:
@@ -301,7 +304,7 @@ bool RunNoMemory(const std::string& configuration, std::uint16_t port, bool quic
   const std::string body(kLarge, 'b');
   // Who waits for the answer writes its body from where it is; only what somebody else has to write is
   // copied.
-  trials.Run("call_to_plugin", CallOut(scene, alpha.Url("size"), body), 0);
+  trials.Run("call_to_plugin", CallOut(scene, alpha.Url("size"), body), false);
   trials.Run("answer_of_plugin", CallOut(scene, alpha.Url("make"), std::to_string(kLarge)));
   trials.Run("call_to_host", Order(alpha, CallOrder(kHostSize, kLarge), 2));
   trials.Run("answer_of_host", Order(alpha, CallOrder(kHostEcho, kLarge), 2));

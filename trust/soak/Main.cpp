@@ -36,10 +36,10 @@ constexpr double kLeastSeconds = 600;
 struct Watched {
   std::string name;
   int process = 0;
-  Series resident;
-  Series descriptors;
-  Series threads;
-  Series allocated;  ///< of this process only
+  Series resident{};
+  Series descriptors{};
+  Series threads{};
+  Series allocated{};  ///< of this process only
 
   void Look(double seconds) {
     const ProcessState state = StateOf(process);
@@ -96,8 +96,8 @@ int RunHere(double seconds, std::uint16_t port) {
     host.AwaitInited(plugin->id());
   }
   WarmUp(host, sent);
-  Watched watched_host{"host", ::getpid(), {}, {}, {}, {}};
-  Watched watched_plugin{"plugin", alpha.process(), {}, {}, {}, {}};
+  Watched watched_host{"host", ::getpid()};
+  Watched watched_plugin{"plugin", alpha.process()};
   {
     Repeating repeating;
     AddHostTraffic(repeating, host, sent, tally);

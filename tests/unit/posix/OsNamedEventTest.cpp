@@ -50,6 +50,14 @@ class OsPosixNamedEvent : public testing::Test {
     if (!fs::exists(folder_)) return 0;
     return static_cast<std::size_t>(std::distance(fs::directory_iterator(folder_), fs::directory_iterator()));
   }
+  auto MakeAndWait() const {
+    return [this](const auto& voice) {
+      const Event own = Make(name_);
+      voice.Say('r');
+      own->Wait(-1);
+      return 0;
+    };
+  }
   fs::path OnlyFile() const { return fs::directory_iterator(folder_)->path(); }
 
   const tolm::test::RuntimeDirectory directory_;
@@ -120,12 +128,7 @@ TEST_F(OsPosixNamedEvent, AKilledWaiterCostsOneGraceAndKeepsNoSignal) {
 TEST_F(OsPosixNamedEvent, AMakerThatWasJustKilledHoldsItNoMore) {
   constexpr int kRounds = 50;
   for (int i = 0; i < kRounds; ++i) {
-    ForkedChild child([&](const auto& voice) {
-      const Event own = Make(name_);
-      voice.Say('r');
-      own->Wait(-1);
-      return 0;
-    });
+    ForkedChild child(MakeAndWait());
     ASSERT_EQ(child.Hear(), 'r');
     ASSERT_TRUE(NamedEvent::Open(name_));
     ::kill(child.id(), SIGKILL);  // and it ends when the system comes to it
@@ -158,12 +161,7 @@ TEST_F(OsPosixNamedEvent, AMakerThatTakesItsTimeToEndIsWaitedFor) {
 TEST_F(OsPosixNamedEvent, WhoeverFindsItsMakerGoneMakesItAnew) {
   Event held;
   {
-    ForkedChild child([&](const auto& voice) {
-      const Event own = Make(name_);
-      voice.Say('r');
-      own->Wait(-1);
-      return 0;
-    });
+    ForkedChild child(MakeAndWait());
     ASSERT_EQ(child.Hear(), 'r');
     held = NamedEvent::Open(name_);
     child.Kill();

@@ -18,10 +18,9 @@ namespace lpcclient {
 
 // What an end consists of; its links and its tasks hold it.
 //
-//   idle ──due──► connecting ──WELCOME──► open ──► (lost, refused, too slow) ──► told ──► idle, due after a
-//   pause
+//   idle ──due──► connecting ──WELCOME──► open ──► (lost, refused, too slow) ──► idle, due after a pause
 //
-// The owner has been told of one connection's end before the next one is looked for.
+// The pause begins when the owner has been told: it hears of one connection's end before the next one begins.
 class CLpcClient::Core final : public lpc::wire::LinkOwner, public std::enable_shared_from_this<Core> {
  public:
   explicit Core(Settings settings)

@@ -20,7 +20,8 @@ class NamedEvent {
   NamedEvent& operator=(const NamedEvent&) = delete;
 
   /// Makes the event, not signalled, or joins the holders of an existing one. Null when the system says
-  /// no; `error` is then its code.
+  /// no; `error` is then its code. Where the event is a file, waits up to a second for the end of a maker
+  /// that was killed; so does Open.
   static std::unique_ptr<NamedEvent> Create(const std::string& name, int& error);
   /// Joins the holders of an event that exists; null when nobody holds one under this name.
   static std::unique_ptr<NamedEvent> Open(const std::string& name);

@@ -89,7 +89,7 @@ class Plugin {
   Plugin& OnUninit(std::function<void()> hook);
   /// The plugin is registered and has reported "InitFinish"; again after each lost connection.
   Plugin& OnReady(std::function<void()> hook);
-  /// The frame is gone; the plugin tries to reach it again.
+  /// The frame is gone; the plugin tries to reach it again when the hook has returned.
   Plugin& OnLost(std::function<void(const std::string& reason)> hook);
   Plugin& OnAnswer(AnswerHandler handler);
 
