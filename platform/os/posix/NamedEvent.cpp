@@ -290,7 +290,7 @@ std::unique_ptr<NamedEvent> Join(Place place, Descriptor file, bool is_maker) {
   if (memory == MAP_FAILED) return nullptr;
   std::unique_ptr<Shared, Unmap> shared(static_cast<Shared*>(memory));
   auto event = std::make_unique<FileEvent>(std::move(place), std::move(file), shared.get(), is_maker);
-  shared.release();  // the event's
+  static_cast<void>(shared.release());  // the event's
   return event;
 }
 
