@@ -78,7 +78,7 @@ inline constexpr std::int32_t kLpcMsgPluginUninited = 5;      ///< lpc_data.src_
 /// What the host's callback receives.
 struct FrameCallBackData {
   /// Leaves LpcMsgType unset: whoever makes a record says what it is.
-  FrameCallBackData() {}  // NOLINT(cppcoreguidelines-pro-type-member-init)
+  FrameCallBackData() {}  // NOLINT(modernize-use-equals-default)
 
   std::int32_t LpcMsgType;
   LPCData lpc_data;

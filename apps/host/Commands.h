@@ -27,7 +27,7 @@ class Commands {
   bool Run(const std::string& line);
 
   /// For the frame: prints what it tells, and answers requests with their own body. `user` is the Console.
-  static bool Callback(const TolmLPCFrame::FrameCallBackData& data, void* user);
+  static bool Callback(const TolmLPCFrame::FrameCallBackData& event, void* user);
 
  private:
   void Call(const std::string& url, const std::string& body);

@@ -45,7 +45,7 @@ std::string InWords(const FrameCallBackData& data) {
 /// What stands between two texts of a log line; empty when they are not there.
 std::string Between(std::string_view line, std::string_view before, std::string_view behind) {
   const std::size_t begin = line.find(before);
-  if (begin == line.npos) return {};
+  if (begin == std::string_view::npos) return {};
   line.remove_prefix(begin + before.size());
   return std::string(line.substr(0, line.find(behind)));
 }
@@ -78,11 +78,12 @@ void HostEvents::LogSink(int /*level*/, const char* tag, const char* text, void*
   if (const auto url = Between(line, "SupportUrlList = ", ","); !url.empty()) {
     events.Add(Between(line, "plugin_id = ", "[") + " registers " + url + ", time-out " +
                Between(line, "Timeout = ", ",") + " ms");
-  } else if (line.find("uninit suceessfully") != line.npos && std::string_view(tag) == "LPCFrameInfo") {
+  } else if (line.find("uninit suceessfully") != std::string_view::npos &&
+             std::string_view(tag) == "LPCFrameInfo") {
     events.Add(Between(line, "plugin_id[", "]") + " has uninitialised");
   } else if (const auto agent = Between(line, "Create Agent processID ", " "); !agent.empty()) {
     events.Add("the agent starts as process " + agent);
-  } else if (line.find("Get client info:") != line.npos) {
+  } else if (line.find("Get client info:") != std::string_view::npos) {
     events.Add("a guard has connected");
   }
 }

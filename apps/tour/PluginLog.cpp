@@ -19,7 +19,8 @@ bool PluginLog::WaitFor(const std::string& text, std::chrono::milliseconds limit
 bool PluginLog::Find(const std::string& text) {
   std::ifstream file(path_, std::ios::binary);
   const std::string all{std::istreambuf_iterator<char>(file), {}};
-  for (std::size_t begin = read_, end = 0; (end = all.find('\n', begin)) != all.npos; begin = end + 1) {
+  for (std::size_t begin = read_, end = 0; (end = all.find('\n', begin)) != std::string::npos;
+       begin = end + 1) {
     if (std::string_view(all).substr(begin, end - begin).ends_with(text)) {
       read_ = end + 1;
       return true;

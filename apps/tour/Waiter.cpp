@@ -13,7 +13,7 @@ using TolmPlugin::Request;
 namespace {
 
 /// Asks whoever serves `url`: another plugin, or else the host.
-Message Ask(Plugin& plugin, Message request) {
+Message Ask(Plugin& plugin, const Message& request) {
   Message answer;
   if (!plugin.Call(answer, request)) {
     throw std::runtime_error("no answer from " + request.url + ", error " +

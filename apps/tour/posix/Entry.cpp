@@ -17,6 +17,7 @@ int Enter(const fs::path& /*folder*/, const fs::path& program, const std::vector
   std::vector<std::string> words{program};
   words.insert(words.end(), arguments.begin(), arguments.end());
   std::vector<char*> argv;
+  argv.reserve(words.size() + 1);
   for (std::string& word : words) argv.push_back(word.data());
   argv.push_back(nullptr);
   ::execv(program.c_str(), argv.data());
