@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -118,12 +117,6 @@ long Argument(int argc, char** argv, const char* name, long otherwise) {
     if (std::string_view(argv[i]) == name) return std::strtol(argv[i + 1], nullptr, 10);
   }
   return otherwise;
-}
-
-void LetPass(std::chrono::microseconds time) {
-  const std::timespec asked{static_cast<std::time_t>(time.count() / 1'000'000),
-                            static_cast<long>(time.count() % 1'000'000 * 1000)};
-  ::nanosleep(&asked, nullptr);
 }
 
 double MillisecondsSince(std::chrono::steady_clock::time_point begin) {

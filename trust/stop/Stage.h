@@ -11,11 +11,13 @@
 #include <thread>
 
 #include "TolmLPCFrame.h"
+#include "support/posix/ShortTime.h"
 
 namespace trust {
 
-/// What the frame waits for seconds takes milliseconds here (ShortTime.cpp).
-inline constexpr int kTimesShorter = 1000;
+// What the frame waits for seconds takes milliseconds here.
+using tolm::test::kTimesShorter;
+using tolm::test::LetPass;
 
 /// The endpoint's and the host's folder, for the whole process; to be made before the frame is used.
 class Stage {
@@ -54,10 +56,6 @@ class Watchdog {
 
 /// A number behind `name` in the command line, or `otherwise`.
 long Argument(int argc, char** argv, const char* name, long otherwise);
-
-/// What is played here takes so long: a caller's pace, a handler's work. Nobody waits for a result in this
-/// way.
-void LetPass(std::chrono::microseconds time);
 
 double MillisecondsSince(std::chrono::steady_clock::time_point begin);
 

@@ -224,14 +224,15 @@ class MemoryTransport final : public LocalTransport {
     auto there = std::make_shared<Pipe>();
     auto back = std::make_shared<Pipe>();
     auto near = std::make_unique<MemoryStream>(world_, back, there, capacity_);
-    auto far = std::make_unique<MemoryStream>(world_, there, back, capacity_);
+    std::list<std::unique_ptr<Stream>> far;
+    far.push_back(std::make_unique<MemoryStream>(world_, there, back, capacity_));
     UniqueLock lock(world_->mutex);
     const auto listener = world_->listeners.find(name);
     if (listener == world_->listeners.end()) {
       lock.unlock();  // both ends lock it when they go
       return {nullptr, EndpointError::kNobodyListens, "nobody listens as " + name};
     }
-    listener->second->push_back(std::move(far));
+    listener->second->splice(listener->second->end(), far);
     world_->changed.notify_all();
     return {std::move(near), EndpointError::kNone, {}};
   }

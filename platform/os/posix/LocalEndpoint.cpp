@@ -44,28 +44,6 @@ EndpointResult<T> Fail(EndpointError error, std::string message) {
   return {nullptr, error, std::move(message)};
 }
 
-// The lock file, locked, or nothing. A holder removes its file when it ends, so the file that was
-// opened may not be the one that lies there by the time it is locked.
-EndpointResult<Descriptor> Lock(const RuntimeFolder& folder, const std::string& name) {
-  const std::string path = folder.PathOf(name);
-  for (;;) {
-    Descriptor lock = folder.OpenFile(name, O_CREAT);
-    if (!lock) return Fail<Descriptor>(EndpointError::kFailed, SystemMessage("opening " + path));
-    if (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
-      return errno == EWOULDBLOCK
-                 ? Fail<Descriptor>(EndpointError::kInUse, path + " is held by a living process")
-                 : Fail<Descriptor>(EndpointError::kFailed, SystemMessage("locking " + path));
-    }
-    const FilePlace place = folder.PlaceOf(name, lock);
-    if (place == FilePlace::kUnknown) {
-      return Fail<Descriptor>(EndpointError::kFailed, SystemMessage("looking at " + folder.PathOf(name)));
-    }
-    if (place == FilePlace::kThere) {
-      return {std::make_unique<Descriptor>(std::move(lock)), EndpointError::kNone, {}};
-    }
-  }
-}
-
 // Why nobody should connect to the socket at `path`, or nothing. A link, or a folder that somebody else
 // has made, may lead to another endpoint of this user, which is as good as any to the check of who listens.
 std::string FaultBefore(const std::string& path) {
@@ -77,20 +55,39 @@ std::string FaultBefore(const std::string& path) {
   return fault;
 }
 
+struct Fault {
+  EndpointError error = EndpointError::kNone;
+  std::string message;
+};
+
+/// Made before its files are, so that these go whatever fails.
 class UnixListener final : public Listener {
  public:
-  UnixListener(RuntimeFolder folder, std::string socket_name, std::string lock_name, Descriptor lock,
-               Descriptor socket)
+  UnixListener(RuntimeFolder folder, std::string socket_name, std::string lock_name, Descriptor socket)
       : Listener(socket.get()),
         folder_(std::move(folder)),
         socket_name_(std::move(socket_name)),
         lock_name_(std::move(lock_name)),
-        lock_(std::move(lock)),
         socket_(std::move(socket)) {}
 
   ~UnixListener() override {
+    if (!lock_) return;
     folder_.Remove(socket_name_);
     folder_.Remove(lock_name_);
+  }
+
+  /// Takes the name and listens under it; what failed, if anything did.
+  Fault Begin(const sockaddr_un& address) {
+    if (Fault fault = TakeLock(); fault.error != EndpointError::kNone) return fault;
+    // The lock is ours, so nobody alive listens there: what lies there was left by a killed process.
+    if (!folder_.Remove(socket_name_) && errno != ENOENT) return Failed("replacing ", socket_name_);
+    const auto* generic = reinterpret_cast<const sockaddr*>(&address);
+    // A socket is bound by its path alone, and somebody else's folder may lie there by now.
+    if (::bind(socket_.get(), generic, sizeof address) != 0 || !folder_.ClaimSocket(socket_name_) ||
+        ::listen(socket_.get(), kBacklog) != 0) {
+      return Failed("listening on ", socket_name_);
+    }
+    return {};
   }
 
   Accepted Accept() override {
@@ -113,10 +110,37 @@ class UnixListener final : public Listener {
   }
 
  private:
+  Fault Failed(const char* doing, const std::string& name) const {
+    const int error = errno;
+    return {EndpointError::kFailed, SystemMessage(doing + folder_.PathOf(name), error)};
+  }
+
+  // A holder removes its file when it ends, so the file that was opened may not be the one that lies there by
+  // the time it is locked.
+  Fault TakeLock() {
+    for (;;) {
+      Descriptor lock = folder_.OpenFile(lock_name_, O_CREAT);
+      if (!lock) return Failed("opening ", lock_name_);
+      if (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
+        if (errno != EWOULDBLOCK) return Failed("locking ", lock_name_);
+        return {EndpointError::kInUse, folder_.PathOf(lock_name_) + " is held by a living process"};
+      }
+      switch (folder_.PlaceOf(lock_name_, lock)) {
+        case FilePlace::kThere:
+          lock_ = std::move(lock);
+          return {};
+        case FilePlace::kUnknown:
+          return Failed("looking at ", lock_name_);
+        case FilePlace::kElsewhere:
+          break;
+      }
+    }
+  }
+
   const RuntimeFolder folder_;
   const std::string socket_name_;
   const std::string lock_name_;
-  const Descriptor lock_;  // freed last: a successor may begin only when the files are gone
+  Descriptor lock_;  // freed last: a successor may begin only when the files are gone
   const Descriptor socket_;
 };
 
@@ -128,29 +152,13 @@ class UnixTransport final : public LocalTransport {
     std::string fault;
     RuntimeFolder folder = RuntimeFolder::Open(fault);
     if (!fault.empty()) return Fail<Listener>(EndpointError::kFailed, fault);
-    const std::string socket_path = address.value->sun_path;
-    const std::string socket_name = SocketName(name);
-    const std::string lock_name = name + ".lock";
-    auto lock = Lock(folder, lock_name);
-    if (!lock.value) return Fail<Listener>(lock.error, lock.message);
-    // The lock is ours, so nobody alive listens there: what lies there was left by a killed process.
-    if (!folder.Remove(socket_name) && errno != ENOENT) {
-      return Fail<Listener>(EndpointError::kFailed, SystemMessage("replacing " + socket_path));
-    }
     Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!socket) return Fail<Listener>(EndpointError::kFailed, SystemMessage("making a socket"));
-    const auto* generic = reinterpret_cast<const sockaddr*>(address.value.get());
-    if (::bind(socket.get(), generic, sizeof(sockaddr_un)) != 0) {
-      return Fail<Listener>(EndpointError::kFailed, SystemMessage("listening on " + socket_path));
-    }
-    // A socket is bound by its path alone, and somebody else's folder may lie there by now.
-    if (!folder.ClaimSocket(socket_name) || ::listen(socket.get(), kBacklog) != 0) {
-      return Fail<Listener>(EndpointError::kFailed, SystemMessage("listening on " + socket_path));
-    }
-    return {std::make_unique<UnixListener>(std::move(folder), socket_name, lock_name, std::move(*lock.value),
-                                           std::move(socket)),
-            EndpointError::kNone,
-            {}};
+    auto listener = std::make_unique<UnixListener>(std::move(folder), SocketName(name), name + ".lock",
+                                                   std::move(socket));
+    const Fault begun = listener->Begin(*address.value);
+    if (begun.error != EndpointError::kNone) return Fail<Listener>(begun.error, begun.message);
+    return {std::move(listener), EndpointError::kNone, {}};
   }
 
   EndpointResult<Stream> Connect(const std::string& name) override {

@@ -195,9 +195,9 @@ class FileEvent final : public NamedEvent {
   }
 
   void GiveUpName() override {
-    if (!SetLock(file_, F_WRLCK, kInspection)) return;
-    RemoveName();
-    SetLock(file_, F_UNLCK, kInspection);
+    // Closing it ends the lock, which the event's own file would keep if it could not be unlocked.
+    const Descriptor inspected = OpenForInspection(place_, 0);
+    if (inspected) RemoveName();
   }
 
   std::intptr_t native() const override { return file_.get(); }

@@ -2,10 +2,11 @@
 
 #include "TolmLPCServer/LpcServer.h"
 
+#include <algorithm>
 #include <exception>
+#include <list>
 #include <memory>
 #include <utility>
-#include <vector>
 
 #include "LastError.h"
 #include "TolmBase/LogLine.h"
@@ -16,6 +17,8 @@ namespace lpcserver {
 namespace {
 
 constexpr char kTag[] = "TolmLPCServer";
+
+using Cores = std::list<std::shared_ptr<lpc::ServerCore>>;
 
 struct Process {
   os::Mutex mutex;  // never held during a callback, a send or a wait for threads
@@ -29,7 +32,8 @@ struct Process {
   /// An endpoint that some thread is starting or stopping.
   std::shared_ptr<lpc::ServerCore> changing TOLM_GUARDED_BY(mutex);
   /// Stopped by threads of their own, which may still be in the callback that did so.
-  std::vector<std::shared_ptr<lpc::ServerCore>> leaving TOLM_GUARDED_BY(mutex);
+  Cores leaving TOLM_GUARDED_BY(mutex);
+  Cores place TOLM_GUARDED_BY(mutex);           // of `core` among these, made with it: a stop needs no memory
   lpc::Statistics past TOLM_GUARDED_BY(mutex);  // of endpoints that have been stopped
 };
 
@@ -62,6 +66,13 @@ bool WaitWhileChanging(Process& state, os::UniqueLock& lock) TOLM_REQUIRES(state
   if (state.changing && state.changing->IsOwnThread()) return false;
   state.changed.wait(lock, [&state]() TOLM_REQUIRES(state.mutex) { return !state.changing; });
   return true;
+}
+
+// One that has left in a callback which goes on, and is not the calling thread's own.
+std::shared_ptr<lpc::ServerCore> OneToWaitFor(Process& state) TOLM_REQUIRES(state.mutex) {
+  const auto found = std::find_if(state.leaving.begin(), state.leaving.end(),
+                                  [](const auto& core) { return !core->HasEnded() && !core->IsOwnThread(); });
+  return found == state.leaving.end() ? nullptr : *found;
 }
 
 void AddTo(lpc::Statistics& sum, const lpc::Statistics& part) {
@@ -141,6 +152,7 @@ bool StartListen(const std::string& name) {
   int error = lpc::kFailed;
   try {
     const auto core = std::make_shared<lpc::ServerCore>(os::SystemTransport(), state.options, Deliver);
+    state.place.assign(1, core);
     // Before it listens: the first peer's callback may send at once.
     state.core = core;
     state.name = name;
@@ -151,7 +163,10 @@ bool StartListen(const std::string& name) {
     const os::MutexUnlock unlocked(state.mutex);
     TOLM_LOG(Tolm::Base::kLogLevelError, kTag, "listening failed: %s", failure.what());
   }
-  if (error != lpc::kOk) state.core = nullptr;
+  if (error != lpc::kOk) {
+    state.core = nullptr;
+    state.place.clear();
+  }
   state.changing = nullptr;
   state.changed.notify_all();
   return lpc::Conclude(error);
@@ -179,14 +194,14 @@ bool StopListen() {
     lock.lock();
     AddTo(state.past, core->GetStatistics());
     std::erase_if(state.leaving, [](const auto& left) { return left->HasEnded(); });
-    if (core->IsOwnThread()) state.leaving.push_back(core);
+    if (core->IsOwnThread()) state.leaving.splice(state.leaving.end(), state.place);
+    state.place.clear();
     state.changing = nullptr;
     state.changed.notify_all();
   }
-  const auto leaving = state.leaving;
-  lock.unlock();
-  for (const auto& core : leaving) {
-    if (!core->IsOwnThread()) core->Stop();
+  while (const auto core = OneToWaitFor(state)) {
+    const os::MutexUnlock unlocked(state.mutex);
+    core->Stop();
   }
   return lpc::Conclude(lpc::kOk);
 }

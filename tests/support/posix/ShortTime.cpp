@@ -1,12 +1,14 @@
 // Times of the frame, a thousand times shorter: the platform's clock in its own library's place, and the wait
 // for a guard's reply led past here by the linker.
 
+#include "support/posix/ShortTime.h"
+
 #include <chrono>
+#include <cstdint>
+#include <ctime>
 #include <functional>
-#include <thread>
 
 #include "KRT/KRT.h"
-#include "Stage.h"
 #include "net/ConditionAndMutex.h"
 
 using Clock = std::chrono::steady_clock;
@@ -16,10 +18,16 @@ std::int64_t KRT_GetTimeTick64() {
 }
 
 void KRT_Sleep(int milliseconds) {
-  trust::LetPass(std::chrono::milliseconds(milliseconds) / trust::kTimesShorter);
+  tolm::test::LetPass(std::chrono::milliseconds(milliseconds) / tolm::test::kTimesShorter);
 }
 
-namespace trust {
+namespace tolm::test {
+
+void LetPass(std::chrono::microseconds time) {
+  const std::timespec asked{static_cast<std::time_t>(time.count() / 1'000'000),
+                            static_cast<long>(time.count() % 1'000'000 * 1000)};
+  ::nanosleep(&asked, nullptr);
+}
 
 // The real function.
 bool RealWaitFor(TolmLPCFrame::ConditionAndMutex* waiter, os::UniqueLock& lock, std::int32_t timeout_ms, const std::function<bool()>& is_over) asm(
@@ -36,4 +44,4 @@ bool ShortWaitFor(TolmLPCFrame::ConditionAndMutex* waiter, os::UniqueLock& lock,
   return RealWaitFor(waiter, lock, timeout_ms / kTimesShorter, is_over);
 }
 
-}  // namespace trust
+}  // namespace tolm::test
