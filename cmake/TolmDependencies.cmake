@@ -28,10 +28,16 @@ if(WIN32 AND CMAKE_CROSSCOMPILING)
   target_include_directories(tolm_websockets SYSTEM INTERFACE ${prefix}/include)
   target_link_libraries(tolm_websockets INTERFACE websockets ws2_32 userenv psapi iphlpapi crypt32)
 else()
-  find_package(Boost 1.81 REQUIRED COMPONENTS thread)
-  # Its later shared mutex: a reader takes one plain mutex on the way in and one on the way out, the
-  # earlier one takes two and four. On Windows there is another one, and this says nothing.
-  target_compile_definitions(Boost::thread INTERFACE BOOST_THREAD_V2_SHARED_MUTEX)
+  find_package(Boost 1.81 REQUIRED)
+  # Of Boost.Thread the shared mutex alone, which is in its headers.
+  add_library(tolm_boost_thread INTERFACE)
+  add_library(Boost::thread ALIAS tolm_boost_thread)
+  target_link_libraries(tolm_boost_thread INTERFACE Boost::headers Threads::Threads)
+  # The later one: a reader takes one plain mutex on the way in and one on the way out, the earlier one takes
+  # two and four. Without interruptions: each wait would look for the thread's data under a key of which
+  # nobody sees whether the system had one left. On Windows there is another one, and this says nothing.
+  target_compile_definitions(tolm_boost_thread INTERFACE BOOST_THREAD_V2_SHARED_MUTEX
+                                                         BOOST_THREAD_DONT_PROVIDE_INTERRUPTIONS)
   if(TOLM_SANITIZE MATCHES "thread")
     # Fences are beyond ThreadSanitizer. What Asio hands from thread to thread is under its locks as well.
     target_compile_definitions(Boost::headers INTERFACE BOOST_ASIO_DISABLE_FENCED_BLOCK)

@@ -98,7 +98,7 @@ def blame(output):
         path = fault_sites.own_path(place[1]) if place else None
         if path and fault_sites.owner(path) != fault_sites.OTHERS:
             places.append(fault_sites.owner(path))
-        if re.search(r"\b(main|start_thread)\b", frame) and places:
+        if re.match(r"(main|start_thread)\b", frame) and places:
             break
     if not places:
         return "crash"

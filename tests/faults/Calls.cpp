@@ -2,7 +2,9 @@
 // functions come before a library's. Their arguments pass unseen, so each is a machine word here.
 
 #include <fcntl.h>
+#include <linux/futex.h>
 #include <sys/epoll.h>
+#include <sys/syscall.h>
 
 #include <atomic>
 #include <cerrno>
@@ -145,12 +147,18 @@ TOLM_CALL(getentropy, -1, EIO)
 TOLM_CALL(nanosleep, -1, EINTR)
 TOLM_CALL(clock_nanosleep, EINTR, errno)
 
+// To wake who waits cannot fail.
+static bool IsWakeUp(Word number, Word operation) {
+  const Word command = operation & FUTEX_CMD_MASK;
+  return number == SYS_futex && (command == FUTEX_WAKE || command == FUTEX_WAKE_BITSET);
+}
+
 // The seventh word is on the stack.
 extern "C" __attribute__((visibility("default"))) Word FallibleSyscall(Word number, Word a, Word b, Word c,
                                                                        Word d, Word e, Word f) asm("syscall");
 Word FallibleSyscall(Word number, Word a, Word b, Word c, Word d, Word e, Word f) {
   static std::atomic<void*> next;
-  if (Fails("syscall")) {
+  if (!IsWakeUp(number, b) && Fails("syscall")) {
     errno = EINTR;
     return -1;
   }

@@ -46,7 +46,7 @@ def debian_packages(version):
     runtime = f"libtolmlpcframe{version.split('.')[0]}"
     same = f"{runtime} (= {version})"
     return {
-        runtime: ["libc6 (", "libstdc++6 (", "libboost-thread1.", "libpugixml1", "libwebsockets1"],
+        runtime: ["libc6 (", "libstdc++6 (", "libpugixml1", "libwebsockets1"],
         "libtolmlpcframe-dev": [same],
         "tolmlpcframe": [same, "libc6 (", "libstdc++6 (", "libpugixml1"],
     }
