@@ -17,7 +17,7 @@ constexpr char kSeparator = static_cast<char>(std::filesystem::path::preferred_s
 /// What is published is process-wide: every case leaves nothing published, as it is at first.
 class ExecutableDirectory : public testing::Test {
  protected:
-  ~ExecutableDirectory() override { InitCurExeDirUtf8(""); }
+  void TearDown() override { InitCurExeDirUtf8(""); }
 };
 
 TEST_F(ExecutableDirectory, HoldsTheRunningProgramAndEndsWithASeparator) {
