@@ -1,23 +1,25 @@
 # Every library that we call, under one target name each, whatever the system calls it.
 #
-#   Boost::headers  Boost::thread  CLI11::CLI11  spdlog::spdlog_header_only  pugixml::pugixml
-#   Tolm::RapidJSON  Tolm::WebSockets  Tolm::cJSON  and, for tests, GTest::*  Python3::Interpreter
+#   Boost::headers  CLI11::CLI11  spdlog::spdlog_header_only  pugixml::pugixml
+#   Tolm::BoostThread  Tolm::RapidJSON  Tolm::WebSockets  Tolm::cJSON  and, for tests, GTest::*  Python3::Interpreter
 find_package(Threads REQUIRED)
 find_package(pugixml REQUIRED)
 add_library(tolm_rapidjson INTERFACE)
 add_library(Tolm::RapidJSON ALIAS tolm_rapidjson)
+# Of Boost.Thread the shared mutex alone, which is in its headers.
+add_library(tolm_boost_thread INTERFACE)
+add_library(Tolm::BoostThread ALIAS tolm_boost_thread)
 
 if(WIN32 AND CMAKE_CROSSCOMPILING)
   # Libraries that are headers only come from a folder of links to the build machine's, whose CMake
   # packages speak of its own binaries ("./dev windows" lays it out).
   list(GET CMAKE_FIND_ROOT_PATH 0 prefix)
-  foreach(name Boost::headers Boost::thread CLI11::CLI11 fmt::fmt-header-only spdlog::spdlog_header_only)
+  foreach(name Boost::headers CLI11::CLI11 fmt::fmt-header-only spdlog::spdlog_header_only)
     add_library(${name} INTERFACE IMPORTED)
     target_include_directories(${name} SYSTEM INTERFACE ${prefix}/include)
   endforeach()
-  # What Boost.Thread's locks need is in its headers on Windows; nothing of it is linked.
   target_compile_definitions(Boost::headers INTERFACE BOOST_ALL_NO_LIB)
-  target_compile_definitions(Boost::thread INTERFACE BOOST_ALL_NO_LIB BOOST_THREAD_USE_LIB)
+  target_compile_definitions(tolm_boost_thread INTERFACE BOOST_THREAD_USE_LIB)
   target_compile_definitions(fmt::fmt-header-only INTERFACE FMT_HEADER_ONLY=1)
   target_compile_definitions(spdlog::spdlog_header_only INTERFACE SPDLOG_FMT_EXTERNAL)
   target_link_libraries(spdlog::spdlog_header_only INTERFACE fmt::fmt-header-only)
@@ -29,13 +31,9 @@ if(WIN32 AND CMAKE_CROSSCOMPILING)
   target_link_libraries(tolm_websockets INTERFACE websockets ws2_32 userenv psapi iphlpapi crypt32)
 else()
   find_package(Boost 1.81 REQUIRED)
-  # Of Boost.Thread the shared mutex alone, which is in its headers.
-  add_library(tolm_boost_thread INTERFACE)
-  add_library(Boost::thread ALIAS tolm_boost_thread)
-  target_link_libraries(tolm_boost_thread INTERFACE Boost::headers Threads::Threads)
-  # The later one: a reader takes one plain mutex on the way in and one on the way out, the earlier one takes
-  # two and four. Without interruptions: each wait would look for the thread's data under a key of which
-  # nobody sees whether the system had one left. On Windows there is another one, and this says nothing.
+  # The later shared mutex: a reader takes one plain mutex on the way in and one on the way out, the earlier
+  # one takes two and four. And no interruptions: for these each wait looks for the thread's data, under a key
+  # of which nobody sees whether the system had one left. On Windows there is another one, and this says nothing.
   target_compile_definitions(tolm_boost_thread INTERFACE BOOST_THREAD_V2_SHARED_MUTEX
                                                          BOOST_THREAD_DONT_PROVIDE_INTERRUPTIONS)
   if(TOLM_SANITIZE MATCHES "thread")
@@ -51,6 +49,8 @@ else()
   pkg_check_modules(LIBWEBSOCKETS REQUIRED IMPORTED_TARGET GLOBAL libwebsockets)
   add_library(Tolm::WebSockets ALIAS PkgConfig::LIBWEBSOCKETS)
 endif()
+
+target_link_libraries(tolm_boost_thread INTERFACE Boost::headers Threads::Threads)
 
 include(TolmCJson)
 
