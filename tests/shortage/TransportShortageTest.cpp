@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "ScarceMemory.h"
 #include "TolmLPCServer/LpcClient.h"
