@@ -91,7 +91,7 @@ def run_test(program, code, test, folder, time_out, environment):
 
 def blame(output):
     """Whether the tests' own code is to blame, by the stack of a sanitizer's report or an exception's way."""
-    frames = re.findall(r"^\s+#\d+ 0x[0-9a-f]+ (?:in )?(.*)$", output, re.MULTILINE)
+    frames = re.findall(r"^\s+#\d+ (?:0x[0-9a-f]+ )?(?:in )?(.*)$", output, re.MULTILINE)
     places = []
     for frame in frames:
         place = re.search(r"(\S+):\d+(?::\d+)?$", frame) or re.search(r"(\S+):\d+", frame)
