@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <linux/futex.h>
 #include <sys/epoll.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
 
 #include <atomic>
@@ -20,6 +21,17 @@ namespace {
 
 using Word = std::intptr_t;
 constexpr Word kNull = 0;
+
+// Linux shuts each of them down that there is.
+bool IsLocalSocket(Word socket) {
+  const int error = errno;
+  int domain = 0;
+  socklen_t size = sizeof domain;
+  auto* const ask = reinterpret_cast<decltype(&::getsockopt)>(Next("getsockopt"));
+  const bool known = ask(static_cast<int>(socket), SOL_SOCKET, SO_DOMAIN, &domain, &size) == 0;
+  errno = error;
+  return known && domain == AF_UNIX;
+}
 
 }  // namespace
 
@@ -102,7 +114,7 @@ TOLM_CALL(listen, -1, EADDRINUSE)
 TOLM_CALL(accept, -1, ENFILE)
 TOLM_CALL(accept4, -1, ENFILE)
 TOLM_CALL(connect, -1, ECONNREFUSED)
-TOLM_CALL(shutdown, -1, ENOTCONN)
+TOLM_CALL_IF(!IsLocalSocket(a), shutdown, -1, ENOTCONN)
 TOLM_CALL(getsockname, -1, ENOBUFS)
 TOLM_CALL(getpeername, -1, ENOBUFS)
 TOLM_CALL(getsockopt, -1, ENOBUFS)
