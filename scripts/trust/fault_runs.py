@@ -103,7 +103,7 @@ def blame(output):
     if not places:
         return "crash"
     # An exception that nobody caught: whoever is outermost should have. Else whoever is innermost did it.
-    thrown = "terminate called" in output and "__cxa_throw" in output
+    thrown = "terminate called" in output and re.search(r"\b__cxa_(re)?throw\b", output)
     return "test" if places[-1 if thrown else 0] == fault_sites.TESTS else "crash"
 
 

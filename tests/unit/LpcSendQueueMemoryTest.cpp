@@ -72,7 +72,7 @@ class LpcSendQueueMemory : public testing::Test {
   SendQueue queue_{stream_, options_};
 
  private:
-  const LpcParams params_;
+  const LpcParams params_{};
 };
 
 TEST_F(LpcSendQueueMemory, WhatIsSentAtOnceNeedsNone) {

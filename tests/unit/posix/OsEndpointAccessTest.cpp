@@ -83,11 +83,12 @@ struct Row {
 
 void AddModes(std::vector<Row>& rows) {
   // Set-user-ID, set-group-ID and the sticky bit let nobody in.
-  for (const mode_t mode : {00700, 01700, 02700, 04700}) {
+  for (const mode_t mode : {00700u, 01700u, 02700u, 04700u}) {
     rows.push_back({"folder of mode " + std::to_string(mode), kFine, kNobody,
                     [mode](Place& place) { place.MakeFolder(mode); }});
   }
-  for (const mode_t mode : {00755, 00777, 01777, 00750, 00710, 00701, 00770, 00704, 00740, 00720, 00702}) {
+  for (const mode_t mode :
+       {00755u, 00777u, 01777u, 00750u, 00710u, 00701u, 00770u, 00704u, 00740u, 00720u, 00702u}) {
     rows.push_back({"folder of mode " + std::to_string(mode), kFailed, kFailed,
                     [mode](Place& place) { place.MakeFolder(mode); }});
   }
@@ -197,7 +198,7 @@ void AddModesThatKeepOut(std::vector<Row>& rows) {
 
 /// Only root can make what belongs to others.
 void AddOwners(std::vector<Row>& rows) {
-  for (const mode_t mode : {0700, 0777}) {
+  for (const mode_t mode : {0700u, 0777u}) {
     rows.push_back({"folder of somebody else", kFailed, kFailed, [mode](Place& place) {
                       place.MakeFolder(mode);
                       ASSERT_EQ(::chown(place.folder.c_str(), Stranger::kUser, Stranger::kUser), 0);
@@ -287,7 +288,7 @@ TEST(OsEndpointAccess, HoldsForAUserWhoIsNotRoot) {
 
 TEST(OsEndpointAccess, LeavesNoMoreRightsToOthersWhateverTheUmask) {
   Rows rows("endpoint");
-  for (const mode_t mask : {0000, 0002, 0022, 0027, 0077, 0177}) {
+  for (const mode_t mask : {0000u, 0002u, 0022u, 0027u, 0077u, 0177u}) {
     const tolm::test::RuntimeDirectory runtime;
     const mode_t before = ::umask(mask);
     const auto listening = SystemTransport().Listen("name");

@@ -105,7 +105,7 @@ TEST_F(OsLocalEndpoint, AFolderThatIsAFileOrALinkIsNotUsed) {
 
 TEST_F(OsLocalEndpoint, AFolderThatOthersMayEnterIsNotUsed) {
   fs::create_directory(folder_);
-  for (const mode_t mode : {0701, 0710, 0777, 0704, 0740}) {
+  for (const mode_t mode : {0701u, 0710u, 0777u, 0704u, 0740u}) {
     ASSERT_EQ(::chmod(folder_.c_str(), mode), 0);
     EXPECT_EQ(Listen("name"), EndpointError::kFailed) << std::oct << mode;
   }
