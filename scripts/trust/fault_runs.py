@@ -92,16 +92,20 @@ def run_test(program, code, test, folder, time_out, environment):
 def blame(output):
     """Whether the tests' own code is to blame, by the stack of a sanitizer's report or an exception's way."""
     frames = re.findall(r"^\s+#\d+ (?:0x[0-9a-f]+ )?(?:in )?(.*)$", output, re.MULTILINE)
-    places = []
+    places, ends = [], []  # whose code it is; and of destructors
     for frame in frames:
         place = re.search(r"(\S+):\d+(?::\d+)?$", frame) or re.search(r"(\S+):\d+", frame)
         path = fault_sites.own_path(place[1]) if place else None
         if path and fault_sites.owner(path) != fault_sites.OTHERS:
             places.append(fault_sites.owner(path))
+            ends += [places[-1]] if re.match(r"(\S+::)?~", frame) else []
         if re.match(r"(main|start_thread)\b", frame) and places:
             break
     if not places:
         return "crash"
+    # One that got as far as a destructor, which lets none pass.
+    if "terminate called" in output and re.search(r"\b_Unwind_Resume\b", output) and ends:
+        return "test" if ends[0] == fault_sites.TESTS else "crash"
     # An exception that nobody caught: whoever is outermost should have. Else whoever is innermost did it.
     thrown = "terminate called" in output and re.search(r"\b__cxa_(re)?throw\b", output)
     return "test" if places[-1 if thrown else 0] == fault_sites.TESTS else "crash"
