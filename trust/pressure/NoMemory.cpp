@@ -33,7 +33,9 @@ namespace trust {
 namespace {
 
 constexpr std::size_t kMiB = 1u << 20;
-constexpr std::size_t kLarge = 8 * kMiB;
+constexpr std::size_t kLarge = 2 * kLargeBlock;
+// More than is made room for before it has come (FrameReader.cpp).
+constexpr std::size_t kBeyondFirstRoom = 40 * kMiB;
 constexpr int kTimeOutMs = TRUST_SANITIZED ? 10'000 : 1500;
 constexpr double kLongestMs = kTimeOutMs + 1500;
 constexpr char kEndpoint[] = "memory";
@@ -308,7 +310,7 @@ bool RunNoMemory(const std::string& configuration, std::uint16_t port, bool quic
   trials.Run("answer_of_plugin", CallOut(scene, alpha.Url("make"), std::to_string(kLarge)));
   trials.Run("call_to_host", Order(alpha, CallOrder(kHostSize, kLarge), 2));
   trials.Run("answer_of_host", Order(alpha, CallOrder(kHostEcho, kLarge), 2));
-  trials.Run("beyond_the_first_room", Order(alpha, CallOrder(kHostSize, 5 * kLarge), 2));
+  trials.Run("beyond_the_first_room", Order(alpha, CallOrder(kHostSize, kBeyondFirstRoom), 2));
   trials.Run("part_to_plugin", PartOut(scene, alpha.Url("echo")));
   trials.Run("part_to_host",
              Order(alpha, "part " + std::to_string(kLarge) + ' ' + std::to_string(kTimeOutMs), 1));

@@ -5,8 +5,8 @@
 
 namespace trust {
 
-/// What counts as large.
-inline constexpr std::size_t kLargeBlock = 4u << 20;
+/// What counts as large: half of it where each byte is looked at by a sanitizer.
+inline constexpr std::size_t kLargeBlock = (TRUST_SANITIZED ? 2u : 4u) << 20;
 
 /// Makes `new` refuse large blocks in this process while it lives: the one with this number, counted from 1,
 /// or with `all_later` that one and all behind it.
