@@ -33,6 +33,12 @@ bool IsLocalSocket(Word socket) {
   return known && domain == AF_UNIX;
 }
 
+// To wake who waits cannot fail.
+bool IsWakeUp(Word number, Word operation) {
+  const Word command = operation & FUTEX_CMD_MASK;
+  return number == SYS_futex && (command == FUTEX_WAKE || command == FUTEX_WAKE_BITSET);
+}
+
 }  // namespace
 
 /// NAME fails with RESULT and errno set, when CONDITION holds. Six words are all that fits into registers.
@@ -158,12 +164,6 @@ TOLM_CALL(close_range, -1, ENOSYS)
 TOLM_CALL(getentropy, -1, EIO)
 TOLM_CALL(nanosleep, -1, EINTR)
 TOLM_CALL(clock_nanosleep, EINTR, errno)
-
-// To wake who waits cannot fail.
-static bool IsWakeUp(Word number, Word operation) {
-  const Word command = operation & FUTEX_CMD_MASK;
-  return number == SYS_futex && (command == FUTEX_WAKE || command == FUTEX_WAKE_BITSET);
-}
 
 // The seventh word is on the stack.
 extern "C" __attribute__((visibility("default"))) Word FallibleSyscall(Word number, Word a, Word b, Word c,

@@ -33,7 +33,8 @@ struct Process {
   std::shared_ptr<lpc::ServerCore> changing TOLM_GUARDED_BY(mutex);
   /// Stopped by threads of their own, which may still be in the callback that did so.
   Cores leaving TOLM_GUARDED_BY(mutex);
-  Cores place TOLM_GUARDED_BY(mutex);           // of `core` among these, made with it: a stop needs no memory
+  /// The place of `core` among these, made with it, so that a stop needs no memory.
+  Cores place TOLM_GUARDED_BY(mutex);
   lpc::Statistics past TOLM_GUARDED_BY(mutex);  // of endpoints that have been stopped
 };
 
