@@ -79,7 +79,10 @@ if(TOLM_SANITIZE AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   # What the sanitizers add hides from GCC that the standard library's own code initialises everything.
   target_compile_options(tolm_flags INTERFACE -Wno-maybe-uninitialized)
 endif()
+# For tests: a sanitizer takes more memory, stack and time.
+set(TOLM_IS_SANITIZED 0)
 if(TOLM_SANITIZE)
+  set(TOLM_IS_SANITIZED 1)
   add_compile_options(-fsanitize=${TOLM_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   add_link_options(-fsanitize=${TOLM_SANITIZE})
 endif()
