@@ -128,7 +128,7 @@ void AddHandshakes(Table& table) {
 }
 
 void AddFraming(Table& table) {
-  for (const std::size_t size : {0, 1, 125, 126, 127, 65535, 65536, 1 << 20}) {
+  for (const std::size_t size : {0u, 1u, 125u, 126u, 127u, 65535u, 65536u, 1u << 20}) {
     const std::string payload(size, 'x');
     table.Frames("5.2", "text of " + std::to_string(size), "text " + payload + ", open", Frame{}(payload));
   }
@@ -194,7 +194,7 @@ void AddFragments(Table& table) {
 }
 
 void AddControl(Table& table) {
-  for (const std::size_t size : {0, 1, 125}) {
+  for (const std::size_t size : {0u, 1u, 125u}) {
     table.Frames("5.5.2", "ping of " + std::to_string(size), "pong " + std::to_string(size) + ", open",
                  Frame{.opcode = 9}(std::string(size, '\xff')));
   }

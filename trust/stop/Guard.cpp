@@ -18,7 +18,7 @@ constexpr const char* kTexts[] = {
     R"({"guid":"g3","requestData":{"method":"GetMianProcessPath"}})",
     "no document at all",
 };
-constexpr int kTextsAtOnce = 8;
+constexpr unsigned kTextsAtOnce = 8;
 
 bool IsQuestion(const std::string& text) {
   return text.find("SetProcessGuardStateList") != std::string::npos ||
@@ -43,10 +43,10 @@ bool Guard::Connected(const std::stop_token& stop, std::uint16_t port) {
   RawClient client = RawClient::Upgraded(port);
   if (!client.connected()) return false;
   was_there_ = true;
-  int said = 0;
-  const int most = kind_ == Kind::kComesAndGoes ? 3 * kTextsAtOnce : 1 << 30;
+  unsigned said = 0;
+  const unsigned most = kind_ == Kind::kComesAndGoes ? 3 * kTextsAtOnce : 1u << 30;
   while (!stop.stop_requested() && said < most) {
-    for (int i = 0; i < kTextsAtOnce; ++i, ++said) {
+    for (unsigned i = 0; i < kTextsAtOnce; ++i, ++said) {
       if (!client.Send(tolm::test::Text(kTexts[said % std::size(kTexts)]))) return true;
     }
     while (client.HasInput()) {
