@@ -11,6 +11,8 @@
 #include "PluginEnd.h"
 #include "RawPeer.h"
 #include "TransportSuite.h"
+#include "WrappedTransport.h"
+#include "support/LogCapture.h"
 #include "support/Wait.h"
 
 namespace tolm::test {
@@ -106,6 +108,66 @@ TEST_P(Stopping, AFrameThatStopsFailsItsOwnWaiters) {
   frame.Stop();
   asks.join();
   EXPECT_EQ(error, lpc::kPeerGone);
+}
+
+// A reply goes to whoever has the asking peer's id by then; numbers of messages do not begin anew for that
+// reason.
+TEST_P(Stopping, AReplyToAPeerThatIsGoneIsNoneToItsSuccessor) {
+  FrameEnd frame(transport(), {}, [](FrameEnd&, const tag_LPCCallBackData&) {});
+  ASSERT_EQ(frame.Listen(), lpc::kOk);
+  {
+    PluginEnd first(transport(), "alpha");
+    ASSERT_TRUE(first.Meet(frame));
+    EXPECT_EQ(first.Ask("of the first", nullptr, 1), lpc::kTimeOut);
+    ASSERT_TRUE(WaitFor([&] { return frame.Messages().size() == 1; }));
+  }
+  ASSERT_TRUE(frame.WaitStatus("alpha", "disconnected"));
+  PluginEnd second(transport(), "alpha");
+  ASSERT_TRUE(second.Meet(frame));
+  std::string answer;
+  std::thread asks([&] { EXPECT_EQ(second.Ask("of the second", &answer), lpc::kOk); });
+  EXPECT_TRUE(WaitFor([&] { return frame.Messages().size() == 2; }));
+  for (const tag_LPCCallBackData& request : frame.Messages())
+    frame.Answer(request, "for that " + request.body);
+  asks.join();
+  EXPECT_EQ(answer, "for that of the second");
+}
+
+TEST_P(Stopping, AReplyToAFrameThatIsGoneIsNoneToItsSuccessor) {
+  auto frame = std::make_unique<FrameEnd>(transport());
+  ASSERT_EQ(frame->Listen(), lpc::kOk);
+  PluginEnd plugin(transport(), "alpha", [](PluginEnd&, const tag_LPCCallBackData&) {});
+  ASSERT_TRUE(plugin.Meet(*frame));
+  EXPECT_EQ(frame->Ask("alpha", "of the first", nullptr, 1), lpc::kTimeOut);
+  ASSERT_TRUE(WaitFor([&] { return plugin.Messages().size() == 1; }));
+  frame = std::make_unique<FrameEnd>(transport());
+  ASSERT_TRUE(WaitFor([&] { return frame->Listen() == lpc::kOk; }));
+  ASSERT_TRUE(frame->WaitStatus("alpha", "connected"));
+  std::string answer;
+  std::thread asks([&] { EXPECT_EQ(frame->Ask("alpha", "of the second", &answer), lpc::kOk); });
+  EXPECT_TRUE(WaitFor([&] { return plugin.Messages().size() == 2; }));
+  for (const PluginEnd::Message& request : plugin.Messages()) {
+    plugin.Answer(request.data, "for that " + request.data.body);
+  }
+  asks.join();
+  EXPECT_EQ(answer, "for that of the second");
+}
+
+TEST_P(Stopping, ThoseWhoComeWithoutAnEndHoldUpNeitherMessagesNorTheStop) {
+  WrappedTransport wrapped(transport());
+  const LogCapture quiet(5);
+  FrameEnd frame(wrapped);
+  ASSERT_EQ(frame.Listen(), lpc::kOk);
+  PluginEnd plugin(transport(), "alpha");
+  ASSERT_TRUE(plugin.Meet(frame));
+  wrapped.truth.strangers_come = true;
+  const RawPeer first_of_them(transport());
+  ASSERT_TRUE(WaitFor([&] { return wrapped.truth.strangers > 1000; }));
+  for (int i = 0; i < 20; ++i) EXPECT_EQ(plugin.Ask("x"), lpc::kOk);
+  frame.Stop();
+  const std::uint64_t at_the_stop = wrapped.truth.strangers;
+  EXPECT_TRUE(WaitFor([&] { return plugin.Ask("x") == lpc::kNotConnected; }));
+  EXPECT_EQ(wrapped.truth.strangers, at_the_stop);
 }
 
 TEST_P(Stopping, WaitsThatAreToEndSoonEndThenAndNothingElseDoes) {

@@ -17,14 +17,16 @@
 namespace tolm::test {
 
 struct TransportTruth {
-  std::atomic<bool> accepted_same_user{true};    ///< what accepted streams say of their peers
-  std::atomic<bool> connected_same_user{true};   ///< what made connections say of theirs
-  std::atomic<int> accept_shortages{0};          ///< so many of the next accepts fail, and may be tried again
-  std::atomic<bool> accept_dead{false};          ///< the next accept fails for good
-  std::atomic<bool> all_accepted{false};         ///< the last accept found nobody who waited
+  std::atomic<bool> accepted_same_user{true};   ///< what accepted streams say of their peers
+  std::atomic<bool> connected_same_user{true};  ///< what made connections say of theirs
+  std::atomic<int> accept_shortages{0};         ///< so many of the next accepts fail, and may be tried again
+  std::atomic<bool> accept_dead{false};         ///< the next accept fails for good
+  std::atomic<bool> all_accepted{false};        ///< the last accept found nobody who waited
+  std::atomic<bool> strangers_come{false};  ///< from the next one on every accept gives one of another user
   std::atomic<int> operations_until_failure{0};  ///< that one read or write fails; 0: none does
   std::atomic<std::uint64_t> waits{0};           ///< returns of Poller::Wait
   std::atomic<int> connects{0};                  ///< calls of Connect
+  std::atomic<std::uint64_t> strangers{0};       ///< so many came
 };
 
 class WrappedStream final : public os::Stream {
@@ -58,6 +60,22 @@ class WrappedStream final : public os::Stream {
   const bool same_user_;
 };
 
+class Stranger final : public os::Stream {
+ public:
+  Stranger() : os::Stream(-1) {}
+  os::IoResult Read(const os::MutableBuffer* /*buffers*/, std::size_t /*count*/) override {
+    return {os::IoStatus::kFailed, 0, 5};
+  }
+  os::IoResult Write(const os::ConstBuffer* /*buffers*/, std::size_t /*count*/) override {
+    return {os::IoStatus::kFailed, 0, 5};
+  }
+  os::StreamState Wait(bool /*for_room*/, int /*timeout_ms*/) override { return {true, true}; }
+  bool CanWaitForRoom() const override { return false; }
+  void SetBulk(bool /*bulk*/) override {}
+  void Shutdown() noexcept override {}
+  os::PeerIdentity Peer() const override { return {false, 1}; }
+};
+
 class WrappedListener final : public os::Listener {
  public:
   WrappedListener(std::unique_ptr<os::Listener> inner, TransportTruth& truth)
@@ -67,6 +85,11 @@ class WrappedListener final : public os::Listener {
     if (truth_.accept_shortages > 0) {
       --truth_.accept_shortages;
       return {nullptr, os::IoStatus::kFailed, true, 24};
+    }
+    // Whoever waits does so on, and the poller says it each time.
+    if (truth_.strangers_come) {
+      ++truth_.strangers;
+      return {std::make_unique<Stranger>(), os::IoStatus::kDone, false, 0};
     }
     Accepted accepted = inner_->Accept();
     truth_.all_accepted = !accepted.stream;

@@ -246,6 +246,40 @@ TEST_F(JsonRead, TheFirstOfMembersWithTheSameNameCounts) {
   EXPECT_EQ(json_.get_int_v("/twice", -1), 1);
 }
 
+TEST(JsonReadLarge, MembersOfLargeObjectsAreReachedByTheirNames) {
+  // The first of one name counts, wherever the others are; some are large objects themselves.
+  std::string text = R"({"twice":1,"":"nameless",)";
+  for (int i = 0; i < 1000; ++i) {
+    std::string inner = "{";
+    for (int k = 0; k < 100; ++k)
+      inner += (k > 0 ? ",\"" : "\"") + std::to_string(k) + "\":" + std::to_string(i + k);
+    text += "\"list" + std::to_string(i) + "\":[0," + inner + "}],";
+  }
+  text += R"("twice":2,"last":[3,{"x":4}]})";
+  CRapidJsonProto json;
+  ASSERT_TRUE(json.set_str(text));
+  EXPECT_EQ(json.get_int_v("/twice", -1), 1);
+  EXPECT_EQ(json.get_int_v("/last[2]/x", -1), 4);
+  for (const int i : {0, 1, 63, 64, 500, 999}) {
+    const std::string list = "/list" + std::to_string(i);
+    EXPECT_EQ(json.get_cnt(list), 2);
+    for (const int k : {0, 1, 64, 99}) {
+      EXPECT_EQ(json.get_int_v(list + "[2]/" + std::to_string(k), -1), i + k) << list;
+    }
+    EXPECT_EQ(json.get_int_v(list + "[2]/100", -1), -1);
+  }
+  EXPECT_EQ(json.get_cnt("/list1000"), 0);
+  EXPECT_EQ(json.get_cnt("/lis"), 0);
+  // What is set counts from then on, and what was read before stays.
+  ASSERT_TRUE(json.set_v("/aaa", 5));
+  ASSERT_TRUE(json.set_v("/list7[2]/3", 6));
+  EXPECT_EQ(json.get_int_v("/aaa", -1), 5);
+  EXPECT_EQ(json.get_int_v("/list7[2]/3", -1), 6);
+  EXPECT_EQ(json.get_int_v("/twice", -1), 1);
+  ASSERT_TRUE(json.set_str("{}"));
+  EXPECT_EQ(json.get_int_v("/twice", -1), -1);
+}
+
 TEST_F(JsonRead, PathsThatLeadNowhereGiveTheDefault) {
   for (const char* path :
        {"/missing", "/missing/below", "/guid/below", "/list/name", "/requestData[1]", "/code[1]",

@@ -79,8 +79,9 @@ void Connection::ReadRequest(std::string_view head) {
 }
 
 bool Connection::IsSameUser() const {
-  // Who connects to another address of this machine may be anybody.
-  if (!IsLoopback(accepted_.local.ip) || !IsLoopback(accepted_.peer.ip)) return false;
+  // Who connects from or to another address of this machine may be anybody, also when it is one of 127.0.0.2
+  // to 127.255.255.255: a port that is in use at 127.0.0.1 is free there, and is all that is asked about.
+  if (accepted_.local.ip != kLoopback || accepted_.peer.ip != kLoopback) return false;
   const auto ask = [this] {
     return server_.options.is_peer_same_user(accepted_.local.port, accepted_.peer.port);
   };

@@ -22,9 +22,7 @@ struct SocketAddress {
 /// False when `text` is no IPv4 address in dotted decimal.
 bool ParseIp(const std::string& text, std::uint32_t& ip);
 std::string IpText(std::uint32_t ip);
-inline bool IsLoopback(std::uint32_t ip) {
-  return ip >> 24 == 127;
-}
+inline constexpr std::uint32_t kLoopback = 0x7F000001;
 
 /// A listening socket, non-blocking and not inherited; or kNoSocket with the system's text in `error`.
 Socket Listen(const SocketAddress& address, std::string& error);

@@ -1,7 +1,5 @@
 #include "TolmProto/RapidJsonProto.h"
 
-#define RAPIDJSON_HAS_STDSTRING 1
-#include <rapidjson/document.h>
 #include <rapidjson/prettywriter.h>
 #include <rapidjson/reader.h>
 #include <rapidjson/stringbuffer.h>
@@ -16,16 +14,14 @@
 #include <system_error>
 #include <vector>
 
+#include "JsonValue.h"
+#include "MemberIndex.h"
 #include "TolmProto/JsonEscapes.h"
 #include "TolmProto/RapidJsonMemory.h"
 
 namespace proto {
 namespace {
 
-using rapidjson::SizeType;
-using Allocator = rapidjson::MemoryPoolAllocator<RapidJsonMemory>;
-using Json = rapidjson::GenericDocument<rapidjson::UTF8<>, Allocator, RapidJsonMemory>;
-using Value = Json::ValueType;
 using Reader = rapidjson::GenericReader<rapidjson::UTF8<>, rapidjson::UTF8<>, RapidJsonMemory>;
 using Buffer = rapidjson::GenericStringBuffer<rapidjson::UTF8<>, RapidJsonMemory>;
 using Writer = rapidjson::Writer<Buffer, rapidjson::UTF8<>, rapidjson::UTF8<>, RapidJsonMemory>;
@@ -61,22 +57,12 @@ bool TakeSegment(std::string_view& path, Segment& segment) {
   return !segment.name.empty() && segment.name.find(']') == std::string_view::npos;
 }
 
-/// The value of an object's member, or null.
-template <typename Object>
-auto* FindMember(Object& object, std::string_view name) {
-  const Value key(rapidjson::StringRef(name.data(), static_cast<SizeType>(name.size())));
-  const auto member = object.FindMember(key);
-  const Value::ConstMemberIterator found = member;
-  const Value::ConstMemberIterator end = object.MemberEnd();
-  return found != end ? &member->value : nullptr;
-}
-
-const Value* Find(const Value& root, std::string_view path) {
+const Value* Find(const Value& root, const MemberIndex& index, std::string_view path) {
   const Value* value = &root;
   Segment segment;
   do {
     if (!TakeSegment(path, segment) || !value->IsObject()) return nullptr;
-    value = FindMember(*value, segment.name);
+    value = index.Find(*value, segment.name);
     if (value == nullptr) return nullptr;
     if (segment.index > 0) {
       if (!value->IsArray() || segment.index > value->Size()) return nullptr;
@@ -100,13 +86,13 @@ Value& Make(Value& root, std::string_view path, Allocator& allocator) {
   Segment segment;
   while (TakeSegment(path, segment)) {
     if (!value->IsObject()) value->SetObject();
-    Value* member = FindMember(*value, segment.name);
-    if (member == nullptr) {
-      Value key(segment.name.data(), static_cast<SizeType>(segment.name.size()), allocator);
-      value->AddMember(key, Value(), allocator);
-      member = &(value->MemberEnd() - 1)->value;
+    const auto length = static_cast<SizeType>(segment.name.size());
+    auto member = value->FindMember(Value(rapidjson::StringRef(segment.name.data(), length)));
+    if (member == value->MemberEnd()) {
+      value->AddMember(Value(segment.name.data(), length, allocator), Value(), allocator);
+      member = value->MemberEnd() - 1;
     }
-    value = member;
+    value = &member->value;
     if (segment.index > 0) {
       if (!value->IsArray()) value->SetArray();
       while (value->Size() < segment.index) value->PushBack(Value(), allocator);
@@ -149,7 +135,10 @@ class Builder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Builder> 
   bool String(const char* text, SizeType length, bool copy) { return document_.String(text, length, copy); }
   bool Key(const char* text, SizeType length, bool copy) { return document_.Key(text, length, copy); }
   bool StartObject() { return document_.StartObject(); }
-  bool EndObject(SizeType count) { return document_.EndObject(count); }
+  bool EndObject(SizeType count) {
+    has_large_object_ |= count >= MemberIndex::kLarge;
+    return document_.EndObject(count);
+  }
   bool StartArray() { return document_.StartArray(); }
   bool EndArray(SizeType count) { return document_.EndArray(count); }
 
@@ -170,31 +159,38 @@ class Builder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Builder> 
     return IsTiny({text, length}) && document_.Double(0);
   }
 
+  bool has_large_object() const { return has_large_object_; }
+
  private:
   Json& document_;
+  bool has_large_object_ = false;
 };
 
 /// Reads the whole of `text` in place: the document's texts stay where they are, so that a long one is held
 /// once and not three times over. Iterative, so that no nesting exhausts the stack. `text` must outlive
 /// `document`.
-bool ParseInto(Json& document, std::string& text) {
+bool ParseInto(Json& document, MemberIndex& index, std::string& text) {
   if (text.size() > kMaxTextSize) return false;
   // The reader finds first halves only.
   if (FindUnpairedSurrogate(text) != std::string::npos) return false;
   const std::size_t mark = text.starts_with("\xEF\xBB\xBF") ? 3 : 0;
   rapidjson::InsituStringStream stream(text.data() + mark);
   const char* const end = text.data() + text.size();
-  const auto read = [&stream, end](Json& target) {
+  bool has_large_object = false;
+  const auto read = [&](Json& target) {
     constexpr unsigned kFlags =
         rapidjson::kParseIterativeFlag | rapidjson::kParseInsituFlag | rapidjson::kParseNumbersAsStringsFlag;
     Builder builder(target);
     Reader reader;
     // The stream shows its end as a NUL; a NUL in the text must not pass for it.
-    return !reader.Parse<kFlags>(stream, builder).IsError() && stream.src_ == end;
+    const bool complete = !reader.Parse<kFlags>(stream, builder).IsError() && stream.src_ == end;
+    has_large_object = builder.has_large_object();
+    return complete;
   };
   bool complete = false;
   const auto generate = [&](Json& target) { return complete = read(target); };
   document.Populate(generate);
+  if (complete && has_large_object) index.Build(document);
   return complete;
 }
 
@@ -242,6 +238,13 @@ std::size_t Walk(const Value& root, Handler& handler) {
 struct CRapidJsonProto::Document {
   std::string text;  // what was read; texts of `json` lie in it
   Json json{rapidjson::kObjectType};
+  MemberIndex index;  // of what was read, until something is set
+
+  const Value* Find(std::string_view path) const { return proto::Find(json, index, path); }
+  Value& Make(std::string_view path) {
+    index.Clear();
+    return proto::Make(json, path, json.GetAllocator());
+  }
 };
 
 CRapidJsonProto::CRapidJsonProto() : document_(std::make_unique<Document>()) {}
@@ -252,38 +255,36 @@ bool CRapidJsonProto::set_str(const std::string& text) {
   // A new document each time: the old one's memory pool only ever grows.
   auto parsed = std::make_unique<Document>();
   parsed->text = text;
-  const bool complete = ParseInto(parsed->json, parsed->text);
+  const bool complete = ParseInto(parsed->json, parsed->index, parsed->text);
   document_ = complete ? std::move(parsed) : std::make_unique<Document>();
   return complete;
 }
 
 std::string CRapidJsonProto::get_v(const std::string& path, const std::string& default_value) const {
-  const Value* const value = Find(document_->json, path);
+  const Value* const value = document_->Find(path);
   if (value == nullptr || !value->IsString()) return default_value;
   return {value->GetString(), value->GetStringLength()};
 }
 
 int CRapidJsonProto::get_int_v(const std::string& path, int default_value) const {
-  const Value* const value = Find(document_->json, path);
+  const Value* const value = document_->Find(path);
   return value != nullptr && value->IsInt() ? value->GetInt() : default_value;
 }
 
 int CRapidJsonProto::get_cnt(const std::string& path) const {
-  const Value* const value = Find(document_->json, path);
+  const Value* const value = document_->Find(path);
   return value != nullptr && value->IsArray() ? static_cast<int>(value->Size()) : 0;
 }
 
 bool CRapidJsonProto::set_v(const std::string& path, int value) {
   if (!IsPathToSet(path)) return false;
-  Json& json = document_->json;
-  Make(json, path, json.GetAllocator()).SetInt(value);
+  document_->Make(path).SetInt(value);
   return true;
 }
 
 bool CRapidJsonProto::set_v(const std::string& path, const std::string& value) {
   if (!IsPathToSet(path) || value.size() > kMaxTextSize) return false;
-  Json& json = document_->json;
-  Make(json, path, json.GetAllocator()).SetString(value, json.GetAllocator());
+  document_->Make(path).SetString(value, document_->json.GetAllocator());
   return true;
 }
 

@@ -19,6 +19,7 @@
 #include <fstream>
 #include <iterator>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -184,10 +185,12 @@ TEST(OsPortTable, IsReadAsATextWhereTheKernelDoesNotAnswer) {
   EXPECT_EQ(child.Join(), 0);
 }
 
-std::vector<SocketLine> LinesOf(const std::vector<SocketLine>& lines, std::uint16_t port) {
+std::vector<SocketLine> LinesOf(const std::vector<SocketLine>& lines, std::uint16_t port,
+                                const std::set<std::uint16_t>& others) {
   std::vector<SocketLine> found;
-  std::copy_if(lines.begin(), lines.end(), std::back_inserter(found), [port](const SocketLine& line) {
-    return line.row.local_port == port && line.row.local_address == kLoopback;
+  std::copy_if(lines.begin(), lines.end(), std::back_inserter(found), [&](const SocketLine& line) {
+    return line.row.local_port == port && line.row.local_address == kLoopback &&
+           others.contains(static_cast<std::uint16_t>(line.row.remote_port));
   });
   const auto order = [](const SocketLine& a, const SocketLine& b) {
     return a.row.remote_port < b.row.remote_port;
@@ -202,16 +205,17 @@ bool IsSame(const SocketLine& a, const SocketLine& b) {
          a.row.state == b.row.state && a.user == b.user && a.inode == b.inode;
 }
 
-/// What both sources say of `port` is the same, and is of as many sockets as wanted.
-bool AgreeOn(std::uint16_t port, std::size_t wanted) {
+/// What both sources say of `port` is the same, and is of as many sockets as wanted. Of those only that go to
+/// one of `others`: what is left of connections of other programs may have the same port.
+bool AgreeOn(std::uint16_t port, std::size_t wanted, const std::set<std::uint16_t>& others) {
   std::vector<SocketLine> asked;
   if (!AskForTcpSockets(asked)) return false;
   std::ifstream file("/proc/net/tcp");
   const std::string text{std::istreambuf_iterator<char>(file), {}};
   std::vector<SocketLine> read;
   if (!ParseTcpTable(text, read)) return false;
-  const auto a = LinesOf(asked, port);
-  const auto b = LinesOf(read, port);
+  const auto a = LinesOf(asked, port, others);
+  const auto b = LinesOf(read, port, others);
   return a.size() == wanted && std::equal(a.begin(), a.end(), b.begin(), b.end(), IsSame);
 }
 
@@ -225,12 +229,16 @@ TEST(OsPortTable, TheKernelAnswersWhatTheTextSays) {
   const LoopbackSocket bound = LoopbackSocket::Bound(LoopbackSocket::Kind::kTcp);
   const std::uint16_t closed = first.port();
   first.Close();
+  const std::set<std::uint16_t> own{0, listening.port(), near.port(), waiting.port(), closed};
   // Tables are told in pieces, between which other programs' sockets come and go.
-  EXPECT_TRUE(tolm::test::WaitFor([&] { return AgreeOn(listening.port(), 4); }));
-  EXPECT_TRUE(tolm::test::WaitFor([&] { return AgreeOn(near.port(), 1); }));
-  EXPECT_TRUE(tolm::test::WaitFor([&] { return AgreeOn(waiting.port(), 1); }));
-  EXPECT_TRUE(tolm::test::WaitFor([&] { return AgreeOn(closed, 1); }));
-  EXPECT_TRUE(tolm::test::WaitFor([&] { return AgreeOn(bound.port(), 0); })) << "bound, and nothing else";
+  const auto agree = [&](std::uint16_t port, std::size_t wanted) {
+    return tolm::test::WaitFor([&] { return AgreeOn(port, wanted, own); });
+  };
+  EXPECT_TRUE(agree(listening.port(), 4));
+  EXPECT_TRUE(agree(near.port(), 1));
+  EXPECT_TRUE(agree(waiting.port(), 1));
+  EXPECT_TRUE(agree(closed, 1));
+  EXPECT_TRUE(agree(bound.port(), 0)) << "bound, and nothing else";
 }
 
 // ------------------------------------------------------------------------------------------ Owners

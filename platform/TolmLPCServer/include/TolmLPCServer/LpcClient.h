@@ -91,5 +91,7 @@ class CLpcClient {
 
 /// The code of the calling thread's latest client operation.
 int GetLPCLastError();
+/// Leaves a code there: for operations that are made of these, and fail beside them.
+void SetLPCLastError(int error);
 
 }  // namespace lpcclient

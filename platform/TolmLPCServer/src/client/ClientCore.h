@@ -72,7 +72,7 @@ class CLpcClient::Core final : public lpc::wire::LinkOwner, public std::enable_s
   const Settings settings_;
   os::LocalTransport& transport_;
   std::shared_ptr<lpc::wire::IoLoop> loop_;  // set by Start
-  std::atomic<std::uint64_t> next_id_{1};
+  std::atomic<std::uint64_t> next_id_{lpc::wire::FirstId()};
   std::atomic<std::uint64_t> connections_{0};
   std::atomic<std::uint64_t> late_replies_{0};
   std::atomic<std::uint64_t> undelivered_{0};

@@ -145,4 +145,8 @@ int GetLPCLastError() {
   return lpc::LastError();
 }
 
+void SetLPCLastError(int error) {
+  lpc::LastError() = error;
+}
+
 }  // namespace lpcclient

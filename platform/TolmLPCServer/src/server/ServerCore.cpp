@@ -14,6 +14,8 @@ namespace {
 
 constexpr char kTag[] = "TolmLPCServer";
 constexpr auto kAcceptPause = std::chrono::milliseconds(100);
+/// Who comes behind so many waits until others had their turn: those that come and go need not let up.
+constexpr int kAcceptTurn = 64;
 
 int FromEndpointError(os::EndpointError error) {
   switch (error) {
@@ -148,7 +150,7 @@ void ServerCore::Stop() noexcept {
 
 void ServerCore::AcceptAll() {
   try {
-    for (;;) {
+    for (int turn = 0; turn < kAcceptTurn && !stopping_; ++turn) {
       auto accepted = acceptor_->listener->Accept();
       if (accepted.stream) {
         Accept(std::move(accepted.stream));
@@ -158,7 +160,10 @@ void ServerCore::AcceptAll() {
         ListenFailed(accepted.system_error);
         return;
       }
-      if (accepted.status != os::IoStatus::kFailed) break;
+      if (accepted.status != os::IoStatus::kFailed) {
+        accepting_is_short_ = false;
+        break;
+      }
       PauseAccepting(accepted.system_error);
       return;
     }
@@ -167,8 +172,7 @@ void ServerCore::AcceptAll() {
     PauseAccepting(ENOMEM);
     return;
   }
-  accepting_is_short_ = false;
-  loop_->Arm(*acceptor_->listener, acceptor_->token, os::Poller::kRead);
+  if (!stopping_) loop_->Arm(*acceptor_->listener, acceptor_->token, os::Poller::kRead);
 }
 
 // Said once in a shortage, which is over when nobody waits any more.

@@ -111,7 +111,7 @@ class ServerCore final : public wire::LinkOwner, public std::enable_shared_from_
   std::shared_ptr<Acceptor> acceptor_;  // set by Start
   PeerTable peers_;
 
-  std::atomic<std::uint64_t> next_id_{1};
+  std::atomic<std::uint64_t> next_id_{wire::FirstId()};
   std::atomic<bool> started_{false};  // loop_ is there
   std::atomic<bool> stopping_{false};
   std::atomic<bool> waits_ended_{false};

@@ -1,6 +1,7 @@
 #include "wire/Message.h"
 
 #include <algorithm>
+#include <chrono>
 #include <limits>
 
 #include "TolmLPCServer/LpcError.h"
@@ -30,6 +31,12 @@ void WriteHead(char* place, const OutgoingMessage& message, std::uint64_t meta_s
 }
 
 }  // namespace
+
+std::uint64_t FirstId() {
+  const auto since_1970 = std::chrono::system_clock::now().time_since_epoch();
+  return static_cast<std::uint64_t>(
+      std::chrono::duration_cast<std::chrono::microseconds>(since_1970).count());
+}
 
 int CheckLimits(const OutgoingMessage& message, std::size_t max_bytes, std::size_t max_params) {
   constexpr std::size_t kMaxId = std::numeric_limits<std::uint16_t>::max();

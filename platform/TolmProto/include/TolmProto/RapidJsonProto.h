@@ -15,7 +15,9 @@ namespace proto {
 /// Texts are bytes: they are not checked to be UTF-8, and come out as they went in.
 ///
 /// Reading never fails and never throws: a path that leads nowhere, is not well formed, or ends at a
-/// value of another type gives the default. Not safe to share between threads while it is changed.
+/// value of another type gives the default. What it takes depends on the path, and not on how many members
+/// the objects on the way have, as long as nothing was set since set_str. Not safe to share between threads
+/// while it is changed.
 class CRapidJsonProto {
  public:
   /// An empty object.
