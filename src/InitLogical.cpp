@@ -148,6 +148,10 @@ void WaitWhileStarting() {
   ArrivalGate().Pass();
 }
 
+bool IsStopped() {
+  return g_pools_stopped;
+}
+
 bool UninitLogical() {
   TOLM_LOG(Tolm::Base::kLogLevelInfo, kTagInfo, "Start UninitLogical");
   if (!g_logical_init) return false;
@@ -158,6 +162,8 @@ bool UninitLogical() {
   bool whole = Attempt([&] { transport.EndWaitsSoon(); }) && orderly;
   if (const Turn turn; turn) {
     StopPools();
+    // Of plugins that came back behind UnInit.
+    whole &= Attempt([] { CLPCIntegrate::GetInstance().ForgetUrls(); });
     whole &= Attempt([] { CSingleton<CTolmGuardConnectManager>::Instance().UninitManager(); });
     whole &= Attempt([&] { transport.LpcUnint(); });
   } else {

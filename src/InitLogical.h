@@ -41,6 +41,9 @@ bool InitLogical(const std::string& lpc_server_name, const PlatformInfo& info);
 /// registry knows them.
 void WaitWhileStarting();
 
+/// Whether the frame was stopped, or is at the point of the stop from which on what arrives is dropped.
+bool IsStopped();
+
 /// Takes everything down in the opposite order. False when InitLogical never succeeded.
 bool UninitLogical();
 

@@ -8,7 +8,9 @@
 #include <utility>
 
 #include "TolmBase/Encrypt.h"
+#include "TolmBase/LogLine.h"
 #include "common/Constants.h"
+#include "common/MessageJson.h"
 #include "common/ShortenedText.h"
 
 namespace TolmLPCFrame {
@@ -40,6 +42,8 @@ constexpr char kPartBody[] = "bodyData";
 
 // Printed as it is, and nowhere else: in strings cJSON escapes it.
 constexpr char kPlaceOfBody = '\x01';
+// Each costs 64 bytes, and a part some 200 more.
+constexpr std::size_t kMaxDocumentValues = 65536;
 // A document of a few headers or parts without their bodies is printed without asking for more.
 constexpr int kUsualBytes = 1024;
 
@@ -93,6 +97,11 @@ template <typename Read>
 bool ReadDocument(const char* name, const std::string& whole, Read read) {
   if (whole.empty()) return false;
   const ShortenedText text(whole.c_str());
+  if (HasMoreValuesThan(kMaxDocumentValues, text.text())) {
+    TOLM_LOG(Tolm::Base::kLogLevelError, kTagError,
+             "a document of %zu bytes is not read, for it has too many values", whole.size());
+    return true;
+  }
   const ItemPtr document(cJSON_Parse(text.text()));
   const cJSON* const array = cJSON_GetObjectItemCaseSensitive(document.get(), name);
   if (!cJSON_IsArray(array)) return true;

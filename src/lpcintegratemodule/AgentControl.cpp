@@ -5,6 +5,7 @@
 #include "TolmBase/StringUtil.h"
 #include "common/AgentNames.h"
 #include "common/Constants.h"
+#include "common/Steps.h"
 #include "lpcintegratemodule/LPCCommunicateWithTolmGuard.h"
 #include "os/ChildProcess.h"
 #include "os/HiddenProcess.h"
@@ -64,21 +65,29 @@ void CLPCCommunicateWithTolmGuard::UnInitTolmAgent() {
   // From where this process runs, which need not be where the agent was started from.
   const std::string folder = Tolm::Base::FileUtil::GetCurExeDir();
   std::string event_name;
-  {
+  Steps steps;
+  steps.Make([&] {
     const os::MutexLock lock(mutex_);
     event_name = agent_event_name_;
-  }
-  if (const auto event = os::NamedEvent::Open(event_name)) {
+  });
+  steps.Make([&event_name] {
+    const auto event = os::NamedEvent::Open(event_name);
+    if (event == nullptr) return;
     event->Set();
     TOLM_LOG(kLogLevelInfo, kTagInfo, "_Watchdog_Protect_ Event is seted %d ",
              static_cast<int>(event->native()));
     if (!event->Wait(kAgentAnswerTimeOut)) TOLM_LOG(kLogLevelInfo, kTagInfo, "TolmAgent Uninit over time");
+  });
+  for (const char* const path : {kGuardRelativePath, kAgentRelativePath}) {
+    steps.Make([&] { RemoveProcesses(folder + path); });
   }
-  RemoveProcesses(folder + kGuardRelativePath);
-  RemoveProcesses(folder + kAgentRelativePath);
-  if (event_name.empty()) return;
-  RemoveLeftLock(event_name);
-  RemoveLeftLock(GuardLockName(os::Utf8Path(Tolm::Base::FileUtil::GetCurExeDirUtf8()) / kConfigFileName));
+  if (!event_name.empty()) {
+    steps.Make([&] { RemoveLeftLock(event_name); });
+    steps.Make([] {
+      RemoveLeftLock(GuardLockName(os::Utf8Path(Tolm::Base::FileUtil::GetCurExeDirUtf8()) / kConfigFileName));
+    });
+  }
+  steps.Finish();
 }
 
 }  // namespace TolmLPCFrame

@@ -1,6 +1,7 @@
 #include "lpcintegratemodule/LPCCommunicateWithTolmGuard.h"
 
 #include <algorithm>
+#include <memory>
 #include <utility>
 
 #include "TolmBase/GuidUtil.h"
@@ -8,6 +9,7 @@
 #include "TolmProto/RapidJsonProto.h"
 #include "common/CaughtException.h"
 #include "common/Constants.h"
+#include "common/MessageJson.h"
 #include "lpcintegratemodule/LPCIntegrate.h"
 #include "net/TolmGuardConnectionManager.h"
 
@@ -141,8 +143,9 @@ void CLPCCommunicateWithTolmGuard::AddVerifiedPlugin(const std::string& name) {
 // second one leaves its text to the first, so that one connection is told once, and a connection that
 // comes in the middle is told all the same.
 void CLPCCommunicateWithTolmGuard::SendFrameInitState(std::string text) {
+  auto latest = std::make_shared<const std::string>(std::move(text));
   os::UniqueLock lock(mutex_);
-  frame_init_state_.swap(text);
+  frame_init_state_.swap(latest);
   if (sending_) {
     send_again_ = true;
     return;
@@ -151,12 +154,13 @@ void CLPCCommunicateWithTolmGuard::SendFrameInitState(std::string text) {
   do {
     send_again_ = false;
     if (frame_init_state_sent_) break;
-    const std::string notice = frame_init_state_;
+    // Shared, since nothing may fail while sending_ is set.
+    const auto notice = frame_init_state_;
     const std::uint64_t forgotten = forgotten_sends_;
     lock.unlock();
     bool sent = false;
     try {
-      sent = SendText(notice);
+      sent = SendText(*notice);
     } catch (...) {
       // The notice counts as not sent: the next connection is told.
       TOLM_LOG_CAUGHT("the start notice is not sent");
@@ -245,7 +249,7 @@ void CLPCCommunicateWithTolmGuard::DealNotifyProcessState(const std::string& raw
   std::string process_id;
   {
     proto::CRapidJsonProto message;
-    if (!message.set_str(raw)) return;
+    if (!ReadMessage(message, raw)) return;
     if (message.get_int_v("/requestData/state", -1) != 0) return;
     process_id = message.get_v("/requestData/processId", "");
   }

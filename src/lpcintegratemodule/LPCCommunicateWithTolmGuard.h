@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -26,6 +27,7 @@ class CLPCCommunicateWithTolmGuard {
                      const std::string& role);
   /// Asks the agent to end, waits for at most five seconds for its answer, and removes what is left of
   /// the guard and the agent below the running executable's folder.
+  /// Each step is made, whatever fails before it.
   void UnInitTolmAgent();
 
   // What the guard is told.
@@ -82,10 +84,10 @@ class CLPCCommunicateWithTolmGuard {
   std::string plugin_cmdline_ TOLM_GUARDED_BY(mutex_);
   std::vector<std::string> verified_plugins_ TOLM_GUARDED_BY(mutex_);
   bool frame_init_state_sent_ TOLM_GUARDED_BY(mutex_) = false;
-  std::string frame_init_state_ TOLM_GUARDED_BY(mutex_);  ///< the latest text of the notice
-  std::uint64_t life_ TOLM_GUARDED_BY(mutex_) = 0;        ///< how often the endpoint has closed
-  bool sending_ TOLM_GUARDED_BY(mutex_) = false;          ///< a thread is sending the notice
-  bool send_again_ TOLM_GUARDED_BY(mutex_) = false;       ///< and is to look again when it has
+  std::shared_ptr<const std::string> frame_init_state_ TOLM_GUARDED_BY(mutex_);  ///< the notice's latest text
+  std::uint64_t life_ TOLM_GUARDED_BY(mutex_) = 0;   ///< how often the endpoint has closed
+  bool sending_ TOLM_GUARDED_BY(mutex_) = false;     ///< a thread is sending the notice
+  bool send_again_ TOLM_GUARDED_BY(mutex_) = false;  ///< and is to look again when it has
   /// How often frame_init_state_sent_ was taken back.
   std::uint64_t forgotten_sends_ TOLM_GUARDED_BY(mutex_) = 0;
 };

@@ -171,7 +171,7 @@ void CLPCIntegrate::RegisterUrl(const std::vector<std::string>& urls) {
 }
 
 void CLPCIntegrate::GetHttpHeaders(std::vector<std::string>& out) const {
-  out = vec_http_header_.Read([](const auto& headers) { return headers; });
+  out = vec_http_header_.Read([](const auto& headers) { return headers.ordered; });
 }
 
 std::string CLPCIntegrate::GetFrameFullPath() const {

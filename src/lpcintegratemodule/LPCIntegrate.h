@@ -4,6 +4,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "TolmBase/Singleton.h"
@@ -73,8 +74,11 @@ class CLPCIntegrate {
 
   // The end.
 
+  /// Of both, each step is made, whatever fails before it; what the first one has thrown comes last.
   void UnInit();
   void CloseAllComponents();
+  /// Of plugins and of the host.
+  void ForgetUrls();
 
  private:
   friend class Tolm::Base::CSingleton<CLPCIntegrate>;
@@ -117,7 +121,11 @@ class CLPCIntegrate {
   Guarded<std::map<std::string, ListedPlugin>> map_plugin_data_;
   Guarded<IndexedMap<std::string>> map_url_plugin_id_;
   Guarded<IndexedMap<std::int32_t>> map_url_timeout_;
-  Guarded<std::vector<std::string>> vec_http_header_;
+  struct HttpHeaderNames {
+    std::vector<std::string> ordered;  ///< as they came
+    std::unordered_set<std::string> known;
+  };
+  Guarded<HttpHeaderNames> vec_http_header_;
   Guarded<std::vector<std::string>> vec_register_url_;
   Guarded<std::string> frame_full_path_;
   Guarded<std::int32_t> frame_type_;

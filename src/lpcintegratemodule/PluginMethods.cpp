@@ -9,6 +9,7 @@
 #include "TolmProto/RapidJsonProto.h"
 #include "common/Constants.h"
 #include "common/DataConvert.h"
+#include "common/MessageJson.h"
 #include "lpcintegratemodule/LPCCommunicateWithTolmGuard.h"
 #include "lpcintegratemodule/LPCIntegrate.h"
 #include "lpcsevermanager/LpcServerManager.h"
@@ -44,7 +45,7 @@ void CLPCIntegrate::MethodCallBackEIT(tag_LPCCallBackData&& request, std::uint64
   LPCData data;
   LPCCallBackDataToLPCData(data, std::move(request));
   proto::CRapidJsonProto body;
-  body.set_str(data.body);
+  ReadMessage(body, data.body);
   const std::string method = body.get_v("/method", "");
   const std::string id = data.src_id;
 
@@ -80,7 +81,7 @@ void CLPCIntegrate::MethodCallBackEIT(tag_LPCCallBackData&& request, std::uint64
 
 void CLPCIntegrate::PluginStatusChanged(const LPCData& data, std::uint64_t arrival) {
   proto::CRapidJsonProto body;
-  body.set_str(data.body);
+  ReadMessage(body, data.body);
   const std::string status = body.get_v("/status", "");
   const std::string id = body.get_v("/componentID", "");
 

@@ -1,6 +1,7 @@
 // A plugin's message about the urls that it serves and the header names that it uses.
 
 #include <algorithm>
+#include <cstddef>
 #include <string>
 #include <utility>
 
@@ -8,11 +9,13 @@
 #include "TolmBase/StringUtil.h"
 #include "TolmProto/RapidJsonProto.h"
 #include "common/Constants.h"
+#include "common/MessageJson.h"
 #include "common/UrlTemplate.h"
 #include "lpcintegratemodule/LPCIntegrate.h"
 
 namespace TolmLPCFrame {
 
+using Tolm::Base::kLogLevelError;
 using Tolm::Base::kLogLevelInfo;
 using Tolm::Base::kLogLevelTrace;
 
@@ -20,6 +23,8 @@ namespace {
 
 constexpr char kUrlList[] = "/RegisterInfo/SupportUrlList";
 constexpr char kHeaderList[] = "/RegisterInfo/SupportHttpHeaderList";
+/// They are kept for the life of the process.
+constexpr std::size_t kMaxHttpHeaderNames = 65536;
 
 /// The path of one element; the first one has index 1.
 std::string Element(const std::string& list, int index) {
@@ -43,7 +48,7 @@ std::string TaskText(const proto::CRapidJsonProto& message, const std::string& e
 
 void CLPCIntegrate::PluginURLRegister(const tag_LPCCallBackData& request) {
   proto::CRapidJsonProto message;
-  message.set_str(request.body);
+  ReadMessage(message, request.body);
 
   const int url_count = message.get_cnt(kUrlList);
   for (int i = 1; i <= url_count; ++i) {
@@ -68,11 +73,23 @@ void CLPCIntegrate::PluginURLRegister(const tag_LPCCallBackData& request) {
     TOLM_LOG(kLogLevelTrace, kTagTrace,
              "[/QOMI/Vantrel/Integration/V1/Register], SupportHttpHeaderList = %s, plugin_id = %s",
              path.c_str(), request.src_id.c_str());
-    vec_http_header_.Write([&](auto& headers) {
-      if (std::find(headers.begin(), headers.end(), header) == headers.end()) {
-        headers.push_back(std::move(header));
+    const bool has_place = vec_http_header_.Write([&](HttpHeaderNames& names) {
+      if (names.known.contains(header)) return true;
+      if (names.known.size() == kMaxHttpHeaderNames) return false;
+      const auto known = names.known.insert(header).first;
+      try {
+        names.ordered.push_back(std::move(header));
+      } catch (...) {
+        names.known.erase(known);
+        throw;
       }
+      return true;
     });
+    if (!has_place) {
+      TOLM_LOG(kLogLevelError, kTagError, "plugin %s uses more http headers than there is place for",
+               request.src_id.c_str());
+      return;
+    }
   }
 }
 

@@ -5,6 +5,7 @@
 #include "TolmBase/LogLine.h"
 #include "TolmProto/RapidJsonProto.h"
 #include "common/Constants.h"
+#include "common/MessageJson.h"
 #include "lpcintegratemodule/LPCCommunicateWithTolmGuard.h"
 #include "net/TolmGuardConnectionManager.h"
 #include "os/Mutex.h"
@@ -20,7 +21,7 @@ void CTolmGuardConnectManager::DealMessage(std::int32_t session_id, const std::s
   {
     // Gone before the text is handled: texts may be large.
     proto::CRapidJsonProto message;
-    if (!message.set_str(raw)) {
+    if (!ReadMessage(message, raw)) {
       TOLM_LOG(kLogLevelWarning, kTagWebSocket, "set_str failed.");
       return;
     }

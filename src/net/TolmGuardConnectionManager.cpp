@@ -24,8 +24,9 @@ namespace {
 
 constexpr char kAddress[] = "127.0.0.1";
 
-void PostToPool(std::unique_ptr<CTolmGuardRawMsgTask> task) {
-  CSingleton<CMessageLoopForWebSocket>::Instance().PostTask(task.release());
+/// False when it is lost, for want of memory or since the frame stops.
+bool PostToPool(std::unique_ptr<CTolmGuardRawMsgTask> task) {
+  return CSingleton<CMessageLoopForWebSocket>::Instance().PostTask(task.release());
 }
 
 }  // namespace
@@ -114,7 +115,7 @@ void CTolmGuardConnectManager::WebsocketTolmGuardServerMsgCallback(std::int32_t 
       return;
     }
     if (recv.type != Tolm::Net::kWebsocketText) {
-      PostEvent(handle, recv);
+      if (!PostEvent(handle, recv) && !IsStopped()) MakeUpForLostEvent(handle, recv.type);
       TOLM_LOG(kLogLevelInfo, kTagInfo,
                "websocket commd, handle = %d, msg_type = %d, status_code = %d, is_fin = %d, data_len = %d",
                handle, recv.type, recv.status, static_cast<int>(recv.fin), static_cast<int>(recv.len));
@@ -132,18 +133,26 @@ void CTolmGuardConnectManager::WebsocketTolmGuardServerMsgCallback(std::int32_t 
              std::string(recv.data, recv.len).c_str());
   } catch (...) {
     TOLM_LOG_CAUGHT("an event of a guard's connection is lost");
-    // Nobody would tell this guard what to start; it comes again.
-    if (recv.type == Tolm::Net::kWebsocketHandshake) CHttpServer::CloseWebSocket(handle);
+    MakeUpForLostEvent(handle, recv.type);
   }
 }
 
-void CTolmGuardConnectManager::PostEvent(std::int32_t handle, const WebsocketRecv& recv) {
+// Nobody would tell a guard that has come what to start: it comes again. Nor would anybody tell the one that
+// comes after a guard that has gone.
+void CTolmGuardConnectManager::MakeUpForLostEvent(std::int32_t handle, std::int32_t type) noexcept {
+  if (type == Tolm::Net::kWebsocketHandshake) CHttpServer::CloseWebSocket(handle);
+  if (type == Tolm::Net::kWebsocketClose) {
+    CLPCCommunicateWithTolmGuard::GetInstance().ForgetFrameInitStateSent();
+  }
+}
+
+bool CTolmGuardConnectManager::PostEvent(std::int32_t handle, const WebsocketRecv& recv) {
   auto this_event = std::make_shared<Gate>(false);
   const os::MutexLock lock(event_order_mutex_);
   auto task =
       std::make_unique<CTolmGuardRawMsgTask>(handle, recv.type, recv.status, last_event_handled_, this_event);
   last_event_handled_ = std::move(this_event);
-  PostToPool(std::move(task));
+  return PostToPool(std::move(task));
 }
 
 // ------------------------------------------------------------------------------- On the pool
@@ -168,8 +177,14 @@ CTolmGuardRawMsgTask::~CTolmGuardRawMsgTask() {
 void CTolmGuardRawMsgTask::Run() {
   WaitWhileStarting();
   if (event_before_ != nullptr) event_before_->Pass();
-  CSingleton<CTolmGuardConnectManager>::Instance().TolmGuardOnRawMsgEIT(session_id_, msg_type_, error_code_,
-                                                                        data_);
+  try {
+    CSingleton<CTolmGuardConnectManager>::Instance().TolmGuardOnRawMsgEIT(session_id_, msg_type_, error_code_,
+                                                                          data_);
+  } catch (...) {
+    // It was not told what to start, and is when it comes again.
+    if (msg_type_ == Tolm::Net::kWebsocketHandshake) CHttpServer::CloseWebSocket(session_id_);
+    throw;
+  }
 }
 
 void CTolmGuardConnectManager::TolmGuardOnRawMsgEIT(std::int32_t session_id, std::int32_t msg_type,

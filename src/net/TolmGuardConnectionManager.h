@@ -82,7 +82,9 @@ class CTolmGuardConnectManager {
   friend class Tolm::Base::CSingleton<CTolmGuardConnectManager>;
   CTolmGuardConnectManager() = default;
 
-  void PostEvent(std::int32_t handle, const Tolm::Net::WebsocketRecv& recv);
+  /// False when it is lost.
+  bool PostEvent(std::int32_t handle, const Tolm::Net::WebsocketRecv& recv);
+  static void MakeUpForLostEvent(std::int32_t handle, std::int32_t type) noexcept;
   void DealReply(const std::string& guid, const std::string& raw);
   bool IsResponseStored(const std::string& guid) const;
   std::string TakeResponse(const std::string& guid);

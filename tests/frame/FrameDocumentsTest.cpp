@@ -8,6 +8,7 @@
 #include "FrameScript.h"
 #include "TolmBase/Encrypt.h"
 #include "common/HttpDocuments.h"
+#include "support/LogCapture.h"
 
 namespace tolm::test {
 namespace {
@@ -224,6 +225,33 @@ TEST(FrameDocuments, ALongTextWithoutAnEndIsNoDocument) {
     EXPECT_TRUE(ReadHeadersDocument(headers, R"({"httpHeaders":[{"key":")" + std::string(2000, 'k') + tail));
     EXPECT_THAT(headers, IsEmpty());
   }
+}
+
+TEST(FrameDocuments, OneWithTooManyValuesIsEmptyAndTheLogSaysSo) {
+  const auto many = [](const char* name, const char* one, int count) {
+    std::string text = std::string("{\"") + name + "\":[" + one;
+    for (int i = 1; i < count; ++i) text += std::string(",") + one;
+    return text + "]}";
+  };
+  LogCapture log(5);
+  HttpParts parts;
+  HttpHeaders headers;
+  EXPECT_TRUE(ReadPartsDocument(parts, many("httpMine", "{}", 30'000)));
+  EXPECT_EQ(parts.size(), 30'000u);
+  // Commas in texts are none between values.
+  const std::string commas = R"({"key":"k","value":")" + std::string(200'000, ',') + R"(\"[{\\"})";
+  EXPECT_TRUE(ReadHeadersDocument(headers, many("httpHeaders", commas.c_str(), 1)));
+  EXPECT_THAT(headers, SizeIs(1));
+  EXPECT_THAT(log.Lines(), IsEmpty());
+  parts.clear();
+  headers.clear();
+  EXPECT_TRUE(ReadPartsDocument(parts, many("httpMine", "{}", 70'000)));
+  EXPECT_TRUE(ReadHeadersDocument(headers, many("httpHeaders", "0", 70'000)));
+  EXPECT_TRUE(parts.empty());
+  EXPECT_TRUE(headers.empty());
+  ASSERT_THAT(log.Lines(), SizeIs(2));
+  EXPECT_EQ(log.Lines()[0].level, 5);
+  EXPECT_NE(log.Lines()[0].text.find("is not read, for it has too many values"), std::string::npos);
 }
 
 }  // namespace

@@ -233,6 +233,45 @@ TEST_F(FrameRegistration, AnEmptyHeaderAndWhatIsNoTextAreStoredAsOneEmptyName) {
   EXPECT_THAT(log_.Lines(), SizeIs(7));
 }
 
+TEST_F(FrameRegistration, OfHeadersOnlySoManyAreStoredAndTheLogSaysSo) {
+  constexpr int kMost = 65536;
+  std::string entries = R"("0")";
+  for (int i = 1; i <= kMost + 10; ++i) entries += ",\"" + std::to_string(i) + '"';
+  RegisterHeaders("A", entries);
+  const auto headers = Headers();
+  ASSERT_EQ(headers.size(), static_cast<std::size_t>(kMost));
+  EXPECT_EQ(headers.back(), std::to_string(kMost - 1));
+  const LogLine last = log_.Lines().back();
+  EXPECT_EQ(last.level, 5);
+  EXPECT_NE(last.text.find("plugin A uses more http headers than there is place for"), std::string::npos);
+  // Those that are known need no place.
+  FromNowOn();
+  RegisterHeaders("B", R"("7","one more")");
+  EXPECT_THAT(log_.Lines(), SizeIs(3));
+  EXPECT_EQ(Headers().size(), static_cast<std::size_t>(kMost));
+}
+
+TEST_F(FrameRegistration, WhatHasTooManyValuesIsNotReadAndTheLogSaysSo) {
+  std::string values = "0";
+  for (int i = 0; i < 600'000; ++i) values += ",0";
+  Register("A", R"({"RegisterInfo":{"SupportUrlList":[{"Url":"/x"}]},"more":[)" + values + "]}");
+  EXPECT_EQ(WhoServes("/x"), "nobody");
+  ASSERT_THAT(log_.Lines(), SizeIs(1));
+  EXPECT_EQ(log_.Lines()[0].level, 5);
+  EXPECT_NE(log_.Lines()[0].text.find("is not read, for it has too many values"), std::string::npos);
+}
+
+TEST_F(FrameRegistration, AListOfManyBehindManyMembersIsReadWhole) {
+  std::string members;
+  for (int i = 0; i < 60'000; ++i) members += "\"member" + std::to_string(i) + "\":0,";
+  std::string urls;
+  for (int i = 0; i < 2'000; ++i)
+    urls += (i > 0 ? "," : "") + std::string(R"({"Url":"/u)") + std::to_string(i) + "\"}";
+  Register("A", "{" + members + R"("RegisterInfo":{"SupportUrlList":[)" + urls + "]}}");
+  EXPECT_EQ(WhoServes("/u0"), "A");
+  EXPECT_EQ(WhoServes("/u1999"), "A");
+}
+
 TEST_F(FrameRegistration, WithoutUrlsOnlyHeadersAreStored) {
   Register("A", R"({"RegisterInfo":{"SupportUrlList":[],"SupportHttpHeaderList":["X"]}})");
   EXPECT_THAT(Headers(), ElementsAre("X"));

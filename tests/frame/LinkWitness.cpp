@@ -1,5 +1,6 @@
 #include "LinkWitness.h"
 
+#include <memory>
 #include <string>
 
 #include "InitLogical.h"
@@ -68,8 +69,9 @@ bool NotedStop(CMessageLoopDyThreadPool* pool, bool drain) {
 }
 
 bool NotedPostTask(CMessageLoopDyThreadPool* pool, CTask* task) {
+  std::unique_ptr<CTask> owned(task);
   Journal::Note("pool.Post " + NameOf(pool) + " " + NameOf(task));
-  return RealPostTask(pool, task);
+  return RealPostTask(pool, owned.release());
 }
 
 std::string CountedMaskSidInUrl(const std::string& url) {

@@ -40,7 +40,7 @@ struct GuardMembers {
   std::string CLPCCommunicateWithTolmGuard::*cmdline;
   std::vector<std::string> CLPCCommunicateWithTolmGuard::*verified;
   bool CLPCCommunicateWithTolmGuard::*sent;
-  std::string CLPCCommunicateWithTolmGuard::*init_state;
+  std::shared_ptr<const std::string> CLPCCommunicateWithTolmGuard::*init_state;
 };
 GuardMembers Of(const CLPCCommunicateWithTolmGuard&);
 
@@ -75,7 +75,7 @@ void ForgetEverything(CLPCCommunicateWithTolmGuard& guard) {
   (guard.*of.cmdline).clear();
   (guard.*of.verified).clear();
   guard.*of.sent = false;
-  (guard.*of.init_state).clear();
+  (guard.*of.init_state).reset();
 }
 
 std::uint16_t PortOf(const CTolmGuardConnectManager& endpoint) {

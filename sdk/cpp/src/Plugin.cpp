@@ -1,10 +1,14 @@
 #include "TolmPlugin/Plugin.h"
 
 #include <algorithm>
+#include <exception>
+#include <memory>
 #include <utility>
 
 #include "MessageRecords.h"
 #include "PluginCore.h"
+#include "TolmBase/LogLine.h"
+#include "TolmLPCServer/LpcError.h"
 #include "common/Constants.h"
 
 namespace TolmPlugin {
@@ -77,6 +81,7 @@ int Plugin::LastError() {
 
 namespace {
 
+constexpr char kTag[] = "TolmPlugin";
 /// The frame waits for another plugin's answer for as long as this param says.
 constexpr char kKeyTimeout[] = "timeout";
 
@@ -89,32 +94,56 @@ Record ToFrame(const Message& message) {
   return record;
 }
 
+/// What `operation` gives; when it throws, nothing, with a reason for LastError.
+template <typename Operation>
+auto Attempt(const std::unique_ptr<lpcclient::CLpcClient>& client, Operation&& operation) noexcept
+    -> decltype(operation(*client)) {
+  if (!client) {
+    lpcclient::SetLPCLastError(lpc::kNotConnected);
+    return {};
+  }
+  try {
+    return operation(*client);
+  } catch (const std::exception& error) {
+    TOLM_LOG(Tolm::Base::kLogLevelError, kTag, "a message is not sent, or its answer not taken: %s",
+             error.what());
+    lpcclient::SetLPCLastError(lpc::kFailed);
+    return {};
+  }
+}
+
 }  // namespace
 
 bool Plugin::Call(Message& answer, const Message& request, int time_out_ms) {
-  if (!core_->client) return false;
-  auto record = ToFrame<tag_LPCRequestData>(request);
-  record.params.emplace(kKeyTimeout, std::to_string(std::max(0, time_out_ms)));
-  tag_LPCResponseData response;
-  if (!core_->client->Send(response, record, request.body, time_out_ms)) return false;
-  answer = ToMessage(response.params, std::move(response.body));
-  return true;
+  return Attempt(core_->client, [&](lpcclient::CLpcClient& client) {
+    auto record = ToFrame<tag_LPCRequestData>(request);
+    record.params.emplace(kKeyTimeout, std::to_string(std::max(0, time_out_ms)));
+    tag_LPCResponseData response;
+    if (!client.Send(response, record, request.body, time_out_ms)) return false;
+    answer = ToMessage(response.params, std::move(response.body));
+    return true;
+  });
 }
 
 std::uint64_t Plugin::CallLater(const Message& request) {
-  return core_->client ? core_->client->Send(ToFrame<tag_LPCRequestData>(request), request.body) : 0;
+  return Attempt(core_->client, [&](lpcclient::CLpcClient& client) {
+    return client.Send(ToFrame<tag_LPCRequestData>(request), request.body);
+  });
 }
 
 bool Plugin::Notify(const Message& message) {
-  return core_->client && core_->client->Notify(ToFrame<tag_LPCNotifyData>(message), message.body);
+  return Attempt(core_->client, [&](lpcclient::CLpcClient& client) {
+    return client.Notify(ToFrame<tag_LPCNotifyData>(message), message.body);
+  });
 }
 
 bool Plugin::Push(const std::string& tag, const Message& message) {
-  if (!core_->client) return false;
-  auto record = ToFrame<tag_LPCNotifyData>(message);
-  record.params.erase(TolmLPCFrame::kKeyUrl);
-  record.params.emplace(TolmLPCFrame::kKeyPushMsgTag, tag);
-  return core_->client->Notify(record, message.body);
+  return Attempt(core_->client, [&](lpcclient::CLpcClient& client) {
+    auto record = ToFrame<tag_LPCNotifyData>(message);
+    record.params.erase(TolmLPCFrame::kKeyUrl);
+    record.params.emplace(TolmLPCFrame::kKeyPushMsgTag, tag);
+    return client.Notify(record, message.body);
+  });
 }
 
 }  // namespace TolmPlugin

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstddef>
 #include <exception>
+#include <new>
 #include <optional>
 
 #include "MessageRecords.h"
@@ -11,6 +12,7 @@
 #include "TolmBase/LogLine.h"
 #include "TolmProto/RapidJsonProto.h"
 #include "common/Constants.h"
+#include "common/MessageJson.h"
 #include "common/UrlTemplate.h"
 #include "os/Mutex.h"
 
@@ -41,16 +43,23 @@ std::chrono::microseconds FirstPause(std::size_t urls) {
   return std::min(kShortestPause + counted * kPauseForUrl, kUsualPause);
 }
 
-/// Runs a function of the plugin's author and gives what it threw, as a text; nothing when it returned.
+/// Runs a function and gives what it threw, as a text; nothing when it returned.
 template <typename Function>
-std::optional<std::string> WhatItThrew(Function&& function) {
+std::optional<std::string> WhatItThrew(Function&& function) noexcept {
+  const char* const needs_no_memory = "memory is short";
   try {
     function();
     return std::nullopt;
+  } catch (const std::bad_alloc&) {
+    return needs_no_memory;
   } catch (const std::exception& error) {
-    return error.what();
+    try {
+      return error.what();
+    } catch (const std::bad_alloc&) {
+      return needs_no_memory;
+    }
   } catch (...) {
-    return "not a standard exception";
+    return "not standard";
   }
 }
 
@@ -58,6 +67,20 @@ std::optional<std::string> WhatItThrew(Function&& function) {
 
 bool Plugin::Core::Start(const std::string& endpoint) {
   if (client) return false;
+  bool started = false;
+  const auto thrown = WhatItThrew([&] { started = StartOrThrow(endpoint); });
+  if (started) return true;
+  const int error = thrown ? static_cast<int>(lpc::kFailed) : lpcclient::GetLPCLastError();
+  if (thrown) {
+    TOLM_LOG(Tolm::Base::kLogLevelError, kTag, "the plugin does not start: %s", thrown->c_str());
+  }
+  if (client) client->Stop();
+  client.reset();
+  lpcclient::SetLPCLastError(error);
+  return false;
+}
+
+bool Plugin::Core::StartOrThrow(const std::string& endpoint) {
   own_url_ = OwnUrl(id);
   lpcclient::Settings settings;
   settings.id = id;
@@ -145,11 +168,6 @@ void Plugin::Core::RegisterAgainAndAgain() {
   const auto cost =
       std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - began);
 
-  proto::CRapidJsonProto init_finish;
-  init_finish.set_v("/method", "InitFinish");
-  init_finish.set_v("/Data/InitCostTime", static_cast<int>(cost.count()));
-  const std::string init_finish_body = init_finish.get_str(0);
-
   int done = 0;  // the latest connection that was registered
   for (;;) {
     int connection = 0;
@@ -160,10 +178,13 @@ void Plugin::Core::RegisterAgainAndAgain() {
       if (stopping_) return;
       connection = connection_;
     }
-    tag_LPCNotifyData finished;
-    finished.dst_id = TolmLPCFrame::kMainCompnentID;
-    finished.body = init_finish_body;
-    if (!RegisterAndConfirm(connection) || !client->Notify(std::move(finished))) {
+    bool registered = false;
+    if (const auto thrown =
+            WhatItThrew([&] { registered = RegisterAndConfirm(connection) && ReportInitFinish(cost); })) {
+      TOLM_LOG(Tolm::Base::kLogLevelError, kTag, "registering failed, and is tried again: %s",
+               thrown->c_str());
+    }
+    if (!registered) {
       // The queue may be full of the plugin's own messages: the connection stands, and it is tried again.
       os::UniqueLock lock(mutex_);
       changed_.wait_for(lock, kPauseWhenRefused,
@@ -220,9 +241,30 @@ bool Plugin::Core::RegisterAndConfirm(int connection) {
   }
 }
 
+bool Plugin::Core::ReportInitFinish(std::chrono::milliseconds cost) {
+  proto::CRapidJsonProto message;
+  message.set_v("/method", "InitFinish");
+  message.set_v("/Data/InitCostTime", static_cast<int>(cost.count()));
+  tag_LPCNotifyData finished;
+  finished.dst_id = TolmLPCFrame::kMainCompnentID;
+  finished.body = message.get_str(0);
+  return client->Notify(std::move(finished));
+}
+
 // --- what arrives ---
 
 void Plugin::Core::Received(tag_LPCCallBackData&& data, const lpcclient::InboundInfo& info) {
+  const std::uint64_t request_id = data.msg_id;
+  const bool wants_answer = data.need_reply;
+  const auto thrown = WhatItThrew([&] { Handle(std::move(data), info); });
+  if (!thrown) return;
+  TOLM_LOG(Tolm::Base::kLogLevelError, kTag, "handling a message failed: %s",
+           TolmLPCFrame::MaskSidInUrl(*thrown).c_str());
+  // Whoever waits for the answer need not do so until the time-out.
+  if (wants_answer) client->Reject(request_id, TolmLPCFrame::MaskSidInUrl(*thrown));
+}
+
+void Plugin::Core::Handle(tag_LPCCallBackData&& data, const lpcclient::InboundInfo& info) {
   if (data.is_reply) {
     if (on_answer) on_answer(data.msg_id, ToMessage(data.params, std::move(data.body)));
     return;
@@ -280,7 +322,7 @@ void Plugin::Core::Serve(tag_LPCCallBackData&& data, const lpcclient::InboundInf
 
 void Plugin::Core::MethodReceived(const tag_LPCCallBackData& data) {
   proto::CRapidJsonProto message;
-  message.set_str(data.body);
+  TolmLPCFrame::ReadMessage(message, data.body);
   const std::string method = message.get_v("/method", "");
   if (method == "Uninit") {
     Uninit();
@@ -300,10 +342,17 @@ void Plugin::Core::Uninit() {
       })) {
     TOLM_LOG(Tolm::Base::kLogLevelError, kTag, "the uninit hook failed: %s", thrown->c_str());
   }
-  tag_LPCNotifyData finished;
-  finished.dst_id = TolmLPCFrame::kMainCompnentID;
-  finished.body = MethodBody("UninitFinish");
-  client->Notify(std::move(finished));
+  bool reported = false;
+  const auto thrown = WhatItThrew([&] {
+    tag_LPCNotifyData finished;
+    finished.dst_id = TolmLPCFrame::kMainCompnentID;
+    finished.body = MethodBody("UninitFinish");
+    reported = client->Notify(std::move(finished));
+  });
+  if (!reported) {
+    TOLM_LOG(Tolm::Base::kLogLevelError, kTag, "the end cannot be reported: %s",
+             thrown ? thrown->c_str() : lpc::ErrorText(lpcclient::GetLPCLastError()));
+  }
   RequestEnd();
 }
 

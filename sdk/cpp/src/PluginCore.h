@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -40,14 +41,17 @@ class Plugin::Core : public std::enable_shared_from_this<Core> {
   std::unique_ptr<lpcclient::CLpcClient> client;  // made by Start
 
  private:
+  bool StartOrThrow(const std::string& endpoint);
   void Connected();
   void Disconnected(const std::string& reason);
   void Received(tag_LPCCallBackData&& data, const lpcclient::InboundInfo& info);
+  void Handle(tag_LPCCallBackData&& data, const lpcclient::InboundInfo& info);
   void Serve(tag_LPCCallBackData&& data, const lpcclient::InboundInfo& info);
   void MethodReceived(const tag_LPCCallBackData& data);
   void Uninit() TOLM_EXCLUDES(mutex_);
   void RegisterAgainAndAgain();
   bool RegisterAndConfirm(int connection);
+  bool ReportInitFinish(std::chrono::milliseconds cost);
   bool StillLocked(int connection) const TOLM_REQUIRES(mutex_) {
     return !stopping_ && connection == connection_ && connected_;
   }

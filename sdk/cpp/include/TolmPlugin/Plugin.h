@@ -101,7 +101,8 @@ class Plugin {
   int Run(int argc, const char* const* argv);
 
   /// Connects to the frame that listens as `endpoint`, now or whenever it comes. False when it was started
-  /// before, and, with the reason in LastError, when `endpoint` or the id is not valid.
+  /// before, and, with the reason in LastError, when `endpoint` or the id is not valid or the system has no
+  /// memory or thread for it. Throws nothing.
   bool Start(const std::string& endpoint);
   /// Waits until OnReady's moment, for at most `time_out_ms`.
   bool WaitReady(int time_out_ms) const;
@@ -110,7 +111,7 @@ class Plugin {
   /// Ends the connection and waits for the plugin's threads, but for the calling one.
   void Stop();
 
-  // Talking. Each leaves the reason of a failure for LastError.
+  // Talking. None throws; each leaves the reason of a failure for LastError.
 
   /// Sends a request to whoever serves its url, another plugin or else the host, and waits for the
   /// answer for at most `time_out_ms`; `answer` is changed only on success.
