@@ -33,26 +33,43 @@ void HostEvents::On(std::int32_t kind, const std::string& plugin) {
   ++tally_.events;
   const std::lock_guard lock(mutex_);
   State& state = states_[index];
-  const auto now = std::chrono::steady_clock::now();
+  const Time now = std::chrono::steady_clock::now();
   const bool was_astray = state.connections != 0 && state.connections != 1;
-  if (kind == TolmLPCFrame::kLpcMsgPluginConnected) ++state.connections;
+  if (kind == TolmLPCFrame::kLpcMsgPluginConnected) OnConnected(state, now);
   if (kind == TolmLPCFrame::kLpcMsgPluginDisconnected) {
     --state.connections;
     ++state.ends;
+    state.ended = now;
   }
-  if (kind == TolmLPCFrame::kLpcMsgPluginInited && state.connections < 1) {
-    // Its connection has ended meanwhile, or is told of in a moment: neither is promised.
-    ++tally_.events_swapped;
-  }
+  if (kind == TolmLPCFrame::kLpcMsgPluginInited) OnInitialised(state, now);
   const bool is_astray = state.connections != 0 && state.connections != 1;
   if (is_astray && !was_astray) state.strayed = now;
-  if (was_astray && !is_astray) {
-    const bool is_quick = now - state.strayed <= kQuick;
-    ++(is_quick ? tally_.events_swapped : tally_.events_out_of_order);
-    if (!is_quick)
-      std::fprintf(stderr, "plugin %s: events of connections are out of order\n", plugin.c_str());
-  }
+  if (was_astray && !is_astray) Count(now - state.strayed);
   tally_.connections[index] = state.connections;
+}
+
+void HostEvents::OnConnected(State& state, Time now) {
+  ++state.connections;
+  for (const Time initialised : state.ahead) Count(now - initialised);
+  state.ahead.clear();
+}
+
+void HostEvents::OnInitialised(State& state, Time now) {
+  if (state.connections >= 1) return;
+  if (state.ends != 0 && now - state.ended <= kQuick) {
+    Count(now - state.ended);
+  } else {
+    // Whether it was only ahead of its connection is seen when that comes.
+    state.ahead.push_back(now);
+  }
+}
+
+void HostEvents::Count(std::chrono::nanoseconds apart) {
+  const bool is_quick = apart <= kQuick;
+  ++(is_quick ? tally_.events_swapped : tally_.events_out_of_order);
+  if (is_quick) return;
+  std::fprintf(stderr, "events of a plugin's connections are out of order, %lld ms apart\n",
+               static_cast<long long>(std::chrono::duration_cast<std::chrono::milliseconds>(apart).count()));
 }
 
 }  // namespace trust::death

@@ -11,6 +11,7 @@ using TolmLPCFrame::LPCData;
 
 /// Long: a call of a plugin that dies ends at once, so only one that got lost takes it.
 constexpr std::chrono::milliseconds kTimeOut{10000};
+constexpr int kNapsBetweenReviews = 50;
 
 LPCData Message(std::int32_t type, const std::string& url, std::string body) {
   LPCData message;
@@ -36,7 +37,7 @@ void HostLoad::Start(int threads) {
   threads_.emplace_back([this] {
     while (!tally_.quiet) {
       later_.Review();
-      for (int i = 0; i < 200 && !tally_.quiet; ++i) tolm::test::Nap();
+      for (int i = 0; i < kNapsBetweenReviews && !tally_.quiet; ++i) tolm::test::Nap();
     }
   });
 }
@@ -88,14 +89,15 @@ bool HostLoad::Act(Caller& caller, Random& random) {
 }
 
 bool HostLoad::Call(Caller& caller, std::size_t plugin, const std::string& url, const std::string& body) {
-  const Outcome outcome = caller.Judge(kTimeOut, false, [&] {
+  const Outcome outcome = caller.Judge(kTimeOut, false, {plugin}, [&] {
     LPCData answer;
     if (!TolmLPCFrame::SyncSend(answer, Message(TolmLPCFrame::kMsgTypeRequest, url, body),
                                 static_cast<int>(kTimeOut.count()))) {
       const int code = TolmLPCFrame::GetLPCLastError();
       return code == 0 ? Outcome::kNotServed : OutcomeOf(code);
     }
-    return answer.body == body && answer.src_id == plugins_[plugin] ? Outcome::kAnswered : Outcome::kOther;
+    return answer.body == body && answer.src_id == plugins_[plugin] ? Outcome::kAnswered
+                                                                    : Outcome::kWrongAnswer;
   });
   if (outcome == Outcome::kAnswered) ++tally_.served[plugin];
   return outcome == Outcome::kAnswered;

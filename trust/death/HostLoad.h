@@ -25,6 +25,8 @@ class HostLoad {
   void Join();
   /// An answer that reached the callback.
   void OnAnswer(std::uint64_t id) { later_.Answered(id); }
+  /// The frame has stopped: no answer comes any more.
+  void OnStopped() { later_.HostStopped(); }
 
  private:
   using Random = std::minstd_rand;

@@ -78,6 +78,7 @@ class Host {
     load_.Join();
     const int result = TolmLPCFrame::TolmLPCFrameUnInit();
     calls_.clear();  // waits for them
+    load_.OnStopped();
     Print("the frame has stopped");
     return result == TolmLPCFrame::kFrameOk ? 0 : 1;
   }

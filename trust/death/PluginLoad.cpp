@@ -61,25 +61,27 @@ void PluginLoad::Act(Caller& caller, Random& random) {
       break;
     case 4:
     case 5:
-      if (Call(caller, "/host/echo", std::string(random() % 200000, 'u'), kTimeOut) == Outcome::kAnswered) {
+      if (Call(caller, {own_}, "/host/echo", std::string(random() % 200000, 'u'), kTimeOut) ==
+          Outcome::kAnswered) {
         ++tally_.upward[own_];
       }
       break;
     default:
-      if (Call(caller, theirs + "/echo", std::to_string(random()), kForwardTimeOut) == Outcome::kAnswered) {
+      if (Call(caller, {own_, other}, theirs + "/echo", std::to_string(random()), kForwardTimeOut) ==
+          Outcome::kAnswered) {
         ++tally_.forwarded[own_];
       }
   }
 }
 
-Outcome PluginLoad::Call(Caller& caller, const std::string& url, const std::string& body,
-                         std::chrono::milliseconds time_out) {
-  return caller.Judge(time_out, true, [&] {
+Outcome PluginLoad::Call(Caller& caller, std::initializer_list<std::size_t> plugins, const std::string& url,
+                         const std::string& body, std::chrono::milliseconds time_out) {
+  return caller.Judge(time_out, true, plugins, [&] {
     TolmPlugin::Message answer;
     if (!plugin_.Call(answer, {.url = url, .body = body}, static_cast<int>(time_out.count()))) {
       return OutcomeOf(TolmPlugin::Plugin::LastError());
     }
-    return answer.body == body ? Outcome::kAnswered : Outcome::kOther;
+    return answer.body == body ? Outcome::kAnswered : Outcome::kWrongAnswer;
   });
 }
 

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <initializer_list>
 #include <random>
 #include <string>
 #include <thread>
@@ -28,8 +29,8 @@ class PluginLoad {
 
   void Run(unsigned seed);
   void Act(Caller& caller, Random& random);
-  Outcome Call(Caller& caller, const std::string& url, const std::string& body,
-               std::chrono::milliseconds time_out);
+  Outcome Call(Caller& caller, std::initializer_list<std::size_t> plugins, const std::string& url,
+               const std::string& body, std::chrono::milliseconds time_out);
 
   TolmPlugin::Plugin& plugin_;
   Tally& tally_;

@@ -96,7 +96,7 @@ tolm::test::ChildProcess& Stage::StartHost(bool shows_events) {
   std::vector<std::string> command{Host().string(), "--tally", TallyPath()};
   if (shows_events) command.push_back("--show-events");
   command.insert(command.end(), plugins_.begin(), plugins_.end());
-  Disturb(tally_);
+  Disturb(tally_, kEverybody);
   host_ = std::make_unique<tolm::test::ChildProcess>(std::move(command));
   if (!host_->WaitForLine("the frame listens", kPatience)) {
     ShowLogs();
@@ -106,7 +106,7 @@ tolm::test::ChildProcess& Stage::StartHost(bool shows_events) {
 }
 
 void Stage::KillHost() {
-  Disturb(tally_);
+  Disturb(tally_, kEverybody);
   host_->Kill();
   host_->WaitExit(kPatience);
 }
@@ -129,7 +129,7 @@ void Stage::KillAndWait(ProcessId process) {
 }
 
 bool Stage::StopHost() {
-  Disturb(tally_);
+  Disturb(tally_, kEverybody);
   host_->Type("stop");
   return host_->WaitExit(kPatience) == tolm::test::Exit{0, false};
 }

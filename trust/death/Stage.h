@@ -64,7 +64,7 @@ class Stage {
   /// For the reader of a failure: logs of agent and guard, and what the host printed.
   void ShowLogs() const;
 
-  Tally& tally() { return tally_; }
+  Tally& tally() const { return tally_; }
   const std::vector<std::string>& plugins() const { return plugins_; }
 
  private:

@@ -4,6 +4,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <stdexcept>
 
@@ -13,9 +14,9 @@ namespace trust::death {
 namespace {
 
 constexpr std::uint64_t kMostShown = 20;
-constexpr std::array<const char*, kOutcomes> kNames{"answered",  "not_served",    "no_such_peer",
-                                                    "peer_gone", "time_out",      "queue_full",
-                                                    "refused",   "not_connected", "other"};
+constexpr std::array<const char*, kOutcomes> kNames{
+    "answered",   "not_served", "no_such_peer",  "peer_gone", "time_out",
+    "queue_full", "refused",    "not_connected", "other",     "wrong_answer"};
 
 static_assert(std::atomic<std::int64_t>::is_always_lock_free, "locks would not be shared by processes");
 
@@ -59,12 +60,17 @@ std::int64_t NowNs() {
       .count();
 }
 
-void Disturb(Tally& tally) {
-  tally.disturbed_ns = NowNs();
+void Disturb(Tally& tally, std::size_t whom) {
+  tally.disturbed_ns[whom] = NowNs();
 }
 
-bool IsDisturbed(const Tally& tally) {
-  return NowNs() - tally.disturbed_ns < std::chrono::nanoseconds(kExplains).count();
+void ForgetDisturbances(Tally& tally) {
+  for (auto& disturbed : tally.disturbed_ns) disturbed = 0;
+}
+
+bool IsDisturbed(const Tally& tally, std::size_t whom) {
+  const std::int64_t disturbed = tally.disturbed_ns[whom];
+  return disturbed != 0 && NowNs() - disturbed < std::chrono::nanoseconds(kExplains).count();
 }
 
 Caller::Caller(Tally& tally) : tally_(tally) {
@@ -83,9 +89,12 @@ Caller::~Caller() {
 }
 
 Outcome Caller::Judge(std::chrono::milliseconds time_out, bool may_time_out,
-                      const std::function<Outcome()>& call) {
+                      std::initializer_list<std::size_t> plugins, const std::function<Outcome()>& call) {
   const std::uint32_t calm = tally_.calm;
-  const std::int64_t due = NowNs() + std::chrono::nanoseconds(time_out).count();
+  const std::int64_t begun = NowNs();
+  const std::int64_t due = begun + std::chrono::nanoseconds(time_out).count();
+  // In this order: a due time that can be seen never has an earlier call's beginning.
+  place_->begun_ns = begun;
   place_->due_ns = due;
   const Outcome outcome = call();
   // Whoever reviews the callers may have counted it as late already, and then has taken the time away.
@@ -98,18 +107,32 @@ Outcome Caller::Judge(std::chrono::milliseconds time_out, bool may_time_out,
     ++tally_.calm_calls;
     if (!is_answered) ++tally_.calm_failed;
   }
-  if (is_answered) return outcome;
-  const bool is_about_a_death = outcome == Outcome::kNotServed || outcome == Outcome::kNoSuchPeer ||
-                                outcome == Outcome::kPeerGone || outcome == Outcome::kNotConnected ||
-                                (outcome == Outcome::kTimeOut && may_time_out);
-  if (!is_about_a_death || !IsDisturbed(tally_)) {
-    if (++tally_.unexplained <= kMostShown)
-      std::fprintf(stderr, "process %d: a call ended unexplained: %s\n", ::getpid(), NameOf(outcome));
-  }
+  Explain(outcome, may_time_out, plugins);
   return outcome;
 }
 
-std::size_t ReviewCallers(Tally& tally) {
+void Caller::Explain(Outcome outcome, bool may_time_out, std::initializer_list<std::size_t> plugins) {
+  const bool all_disturbed = IsDisturbed(tally_, kEverybody);
+  const bool one_disturbed = std::any_of(plugins.begin(), plugins.end(),
+                                         [&](std::size_t plugin) { return IsDisturbed(tally_, plugin); });
+  if (!all_disturbed && !one_disturbed) ++tally_.undisturbed;
+  if (outcome == Outcome::kAnswered) return;
+  const bool is_about_a_death = outcome == Outcome::kNotServed || outcome == Outcome::kNoSuchPeer ||
+                                outcome == Outcome::kPeerGone || outcome == Outcome::kNotConnected ||
+                                (outcome == Outcome::kTimeOut && may_time_out);
+  if (is_about_a_death && all_disturbed) {
+    ++tally_.explained_by_all;
+  } else if (is_about_a_death && one_disturbed) {
+    ++tally_.explained_by_plugin;
+  } else if (++tally_.unexplained <= kMostShown) {
+    std::string whose;
+    for (const std::size_t plugin : plugins) whose += " " + std::to_string(plugin);
+    std::fprintf(stderr, "process %d: a call of plugins%s ended unexplained: %s\n", ::getpid(), whose.c_str(),
+                 NameOf(outcome));
+  }
+}
+
+std::size_t ReviewCallers(Tally& tally, std::int64_t begun_before) {
   std::size_t under_way = 0;
   for (Tally::Place& place : tally.places) {
     const int process = place.process;
@@ -120,7 +143,7 @@ std::size_t ReviewCallers(Tally& tally) {
       place.due_ns = 0;
       place.process = 0;
     } else if (due != 0) {
-      ++under_way;
+      if (place.begun_ns < begun_before) ++under_way;
       if (NowNs() > due + std::chrono::nanoseconds(kMargin).count() &&
           place.due_ns.compare_exchange_strong(due, 0)) {
         ++tally.late;

@@ -8,6 +8,7 @@
 #include <memory>
 #include <sstream>
 #include <stdexcept>
+#include <string_view>
 
 #include "Channel.h"
 #include "TolmLPCFrameDiagnostics.h"
@@ -43,12 +44,18 @@ int TakeOrders(const Obey& obey) {
 struct Lines {
   std::atomic<int> all{0};
   std::atomic<int> errors{0};
+  std::atomic<int> shortages{0};
 };
 
-void CountLine(int level, const char*, const char*, void* user) {
+// What both endpoints say when they can let nobody in.
+constexpr std::string_view kShortage = "for now";
+
+void CountLine(int level, const char*, const char* text, void* user) {
   Lines& lines = *static_cast<Lines*>(user);
   ++lines.all;
-  if (level >= TolmLPCFrame::kLogError) ++lines.errors;
+  if (level < TolmLPCFrame::kLogError) return;
+  ++lines.errors;
+  if (std::string_view(text).find(kShortage) != std::string_view::npos) ++lines.shortages;
 }
 
 // Those who are many need more descriptors than a process has at first.
@@ -79,7 +86,8 @@ int RunFewHostRole(const std::string& endpoint) {
   return TakeOrders([&](const std::string& what, std::istream& words) -> std::string {
     if (what == "process") return std::to_string(::getpid());
     if (what == "lines")
-      return std::to_string(lines.all.exchange(0)) + ' ' + std::to_string(lines.errors.exchange(0));
+      return std::to_string(lines.all.exchange(0)) + ' ' + std::to_string(lines.errors.exchange(0)) + ' ' +
+             std::to_string(lines.shortages.exchange(0));
     std::string url;
     words >> url;
     return host.Call(url, "x", 1000).answered ? "1" : "0";

@@ -23,8 +23,8 @@ class Crowd {
 
 // The roles, until the other process ends.
 
-/// "process": its id; "lines": how many lines the frame has logged since it was last asked, and how many of
-/// them are errors; "call URL": 1 when it was answered.
+/// "process": its id; "lines": how many lines the frame has logged since it was last asked, how many of them
+/// are errors, and how many of these say that nobody can be let in; "call URL": 1 when it was answered.
 int RunFewHostRole(const std::string& endpoint);
 /// Bare clients of the transport. "connect COUNT ENDPOINT"; "connected": how many are.
 int RunFewClientsRole();

@@ -26,18 +26,29 @@ constexpr std::size_t kBody = 100;
 // they count for; the rest is what a process has anyway.
 constexpr double kMostMiB = TRUST_SANITIZED ? 1024 : 192;  // a sanitizer keeps what was freed
 
+// Some ten times what the others' longest takes on a machine with nothing else to do.
+constexpr double kLongestMs = 300;
+
 std::string Name(const std::string& way, const char* what) {
   return "pressure.flood." + way + '.' + what;
 }
 
-void PrintOthers(const std::string& way, const SmallCalls& others) {
+void PrintLongest(const std::string& way, const char* what, double milliseconds, bool quick) {
+  if (quick) {
+    PrintFigure(Name(way, what), milliseconds, "ms");
+  } else {
+    PrintFigure(Name(way, what), milliseconds, "ms", Bound::kAtMost, kLongestMs);
+  }
+}
+
+void PrintOthers(const std::string& way, const SmallCalls& others, bool quick) {
   PrintFigure(Name(way, "other_calls_failed"), static_cast<double>(others.failed()), "calls", Bound::kExactly,
               0);
   PrintFigure(Name(way, "other_calls_p99"), others.P99(), "us");
-  PrintFigure(Name(way, "other_calls_longest"), others.Max() / 1000, "ms", Bound::kAtMost, 2000);
+  PrintLongest(way, "other_calls_longest", others.Max() / 1000, quick);
 }
 
-void ToHost(std::uint64_t count, const Host& host, PluginProcess& flood, PluginProcess& other) {
+void ToHost(std::uint64_t count, const Host& host, PluginProcess& flood, PluginProcess& other, bool quick) {
   bench::ForgetPeak();
   SmallCalls calls(host, {other.Url("echo")});
   const auto begin = bench::Clock::now();
@@ -58,12 +69,12 @@ void ToHost(std::uint64_t count, const Host& host, PluginProcess& flood, PluginP
   PrintFigure(Name("to_host", "peak_resident"), PeakOf(::getpid()) / 1024, "MiB", Bound::kAtMost, kMostMiB);
   PrintFigure(Name("to_host", "peak_resident_plugin"), PeakOf(flood.process()) / 1024, "MiB", Bound::kAtMost,
               kMostMiB);
-  PrintOthers("to_host", calls);
+  PrintOthers("to_host", calls, quick);
   PrintFigure(Name("to_host", "other_requests_failed"), asked.at(1), "calls", Bound::kExactly, 0);
-  PrintFigure(Name("to_host", "other_requests_longest"), asked.at(4) / 1000, "ms", Bound::kAtMost, 20'000);
+  PrintLongest("to_host", "other_requests_longest", asked.at(4) / 1000, quick);
 }
 
-void ToPlugin(std::uint64_t count, const Host& host, PluginProcess& flood, PluginProcess& other) {
+void ToPlugin(std::uint64_t count, const Host& host, PluginProcess& flood, PluginProcess& other, bool quick) {
   ::malloc_trim(0);  // what the flood before this one has freed
   bench::ForgetPeak();
   SmallCalls calls(host, {other.Url("echo")});
@@ -99,7 +110,7 @@ void ToPlugin(std::uint64_t count, const Host& host, PluginProcess& flood, Plugi
   PrintFigure(Name("to_plugin", "peak_resident"), PeakOf(::getpid()) / 1024, "MiB", Bound::kAtMost, kMostMiB);
   PrintFigure(Name("to_plugin", "peak_resident_plugin"), PeakOf(flood.process()) / 1024, "MiB",
               Bound::kAtMost, kMostMiB);
-  PrintOthers("to_plugin", calls);
+  PrintOthers("to_plugin", calls, quick);
 }
 
 }  // namespace
@@ -113,8 +124,8 @@ void Flood(const PressureSettings& settings) {
     plugin->Start(host.endpoint());
     host.AwaitInited(plugin->id());
   }
-  ToHost(count, host, flood, other);
-  ToPlugin(count, host, flood, other);
+  ToHost(count, host, flood, other, settings.quick);
+  ToPlugin(count, host, flood, other, settings.quick);
 }
 
 }  // namespace trust

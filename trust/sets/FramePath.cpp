@@ -4,6 +4,7 @@
 // usage: trust_sets_frame
 
 #include <pthread.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -13,10 +14,13 @@
 #include <boost/beast/core/buffers_to_string.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/websocket.hpp>
+#include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <exception>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <system_error>
@@ -145,28 +149,47 @@ class Plugin {
   lpcclient::CLpcClient client_;
 };
 
-/// A guard as far as it talks.
+/// A guard as far as it talks. Whatever takes longer than there is patience for fails, and all that comes
+/// behind it: a frame that no longer answers is what is looked for here.
 class Guard {
  public:
   explicit Guard(std::uint16_t port) : stream_(context_) {
     stream_.next_layer().connect({asio::ip::address_v4::loopback(), port});
-    stream_.handshake("127.0.0.1", "/");
     stream_.text(true);
     stream_.auto_fragment(false);
+    InTime([this](auto done) { stream_.async_handshake("127.0.0.1", "/", done); });
   }
-  void Say(const std::string& text) { stream_.write(asio::buffer(text)); }
+  bool Say(const std::string& text) {
+    return InTime([&](auto done) { stream_.async_write(asio::buffer(text), done); });
+  }
   bool Ask() {
     Say(R"({"guid":"still there?","requestData":{"method":"GetMianProcessPath"}})");
     // What the frame says by itself comes in between.
     for (int i = 0; i < 100; ++i) {
       beast::flat_buffer buffer;
-      stream_.read(buffer);
+      if (!InTime([&](auto done) { stream_.async_read(buffer, done); })) return false;
       if (beast::buffers_to_string(buffer.data()).find("still there?") != std::string::npos) return true;
     }
     return false;
   }
 
  private:
+  /// Whether what `begin` begins is done without an error, within the time.
+  template <typename Begin>
+  bool InTime(Begin begin) {
+    std::optional<boost::system::error_code> result;
+    begin([&](boost::system::error_code error, std::size_t = 0) { result = error; });
+    context_.restart();
+    context_.run_for(std::chrono::milliseconds(kPatienceMs));
+    if (!result) {
+      std::printf("the guard waits in vain\n");
+      boost::system::error_code ignored;
+      stream_.next_layer().close(ignored);
+      context_.run();  // what was begun ends, before what it uses goes
+    }
+    return result == boost::system::error_code();
+  }
+
   asio::io_context context_;
   beast::websocket::stream<asio::ip::tcp::socket> stream_;
 };
@@ -199,12 +222,10 @@ void SendAll(trust::Verdicts& verdicts, Plugin& plugin, Guard& guard) {
     push["pushMsgTag"] = "tag";
     expect(plugin.Notify(push, deep), "push", shape);
     expect(AskPlugin(deep), "headers and parts of an answer", shape);
-    guard.Say(deep);
-    expect(true, "text of the guard", shape);
-    guard.Say("{\"guid\":\"g\",\"requestData\":{\"method\":" + deep + "}}");
-    expect(true, "method of the guard", shape);
-    guard.Say("{\"guid\":" + deep + ",\"responseData\":" + deep + "}");
-    expect(true, "answer of the guard", shape);
+    expect(guard.Say(deep), "text of the guard", shape);
+    expect(guard.Say("{\"guid\":\"g\",\"requestData\":{\"method\":" + deep + "}}"), "method of the guard",
+           shape);
+    expect(guard.Say("{\"guid\":" + deep + ",\"responseData\":" + deep + "}"), "answer of the guard", shape);
   }
 }
 
@@ -262,8 +283,11 @@ int RunElsewhere() {
   const std::string port = std::to_string(tolm::test::FreePort());
   std::ofstream(folder.path() / "LpcFrame.xml") << "<Config>" << Times(kDeep, "<a>") << Times(kDeep, "</a>")
                                                 << "<ServerPort>" << port << "</ServerPort></Config>\n";
+  const pid_t parent = ::getpid();
   const pid_t child = ::fork();
   if (child == 0) {
+    // It must not be left when this process is killed, which it may have been already.
+    if (::prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || ::getppid() != parent) ::_exit(127);
     ::execl(program.c_str(), program.c_str(), port.c_str(), nullptr);
     ::_exit(127);
   }

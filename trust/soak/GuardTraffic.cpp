@@ -2,14 +2,13 @@
 #include <memory>
 
 #include "posix/GuardClient.h"
+#include "soak/Kinds.h"
 #include "soak/Traffic.h"
 
 namespace trust {
 namespace {
 
 using bench::GuardClient;
-
-constexpr int kQuestionsOfAConnection = 50;
 
 std::string Question(std::size_t more) {
   return R"({"guid":"soak","requestData":{"method":"GetMianProcessPath"},"more":")" + std::string(more, 'g') +
@@ -22,13 +21,13 @@ void AddGuardTraffic(Repeating& repeating, std::uint16_t port, Tally& tally) {
   const auto small = std::make_shared<const std::string>(GuardClient::FrameOf(Question(100)));
   const auto large = std::make_shared<const std::string>(GuardClient::FrameOf(Question(2u << 20)));
   const auto guard = std::make_shared<std::unique_ptr<GuardClient>>();
-  repeating.Add(std::chrono::milliseconds(50), [=, &tally, number = 0]() mutable {
+  repeating.Add(kGuardPause, [=, &tally, number = 0]() mutable {
     try {
-      if (*guard == nullptr || number % kQuestionsOfAConnection == 0) {
+      if (*guard == nullptr || number % kGuardRoundsOfConnection == 0) {
         *guard = std::make_unique<GuardClient>(port);
         tally.Good("guard_connects");
       }
-      const bool is_large = ++number % 20 == 0;
+      const bool is_large = ++number % kGuardRoundsOfLargeText == 0;
       std::string answer = (*guard)->Ask(is_large ? *large : *small);
       // What the frame says by itself comes in between.
       while (answer.find("NotifyState") != std::string::npos) answer = (*guard)->Ask("");

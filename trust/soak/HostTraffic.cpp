@@ -2,12 +2,12 @@
 #include <utility>
 
 #include "TolmLPCServer/LpcError.h"
+#include "soak/Kinds.h"
 #include "soak/Traffic.h"
 
 namespace trust {
 namespace {
 
-using std::chrono::milliseconds;
 using TolmLPCFrame::LPCData;
 
 constexpr int kTimeOutMs = 20'000;
@@ -58,16 +58,15 @@ void Async(Tally& tally, std::int32_t type, const char* kind, const std::string&
 void AddHostTraffic(Repeating& repeating, const Host& host, Sent& sent, Tally& tally) {
   const auto small = std::make_shared<const std::string>(1024, 's');
   const auto large = std::make_shared<const std::string>(kLarge, 'l');
-  repeating.Add(milliseconds(2), [&, small] { Echo(host, tally, "host_call", "/alpha/echo", *small); });
-  repeating.Add(milliseconds(3), [&, small] { Echo(host, tally, "host_call", "/beta/echo", *small); });
-  repeating.Add(milliseconds(700),
-                [&, large] { Echo(host, tally, "host_large_body", "/alpha/echo", *large); });
-  repeating.Add(milliseconds(50), [&] { Parts(host, tally); });
-  repeating.Add(milliseconds(5), [&] {
+  repeating.Add(kAlphaCallPause, [&, small] { Echo(host, tally, "host_call", "/alpha/echo", *small); });
+  repeating.Add(kBetaCallPause, [&, small] { Echo(host, tally, "host_call", "/beta/echo", *small); });
+  repeating.Add(kLargeBodyPause, [&, large] { Echo(host, tally, "host_large_body", "/alpha/echo", *large); });
+  repeating.Add(kPartsPause, [&] { Parts(host, tally); });
+  repeating.Add(kAsyncPause, [&] {
     Async(tally, TolmLPCFrame::kMsgTypeRequest, "host_async_request", "/alpha/echo", sent.requests);
     Async(tally, TolmLPCFrame::kMsgTypeNotify, "host_notification", "/beta/count", sent.notifications);
   });
-  repeating.Add(milliseconds(300), [&] {
+  repeating.Add(kFailuresPause, [&] {
     Fails(host, tally, "host_call_timed_out", "/alpha/slow", "200", 30, lpc::kTimeOut);
     // The frame refuses it itself: no transport was asked, and no code is left.
     Fails(host, tally, "host_call_to_unknown_url", "/nobody/serves", "", 1000, lpc::kOk);

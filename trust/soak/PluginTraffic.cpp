@@ -4,12 +4,11 @@
 
 #include "TolmLPCServer/LpcError.h"
 #include "TolmPlugin/Plugin.h"
+#include "soak/Kinds.h"
 #include "soak/Traffic.h"
 
 namespace trust {
 namespace {
-
-using std::chrono::milliseconds;
 
 // So many urls are registered anew, again and again: who registers others without end makes the frame grow.
 constexpr std::uint64_t kUrls = 200;
@@ -46,7 +45,7 @@ void Round(PluginProcess& plugin, const std::string& other, std::uint64_t number
   Do(plugin, tally, "plugin_parts", "part 50000 20000", 1);
   Do(plugin, tally, "plugin_registers",
      "register " + std::to_string(number * kUrlsAtOnce % kUrls) + ' ' + std::to_string(kUrlsAtOnce), 1);
-  if (number % 10 == 0) {
+  if (number % kRoundsOfRareOrders == 0) {
     Fails(plugin, tally, "plugin_call_timed_out", std::string("call ") + kHostSilent + " 10 1 30",
           lpc::kTimeOut);
     Fails(plugin, tally, "plugin_call_to_unknown_url", "call /nobody/serves 10 1 30", lpc::kTimeOut);
@@ -66,7 +65,7 @@ void ComeAndGo(const std::string& endpoint, Tally& tally) {
 
 void AddPluginTraffic(Repeating& repeating, PluginProcess& plugin, const std::string& other, Sent& sent,
                       Tally& tally) {
-  repeating.Add(milliseconds(20), [&plugin, other, &sent, &tally, number = std::uint64_t{0}]() mutable {
+  repeating.Add(kPluginPause, [&plugin, other, &sent, &tally, number = std::uint64_t{0}]() mutable {
     try {
       Round(plugin, other, number++, sent, tally);
     } catch (const std::exception& error) {
@@ -76,8 +75,8 @@ void AddPluginTraffic(Repeating& repeating, PluginProcess& plugin, const std::st
 }
 
 void AddChurn(Repeating& repeating, const Host& host, Tally& tally) {
-  repeating.Add(milliseconds(200), [&] { ComeAndGo(host.endpoint(), tally); });
-  repeating.Add(milliseconds(1500), [&, lives = std::uint64_t{0}]() mutable {
+  repeating.Add(kComingPause, [&] { ComeAndGo(host.endpoint(), tally); });
+  repeating.Add(kKillingPause, [&, lives = std::uint64_t{0}]() mutable {
     try {
       PluginProcess killed("delta");
       killed.Start(host.endpoint());

@@ -32,17 +32,4 @@ double Series::PerHour() const {
   return squares > 0 ? products / squares * 3600 : 0;
 }
 
-double Series::Growth() const {
-  const std::vector<Sample> later = Later();
-  const std::size_t quarter = later.size() / 4;
-  if (quarter == 0) return 0;
-  double first = 0;
-  double last = 0;
-  for (std::size_t i = 0; i < quarter; ++i) {
-    first += later[i].value;
-    last += later[later.size() - 1 - i].value;
-  }
-  return (last - first) / static_cast<double>(quarter);
-}
-
 }  // namespace trust

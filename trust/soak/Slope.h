@@ -13,10 +13,6 @@ class Series {
   /// How much it grows in an hour, by least squares over the last two thirds of the time: the first third is
   /// for what is made once and kept. 0 with fewer than three samples.
   double PerHour() const;
-  /// Of the same samples, the mean of the last quarter without that of the first quarter: how much it has
-  /// grown.
-  double Growth() const;
-  bool HasAny() const { return !samples_.empty(); }
   double Last() const { return samples_.empty() ? 0 : samples_.back().value; }
 
  private:

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "soak/Kinds.h"
 #include "support/Figures.h"
 
 namespace trust {
@@ -21,10 +22,19 @@ void Tally::Count(const std::string& kind, bool good, const std::string& why) {
   std::fprintf(stderr, "unexplained: %s: %s\n", kind.c_str(), why.c_str());
 }
 
-void Tally::Print() const {
+void Tally::Print(double seconds) const {
   const std::lock_guard lock(mutex_);
-  for (const auto& [kind, count] : good_) {
-    PrintFigure("soak.count." + kind, static_cast<double>(count), "times", Bound::kAtLeast, 1);
+  auto unlisted = good_;
+  for (const Kind& kind : Kinds()) {
+    const std::string name(kind.name);
+    const auto counted = good_.find(name);
+    const auto count = static_cast<double>(counted == good_.end() ? 0 : counted->second);
+    PrintFigure("soak.count." + name, count, "times", Bound::kAtLeast, kind.Least(seconds));
+    unlisted.erase(name);
+  }
+  // Nobody says how often these have to come.
+  for (const auto& [kind, count] : unlisted) {
+    PrintFigure("soak.count." + kind, static_cast<double>(count), "times", Bound::kExactly, 0);
   }
   PrintFigure("soak.unexplained", static_cast<double>(unexplained_), "times", Bound::kExactly, 0);
 }

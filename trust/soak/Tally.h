@@ -16,8 +16,9 @@ class Tally {
   void Unexplained(const std::string& kind, const std::string& why) { Count(kind, false, why); }
   void Expect(const std::string& kind, bool good, const std::string& why) { Count(kind, good, why); }
 
-  /// The figures soak.count.KIND and soak.unexplained.
-  void Print() const;
+  /// The figures soak.count.KIND, of all kinds that there are, and soak.unexplained, after a run of so many
+  /// seconds.
+  void Print(double seconds) const;
 
  private:
   void Count(const std::string& kind, bool good, const std::string& why);

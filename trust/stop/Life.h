@@ -8,9 +8,9 @@
 
 namespace trust {
 
-/// What one registered callback of the host is given: memory that is taken away when the frame has been
-/// stopped, so that a callback behind the stop is counted where it begins, and ends the process where it goes
-/// on.
+/// What one registered callback of the host is given. A callback that begins behind Over is counted, and does
+/// nothing else. One that began before and still runs when the life is destroyed comes back to memory that
+/// was taken away, which ends the process.
 class Life {
  public:
   /// Does what the host does with an event, until it returns; `life` is this one's number.
@@ -23,7 +23,8 @@ class Life {
   Life(const Life&) = delete;
   Life& operator=(const Life&) = delete;
 
-  /// The frame's stop has returned: no callback of this life may begin any more.
+  /// The frame's stop has returned: no callback of this life may begin any more. To be called behind the stop
+  /// at once, on its thread: what begins in between counts as one before it.
   void Over();
   long number() const { return number_; }
   /// Callbacks of this life that run.

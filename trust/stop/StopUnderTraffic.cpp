@@ -27,6 +27,8 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int kPlugins = 4;
 constexpr int kNobody = -1;
+/// So long a frame that runs after all has for an answer.
+constexpr int kAnswersWithinMs = 1000;
 /// So long the frame waits for the agent, by the system's clock.
 constexpr int kAgentAnswerMs = 5000;
 // So many rounds live with the same plugins; others begin anew.
@@ -180,6 +182,7 @@ Ending AnyEnding(std::mt19937& random) {
 
 /// What is measured over all rounds.
 struct Measured {
+  long rounds = 0;  ///< in which the frame was started, and then was not there any more
   long unanswered = 0;
   long failed_starts = 0;
   long left_running = 0;
@@ -195,12 +198,22 @@ void StopAs(const Ending& ending, int frame_type, Life& life, Measured& measured
   const auto begin = Clock::now();
   script.stops_begun = 0;
   script.stops_returned = 0;
+  // Who stops alone, from outside of all callbacks, finds none behind his stop; of several the first to
+  // return does not know of the others' callbacks, nor does one of them of his own.
+  const bool stops_alone = ending.hosts == 1 && ending.kinds[0] == kNobody;
   for (const int kind : ending.kinds) {
     if (kind != kNobody) script.stops[static_cast<std::size_t>(kind)] = true;
   }
   {
     std::vector<std::jthread> hosts;
-    for (int i = 0; i < ending.hosts; ++i) hosts.emplace_back(StopTheFrame);
+    for (int i = 0; i < ending.hosts; ++i) {
+      hosts.emplace_back([&] {
+        StopTheFrame();
+        if (!stops_alone) return;
+        life.Over();
+        if (life.Inside() > 0) ++measured.left_running;
+      });
+    }
     if (ending.hosts == 0) {
       // Events of some kinds come only now and then; a host that has waited in vain stops the frame itself.
       tolm::test::WaitFor([] { return script.stops_begun > 0; }, std::chrono::milliseconds(100));
@@ -220,12 +233,14 @@ void StopAs(const Ending& ending, int frame_type, Life& life, Measured& measured
     std::printf("a stop by %d threads and by the callbacks %d and %d with the frame's type %d took %.0f ms\n",
                 ending.hosts, ending.kinds[0], ending.kinds[1], frame_type, spent);
   }
-  // Only a stop of the host's own waits for the callback that it is not called in.
+  // Of several stops only the host's own waits for the callback that it is not called in.
   if (!tolm::test::WaitFor([&] { return life.Inside() == 0; })) ++measured.left_running;
+  // Nobody is there to pass a call on.
+  if (!Ask("/p0/fast", "p0", kAnswersWithinMs)) ++measured.rounds;
 }
 
 void PrintAll(const Measured& measured, long rounds, const Callers& callers, bool patient) {
-  PrintFigure("stop.rounds", static_cast<double>(rounds), "stops", Bound::kAtLeast,
+  PrintFigure("stop.rounds", static_cast<double>(measured.rounds), "stops", Bound::kExactly,
               static_cast<double>(rounds));
   PrintFigure("stop.hung", 0, "calls", Bound::kExactly, 0);
   PrintFigure("stop.failed_stops", static_cast<double>(script.results_other_than_0), "calls", Bound::kExactly,

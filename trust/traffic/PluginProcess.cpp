@@ -30,6 +30,7 @@ std::vector<double> PluginProcess::Finish(int time_out_seconds) {
 }
 
 std::vector<double> PluginProcess::Do(const std::string& order, int time_out_seconds) {
+  const std::lock_guard turn(turn_);
   Begin(order);
   return Finish(time_out_seconds);
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -19,11 +20,14 @@ class PluginProcess {
 
   /// Connects to the host's endpoint.
   void Start(const std::string& endpoint);
-  /// Gives an order, without waiting.
+  /// Gives an order, without waiting. Nobody else gives one until Finish has returned.
   void Begin(const std::string& order);
   /// The numbers that the answer to an order has; throws when it takes longer than `time_out_seconds`.
   std::vector<double> Finish(int time_out_seconds = 60);
+  /// Both. From any thread: what is ordered meanwhile waits for its turn.
   std::vector<double> Do(const std::string& order, int time_out_seconds = 60);
+  /// What the process has allocated.
+  double AllocatedKiB() { return Do("heap").at(0); }
 
   /// Stops the process where it is, and lets it go on.
   void Halt() const;
@@ -33,6 +37,7 @@ class PluginProcess {
   const std::string id_;
   bench::Child child_;
   int process_ = 0;
+  std::mutex turn_;  // one order at a time
 };
 
 /// The plugin's side, until the other process ends. What it serves, for the id ID:

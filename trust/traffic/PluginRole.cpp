@@ -16,6 +16,7 @@
 #include "TolmLPCServer/LpcError.h"
 #include "TolmPlugin/Plugin.h"
 #include "traffic/PluginProcess.h"
+#include "traffic/ProcessState.h"
 #include "traffic/Time.h"
 
 namespace trust {
@@ -167,6 +168,7 @@ std::string Obey(Orders& self, const std::string& order) {
   std::string what;
   words >> what;
   if (what == "process") return std::to_string(::getpid());
+  if (what == "heap") return std::to_string(AllocatedKiB());
   if (what == "counted") return std::to_string(self.counted.load());
   if (what == "flood") return Flood(self.plugin, words);
   if (what == "call") return Call(self.plugin, words);

@@ -1,5 +1,6 @@
 #include "traffic/ProcessState.h"
 
+#include <malloc.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -47,6 +48,11 @@ ProcessState StateOf(int process) {
   state.descriptors = static_cast<double>(std::distance(begin(descriptors), end(descriptors)));
   state.processor_seconds = ProcessorSeconds(process);
   return state;
+}
+
+double AllocatedKiB() {
+  const struct mallinfo2 heap = ::mallinfo2();
+  return static_cast<double>(heap.uordblks + heap.hblkhd) / 1024;
 }
 
 bool IsHalted(int process) {

@@ -15,6 +15,9 @@ struct ProcessState {
 /// Throws when there is no such process.
 ProcessState StateOf(int process);
 
+/// What this process's allocator has given out and not been given back, in KiB.
+double AllocatedKiB();
+
 /// Whether none of its threads runs any more since it was halted.
 bool IsHalted(int process);
 
