@@ -10,6 +10,7 @@ import argparse
 import json
 import pathlib
 import sys
+import traceback
 
 import checks
 import report
@@ -37,9 +38,11 @@ def main():
         run = Run(wanted.long)
         try:
             check.run(run)
-        except Failed as error:
+        except Exception as error:  # one check's fault is not to cost the figures of the others
             run.add(f"{name}.completed", 0, "bool", "1", False)
             print(f"{name}: {error}", file=sys.stderr)
+            if not isinstance(error, Failed):
+                traceback.print_exc()
         if not run.figures:
             run.add(f"{name}.completed", 0, "bool", "1", False)
             print(f"{name}: measured nothing", file=sys.stderr)

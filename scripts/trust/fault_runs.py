@@ -131,6 +131,7 @@ class Programs:
         self.programs = [folder / name for name in names]
         self.jobs = jobs
         self.codes, self.names, self.count = {}, {}, 0
+        self.unrecorded = 0  # tests that fail although nothing else does, so that their sites are not known
         for program in self.programs:
             self.codes[program] = self.scratch / f"{program.name}.code"
             fault_sites.write_code(program, self.codes[program])
@@ -157,6 +158,7 @@ class Programs:
             runs = pool.map(lambda each: self._run(*each, 180, {}), tests)
             for (program, test), (status, seconds, output, record) in zip(tests, runs):
                 if status != 0:
+                    self.unrecorded += 1
                     print(f"  {program.name} {test} ends with {status} though nothing fails\n{output[-2000:]}")
                     continue
                 for line in record.splitlines():

@@ -4,6 +4,7 @@ import dataclasses
 import json
 import os
 import pathlib
+import signal
 import subprocess
 import threading
 
@@ -28,6 +29,32 @@ class Figure:
     def line(self):
         shown = f"{self.figure:,.6g}" if isinstance(self.figure, float) else f"{self.figure:,}"
         return f"{self.name:<58} {shown:>12} {self.unit:<9} {self.bound:<12} {'ok' if self.ok else 'MISSED'}"
+
+
+def kill_group(process):
+    """Kills what runs in the session of `process`, which has one of its own."""
+    try:
+        os.killpg(process.pid, signal.SIGKILL)
+    except ProcessLookupError:
+        pass
+
+
+def finished(command, time_out, **more):
+    """Runs a command to its end, or to that of `time_out` seconds, when all that it started is killed; then, or
+    when it cannot be started, raises Failed. Gives the process with its output."""
+    command = [str(word) for word in command]
+    with subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, errors="replace",
+                          start_new_session=True, **more) as process:
+        try:
+            out, err = process.communicate(timeout=time_out)
+        except subprocess.TimeoutExpired:
+            kill_group(process)
+            out, err = process.communicate()
+            raise Failed(f"{' '.join(command)} took longer than {time_out} s:\n{out[-2000:]}{err[-2000:]}") from None
+        except BaseException:
+            kill_group(process)
+            raise
+    return subprocess.CompletedProcess(command, process.returncode, out, err)
 
 
 class Run:
@@ -59,22 +86,36 @@ class Run:
         A program that fails, or that takes longer than `time_out` seconds, misses a figure of its own name.
         """
         command = [str(word) for word in command]
-        process = subprocess.Popen(command, stdout=subprocess.PIPE, text=True, cwd=ROOT,
+        # A group of its own, so that what it has started does not outlive it.
+        process = subprocess.Popen(command, stdout=subprocess.PIPE, text=True, cwd=ROOT, start_new_session=True,
                                    env=os.environ | (environment or {}))
-        late = threading.Timer(time_out, process.kill)
-        late.start()
+        before = len(self.figures)
+        reader = threading.Thread(target=self._take_lines, args=(process.stdout,), daemon=True)
+        reader.start()
+        over = False
         try:
-            for line in process.stdout:
-                if line.startswith('{"name"'):
-                    self.add(**json.loads(line))
-                else:
-                    print(f"  {line}", end="", flush=True)
+            process.wait(time_out)
+        except subprocess.TimeoutExpired:
+            over = True
         finally:
-            over = not late.is_alive()
-            late.cancel()
-            process.kill()
+            kill_group(process)
             status = process.wait()
+            reader.join(10)
+        name = pathlib.Path(command[0]).name
         if status != 0:
             why = f"took longer than {time_out} s" if over else f"ended with {status}"
             print(f"  {' '.join(command)} {why}")
-            self.add(f"{pathlib.Path(command[0]).name}.status", status, "status", "0", False)
+            self.add(f"{name}.status", status, "status", "0", False)
+        elif len(self.figures) == before:
+            self.add(f"{name}.figures", 0, "figures", ">= 1", False)
+
+    def _take_lines(self, stream):
+        for line in stream:
+            try:
+                figure = Figure(**json.loads(line)) if line.startswith('{"name"') else None
+            except (ValueError, TypeError):
+                figure = None  # of a program that was killed in the middle of it
+            if figure:
+                self.add(**figure.fields())
+            else:
+                print(f"  {line}", end="", flush=True)

@@ -2,9 +2,8 @@
 
 import os
 import re
-import subprocess
 
-from figures import ROOT
+from figures import ROOT, finished
 
 ORDER = 95
 PRESETS = ("dev", "gcc-release", "clang-debug", "clang-release")
@@ -13,8 +12,8 @@ PRESETS = ("dev", "gcc-release", "clang-debug", "clang-release")
 def run(run):
     for preset in PRESETS:
         run.build(preset, "all")
-        tests = subprocess.run(["ctest", "--test-dir", ROOT / "build" / preset, "-j", str(2 * os.cpu_count()),
-                                "--output-on-failure", "--no-tests=error"], capture_output=True, text=True)
+        tests = finished(["ctest", "--test-dir", ROOT / "build" / preset, "-j", 2 * os.cpu_count(),
+                          "--output-on-failure", "--no-tests=error"], 3600)
         passed = re.search(r"(\d+) tests? failed out of (\d+)", tests.stdout)
         failed, all_tests = (int(passed[1]), int(passed[2])) if passed else (1, 0)
         if failed:

@@ -3,9 +3,8 @@
 import json
 import os
 import shutil
-import subprocess
 
-from figures import ROOT, Failed
+from figures import ROOT, Failed, finished
 
 ORDER = 90
 # Folders that have to be executed nearly whole, and the share in percent.
@@ -17,11 +16,10 @@ SHOWN = ("platform/TolmBase", "platform/TolmLPCServer/src/server", "platform/Tol
 def counted(tree):
     """Each of our sources with its lines and branches, as gcovr has them."""
     # A branch that only an exception takes stands at each call; those say nothing.
-    done = subprocess.run(
+    done = finished(
         ["gcovr", "--root", ROOT, "--object-directory", tree, "--gcov-executable", "gcov-12", "--exclude-throw-branches",
          "--exclude-unreachable-branches", "--filter", f"{ROOT}/(src|platform|sdk|apps)/", "--json-summary", "-j",
-         str(os.cpu_count()), tree],
-        capture_output=True, text=True)
+         os.cpu_count(), tree], 3600)
     if done.returncode != 0:
         raise Failed(f"gcovr failed:\n{done.stderr[-2000:]}")
     return json.loads(done.stdout)["files"]
@@ -43,8 +41,7 @@ def run(run):
     tree = ROOT / "build/coverage"
     for old in tree.rglob("*.gcda"):
         old.unlink()
-    tests = subprocess.run(["ctest", "--test-dir", tree, "-j", str(2 * os.cpu_count()), "--output-on-failure"],
-                           capture_output=True, text=True)
+    tests = finished(["ctest", "--test-dir", tree, "-j", 2 * os.cpu_count(), "--output-on-failure"], 3600)
     if tests.returncode != 0:
         raise Failed(f"tests failed:\n{tests.stdout[-6000:]}")
     files = counted(tree)

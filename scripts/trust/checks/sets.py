@@ -4,7 +4,6 @@ The tables are in trust/sets and tests/net/rfc6455_table.py; the figures are wha
 """
 
 import re
-import subprocess
 import sys
 
 import figures
@@ -16,7 +15,7 @@ SUMMARY = re.compile(r"(\d+) cases in (\d+) plays, (\d+) with a remark, (\d+) wr
 
 def websocket(run, programs):
     command = [sys.executable, figures.ROOT / "tests/net/rfc6455_cases.py", programs / "net_echo"]
-    process = subprocess.run([str(word) for word in command], capture_output=True, text=True, timeout=1200)
+    process = figures.finished(command, 1200)
     # The rows that are wrong, and the summary by section.
     rows, _, summary = process.stdout.partition("\n\n")
     print("\n".join("  " + row for row in rows.splitlines() if row.startswith("!!!")))
