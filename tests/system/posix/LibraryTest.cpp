@@ -67,14 +67,8 @@ TEST(Library, NeedsNothingThatIsNotExpected) {
   if (TEST_SANITIZED) GTEST_SKIP() << "a sanitizer needs libraries of its own";
   const Names needed = Matches(OutputOf("objdump -p '" TEST_LIBRARY "'"), "NEEDED +([a-zA-Z0-9_.+-]+)");
   ASSERT_THAT(needed, IsSupersetOf({"libstdc++.so.6", "libc.so.6"}));
-  const Names expected{"libboost_thread.so.1.81.0",
-                       "libpugixml.so.1",
-                       "libwebsockets.so.17",
-                       "libstdc++.so.6",
-                       "libm.so.6",
-                       "libgcc_s.so.1",
-                       "libc.so.6",
-                       "ld-linux-x86-64.so.2"};
+  const Names expected{"libpugixml.so.1", "libwebsockets.so.17", "libstdc++.so.6",      "libm.so.6",
+                       "libgcc_s.so.1",   "libc.so.6",           "ld-linux-x86-64.so.2"};
   for (const std::string& library : needed) EXPECT_TRUE(expected.contains(library)) << library;
 }
 
