@@ -27,7 +27,7 @@ constexpr std::size_t kBody = 100;
 constexpr double kMostMiB = TRUST_SANITIZED ? 1024 : 192;  // a sanitizer keeps what was freed
 
 // Some ten times what the others' longest takes on a machine with nothing else to do.
-constexpr double kLongestMs = 300;
+constexpr double kLongestMs = 500;
 
 std::string Name(const std::string& way, const char* what) {
   return "pressure.flood." + way + '.' + what;

@@ -26,7 +26,7 @@ constexpr int kTimeOutMs = 3000;
 constexpr double kLongestStop = 8;
 constexpr double kLongestStopQuick = 16;
 // No call waits for its time-out: who is called answers, or is seen to be gone.
-constexpr double kLongestCallMs = 1000;
+constexpr double kLongestCallMs = 2000;
 
 struct Tally {
   std::mutex mutex;

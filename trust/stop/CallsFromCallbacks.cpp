@@ -28,7 +28,7 @@ constexpr int kTimeOut = 5000;
 /// Of a call for which no thread is left to answer it.
 constexpr int kShortTimeOut = 300;
 /// So long an answer may take, which is some hundred times what it does with nothing else to do.
-constexpr double kAnswerMs = 500;
+constexpr double kAnswerMs = 1000;
 /// So long is waited for each of the calls that are wanted, of the kinds that come most seldom.
 constexpr std::chrono::milliseconds kMostOfACall(50);
 /// More than the pool of the host's callback has threads.

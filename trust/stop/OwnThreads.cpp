@@ -31,7 +31,7 @@ using Tolm::Base::CMessageLoopDyThreadPool;
 
 constexpr int kForever = 120'000;
 /// A stop takes a millisecond or two on a machine with nothing else to do; nothing in it may wait.
-constexpr double kSlowestMs = 200;
+constexpr double kSlowestMs = 500;
 
 /// How often an end is stopped in each round, and from where.
 struct Way {
