@@ -22,7 +22,7 @@ constexpr int kTimeOutMs = 20'000;
 constexpr int kCallers = 64;
 constexpr std::uint64_t kThreadsOfAPool = 30;
 constexpr int kLargeAtOnce = 16;
-constexpr int kLargeEach = 4;
+constexpr int kLargeEach = 24;
 
 template <typename Act>
 void AtOnce(int count, const Act& act) {
