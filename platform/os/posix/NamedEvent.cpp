@@ -46,8 +46,9 @@ struct Shared {
   std::atomic<std::uint32_t> changes;  // odd while signalled
   std::atomic<std::uint32_t> maker;    // its process id; 0 when it is not there any more
   std::atomic<std::uint64_t> waiters;  // how many wait, below the number of a generation
+  std::atomic<std::uint64_t> setter;   // the process id of who signalled last
 };
-static_assert(sizeof(Shared) == 16 && std::atomic<std::uint64_t>::is_always_lock_free &&
+static_assert(sizeof(Shared) == 24 && std::atomic<std::uint64_t>::is_always_lock_free &&
               sizeof(std::atomic<std::uint32_t>) == sizeof(std::uint32_t));
 
 /// Where the event's file lies: the folder and its name in there.
@@ -167,6 +168,7 @@ class FileEvent final : public NamedEvent {
   }
 
   void Set() override {
+    shared_.setter = own_id_;
     std::uint32_t seen = shared_.changes.load();
     while (!IsSignalled(seen) && !shared_.changes.compare_exchange_weak(seen, seen + 1)) {
     }
@@ -178,7 +180,7 @@ class FileEvent final : public NamedEvent {
   bool Wait(int timeout_ms) override {
     std::optional<Clock::time_point> deadline;
     if (timeout_ms >= 0) deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
-    GiveWay();
+    if (!GiveWay(deadline)) return false;
     std::optional<Registration> passing;
     Registration& registration = standing_ ? *standing_ : passing.emplace(shared_);
     for (;;) {
@@ -242,20 +244,31 @@ class FileEvent final : public NamedEvent {
 
   // Leaves a signal to the waits that are under way. Takes its time even when the caller has less: to
   // take the signal at once would break the order, and to leave it for good would let a killed process
-  // keep it.
-  void GiveWay() {
+  // keep it. False when the maker, which lives, has not come to take it until `deadline`.
+  bool GiveWay(const std::optional<Clock::time_point>& deadline) {
     const std::uint32_t seen = shared_.changes.load();
     const auto count = static_cast<std::uint32_t>(shared_.waiters.load());
-    if (!IsSignalled(seen) || count <= (standing_ ? 1U : 0U)) return;
-    const auto deadline = Clock::now() + kGrace;
+    if (!IsSignalled(seen) || count <= (standing_ ? 1U : 0U)) return true;
+    auto grace = Clock::now() + kGrace;
     while (shared_.changes.load() == seen) {
-      if (Clock::now() >= deadline) {
-        std::uint64_t waiters = shared_.waiters.load();
-        shared_.waiters.compare_exchange_strong(waiters, ((waiters >> 32) + 1) << 32);
-        return;
+      if (const auto now = Clock::now(); now >= grace) {
+        if (!IsForMaker()) {
+          std::uint64_t waiters = shared_.waiters.load();
+          shared_.waiters.compare_exchange_strong(waiters, ((waiters >> 32) + 1) << 32);
+          return true;
+        }
+        if (deadline && now >= *deadline) return false;
+        grace = now + kGrace;
       }
-      Sleep(seen, deadline);
+      Sleep(seen, grace);
     }
+    return true;
+  }
+
+  // Whether the signal is for the maker, who serves those that find the event, and is there to take it.
+  bool IsForMaker() const {
+    const std::uint32_t maker = shared_.maker.load();
+    return !standing_ && maker != 0 && shared_.setter.load() != maker && !IsMakerEnding(file_);
   }
 
   // Until `changes` is not `seen` any more, the deadline, or for no reason.

@@ -352,6 +352,26 @@ TEST_F(OsPosixNamedEvent, WhoSetsItAndWaitsLeavesTheSignalToItsMakerThatWaitsOnl
   EXPECT_TRUE(answered);
 }
 
+TEST_F(OsPosixNamedEvent, ASignalForAMakerInAnotherProcessIsLeftToItHoweverLateItIs) {
+  int may_take[2];
+  ASSERT_EQ(::pipe(may_take), 0);
+  ForkedChild child([&](const auto& voice) {
+    const Event maker = Make(name_);
+    voice.Say('m');
+    char byte = 0;
+    if (::read(may_take[0], &byte, 1) != 1) return 2;
+    return maker->Wait(kLong) ? 0 : 1;
+  });
+  ASSERT_EQ(child.Hear(), 'm');
+  const Event asking = NamedEvent::Open(name_);
+  ASSERT_TRUE(asking);
+  asking->Set();
+  EXPECT_FALSE(asking->Wait(600)) << "longer than it is left to anybody else";
+  ASSERT_EQ(::write(may_take[1], "x", 1), 1);
+  EXPECT_EQ(child.Join(), 0);
+  for (const int end : may_take) ::close(end);
+}
+
 TEST_F(OsPosixNamedEvent, WithoutItsNameItIsFoundByNobodyAndServesItsHolders) {
   const Event maker = Make(name_);
   const Event found = NamedEvent::Open(name_);
