@@ -67,7 +67,7 @@ void AddHostTraffic(Repeating& repeating, const Host& host, Sent& sent, Tally& t
     Async(tally, TolmLPCFrame::kMsgTypeNotify, "host_notification", "/beta/count", sent.notifications);
   });
   repeating.Add(kFailuresPause, [&] {
-    Fails(host, tally, "host_call_timed_out", "/alpha/slow", "200", 30, lpc::kTimeOut);
+    Fails(host, tally, "host_call_timed_out", "/alpha/slow", "600", 30, lpc::kTimeOut);
     // The frame refuses it itself: no transport was asked, and no code is left.
     Fails(host, tally, "host_call_to_unknown_url", "/nobody/serves", "", 1000, lpc::kOk);
   });
