@@ -88,7 +88,8 @@ Value& Make(Value& root, std::string_view path, Allocator& allocator) {
     if (!value->IsObject()) value->SetObject();
     const auto length = static_cast<SizeType>(segment.name.size());
     auto member = value->FindMember(Value(rapidjson::StringRef(segment.name.data(), length)));
-    if (member == value->MemberEnd()) {
+    const Value::ConstMemberIterator found = member;  // iterators of one kind only are compared without doubt
+    if (const Value::ConstMemberIterator end = value->MemberEnd(); found == end) {
       value->AddMember(Value(segment.name.data(), length, allocator), Value(), allocator);
       member = value->MemberEnd() - 1;
     }
