@@ -241,7 +241,7 @@ bool Plugin::Core::RegisterAndConfirm(int connection) {
   }
 }
 
-bool Plugin::Core::ReportInitFinish(std::chrono::milliseconds cost) {
+bool Plugin::Core::ReportInitFinish(std::chrono::milliseconds cost) const {
   proto::CRapidJsonProto message;
   message.set_v("/method", "InitFinish");
   message.set_v("/Data/InitCostTime", static_cast<int>(cost.count()));
@@ -283,7 +283,7 @@ void Plugin::Core::Handle(tag_LPCCallBackData&& data, const lpcclient::InboundIn
   Serve(std::move(data), info);
 }
 
-void Plugin::Core::Serve(tag_LPCCallBackData&& data, const lpcclient::InboundInfo& info) {
+void Plugin::Core::Serve(tag_LPCCallBackData&& data, const lpcclient::InboundInfo& info) const {
   tag_LPCReplyData reply;
   reply.msg_id = data.msg_id;
   reply.dst_id = data.src_id;

@@ -46,12 +46,12 @@ class Plugin::Core : public std::enable_shared_from_this<Core> {
   void Disconnected(const std::string& reason);
   void Received(tag_LPCCallBackData&& data, const lpcclient::InboundInfo& info);
   void Handle(tag_LPCCallBackData&& data, const lpcclient::InboundInfo& info);
-  void Serve(tag_LPCCallBackData&& data, const lpcclient::InboundInfo& info);
+  void Serve(tag_LPCCallBackData&& data, const lpcclient::InboundInfo& info) const;
   void MethodReceived(const tag_LPCCallBackData& data);
   void Uninit() TOLM_EXCLUDES(mutex_);
   void RegisterAgainAndAgain();
   bool RegisterAndConfirm(int connection);
-  bool ReportInitFinish(std::chrono::milliseconds cost);
+  bool ReportInitFinish(std::chrono::milliseconds cost) const;
   bool StillLocked(int connection) const TOLM_REQUIRES(mutex_) {
     return !stopping_ && connection == connection_ && connected_;
   }
