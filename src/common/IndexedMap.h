@@ -29,8 +29,8 @@ template <typename T>
 class IndexedMap {
  public:
   IndexedMap() = default;
-  IndexedMap(IndexedMap&&) = default;
-  IndexedMap& operator=(IndexedMap&&) = default;
+  IndexedMap(IndexedMap&&) noexcept = default;
+  IndexedMap& operator=(IndexedMap&&) noexcept = default;
 
   /// Null when there is no such key. Valid until the next change.
   const T* Find(const HashedText& key) const {
@@ -56,7 +56,9 @@ class IndexedMap {
  private:
   using Map = std::map<std::string, T>;
 
-  class alignas(64) Place {
+  static constexpr std::size_t kCacheLine = 64;
+
+  class alignas(kCacheLine) Place {
    public:
     explicit Place(const typename Map::value_type& entry) : size_(entry.first.size()) {
       Keep(entry.second);
@@ -96,7 +98,7 @@ class IndexedMap {
       const char* far_;
     };
   };
-  static_assert(sizeof(Place) == alignof(Place));
+  static_assert(sizeof(Place) == kCacheLine);
 
   struct Hash {
     using is_transparent = void;

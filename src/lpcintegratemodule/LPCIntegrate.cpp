@@ -152,7 +152,7 @@ bool CLPCIntegrate::FindDstIdByUrl(std::string& id, const std::string& url) cons
   });
 }
 
-void CLPCIntegrate::StartPlugin(const std::string& id) {
+void CLPCIntegrate::StartPlugin(const std::string& id) const {
   PluginInfo plugin;
   if (!GetPluginInfoByID(plugin, id)) return;
   CLPCCommunicateWithTolmGuard::GetInstance().ControlGuardProcess(plugin.plugin_id, true);

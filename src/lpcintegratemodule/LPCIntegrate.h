@@ -49,7 +49,7 @@ class CLPCIntegrate {
   std::map<std::string, bool> GetPluginInitStates() const;
   bool IsUrlFromPlugin(std::int32_t& time_out, const std::string& url) const;
   bool FindDstIdByUrl(std::string& id, const std::string& url) const;
-  void StartPlugin(const std::string& id);
+  void StartPlugin(const std::string& id) const;
   void NotifyStartPlugins(const std::string& cmdline);
   void RegisterUrl(const std::vector<std::string>& urls);
   void GetHttpHeaders(std::vector<std::string>& out) const;
