@@ -40,12 +40,7 @@ TEST_F(FrameShortage, AStartThatFailsIsTakenBack) {
   int failed = 0;
   const int trials = RefuseEach([&](std::uint64_t number) {
     bool started = false;
-    std::uint64_t refused = 0;
-    {
-      const ScarceMemory scarce(number, ScarceMemory::Of::kThisThread);
-      started = Start();
-      refused = ScarceMemory::Refused();
-    }
+    const std::uint64_t refused = Without(number, ScarceMemory::Of::kThisThread, [&] { started = Start(); });
     if (!started) {
       ++failed;
       ExpectThatNothingRuns(number);
@@ -61,12 +56,7 @@ TEST_F(FrameShortage, AStartThatFailsIsTakenBack) {
 TEST_F(FrameShortage, AStopGoesOnWhateverFailsInIt) {
   const int trials = RefuseEach([&](std::uint64_t number) {
     EXPECT_TRUE(Start()) << number;
-    std::uint64_t refused = 0;
-    {
-      const ScarceMemory scarce(number);
-      Stop();
-      refused = ScarceMemory::Refused();
-    }
+    const std::uint64_t refused = Without(number, ScarceMemory::Of::kAllThreads, [&] { Stop(); });
     ExpectThatNothingRuns(number);
     return refused;
   });

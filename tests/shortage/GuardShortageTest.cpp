@@ -44,12 +44,8 @@ TEST_F(GuardShortage, AnAnnouncementThatFailsDoesNotSpoilTheNext) {
   const int trials = RefuseEach([this](std::uint64_t number) {
     Begin();
     Connect(7);
-    std::uint64_t refused = 0;
-    {
-      const ScarceMemory scarce(number, ScarceMemory::Of::kThisThread);
-      TolmLPCFrameNotifyStartPlugins("c");
-      refused = ScarceMemory::Refused();
-    }
+    const std::uint64_t refused =
+        Without(number, ScarceMemory::Of::kThisThread, [&] { TolmLPCFrameNotifyStartPlugins("c"); });
     TolmLPCFrameNotifyStartPlugins("c");
     EXPECT_TRUE(IsTold(7)) << number;
     ExpectTheNextIsTold(number);
@@ -62,12 +58,7 @@ TEST_F(GuardShortage, AGuardWhoseComingIsNotTakenInIsSentAway) {
   const int trials = RefuseEach([this](std::uint64_t number) {
     Begin();
     TolmLPCFrameNotifyStartPlugins("c");
-    std::uint64_t refused = 0;
-    {
-      const ScarceMemory scarce(number, ScarceMemory::Of::kThisThread);
-      net_.Handshake(7);
-      refused = ScarceMemory::Refused();
-    }
+    const std::uint64_t refused = Without(number, ScarceMemory::Of::kThisThread, [&] { net_.Handshake(7); });
     EXPECT_TRUE(WaitFor([this] { return IsTold(7) || IsClosed(7); })) << number;
     ExpectTheNextIsTold(number);
     return refused;
@@ -80,16 +71,13 @@ TEST_F(GuardShortage, AGuardThatCannotBeToldIsSentAwayOrTheLogHasIt) {
     Begin();
     TolmLPCFrameNotifyStartPlugins("c");
     FromNowOn();
-    std::uint64_t refused = 0;
-    {
-      const ScarceMemory scarce(number, ScarceMemory::Of::kOtherThreads);
+    const std::uint64_t refused = Without(number, ScarceMemory::Of::kOtherThreads, [&] {
       net_.Handshake(7);
       // What the stand-ins are refused looks like a server that throws.
       EXPECT_TRUE(WaitFor([this] {
         return IsTold(7) || IsClosed(7) || !LinesOf("SendFrameInitState").empty();
       })) << number;
-      refused = ScarceMemory::Refused();
-    }
+    });
     ExpectTheNextIsTold(number);
     return refused;
   });
@@ -102,12 +90,7 @@ TEST_F(GuardShortage, AGuardThatComesAfterAnEndThatWasNotTakenInIsTold) {
     TolmLPCFrameNotifyStartPlugins("c");
     Connect(7);
     EXPECT_TRUE(WaitFor([this] { return IsTold(7); })) << number;
-    std::uint64_t refused = 0;
-    {
-      const ScarceMemory scarce(number, ScarceMemory::Of::kThisThread);
-      net_.Close(7);
-      refused = ScarceMemory::Refused();
-    }
+    const std::uint64_t refused = Without(number, ScarceMemory::Of::kThisThread, [&] { net_.Close(7); });
     Connect(8);
     EXPECT_TRUE(WaitFor([this] { return IsTold(8); })) << number;
     EXPECT_EQ(TolmLPCFrameUnInit(), kFrameOk) << number;

@@ -96,9 +96,7 @@ class PluginShortage : public testing::Test {
   template <typename Act>
   static int EachWithoutOne(const Act& act) {
     return RefuseEach([&](std::uint64_t number) {
-      const ScarceMemory scarce(number, ScarceMemory::Of::kThisThread);
-      [&]() noexcept { act(); }();
-      return ScarceMemory::Refused();
+      return Without(number, ScarceMemory::Of::kThisThread, [&]() noexcept { act(); });
     });
   }
 
@@ -109,7 +107,6 @@ class PluginShortage : public testing::Test {
 TEST_F(PluginShortage, NoExceptionLeavesAnExportedOperation) {
   StartPlugin();
   const LPCData request = ToPlugin();
-  LPCData later = request;
   LPCData notice = request;
   notice.msg_type = kMsgTypeNotify;
   LPCData reply = request;
@@ -122,7 +119,7 @@ TEST_F(PluginShortage, NoExceptionLeavesAnExportedOperation) {
   std::vector<std::string> headers;
   const std::string unknown(100, 'u');
   EXPECT_GE(EachWithoutOne([&] { SyncSend(answer, request, kLong); }), 5);
-  EXPECT_GE(EachWithoutOne([&] { AsyncSend(id, later); }), 5);
+  EXPECT_GE(EachWithoutOne([&] { AsyncSend(id, request); }), 5);
   EXPECT_GE(EachWithoutOne([&] { AsyncSend(id, notice); }), 5);
   EXPECT_GE(EachWithoutOne([&] { AsyncSend(id, reply); }), 5);
   EXPECT_GE(EachWithoutOne([&] { RegisterUrl(urls); }), 1);
@@ -157,12 +154,8 @@ TEST_F(PluginShortage, AStartThatFailsMayBeRepeated) {
   const int trials = RefuseEach([&](std::uint64_t number) {
     plugin_ = MakePlugin();
     bool started = false;
-    std::uint64_t refused = 0;
-    {
-      const ScarceMemory scarce(number, ScarceMemory::Of::kThisThread);
-      [&]() noexcept { started = plugin_->Start(kEndpoint); }();
-      refused = ScarceMemory::Refused();
-    }
+    const std::uint64_t refused = Without(number, ScarceMemory::Of::kThisThread,
+                                          [&] { [&]() noexcept { started = plugin_->Start(kEndpoint); }(); });
     if (!started) {
       ++failed;
       EXPECT_EQ(TolmPlugin::Plugin::LastError(), lpc::kFailed) << number;
@@ -179,13 +172,10 @@ TEST_F(PluginShortage, AStartThatFailsMayBeRepeated) {
 TEST_F(PluginShortage, APluginIsReadyInTheEndWhateverFailsOnTheWay) {
   const int trials = RefuseEach([&](std::uint64_t number) {
     plugin_ = MakePlugin();
-    std::uint64_t refused = 0;
-    {
-      const ScarceMemory scarce(number, ScarceMemory::Of::kOtherThreads);
+    const std::uint64_t refused = Without(number, ScarceMemory::Of::kOtherThreads, [&] {
       EXPECT_TRUE(plugin_->Start(kEndpoint));
       EXPECT_TRUE(plugin_->WaitReady(kLong)) << number;
-      refused = ScarceMemory::Refused();
-    }
+    });
     plugin_.reset();
     return refused;
   });
@@ -198,12 +188,8 @@ TEST_F(PluginShortage, ARequestIsAnsweredOrItsSenderHasACode) {
   const int trials = RefuseEach([&](std::uint64_t number) {
     LPCData answer;
     bool answered = false;
-    std::uint64_t refused = 0;
-    {
-      const ScarceMemory scarce(number, ScarceMemory::Of::kOtherThreads);
-      answered = SyncSend(answer, request, kLong);
-      refused = ScarceMemory::Refused();
-    }
+    const std::uint64_t refused = Without(number, ScarceMemory::Of::kOtherThreads,
+                                          [&] { answered = SyncSend(answer, request, kLong); });
     EXPECT_TRUE(answered || GetLPCLastError() != lpc::kOk) << number;
     EXPECT_NE(GetLPCLastError(), lpc::kTimeOut) << number;
     AwaitService();
@@ -215,12 +201,8 @@ TEST_F(PluginShortage, ARequestIsAnsweredOrItsSenderHasACode) {
 TEST_F(PluginShortage, AStopForgetsThePluginWhateverFailsInIt) {
   const int trials = RefuseEach([&](std::uint64_t number) {
     StartPlugin();
-    std::uint64_t refused = 0;
-    {
-      const ScarceMemory scarce(number);
-      TolmLPCFrameUnInit();
-      refused = ScarceMemory::Refused();
-    }
+    const std::uint64_t refused =
+        Without(number, ScarceMemory::Of::kAllThreads, [&] { TolmLPCFrameUnInit(); });
     plugin_.reset();
     StartFrame();
     int time_out = 0;

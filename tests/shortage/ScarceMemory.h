@@ -31,6 +31,14 @@ class Spared {
   Spared& operator=(const Spared&) = delete;
 };
 
+/// Does `act` while that allocation is refused; how many were.
+template <typename Act>
+std::uint64_t Without(std::uint64_t number, ScarceMemory::Of of, Act&& act) {
+  const ScarceMemory scarce(number, of);
+  act();
+  return ScarceMemory::Refused();
+}
+
 /// Calls `trial`, which is to have the allocation with the number that it is given refused, with 1, 2 and so
 /// on, until nothing was refused: it gives how many were. How many trials had something refused.
 template <typename Trial>

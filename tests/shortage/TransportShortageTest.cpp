@@ -134,14 +134,11 @@ class TransportShortage : public testing::Test {
 TEST_F(TransportShortage, AConnectionIsMadeInTheEnd) {
   const int trials = RefuseEach([this](std::uint64_t number) {
     client_ = MakeClient();
-    std::uint64_t refused = 0;
-    {
-      const ScarceMemory scarce(number, ScarceMemory::Of::kOtherThreads);
+    const std::uint64_t refused = Without(number, ScarceMemory::Of::kOtherThreads, [&] {
       EXPECT_TRUE(client_->Start());
       EXPECT_TRUE(client_->WaitConnected(kLong)) << number;
       EXPECT_TRUE(WaitFor([this] { return server_connected_ > server_disconnected_; })) << number;
-      refused = ScarceMemory::Refused();
-    }
+    });
     AwaitService();
     StopClient();
     return refused;
@@ -153,13 +150,10 @@ TEST_F(TransportShortage, AttemptsToConnectGoOn) {
   const int trials = RefuseEach([this](std::uint64_t number) {
     lpcserver::StopListen();
     client_ = MakeClient();
-    std::uint64_t refused = 0;
-    {
-      const ScarceMemory scarce(number, ScarceMemory::Of::kOtherThreads);
+    const std::uint64_t refused = Without(number, ScarceMemory::Of::kOtherThreads, [&] {
       EXPECT_TRUE(client_->Start());
       EXPECT_TRUE(WaitFor([this] { return failed_ >= 3; })) << number;
-      refused = ScarceMemory::Refused();
-    }
+    });
     EXPECT_TRUE(lpcserver::StartListen(kEndpoint)) << number;
     AwaitService();
     StopClient();
@@ -189,15 +183,12 @@ TEST_F(TransportShortage, ACallEndsWithAnAnswerOrACodeWhenTheCallerLacksMemory) 
     tag_LPCResponseData response;
     int server_error = 0;
     int client_error = 0;
-    std::uint64_t refused = 0;
-    {
-      const ScarceMemory scarce(number, ScarceMemory::Of::kThisThread);
+    const std::uint64_t refused = Without(number, ScarceMemory::Of::kThisThread, [&] {
       client_->Send(response, to_server, to_server.body, kLong);
       server_error = lpcclient::GetLPCLastError();
       lpcserver::Send(response, to_client, to_client.body, {}, kLong);
       client_error = lpcserver::GetLPCLastError();
-      refused = ScarceMemory::Refused();
-    }
+    });
     EXPECT_TRUE(IsReason(server_error)) << number << ": " << lpc::ErrorText(server_error);
     EXPECT_TRUE(IsReason(client_error)) << number << ": " << lpc::ErrorText(client_error);
     AwaitService();
@@ -221,12 +212,8 @@ TEST_F(TransportShortage, AnEndpointThatIsNotMadeLeavesNothingBehind) {
   lpcserver::StopListen();
   const int trials = RefuseEach([this](std::uint64_t number) {
     bool listening = false;
-    std::uint64_t refused = 0;
-    {
-      const ScarceMemory scarce(number, ScarceMemory::Of::kThisThread);
-      listening = lpcserver::StartListen(kEndpoint);
-      refused = ScarceMemory::Refused();
-    }
+    const std::uint64_t refused = Without(number, ScarceMemory::Of::kThisThread,
+                                          [&] { listening = lpcserver::StartListen(kEndpoint); });
     if (!listening) {
       EXPECT_TRUE(std::filesystem::is_empty(directory_.endpoints())) << number;
       EXPECT_TRUE(lpcserver::StartListen(kEndpoint)) << number;

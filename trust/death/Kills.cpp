@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
+#include "KillFigures.h"
 #include "Stage.h"
 #include "Tally.h"
-#include "support/Figures.h"
 #include "support/System.h"
 #include "support/Wait.h"
 
@@ -33,8 +33,6 @@ constexpr int kNapsBetweenReviews = 10;
 constexpr std::chrono::milliseconds kPatienceWithOldOnes = kLost + 5 * kMargin;
 constexpr std::size_t kMostShown = 3;
 constexpr int kMostFailed = 5;
-/// Of all events, in percent.
-constexpr double kMostSwapped = 1;
 
 class Killing {
  public:
@@ -52,21 +50,21 @@ class Killing {
       Look();
       KillPlugins();
       Look();
-      if (kills_ - stopped < kKillsBetweenStops || !GoesOn()) continue;
+      if (counts_.kills - stopped < kKillsBetweenStops || !GoesOn()) continue;
       Stop();
       StartHost();
       Look();
-      stopped = kills_;
-      std::printf("%d kills\n", kills_);
+      stopped = counts_.kills;
+      std::printf("%d kills\n", counts_.kills);
     }
     Stop();
-    seconds_ = std::chrono::duration<double>(Clock::now() - began).count();
+    counts_.took_s = std::chrono::duration<double>(Clock::now() - began).count();
   }
 
-  void PrintFigures() const;
+  void PrintFigures() { PrintKillFigures(counts_, options_.kills, stage_.tally()); }
 
  private:
-  bool GoesOn() const { return kills_ < options_.kills && failed_ < kMostFailed; }
+  bool GoesOn() const { return counts_.kills < options_.kills && counts_.failed < kMostFailed; }
   void Nap(unsigned long milliseconds) {
     for (unsigned long i = 0; i < milliseconds; ++i) tolm::test::Nap();
   }
@@ -80,7 +78,7 @@ class Killing {
     Disturb(stage_.tally(), disturbed);
     if (victim < 0) {
       std::printf("%s does not come back\n", program.c_str());
-      ++failed_;
+      ++counts_.failed;
       return;
     }
     if (program == stage_.Agent()) {
@@ -89,14 +87,16 @@ class Killing {
       tolm::test::KillProcess(victim);
     }
     ++count;
-    ++kills_;
+    ++counts_.kills;
   }
-  void KillPlugin(std::size_t plugin) { Kill(stage_.Plugin(stage_.plugins()[plugin]), plugins_, plugin); }
+  void KillPlugin(std::size_t plugin) {
+    Kill(stage_.Plugin(stage_.plugins()[plugin]), counts_.plugins, plugin);
+  }
   void KillHost() {
     stage_.KillHost();
     TakeOverRequests();
-    ++hosts_;
-    ++kills_;
+    ++counts_.hosts;
+    ++counts_.kills;
     Nap(random_() % kMostNaps);
     StartHost();
   }
@@ -112,34 +112,18 @@ class Killing {
   std::int64_t UndecidedRequests() const;
   void TakeOverRequests();
   void CheckRequests();
-  void PrintKills() const;
-  void PrintCalls() const;
-  void PrintRequests() const;
-  void PrintEvents() const;
   void Fail(const char* what) {
-    std::printf("kill %d: %s\n", kills_, what);
+    std::printf("kill %d: %s\n", counts_.kills, what);
     if (++shown_ <= kMostShown) stage_.ShowLogs();
   }
 
   const KillOptions options_;
   std::minstd_rand random_;
   Stage stage_;
-  int kills_ = 0;
-  int plugins_ = 0;
-  int guards_ = 0;
-  int agents_ = 0;
-  int hosts_ = 0;
-  int in_stops_ = 0;
-  int failed_ = 0;
-  std::size_t orphans_ = 0;
-  std::size_t files_ = 0;
+  KillCounts counts_;
   std::size_t shown_ = 0;
   std::uint64_t shown_unexplained_ = 0;
-  std::uint64_t requests_miscounted_ = 0;
   std::int64_t requests_astray_ = 0;  // sent less counted, of hosts that had stopped in order
-  double slowest_ = 0;
-  double longest_end_ = 0;
-  double seconds_ = 0;
 };
 
 void Killing::KillAnything() {
@@ -167,7 +151,7 @@ void Killing::KillSomething() {
   if (dice < 37) {
     KillPlugin(random_() % stage_.plugins().size());
   } else if (dice < 60) {
-    Kill(stage_.guard(), guards_, kEverybody);
+    Kill(stage_.guard(), counts_.guards, kEverybody);
   } else if (dice < 78) {
     KillHost();
   } else if (dice < 87) {
@@ -175,7 +159,7 @@ void Killing::KillSomething() {
     StartHost();
   } else {
     // Nobody but a frame that starts makes an agent.
-    Kill(stage_.Agent(), agents_, kEverybody);
+    Kill(stage_.Agent(), counts_.agents, kEverybody);
     Nap(random_() % kMostNaps);
     if (random_() % 4 != 0) {
       KillHost();
@@ -201,16 +185,16 @@ void Killing::KillWhileItStops() {
       tolm::test::KillProcess(victim->first);
     }
     const bool is_plugin = victim->second.filename() == "death_plugin";
-    ++(is_plugin                          ? plugins_
-       : victim->second == stage_.Host()  ? hosts_
-       : victim->second == stage_.Agent() ? agents_
-                                          : guards_);
-    ++kills_;
-    ++in_stops_;
+    ++(is_plugin                          ? counts_.plugins
+       : victim->second == stage_.Host()  ? counts_.hosts
+       : victim->second == stage_.Agent() ? counts_.agents
+                                          : counts_.guards);
+    ++counts_.kills;
+    ++counts_.in_stops;
   }
   const auto exit = stage_.host().WaitExit(kPatience);
   if (!exit) {
-    ++failed_;
+    ++counts_.failed;
     Fail("the host does not end when something dies while it stops");
     stage_.KillHost();
   }
@@ -242,8 +226,9 @@ void Killing::TakeOverRequests() {
 void Killing::CheckRequests() {
   const std::int64_t undecided = UndecidedRequests();
   if (undecided == 0) return;
-  std::printf("kill %d: %lld requests are not counted once\n", kills_, static_cast<long long>(undecided));
-  requests_miscounted_ += static_cast<std::uint64_t>(std::abs(undecided));
+  std::printf("kill %d: %lld requests are not counted once\n", counts_.kills,
+              static_cast<long long>(undecided));
+  counts_.requests_miscounted += static_cast<std::uint64_t>(std::abs(undecided));
   requests_astray_ += undecided;
 }
 
@@ -270,13 +255,14 @@ void Killing::Look() {
   Tally& tally = stage_.tally();
   const auto began = Clock::now();
   if (!AllServe()) {
-    ++failed_;
+    ++counts_.failed;
     Fail("not all plugins serve again");
   }
-  slowest_ = std::max(slowest_, std::chrono::duration<double>(Clock::now() - began).count());
+  counts_.slowest_return_s =
+      std::max(counts_.slowest_return_s, std::chrono::duration<double>(Clock::now() - began).count());
   const auto wrong = stage_.WrongProcesses();
-  for (const std::string& one : wrong) std::printf("kill %d: %s\n", kills_, one.c_str());
-  orphans_ += wrong.size();
+  for (const std::string& one : wrong) std::printf("kill %d: %s\n", counts_.kills, one.c_str());
+  counts_.orphans += wrong.size();
   const auto balanced = [&] {
     for (std::size_t i = 0; i < stage_.plugins().size(); ++i) {
       if (tally.connections[i] != 1) return false;
@@ -288,7 +274,7 @@ void Killing::Look() {
     Fail("the host was not told of each connection and each end once");
   }
   if (!OldOnesEnd()) {
-    ++failed_;
+    ++counts_.failed;
     Fail("calls or requests from before do not end");
   }
   ForgetDisturbances(tally);
@@ -312,7 +298,7 @@ bool Killing::OldOnesEnd() {
         return false;
       },
       kPatienceWithOldOnes);
-  longest_end_ = std::max(longest_end_, static_cast<double>(NowNs() - now) / 1e9);
+  counts_.slowest_end_s = std::max(counts_.slowest_end_s, static_cast<double>(NowNs() - now) / 1e9);
   return ended;
 }
 
@@ -326,97 +312,19 @@ void Killing::KeepCalm() {
 void Killing::Stop() {
   stage_.tally().quiet = true;
   if (!stage_.StopHost()) {
-    ++failed_;
+    ++counts_.failed;
     Fail("the host does not stop in order");
     stage_.KillHost();
     TakeOverRequests();
   } else {
     CheckRequests();
   }
-  orphans_ += stage_.ProcessesThatStay();
-  files_ += stage_.FilesThatStay();
+  counts_.orphans += stage_.ProcessesThatStay();
+  counts_.files += stage_.FilesThatStay();
   if (ReviewCallers(stage_.tally(), NowNs()) != 0) {
-    ++failed_;
+    ++counts_.failed;
     Fail("a call is under way without a process");
   }
-}
-
-void Publish(const char* name, double figure) {
-  PrintFigure(std::string("death.") + name, figure, "count");
-}
-
-void PublishNone(const char* name, double figure) {
-  PrintFigure(std::string("death.") + name, figure, "count", Bound::kExactly, 0);
-}
-
-double Value(const Count& count) {
-  return static_cast<double>(count.load());
-}
-
-void Killing::PrintFigures() const {
-  PrintKills();
-  PrintCalls();
-  PrintRequests();
-  PublishNone("orphans", static_cast<double>(orphans_));
-  PublishNone("left_files", static_cast<double>(files_));
-  PrintEvents();
-  PublishNone("restarts_failed", failed_);
-  PrintFigure("death.slowest_return_s", slowest_, "s");
-  PrintFigure("death.slowest_end_s", longest_end_, "s");
-  PrintFigure("death.took_s", seconds_, "s");
-}
-
-void Killing::PrintKills() const {
-  PrintFigure("death.kills", kills_, "count", Bound::kAtLeast, options_.kills);
-  Publish("kills.plugin", plugins_);
-  Publish("kills.guard", guards_);
-  Publish("kills.agent", agents_);
-  Publish("kills.host", hosts_);
-  Publish("kills.in_stop", in_stops_);
-}
-
-void Killing::PrintCalls() const {
-  const Tally& tally = stage_.tally();
-  std::uint64_t calls = 0;
-  for (const Count& count : tally.outcomes) calls += count;
-  Publish("calls", static_cast<double>(calls));
-  PublishNone("calls_late", Value(tally.late));
-  Publish("answered", Value(tally.outcomes[0]));
-  for (std::size_t i = 1; i < kOutcomes; ++i) {
-    PrintFigure(std::string("death.code.") + NameOf(static_cast<Outcome>(i)), Value(tally.outcomes[i]),
-                "count");
-  }
-  Publish("explained_by_all", Value(tally.explained_by_all));
-  Publish("explained_by_plugin", Value(tally.explained_by_plugin));
-  PublishNone("unexplained", Value(tally.unexplained));
-  Publish("undisturbed_calls", Value(tally.undisturbed));
-  Publish("caller_killed", Value(tally.cut));
-  Publish("calm_calls", Value(tally.calm_calls));
-  PublishNone("calm_calls_failed", Value(tally.calm_failed));
-}
-
-void Killing::PrintRequests() const {
-  const Tally& tally = stage_.tally();
-  Publish("later.sent", Value(tally.later_sent));
-  Publish("later.answered", Value(tally.later_answered));
-  Publish("later.never_sent", Value(tally.later_never_sent));
-  Publish("later.peer_gone", Value(tally.later_peer_gone));
-  PublishNone("later.lost", Value(tally.later_lost));
-  Publish("later.host_killed", Value(tally.later_host_killed));
-  Publish("later.host_stopped", Value(tally.later_host_stopped));
-  PublishNone("later.miscounted", static_cast<double>(requests_miscounted_));
-  PublishNone("later.unasked", Value(tally.later_unasked));
-  Publish("notifications", Value(tally.notices));
-  Publish("notifications_failed", Value(tally.notices_failed));
-}
-
-void Killing::PrintEvents() const {
-  const Tally& tally = stage_.tally();
-  Publish("events", Value(tally.events));
-  Publish("events_swapped", Value(tally.events_swapped));
-  PrintFigure("death.events_swapped_share", 100 * Value(tally.events_swapped) / Value(tally.events), "%",
-              Bound::kAtMost, kMostSwapped);
-  PublishNone("events_out_of_order", Value(tally.events_out_of_order));
 }
 
 }  // namespace

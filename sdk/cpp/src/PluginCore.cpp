@@ -59,7 +59,7 @@ std::optional<std::string> WhatItThrew(Function&& function) noexcept {
       return needs_no_memory;
     }
   } catch (...) {
-    return "not standard";
+    return "unknown reason";
   }
 }
 
