@@ -325,5 +325,19 @@ TEST_F(FrameShutdown, ATransportThatThrowsWhilePluginsAreAskedLetsNoExceptionOut
   EXPECT_NO_THROW(TolmLPCFrameUnInit());
 }
 
+TEST_F(FrameShutdown, EachStepIsMadeWhateverFailsBeforeItAndTheFirstFaultComesLast) {
+  Connect({"A", "B"}, 1);
+  RegisterUrl({"/host"});
+  transport_.send = [](const tag_LPCRequestData& request) -> std::uint64_t {
+    if (request.dst_id == "A") throw std::out_of_range("the first fault");
+    return 1;
+  };
+  guard_.notify_frame_uninit = []() -> bool { throw std::runtime_error("the second one"); };
+  EXPECT_THROW(Registry().UnInit(), std::out_of_range);
+  EXPECT_TRUE(
+      HappenedInOrder({"lpc.Send A", "lpc.Send B", "guard.NotifyFrameUninit", "guard.UnInitTolmAgent"}));
+  EXPECT_THAT(UrlsOfHost(Registry()), IsEmpty());
+}
+
 }  // namespace
 }  // namespace tolm::test

@@ -122,6 +122,18 @@ TEST_F(FrameStop, WhileTheTransportIsTakenDownPushesEndAtTheHostOnlyUntilTheCall
   EXPECT_EQ(host_.Only().lpc_data.src_id, "before");
 }
 
+TEST_F(FrameStop, UrlsOfAPluginThatComesBackInTheMiddleAreForgotten) {
+  Start();
+  int time_out = 0;
+  transport_.end_waits_soon = [&] {
+    Registry().PluginURLRegister(Registration("A", R"({"RegisterInfo":{"SupportUrlList":[{"Url":"/x"}]}})"));
+    EXPECT_TRUE(IsPluginURL(time_out, "/x"));
+    return true;
+  };
+  TolmLPCFrameUnInit();
+  EXPECT_FALSE(IsPluginURL(time_out, "/x"));
+}
+
 TEST_F(FrameStop, MessagesThatWaitInAPoolAtTheStopAreNotDelivered) {
   Start();
   Gate gate;

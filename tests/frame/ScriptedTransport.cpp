@@ -30,6 +30,7 @@ void ScriptedTransport::Reset() {
   uninit = true;
   set_invoke_callback = true;
   start_listen = true;
+  end_waits_soon = true;
   stop_listen = true;
   send = [next = std::make_shared<std::atomic<std::uint64_t>>(1)](const tag_LPCRequestData&) {
     return (*next)++;
@@ -187,7 +188,7 @@ bool StartListen(const std::string& name) {
 
 bool EndWaitsSoon() {
   Journal::Note("lpc.EndWaitsSoon");
-  return true;
+  return ScriptedTransport::Get().end_waits_soon();
 }
 
 bool StopListen() {

@@ -30,6 +30,7 @@ class ScriptedTransport {
   Scripted<bool()> uninit;
   Scripted<bool(bool install)> set_invoke_callback;
   Scripted<bool(const std::string& name)> start_listen;
+  Scripted<bool()> end_waits_soon;
   Scripted<bool()> stop_listen;
   Scripted<std::uint64_t(const tag_LPCRequestData&)> send;
   Scripted<bool(tag_LPCResponseData&, const WaitingSend&)> send_and_wait;
