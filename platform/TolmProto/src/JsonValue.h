@@ -4,6 +4,8 @@
 
 #include <rapidjson/document.h>
 
+#include <string_view>
+
 #include "TolmProto/RapidJsonMemory.h"
 
 namespace proto {
@@ -12,5 +14,9 @@ using rapidjson::SizeType;
 using Allocator = rapidjson::MemoryPoolAllocator<RapidJsonMemory>;
 using Json = rapidjson::GenericDocument<rapidjson::UTF8<>, Allocator, RapidJsonMemory>;
 using Value = Json::ValueType;
+
+inline std::string_view NameOf(const Value::Member& member) {
+  return {member.name.GetString(), member.name.GetStringLength()};
+}
 
 }  // namespace proto

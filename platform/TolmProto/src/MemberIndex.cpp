@@ -11,8 +11,7 @@ const Value::Member& MemberAt(const Value& object, SizeType index) {
 }
 
 std::string_view NameAt(const Value& object, SizeType index) {
-  const Value& name = MemberAt(object, index).name;
-  return {name.GetString(), name.GetStringLength()};
+  return NameOf(MemberAt(object, index));
 }
 
 }  // namespace
@@ -41,19 +40,11 @@ void MemberIndex::Build(const Value& root) {
   }
 }
 
-const Value* MemberIndex::Find(const Value& object, std::string_view name) const {
-  if (object.MemberCount() >= kLarge) {
-    if (const auto found = orders_.find(&object); found != orders_.end()) {
-      const Order& order = found->second;
-      const auto at = std::lower_bound(
-          order.begin(), order.end(), name,
-          [&object](SizeType index, std::string_view wanted) { return NameAt(object, index) < wanted; });
-      return at != order.end() && NameAt(object, *at) == name ? &MemberAt(object, *at).value : nullptr;
-    }
-  }
-  const Value key(rapidjson::StringRef(name.data(), static_cast<SizeType>(name.size())));
-  const auto member = object.FindMember(key);
-  return member != object.MemberEnd() ? &member->value : nullptr;
+const Value* MemberIndex::FindInOrder(const Value& object, const Order& order, std::string_view name) {
+  const auto at = std::lower_bound(
+      order.begin(), order.end(), name,
+      [&object](SizeType index, std::string_view wanted) { return NameAt(object, index) < wanted; });
+  return at != order.end() && NameAt(object, *at) == name ? &MemberAt(object, *at).value : nullptr;
 }
 
 }  // namespace proto

@@ -19,10 +19,23 @@ class MemberIndex {
   void Build(const Value& root);
   void Clear() noexcept { orders_.clear(); }
   /// The first member of this name, or null. `object` may be one that was not taken up.
-  const Value* Find(const Value& object, std::string_view name) const;
+  const Value* Find(const Value& object, std::string_view name) const {
+    if (!orders_.empty()) {
+      if (const auto found = orders_.find(&object); found != orders_.end()) {
+        return FindInOrder(object, found->second, name);
+      }
+    }
+    for (const Value::Member& member : object.GetObject()) {
+      if (NameOf(member) == name) return &member.value;
+    }
+    return nullptr;
+  }
 
  private:
   using Order = std::vector<SizeType>;  // of the members by name, those of one name as they stand
+
+  static const Value* FindInOrder(const Value& object, const Order& order, std::string_view name);
+
   std::unordered_map<const Value*, Order> orders_;
 };
 
