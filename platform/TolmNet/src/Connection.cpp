@@ -82,11 +82,7 @@ bool Connection::IsSameUser() const {
   // Who connects from or to another address of this machine may be anybody, also when it is one of 127.0.0.2
   // to 127.255.255.255: a port that is in use at 127.0.0.1 is free there, and is all that is asked about.
   if (accepted_.local.ip != kLoopback || accepted_.peer.ip != kLoopback) return false;
-  const auto ask = [this] {
-    return server_.options.is_peer_same_user(accepted_.local.port, accepted_.peer.port);
-  };
-  // The system's table may lack a row while others come and go; it never has one of a wrong user.
-  return ask() || ask();  // NOLINT(misc-redundant-expression): the second answer may be another one
+  return server_.options.is_peer_same_user(accepted_.local.port, accepted_.peer.port);
 }
 
 void Connection::Refuse(std::string_view status, const char* why) {

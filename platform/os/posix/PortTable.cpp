@@ -83,8 +83,8 @@ bool ReadUdpTable(std::vector<PortRow>& rows, Owners owners) {
 
 bool IsLoopbackPeerSameUser(std::uint16_t local_port, std::uint16_t remote_port) {
   // The system tells the table in pieces, between which rows may shift: one that is missing is looked for
-  // once more.
-  constexpr int kReadings = 2;
+  // again. It never has one of a wrong user.
+  constexpr int kReadings = 4;
   const std::uint32_t loopback = htonl(INADDR_LOOPBACK);
   for (int reading = 0; reading < kReadings; ++reading) {
     std::vector<SocketLine> lines;

@@ -15,7 +15,8 @@
 namespace os {
 namespace {
 
-// A table may grow between the question for its size and its reading.
+// A reading fails when the table has grown by too much, and Wine's may lack a row while others come and go.
+// None has one of a wrong user.
 constexpr int kMaxTries = 8;
 
 /// Wine does not know whose a socket is that listens, or that was accepted: it names nobody.
@@ -32,6 +33,8 @@ std::unique_ptr<char[]> ReadTable(Read&& read) {
   DWORD size = 0;
   const DWORD asked = read(nullptr, size);
   if (asked != NO_ERROR && asked != ERROR_INSUFFICIENT_BUFFER) return nullptr;
+  // It grows between the question and the reading, the more so the longer the system takes over each.
+  size += size / 2;
   std::unique_ptr<char[]> table(new (std::nothrow) char[size]);
   if (table == nullptr || size == 0 || read(table.get(), size) != NO_ERROR) return nullptr;
   return table;
@@ -97,14 +100,15 @@ namespace {
 /// The owner of the connection's other end; nothing when there is no such connection, or the table cannot be
 /// read.
 std::optional<PortRow> OtherEnd(std::uint16_t local_port, std::uint16_t remote_port) {
-  std::vector<PortRow> rows;
-  for (int i = 0; i < kMaxTries && !ReadTcpTable(rows); ++i) {
-  }
   const std::uint32_t loopback = ::htonl(INADDR_LOOPBACK);
-  for (const PortRow& row : rows) {
-    if (row.local_address == loopback && row.local_port == remote_port && row.remote_address == loopback &&
-        row.remote_port == local_port) {
-      return row;
+  for (int i = 0; i < kMaxTries; ++i) {
+    std::vector<PortRow> rows;
+    ReadTcpTable(rows);
+    for (const PortRow& row : rows) {
+      if (row.local_address == loopback && row.local_port == remote_port && row.remote_address == loopback &&
+          row.remote_port == local_port) {
+        return row;
+      }
     }
   }
   return std::nullopt;
