@@ -40,7 +40,7 @@ void BuildIn(const Stage& stage) {
   const fs::path& folder = stage.folder();
   Place(own, stage.Program());
   // Empty where a program knows where its libraries are.
-  const std::string_view library = TOLM_LIBRARY_BESIDE_PROGRAMS;
+  const fs::path library = TOLM_LIBRARY_BESIDE_PROGRAMS;
   if (!library.empty()) Place(built / library, folder / library);
   Place(built / kAgent, folder / kAgent);
   Place(built / kGuard, folder / kGuard);

@@ -69,8 +69,8 @@ class CLPCIntegrate {
   /// A message with a url: to the registration, to the plugin that serves it, or to the host.
   void URLCallBackEIT(const std::string& ori_url, const std::string& method, tag_LPCCallBackData&& request);
   /// Delivers one message: kind 0 to the host, 1 to a plugin.
-  void URLTaskEIT(std::int32_t kind, const std::string& url, tag_LPCCallBackData&& request);
-  void PluginURLAddressForward(const std::string& url, tag_LPCCallBackData&& request);
+  void URLTaskEIT(std::int32_t kind, const std::string& url, tag_LPCCallBackData&& request) const;
+  void PluginURLAddressForward(const std::string& url, tag_LPCCallBackData&& request) const;
 
   // The end.
 

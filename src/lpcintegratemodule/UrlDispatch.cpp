@@ -58,7 +58,8 @@ void CLPCIntegrate::URLCallBackEIT(const std::string& ori_url, const std::string
   }
 }
 
-void CLPCIntegrate::URLTaskEIT(std::int32_t kind, const std::string& url, tag_LPCCallBackData&& request) {
+void CLPCIntegrate::URLTaskEIT(std::int32_t kind, const std::string& url,
+                               tag_LPCCallBackData&& request) const {
   switch (kind) {
     case kToHost: {
       FrameCallBackData message;
@@ -75,7 +76,7 @@ void CLPCIntegrate::URLTaskEIT(std::int32_t kind, const std::string& url, tag_LP
   }
 }
 
-void CLPCIntegrate::PluginURLAddressForward(const std::string& url, tag_LPCCallBackData&& request) {
+void CLPCIntegrate::PluginURLAddressForward(const std::string& url, tag_LPCCallBackData&& request) const {
   std::string dst_id;
   if (!FindDstIdByUrl(dst_id, url)) {
     TOLM_LOG(kLogLevelError, kTagError, "PluginURLAddressForward. FindDstIdByUrl failed[%s]",

@@ -29,6 +29,8 @@ CLocalPortFinder& CLocalPortFinder::GetInstance() {
 }
 
 std::int32_t CLocalPortFinder::GetFreePort() {
+  // Where the search begins need not be hard to guess.
+  // NOLINTNEXTLINE(cert-msc30-c, cert-msc50-cpp)
   std::int32_t candidate = std::rand() % kRandomValues % 60000 + 1024;
   for (int step = 1; step <= kTries; ++step) {
     candidate += step;

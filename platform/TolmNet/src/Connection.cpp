@@ -71,7 +71,7 @@ void Connection::ReadRequest(std::string_view head) {
   if (!request) return Refuse("400 Bad Request", "it sends no HTTP request");
   if (!request->wants_websocket) return AnswerPlain(*request);
   const char* why = WhyForbidden(*request);
-  if (why == nullptr && !IsSameUser()) why = "it belongs to another user";
+  if (why == nullptr && !IsSameUser()) why = "it is not known to be this user's";
   if (why != nullptr) return Refuse("403 Forbidden", why);
   std::string_view status;
   if (!IsProperUpgrade(*request, status)) return Refuse(status, "its upgrade is not in order");

@@ -114,7 +114,7 @@ std::optional<FrameFault> FrameReader::LookAtHeader() {
   return payload_size_ == 0 ? EndFrame() : std::nullopt;
 }
 
-std::optional<FrameFault> FrameReader::LookAtLength(std::uint64_t length) {
+std::optional<FrameFault> FrameReader::LookAtLength(std::uint64_t length) const {
   if (length >> 63 != 0) return ProtocolFault("a negative length");
   if (length > max_payload_) return FrameFault{kCloseTooBig, "a frame that is too large"};
   return std::nullopt;

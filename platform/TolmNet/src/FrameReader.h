@@ -44,7 +44,7 @@ class FrameReader {
 
  private:
   std::optional<FrameFault> LookAtHeader();
-  std::optional<FrameFault> LookAtLength(std::uint64_t length);
+  std::optional<FrameFault> LookAtLength(std::uint64_t length) const;
   void BeginPayload(std::uint64_t length);
   std::optional<FrameFault> AddPayload(const char* data, std::size_t size);
   std::optional<FrameFault> EndFrame();

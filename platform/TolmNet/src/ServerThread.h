@@ -36,7 +36,7 @@ class ServerThread final : public std::enable_shared_from_this<ServerThread>, pr
   // EventLoop::Handler
   void OnListener() override;
   void OnTick() override;
-  bool OnClient(EventLoop::Client& client, EventLoop::Event event, const char* data,
+  bool OnClient(EventLoop::Client& watched, EventLoop::Event event, const char* data,
                 std::size_t size) override;
 
   int MakeLoop(const SocketAddress& address);

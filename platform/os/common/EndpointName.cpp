@@ -1,5 +1,7 @@
 #include "os/LocalStream.h"
 
+#include <algorithm>
+
 namespace os {
 namespace {
 
@@ -9,11 +11,10 @@ constexpr std::size_t kMaxNameLength = 64;
 
 bool IsEndpointName(const std::string& name) {
   if (name.empty() || name.size() > kMaxNameLength || name.front() == '.') return false;
-  for (const char c : name) {
+  return std::all_of(name.begin(), name.end(), [](char c) {
     const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
-    if (!plain && c != '.' && c != '_' && c != '-') return false;
-  }
-  return true;
+    return plain || c == '.' || c == '_' || c == '-';
+  });
 }
 
 }  // namespace os

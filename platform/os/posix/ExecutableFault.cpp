@@ -138,12 +138,12 @@ std::string ExecutableFault(const std::string& path) {
   struct stat status {};
   if (::stat(path.c_str(), &status) != 0) {
     const bool is_missing = errno == ENOENT;
-    const std::string folder = MissingFolder(path);
+    std::string folder = MissingFolder(path);
     if (!folder.empty()) return folder;
     return is_missing ? "it does not exist" : "it cannot be looked at";
   }
   if (S_ISDIR(status.st_mode)) return "it is a directory";
-  if (const std::string fault = AccessFault(path, status); !fault.empty()) return fault;
+  if (std::string fault = AccessFault(path, status); !fault.empty()) return fault;
   if (status.st_size == 0) return "it is empty";
   const std::string head = HeadOf(path);
   if (head.empty()) return {};  // it may be executed all the same

@@ -23,7 +23,7 @@ void* ThreadSlot::Get() const {
   return ::pthread_getspecific(static_cast<pthread_key_t>(slot_));
 }
 
-bool ThreadSlot::Set(void* value) {
+bool ThreadSlot::Set(void* value) const {
   return ::pthread_setspecific(static_cast<pthread_key_t>(slot_), value) == 0;
 }
 

@@ -33,7 +33,7 @@ void* ThreadSlot::Get() const {
   return ::FlsGetValue(slot_);
 }
 
-bool ThreadSlot::Set(void* value) {
+bool ThreadSlot::Set(void* value) const {
   return ::FlsSetValue(slot_, value) != FALSE;
 }
 

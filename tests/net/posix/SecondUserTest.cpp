@@ -54,7 +54,7 @@ TEST(NetSecondUser, IsForbiddenAndToldNothing) {
   const auto lines = server.log().LinesOf("Refuse");
   rows.Expect(std::size_t{2}, lines.size(), "lines in the log");
   for (const LogLine& line : lines) {
-    EXPECT_NE(line.text.find("it belongs to another user"), std::string::npos) << line.text;
+    EXPECT_NE(line.text.find("it is not known to be this user's"), std::string::npos) << line.text;
   }
   // The guard's own connection is none of theirs.
   guard.Send(Text("here"));

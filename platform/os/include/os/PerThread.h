@@ -21,7 +21,7 @@ class ThreadSlot {
   explicit ThreadSlot(Destroy destroy);
   void* Get() const;
   /// False when there is no memory for it.
-  bool Set(void* value);
+  bool Set(void* value) const;
 
  private:
   unsigned long slot_;
