@@ -15,7 +15,9 @@
 namespace os {
 namespace {
 
-// A reading fails when the table has grown by too much, and Wine's may lack a row while others come and go.
+// The system makes the whole table to tell its size: to ask with too little room costs as much as to read it.
+constexpr DWORD kUsualTableSize = 64 * 1024;
+// A table may have outgrown its memory at each reading, and Wine's may lack a row while others come and go.
 // None has one of a wrong user.
 constexpr int kMaxTries = 8;
 
@@ -26,18 +28,20 @@ bool IsWine() {
   return is_wine;
 }
 
-/// A table's memory, filled; null when the system does not tell. `read` asks the system: with no memory it
-/// tells the size.
+/// A table's memory, filled; null when the system does not tell. `read` asks the system: where the memory is
+/// too small, it tells the size.
 template <typename Read>
 std::unique_ptr<char[]> ReadTable(Read&& read) {
-  DWORD size = 0;
-  const DWORD asked = read(nullptr, size);
-  if (asked != NO_ERROR && asked != ERROR_INSUFFICIENT_BUFFER) return nullptr;
-  // It grows between the question and the reading, the more so the longer the system takes over each.
-  size += size / 2;
-  std::unique_ptr<char[]> table(new (std::nothrow) char[size]);
-  if (table == nullptr || size == 0 || read(table.get(), size) != NO_ERROR) return nullptr;
-  return table;
+  DWORD size = kUsualTableSize;
+  for (int i = 0; i < kMaxTries; ++i) {
+    std::unique_ptr<char[]> table(new (std::nothrow) char[size]);
+    if (table == nullptr) return nullptr;
+    const DWORD error = read(table.get(), size);
+    if (error == NO_ERROR) return table;
+    if (error != ERROR_INSUFFICIENT_BUFFER) return nullptr;
+    size += size / 2;  // it grows, the more so the longer the system takes over it
+  }
+  return nullptr;
 }
 
 std::unique_ptr<char[]> ReadTcp() {
