@@ -70,6 +70,7 @@ def run_test(program, code, test, folder, time_out, environment):
     begin = time.monotonic()
     temporary = folder / "t"
     temporary.mkdir(parents=True)
+    temporary.chmod(0o1777)  # as the real one: some tests have another user make something there
     # A program that fails at all is to end soon: a failed expectation costs up to ten seconds each.
     process = subprocess.Popen(
         [program, f"--gtest_filter={test}", "--gtest_brief=1"], cwd=folder, start_new_session=True,
@@ -128,6 +129,7 @@ class Programs:
 
     def __init__(self, folder, names, jobs):
         self.scratch = pathlib.Path(tempfile.mkdtemp(prefix="tf-"))
+        self.scratch.chmod(0o711)  # that other user has to get there
         self.programs = [folder / name for name in names]
         self.jobs = jobs
         self.codes, self.names, self.count = {}, {}, 0
