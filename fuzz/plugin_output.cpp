@@ -31,13 +31,16 @@ std::string Written(std::string_view text, std::size_t piece, std::size_t max_by
   const std::filesystem::path path = fuzz::OwnFolder().path() / "plugin_output.log";
   for (const char* const end : {"", ".1", ".2"}) std::filesystem::remove(path.string() + end);
   {
-    guard::OutputFile output(path, {max_bytes, kFiles}, &Never);
+    guard::OutputFile output(path, {}, &Never);
+    output.SetRules({max_bytes, kFiles});
     for (; !text.empty(); text.remove_prefix(std::min(piece, text.size()))) {
       output.Write(text.substr(0, piece));
     }
     output.Write({});
     for (const std::string& line : output.LastLines()) Require(line.size() <= 512, "a last line is short");
     Require(output.LastLines().size() <= 20, "the last lines are few");
+    output.ForgetLastLines();
+    Require(output.LastLines().empty(), "what is forgotten is gone");
   }
   std::string all;
   for (const char* const end : {".2", ".1", ""}) {

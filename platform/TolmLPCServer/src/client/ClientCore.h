@@ -11,6 +11,7 @@
 #include "TolmLPCServer/LpcClient.h"
 #include "os/LocalStream.h"
 #include "os/Mutex.h"
+#include "wire/FirstId.h"
 #include "wire/IoLoop.h"
 #include "wire/Link.h"
 

@@ -14,6 +14,7 @@
 #include "os/LocalStream.h"
 #include "os/Mutex.h"
 #include "server/PeerTable.h"
+#include "wire/FirstId.h"
 #include "wire/IoLoop.h"
 #include "wire/Link.h"
 

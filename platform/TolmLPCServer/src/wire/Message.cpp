@@ -1,8 +1,6 @@
 #include "wire/Message.h"
 
 #include <algorithm>
-#include <atomic>
-#include <chrono>
 #include <limits>
 
 #include "TolmLPCServer/LpcError.h"
@@ -32,21 +30,6 @@ void WriteHead(char* place, const OutgoingMessage& message, std::uint64_t meta_s
 }
 
 }  // namespace
-
-std::uint64_t FirstId() {
-  // Some clocks stand still for milliseconds, in which a process may begin anew.
-  constexpr std::uint64_t kApart = std::uint64_t{1} << 16;
-  static std::atomic<std::uint64_t> latest{0};
-  const auto since_1970 = std::chrono::system_clock::now().time_since_epoch();
-  const auto now =
-      static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(since_1970).count());
-  std::uint64_t before = latest;
-  std::uint64_t first = 0;
-  do {
-    first = std::max(now, before + kApart);
-  } while (!latest.compare_exchange_weak(before, first));
-  return first;
-}
 
 int CheckLimits(const OutgoingMessage& message, std::size_t max_bytes, std::size_t max_params) {
   constexpr std::size_t kMaxId = std::numeric_limits<std::uint16_t>::max();

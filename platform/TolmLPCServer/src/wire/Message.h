@@ -53,11 +53,6 @@ struct InboundMessage {
   std::string body;
 };
 
-/// Where an end begins to count the ids of its requests: microseconds since 1970, which no earlier life of
-/// it, in this process or another, has come to. A reply that is late goes to whoever has the asking peer's
-/// name by then, and must not be taken for one to a request of this one's.
-std::uint64_t FirstId();
-
 /// Whether the message is within the limits: kOk or kMessageTooLarge.
 int CheckLimits(const OutgoingMessage& message, std::size_t max_bytes, std::size_t max_params);
 
