@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <fstream>
 #include <stdexcept>
-#include <string_view>
 #include <system_error>
 
 #include "Entry.h"
